@@ -1,0 +1,39 @@
+// ZRMutex — a re-entrant mutex shared by pointer, always taken through the scoped
+// ZRCriticalSection:
+//
+//   boost::shared_ptr<ZRMutex> lock = ZRMutex::createZRMutex();
+//   { ZRCriticalSection section(lock); ... }   // the same thread may enter again
+#pragma once
+
+#include <boost/shared_ptr.hpp>
+#include <boost/thread/recursive_mutex.hpp>
+
+namespace ZR {
+
+class ZRMutex {
+public:
+  static boost::shared_ptr<ZRMutex> createZRMutex();
+
+  void lock();
+  void unlock();
+  bool tryLock();
+
+private:
+  ZRMutex() = default;
+  boost::recursive_mutex fMutex;
+};
+
+// Holds the mutex from construction to destruction. It keeps its own copy of the
+// shared pointer, so the mutex outlives the section even if its owner goes away.
+class ZRCriticalSection {
+public:
+  explicit ZRCriticalSection(boost::shared_ptr<ZRMutex> mutex);
+  ~ZRCriticalSection();
+  ZRCriticalSection(const ZRCriticalSection&) = delete;
+  ZRCriticalSection& operator=(const ZRCriticalSection&) = delete;
+
+private:
+  boost::shared_ptr<ZRMutex> fMutex;
+};
+
+}  // namespace ZR

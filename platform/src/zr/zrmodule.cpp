@@ -1,0 +1,20 @@
+#include <zr/zrmodule.h>
+
+#include <zr/zrbroker.h>
+
+namespace ZR {
+
+ZRModule::ZRModule(boost::shared_ptr<ZRBroker> broker, const std::string& name)
+    : ZRModuleCore(broker, name) {
+  if (broker) {
+    broker->registerModule(this);
+  }
+}
+
+ZRModule::~ZRModule() {
+  if (getParentBroker()) {
+    getParentBroker()->unregisterModule(this);
+  }
+}
+
+}  // namespace ZR
