@@ -83,7 +83,9 @@ ZRValue decode(const json& node) {
       const std::string& text = found->get_ref<const std::string&>();
       ZRValue::Binary bytes(base64::decoded_size(text.size()));
       const auto decoded = base64::decode(bytes.data(), text.data(), text.size());
-      if (decoded.second != text.size()) {
+      // The decoder stops at the padding; everything before it must have been consumed.
+      const std::size_t unpadded = text.find_last_not_of('=') + 1;
+      if (decoded.second != unpadded || text.size() - unpadded > 2) {
         refuse("invalid base64 in $binary");
       }
       bytes.resize(decoded.first);

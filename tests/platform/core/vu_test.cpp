@@ -1,0 +1,105 @@
+#include <cstdlib>
+#include <regex>
+
+#include <boost/filesystem.hpp>
+#include <gtest/gtest.h>
+
+#include <vu/log.h>
+#include <vu/os.h>
+#include <vu/path.h>
+#include <vu/unicode.h>
+
+namespace fs = boost::filesystem;
+
+namespace {
+
+// Sets an environment variable for the life of the object.
+class ScopedEnv {
+public:
+  ScopedEnv(const char* name, const char* value) : fName(name) {
+    if (const char* old = std::getenv(name)) fOld = old, fHad = true;
+    if (value) setenv(name, value, 1); else unsetenv(name);
+  }
+  ~ScopedEnv() {
+    if (fHad) setenv(fName, fOld.c_str(), 1); else unsetenv(fName);
+  }
+
+private:
+  const char* fName;
+  std::string fOld;
+  bool fHad = false;
+};
+
+}  // namespace
+
+TEST(VuOs, HomeFollowsTheEnvironment) {
+  ScopedEnv home("HOME", "/some/home");
+  EXPECT_EQ(vu::os::home(), "/some/home");
+}
+
+TEST(VuOs, TmpUsesTmpdirOrSlashTmp) {
+  {
+    ScopedEnv tmp("TMPDIR", "/var/tmp/x");
+    EXPECT_EQ(vu::os::tmp(), "/var/tmp/x");
+  }
+  ScopedEnv none("TMPDIR", nullptr);
+  EXPECT_EQ(vu::os::tmp(), "/tmp");
+}
+
+TEST(VuOs, FopenOpensUtf8Paths) {
+  const fs::path dir = fs::temp_directory_path() / fs::unique_path();
+  fs::create_directories(dir);
+  const std::string name = (dir / "caf\xc3\xa9.txt").string();
+  std::FILE* file = vu::os::fopen(name.c_str(), "wb");
+  ASSERT_NE(file, nullptr);
+  std::fputs("x", file);
+  std::fclose(file);
+  EXPECT_TRUE(fs::exists(fs::path(name, vu::unicodeFacet())));
+  fs::remove_all(dir);
+}
+
+TEST(VuPath, SdkPrefixComesFromTheEnvironmentAndFindDataLooksUnderShare) {
+  const fs::path prefix = fs::temp_directory_path() / fs::unique_path();
+  fs::create_directories(prefix / "share" / "tuqvu" / "behaviors");
+  ScopedEnv env("TUQVU_SDK_PREFIX", prefix.string().c_str());
+  EXPECT_EQ(vu::path::sdkPrefix(), prefix.string());
+  EXPECT_EQ(vu::path::findData("tuqvu", "behaviors"), (prefix / "share/tuqvu/behaviors").string());
+  EXPECT_EQ(vu::path::findData("tuqvu", "missing"), "");
+  fs::remove_all(prefix);
+}
+
+TEST(VuPath, UserWritableDataPathIsUnderTheDataHome) {
+  {
+    ScopedEnv xdg("XDG_DATA_HOME", "/data/home");
+    EXPECT_EQ(vu::path::userWritableDataPath("tuqvu", "prefs.xml"), "/data/home/tuqvu/prefs.xml");
+  }
+  ScopedEnv xdg("XDG_DATA_HOME", nullptr);
+  ScopedEnv home("HOME", "/h");
+  EXPECT_EQ(vu::path::userWritableDataPath("tuqvu", "prefs.xml"), "/h/.local/share/tuqvu/prefs.xml");
+}
+
+TEST(VuLog, DefaultLineFormatIsTimestampLevelCategoryFunctionText) {
+  vu::log::Message message{std::chrono::system_clock::now(), 3, "behavior.manager",
+                           "getBehaviorNames", "getBehaviorNames is deprecated."};
+  const std::string line = vu::log::format(message);
+  EXPECT_TRUE(std::regex_match(
+      line, std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z 3 behavior\.manager )"
+                       R"(getBehaviorNames: getBehaviorNames is deprecated\.)")))
+      << line;
+}
+
+TEST(VuLog, CapturingSinkReceivesMessagesUpToTheMaximumLevel) {
+  std::vector<vu::log::Message> captured;
+  vu::log::setSink([&](const vu::log::Message& m) { captured.push_back(m); });
+  const int previous = vu::log::maxLevel();
+  vu::log::setMaxLevel(3);
+  vu::log::write(2, "cat", "fn", "kept");
+  vu::log::write(5, "cat", "fn", "dropped");
+  vu::log::setMaxLevel(previous);
+  vu::log::setSink(nullptr);
+  ASSERT_EQ(captured.size(), 1u);
+  EXPECT_EQ(captured[0].level, 2);
+  EXPECT_EQ(captured[0].category, "cat");
+  EXPECT_EQ(captured[0].function, "fn");
+  EXPECT_EQ(captured[0].text, "kept");
+}

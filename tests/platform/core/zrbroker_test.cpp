@@ -1,0 +1,149 @@
+#include <zr/zrbroker.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <zr/zrerror.h>
+
+#include "test_module.h"
+
+using ZR::ZRError;
+using ZR::ZRValue;
+using zrtest::TestModule;
+
+namespace {
+
+ZRValue args(std::initializer_list<ZRValue> values) {
+  ZRValue array = ZRValue::array();
+  for (const ZRValue& value : values) array.arrayPush(value);
+  return array;
+}
+
+std::string descriptionOf(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const ZRError& error) {
+    return error.description();
+  }
+  return "<no error>";
+}
+
+}  // namespace
+
+TEST(ZRBroker, DispatchesByArityBetweenOverloads) {
+  auto broker = ZR::ZRBroker::create();
+  TestModule module(broker, "M");
+  module.add("install", {ZR::TypeCodeString}, ZR::TypeCodeString,
+             [](const ZRValue&, ZRValue& r) { r = ZRValue("one"); }, true);
+  module.add("install", {ZR::TypeCodeString, ZR::TypeCodeString, ZR::TypeCodeBool},
+             ZR::TypeCodeString, [](const ZRValue&, ZRValue& r) { r = ZRValue("three"); }, true);
+  EXPECT_EQ(broker->call("M", "install", args({"a"})).toString(), "one");
+  EXPECT_EQ(broker->call("M", "install", args({"a", "b", true})).toString(), "three");
+}
+
+TEST(ZRBroker, BadCallsFailWithErrorsNamingWhatWasAsked) {
+  auto broker = ZR::ZRBroker::create();
+  TestModule module(broker, "M");
+  module.add("f", {ZR::TypeCodeString}, ZR::TypeCodeVoid, [](const ZRValue&, ZRValue&) {});
+  EXPECT_EQ(descriptionOf([&] { broker->call("Nope", "f", args({"a"})); }),
+            "module Nope is not registered");
+  EXPECT_EQ(descriptionOf([&] { broker->call("M", "g", args({"a"})); }), "module M has no method g");
+  EXPECT_EQ(descriptionOf([&] { broker->call("M", "f", args({})); }),
+            "method M.f takes no 0 arguments");
+  EXPECT_NE(descriptionOf([&] { broker->call("M", "f", ZRValue("a")); }).find("must be an array"),
+            std::string::npos);
+}
+
+TEST(ZRBroker, MethodExceptionsPassThroughUnchanged) {
+  auto broker = ZR::ZRBroker::create();
+  TestModule module(broker, "M");
+  module.add("fail", {}, ZR::TypeCodeVoid, [](const ZRValue&, ZRValue&) {
+    throw ZRError("M", "fail", "it failed", "file", 12);
+  });
+  try {
+    broker->call("M", "fail", args({}));
+    FAIL();
+  } catch (const ZRError& error) {
+    EXPECT_EQ(error.description(), "it failed");
+    EXPECT_EQ(error.line(), 12);
+  }
+}
+
+TEST(ZRBroker, FiveHundredBlockingCallsAreAllInProgressAtOnce) {
+  auto broker = ZR::ZRBroker::create();
+  TestModule module(broker, "M");
+  std::mutex mutex;  // guards inside and release
+  std::condition_variable changed;
+  int inside = 0;
+  bool release = false;
+  module.add("block", {}, ZR::TypeCodeVoid, [&](const ZRValue&, ZRValue&) {
+    std::unique_lock<std::mutex> lock(mutex);
+    ++inside;
+    changed.notify_all();
+    changed.wait(lock, [&] { return release; });
+  });
+  constexpr int kCalls = 500;
+  std::vector<std::thread> callers;
+  for (int i = 0; i < kCalls; ++i) {
+    callers.emplace_back([&] { broker->call("M", "block", args({})); });
+  }
+  bool allInside = false;
+  {
+    std::unique_lock<std::mutex> lock(mutex);
+    allInside = changed.wait_for(lock, std::chrono::seconds(60), [&] { return inside == kCalls; });
+    release = true;
+    changed.notify_all();
+  }
+  for (std::thread& caller : callers) caller.join();
+  EXPECT_TRUE(allInside) << inside << " of " << kCalls << " calls were in progress";
+}
+
+TEST(ZRBroker, PostedTasksAreNumberedAndRunOnTheirOwnThreads) {
+  auto broker = ZR::ZRBroker::create();
+  TestModule module(broker, "M");
+  std::atomic<int> runs{0};
+  std::thread::id callerThread = std::this_thread::get_id();
+  std::atomic<bool> ranElsewhere{true};
+  module.add("work", {ZR::TypeCodeString}, ZR::TypeCodeVoid, [&](const ZRValue&, ZRValue&) {
+    if (std::this_thread::get_id() == callerThread) ranElsewhere = false;
+    ++runs;
+  });
+  const int first = broker->post("M", "work", args({"a"}));
+  const int second = broker->post("M", "work", args({"b"}));
+  EXPECT_EQ(second, first + 1);
+  EXPECT_TRUE(broker->waitTask(first, 10000));
+  EXPECT_TRUE(broker->waitTask(second, 10000));
+  EXPECT_FALSE(broker->isTaskRunning(first));
+  EXPECT_EQ(runs.load(), 2);
+  EXPECT_TRUE(ranElsewhere.load());
+}
+
+TEST(ZRBroker, PostingAnUnknownMethodFailsBeforeAnythingRuns) {
+  auto broker = ZR::ZRBroker::create();
+  TestModule module(broker, "M");
+  EXPECT_THROW(broker->post("M", "missing", args({})), ZRError);
+  EXPECT_THROW(broker->post("Other", "missing", args({})), ZRError);
+}
+
+TEST(ZRBroker, ShutdownRefusesNewCallsAndWaitsForCallsInProgress) {
+  auto broker = ZR::ZRBroker::create();
+  TestModule module(broker, "M");
+  std::atomic<bool> entered{false};
+  std::atomic<bool> finished{false};
+  module.add("slow", {}, ZR::TypeCodeVoid, [&](const ZRValue&, ZRValue&) {
+    entered = true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    finished = true;
+  });
+  std::thread caller([&] { broker->call("M", "slow", args({})); });
+  while (!entered) std::this_thread::yield();
+  EXPECT_TRUE(broker->shutdown(10000));
+  EXPECT_TRUE(finished.load());
+  EXPECT_THROW(broker->call("M", "slow", args({})), ZRError);
+  caller.join();
+}

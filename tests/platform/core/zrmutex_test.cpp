@@ -1,0 +1,63 @@
+#include <zr/zrmutex.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include <boost/weak_ptr.hpp>
+#include <gtest/gtest.h>
+
+using ZR::ZRCriticalSection;
+using ZR::ZRMutex;
+
+TEST(ZRMutex, SameThreadMayEnterAgain) {
+  boost::shared_ptr<ZRMutex> mutex = ZRMutex::createZRMutex();
+  ZRCriticalSection outer(mutex);
+  ZRCriticalSection inner(mutex);
+  ZRCriticalSection innermost(mutex);
+  SUCCEED();
+}
+
+TEST(ZRMutex, OtherThreadIsExcludedWhileHeld) {
+  boost::shared_ptr<ZRMutex> mutex = ZRMutex::createZRMutex();
+  bool acquiredElsewhere = true;
+  {
+    ZRCriticalSection section(mutex);
+    std::thread other([&] { acquiredElsewhere = mutex->tryLock(); });
+    other.join();
+  }
+  EXPECT_FALSE(acquiredElsewhere);
+  std::thread after([&] {
+    acquiredElsewhere = mutex->tryLock();
+    if (acquiredElsewhere) mutex->unlock();
+  });
+  after.join();
+  EXPECT_TRUE(acquiredElsewhere);
+}
+
+TEST(ZRMutex, CriticalSectionsSerialiseIncrements) {
+  boost::shared_ptr<ZRMutex> mutex = ZRMutex::createZRMutex();
+  long counter = 0;  // guarded by mutex
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 10000; ++i) {
+        ZRCriticalSection section(mutex);
+        ++counter;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(counter, 40000);
+}
+
+TEST(ZRMutex, SectionKeepsTheMutexAliveAfterTheOwnerDropsIt) {
+  boost::shared_ptr<ZRMutex> mutex = ZRMutex::createZRMutex();
+  boost::weak_ptr<ZRMutex> watch = mutex;
+  {
+    ZRCriticalSection section(mutex);
+    mutex.reset();
+    EXPECT_FALSE(watch.expired());
+  }
+  EXPECT_TRUE(watch.expired());
+}
