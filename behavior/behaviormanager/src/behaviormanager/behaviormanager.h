@@ -1,0 +1,164 @@
+// ZRBehaviorManager — the module "ZRBehaviorManager": it keeps the system and user
+// behavior libraries, loads behaviors into the frame manager, runs and stops them,
+// installs and removes them, starts the default behaviors when the middleware is ready,
+// and serves files to the authoring application.
+//
+// The broker constructs one instance through the library's entry point; every remote
+// call then reaches one of the public members below through the method table.
+//
+// Locks, in the only order in which two of them are ever held:
+//   registry lock (fRegistryLock)  ->  running-set mutex (fRunningMutex)  ->  state mutex (fStateMutex)
+// The registry lock is re-entrant and taken only through ZRCriticalSection. The running-set
+// mutex is held for a whole state change so that "BehaviorsRun" publications leave in the
+// order of the changes they describe. The state mutex is a leaf: nothing is called while
+// it is held. No lock is held across a frame-manager call that can block (create, run) nor
+// across the polling waits.
+#pragma once
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <boost/filesystem/path.hpp>
+#include <boost/shared_ptr.hpp>
+#include <boost/thread/mutex.hpp>
+
+#include <vu/project/behaviorlibraryproject.h>
+#include <zr/proxies/zrframemanagerproxy.h>
+#include <zr/proxies/zrmemoryproxy.h>
+#include <zr/zrbroker.h>
+#include <zr/zrmodule.h>
+#include <zr/zrmutex.h>
+#include <zr/zrvalue.h>
+#include <zrfiletransfer/zrfiletransfer.h>
+
+namespace ZR {
+namespace BehaviorManager {
+
+extern const char* systemBehaviorPrefix;  // "System/"
+extern const char* userBehaviorPrefix;    // "User/"
+extern const char* behaviorAddedKey;      // "ZRBehaviorManager/BehaviorAdded"
+extern const char* behaviorUpdatedKey;    // "ZRBehaviorManager/BehaviorUpdated"
+extern const char* behaviorRemovedKey;    // "ZRBehaviorManager/BehaviorRemoved"
+extern const char* behaviorsRunKey;       // "BehaviorsRun"
+
+// The lifecycle state of a behavior; stored and passed as a 32-bit integer.
+enum BehaviorState : int {
+  StateUnknown = 0,    // nothing recorded
+  StateUnloaded = 1,   // installed, not in the frame manager
+  StateLoading = 2,    // a load is in progress
+  StateLoaded = 3,     // loaded, ready to run
+  StateRunning = 4,    // running
+  StateUnloading = 5,  // a run has ended and the behavior is being unloaded
+};
+
+class ZRBehaviorManager : public ZRModule {
+public:
+  // What the registry keeps for a loaded behavior.
+  struct BehaviorInfo {
+    std::string frameManagerId;  // empty while a load is in progress
+  };
+
+  static std::string defaultUserBehaviorsPath;    // <home> + "/.tuqvu/behaviors"
+  static std::string defaultBehaviorsModuleName;  // "DefaultBehaviors"
+  static std::string fxarFileName;                // "behavior.xar"
+  static std::string fTUQvuReady;                 // "TUQvuReady"
+
+  ZRBehaviorManager(boost::shared_ptr<ZRBroker> broker, const std::string& name);
+  ~ZRBehaviorManager() override;
+
+  // Behaviors path and names.
+  void setBehaviorsPath(const std::string& path);
+
+  // Discovery and lookup.
+  std::vector<std::string> getInstalledBehaviors();
+  std::vector<std::string> getSystemBehaviorNames();
+  std::vector<std::string> getUserBehaviorNames();  // deprecated
+  std::vector<std::string> getBehaviorNames();      // deprecated
+  bool isBehaviorInstalled(const std::string& name);
+  bool isBehaviorPresent(const std::string& prefixedBehavior);  // deprecated
+
+  // Tags.
+  std::vector<std::string> getBehaviorTags(const std::string& behavior);
+  std::vector<std::string> getTagList();
+  std::vector<std::string> getBehaviorsByTag(const std::string& tag);
+
+  // Registry and states.
+  BehaviorState behaviorState(const std::string& name);
+  void setBehaviorState(const std::string& name, BehaviorState state);
+  bool waitBehaviorState(const std::string& name, BehaviorState state, int timeoutMs);
+  bool waitBehaviorStateChange(const std::string& name, int timeoutMs);
+
+  // Loading and unloading.
+  bool loadBehavior(const std::string& name);
+  void xUnloadBehavior(const std::string& name);
+  bool unloadBehavior(const std::string& name);
+  bool isBehaviorLoaded(const std::string& name);
+  std::vector<std::string> getLoadedBehaviors();
+  std::string getBehaviorFrameManagerId(const std::string& name);
+
+  // Running and stopping.
+  void runBehavior(const std::string& name);
+  void stopBehavior(const std::string& name);
+  void stopAllBehaviors();
+  bool isBehaviorRunning(const std::string& name);
+  std::vector<std::string> getRunningBehaviors();
+
+  // Installing and removing.
+  bool installBehavior(const std::string& localPath);
+  bool installBehavior(const std::string& absolutePath, const std::string& localPath,
+                       bool overwrite);
+  bool removeBehavior(const std::string& behavior);
+
+  // Default behaviors.
+  void addDefaultBehavior(const std::string& behavior);
+  void removeDefaultBehavior(const std::string& behavior);
+  std::vector<std::string> getDefaultBehaviors();
+  void playDefaultProject();
+  void onDataChanged(const std::string& dataName, const ZRValue& dataValue,
+                     const std::string& message);
+  bool xIsDefaultBehavior(const std::string& name);
+
+  // Status page and file transfer.
+  std::string httpGet() override;
+  std::string javaScriptCode() const;
+  int httpFileTransferPort();
+
+  // Internal helpers, public so that the module's own tests can reach them.
+  boost::filesystem::path xFindBehavior(const std::string& name);
+  std::string xBehaviorNameFromPath(const boost::filesystem::path& path);
+  std::string xNormalizeLocalPath(const std::string& name);
+  void xReadDefaultBehaviors(std::set<std::string>& names) const;
+  void xWriteDefaultBehaviors(const std::set<std::string>& names);
+  bool copy(const boost::filesystem::path& source, const boost::filesystem::path& destination);
+
+  // Library notifications.
+  void onBehaviorAdded(const std::string& path);
+  void onBehaviorUpdated(const std::string& path);
+  void onBehaviorRemoved(const std::string& path);
+
+private:
+  void registerMethods();
+  void publishRunningBehaviors();  // caller holds fRunningMutex
+
+  // Kept in this place although nothing locks it.
+  boost::mutex fMutex;
+  vu::project::BehaviorLibraryProject fSystemLibrary;
+  vu::project::BehaviorLibraryProject fUserLibrary;
+  // Loaded behaviors by name; guarded by fRegistryLock.
+  std::map<std::string, BehaviorInfo> fLoadedBehaviors;
+  boost::shared_ptr<ZRMutex> fRegistryLock;
+  // Guards fRunning, and serialises state changes with their publication.
+  boost::mutex fRunningMutex;
+  // Guards fStates; a leaf lock.
+  mutable boost::mutex fStateMutex;
+  std::map<std::string, BehaviorState> fStates;
+  std::set<std::string> fRunning;
+  boost::shared_ptr<ZRMemoryProxy> fMemoryProxy;
+  boost::shared_ptr<ZRFrameManagerProxy> fFrameManagerProxy;
+  ZRFileTransfer fFileTransfer;
+};
+
+}  // namespace BehaviorManager
+}  // namespace ZR

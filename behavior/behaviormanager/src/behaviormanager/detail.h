@@ -1,0 +1,36 @@
+// Shared by the module's source files: the names its errors and log lines carry.
+#pragma once
+
+#include <string>
+
+#include <boost/algorithm/string/predicate.hpp>
+
+#include <vu/log.h>
+#include <zr/zrerror.h>
+
+namespace ZR {
+namespace BehaviorManager {
+namespace detail {
+
+constexpr const char* kModuleName = "ZRBehaviorManager";
+constexpr const char* kSourceFile = "behavior/behaviormanager/src/behaviormanager";
+constexpr const char* kLogCategory = "behavior.manager";
+
+inline void log(int level, const char* function, const std::string& text) {
+  vu::log::write(level, kLogCategory, function, text);
+}
+
+inline ZRError error(const char* method, const std::string& description, int line) {
+  return ZRError(kModuleName, method, description, kSourceFile, line);
+}
+
+inline bool isResourceType(const std::string& type) {
+  return type == "Resource" || type == "Resources";
+}
+
+// The library root joined with a local path: one separator, redundant ones removed.
+std::string joinUnderRoot(const std::string& root, const std::string& local);
+
+}  // namespace detail
+}  // namespace BehaviorManager
+}  // namespace ZR

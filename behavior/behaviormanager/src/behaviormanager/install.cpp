@@ -1,0 +1,125 @@
+// Installing behaviors, packages and resources into the user library.
+#include <stdexcept>
+
+#include <boost/filesystem.hpp>
+
+#include <vu/project/package.h>
+#include <vu/project/project.h>
+
+#include "behaviormanager.h"
+#include "detail.h"
+
+namespace fs = boost::filesystem;
+
+namespace ZR {
+namespace BehaviorManager {
+
+namespace {
+
+bool exists(const fs::path& path) {
+  boost::system::error_code ignored;
+  const fs::file_type type = fs::status(path, ignored).type();
+  return type != fs::status_error && type != fs::file_not_found;
+}
+
+void removeTemporary(const fs::path& tmp) {
+  try {
+    if (exists(tmp)) {
+      fs::remove_all(tmp);
+    }
+  } catch (const std::exception& error) {
+    detail::log(vu::log::warning, "installBehavior",
+                "Could not clean temporary path " + tmp.string() + ": " + error.what());
+  }
+}
+
+}  // namespace
+
+bool ZRBehaviorManager::installBehavior(const std::string& localPath) {
+  const std::string source = detail::joinUnderRoot(fUserLibrary.projectPath(), localPath);
+  return installBehavior(source, localPath, true);
+}
+
+bool ZRBehaviorManager::installBehavior(const std::string& absolutePath,
+                                        const std::string& localPath, bool overwrite) {
+  if (!fUserLibrary.valid()) {
+    detail::log(vu::log::error, "installBehavior",
+                std::string("No valid user behavior library ") +
+                    "path was set, behavior will not be installed.");
+    return false;
+  }
+  const fs::path tmp = fs::temp_directory_path() / fs::unique_path("%%%%-%%%%-%%%%-%%%%");
+  const fs::path dest = detail::joinUnderRoot(fUserLibrary.projectPath(), localPath);
+
+  try {
+    vu::project::Project project(absolutePath);
+    if (!project.valid()) {
+      vu::project::ArchiveFormat format = vu::project::ArchiveFormatDetect;
+      vu::project::importProject(absolutePath, tmp.string(), format);
+      project = vu::project::Project(tmp.string());
+    }
+    const std::string type = project.getMetadata("Type");
+
+    if (detail::isResourceType(type)) {
+      if (!overwrite && exists(dest)) {
+        return false;
+      }
+      fs::remove_all(dest);
+      try {
+        fs::rename(tmp, dest);
+        return true;
+      } catch (const fs::filesystem_error&) {
+        if (copy(project.projectPath(), dest)) {
+          fs::remove_all(tmp);
+          return true;
+        }
+        return false;
+      }
+    }
+
+    const bool ok = fUserLibrary.importBehavior(project.projectPath(), localPath, overwrite);
+    removeTemporary(tmp);
+    if (!ok) {
+      throw std::runtime_error("unrecognized package type");
+    }
+    if (xNormalizeLocalPath(localPath).empty()) {
+      throw std::runtime_error("behavior was not properly installed");
+    }
+    return true;
+  } catch (const std::exception& error) {
+    removeTemporary(tmp);
+    detail::log(vu::log::error, "installBehavior",
+                "Error trying to import package " + absolutePath + ": " + error.what());
+    return false;
+  }
+}
+
+bool ZRBehaviorManager::copy(const fs::path& source, const fs::path& destination) {
+  if (fs::is_directory(source)) {
+    if (!exists(destination)) {
+      try {
+        fs::create_directory(destination);
+      } catch (const fs::filesystem_error&) {
+        return false;
+      }
+    }
+    if (!fs::is_directory(destination)) {
+      return false;
+    }
+    for (fs::directory_iterator entry(source), end; entry != end; ++entry) {
+      if (!copy(entry->path(), destination / entry->path().filename())) {
+        return false;
+      }
+    }
+    return true;
+  }
+  try {
+    fs::copy_file(source, destination, fs::copy_option::fail_if_exists);
+  } catch (const fs::filesystem_error&) {
+    return false;
+  }
+  return true;
+}
+
+}  // namespace BehaviorManager
+}  // namespace ZR

@@ -1,0 +1,113 @@
+// Loading behaviors into the frame manager, unloading them, and the registry queries.
+#include <boost/filesystem/path.hpp>
+
+#include "behaviormanager.h"
+#include "detail.h"
+
+namespace fs = boost::filesystem;
+
+namespace ZR {
+namespace BehaviorManager {
+
+namespace {
+constexpr int kLoadWaitMs = 10000;
+}
+
+bool ZRBehaviorManager::loadBehavior(const std::string& name) {
+  const std::string n = xNormalizeLocalPath(name);
+  if (n.empty()) {
+    throw detail::error("loadBehavior", "behavior " + name + " is not installed.", __LINE__);
+  }
+  if (behaviorState(n) == StateLoading) {
+    waitBehaviorStateChange(n, kLoadWaitMs);
+  }
+  const BehaviorState state = behaviorState(n);
+  if (state == StateLoaded || state == StateRunning) {
+    return true;
+  }
+  if (state == StateLoading || state > StateUnloading) {
+    throw detail::error("loadBehavior",
+                        "Could not load behavior, " + n + " was in an consistent state.", __LINE__);
+  }
+  if (state == StateUnloading && !waitBehaviorState(n, StateUnloaded, kLoadWaitMs)) {
+    throw detail::error("loadBehavior", "behavior was found in an inconsistent state.", __LINE__);
+  }
+
+  {
+    ZRCriticalSection section(fRegistryLock);
+    fLoadedBehaviors[n].frameManagerId.clear();
+    setBehaviorState(n, StateLoading);
+  }
+
+  const fs::path dir = xFindBehavior(n);
+  try {
+    const std::string xarPath = (dir / fxarFileName).string();
+    const std::string id = fFrameManagerProxy->newBehaviorFromFile(xarPath, n);
+
+    ZRCriticalSection section(fRegistryLock);
+    const auto entry = fLoadedBehaviors.find(n);
+    if (entry == fLoadedBehaviors.end()) {
+      fFrameManagerProxy->deleteBehavior(id);
+      throw detail::error("loadBehavior", "Could not load behavior " + n + ", yet file exists.",
+                          __LINE__);
+    }
+    entry->second.frameManagerId = id;
+    setBehaviorState(n, StateLoaded);
+    return true;
+  } catch (const ZRError&) {
+    setBehaviorState(n, StateUnloaded);
+    throw;
+  }
+}
+
+void ZRBehaviorManager::xUnloadBehavior(const std::string& name) {
+  ZRCriticalSection section(fRegistryLock);
+  const auto entry = fLoadedBehaviors.find(name);
+  if (entry != fLoadedBehaviors.end()) {
+    if (!entry->second.frameManagerId.empty()) {
+      fFrameManagerProxy->exitBehavior(entry->second.frameManagerId);
+      fFrameManagerProxy->deleteBehavior(entry->second.frameManagerId);
+    }
+    fLoadedBehaviors.erase(entry);
+  }
+  setBehaviorState(name, StateUnloaded);
+}
+
+bool ZRBehaviorManager::unloadBehavior(const std::string& name) {
+  try {
+    stopBehavior(name);
+  } catch (const ZRError& error) {
+    detail::log(vu::log::verbose, "unloadBehavior",
+                "Could not stop behavior: " + error.description());
+    return false;
+  }
+  xUnloadBehavior(xNormalizeLocalPath(name));
+  return true;
+}
+
+bool ZRBehaviorManager::isBehaviorLoaded(const std::string& name) {
+  ZRCriticalSection section(fRegistryLock);
+  const auto entry = fLoadedBehaviors.find(name);
+  return entry != fLoadedBehaviors.end() && !entry->second.frameManagerId.empty();
+}
+
+std::vector<std::string> ZRBehaviorManager::getLoadedBehaviors() {
+  ZRCriticalSection section(fRegistryLock);
+  std::vector<std::string> names;
+  for (const auto& entry : fLoadedBehaviors) {
+    if (isBehaviorLoaded(entry.first)) {
+      names.push_back(entry.first);
+    }
+  }
+  return names;
+}
+
+std::string ZRBehaviorManager::getBehaviorFrameManagerId(const std::string& name) {
+  const std::string n = xNormalizeLocalPath(name);
+  ZRCriticalSection section(fRegistryLock);
+  const auto entry = fLoadedBehaviors.find(n);
+  return entry == fLoadedBehaviors.end() ? std::string() : entry->second.frameManagerId;
+}
+
+}  // namespace BehaviorManager
+}  // namespace ZR

@@ -1,0 +1,51 @@
+// Removing behaviors and resources from the user library.
+#include <boost/filesystem.hpp>
+
+#include <vu/project/project.h>
+
+#include "behaviormanager.h"
+#include "detail.h"
+
+namespace fs = boost::filesystem;
+
+namespace ZR {
+namespace BehaviorManager {
+
+bool ZRBehaviorManager::removeBehavior(const std::string& behavior) {
+  const std::set<std::string> paths = fUserLibrary.behaviorPaths(behavior, true);
+  if (!paths.empty()) {
+    bool result = true;
+    for (const std::string& path : paths) {
+      try {
+        stopBehavior(path);
+      } catch (...) {
+        detail::log(vu::log::verbose, "removeBehavior",
+                    "Could not stop the behavior " + path + " properly.");
+      }
+      removeDefaultBehavior(path);
+      if (!fUserLibrary.removeBehavior(path)) {
+        detail::log(vu::log::error, "removeBehavior", "Error removing the behavior " + path);
+        result = false;
+      }
+    }
+    return result;
+  }
+
+  const std::string dest = detail::joinUnderRoot(fUserLibrary.projectPath(), behavior);
+  const vu::project::Project project(dest);
+  if (detail::isResourceType(project.getMetadata("Type"))) {
+    try {
+      fs::remove_all(dest);
+    } catch (const fs::filesystem_error& error) {
+      throw ZRError(detail::kModuleName, "removeBehavior",
+                    "Resource " + behavior + " could not be removed. " + error.what(),
+                    detail::kSourceFile, 1109);
+    }
+    return true;
+  }
+  throw ZRError(detail::kModuleName, "removeBehavior", "Behavior " + behavior + " was not found.",
+                detail::kSourceFile, 1116);
+}
+
+}  // namespace BehaviorManager
+}  // namespace ZR

@@ -1,0 +1,144 @@
+// Running behaviors to their end, stopping them, and the running queries.
+#include <boost/algorithm/string/predicate.hpp>
+
+#include <vu/os.h>
+
+#include "behaviormanager.h"
+#include "detail.h"
+
+namespace ZR {
+namespace BehaviorManager {
+
+namespace {
+
+constexpr int kStopCleanUpMs = 1000;
+constexpr int kStateWaitMs = 10000;
+constexpr unsigned int kUnloadingGraceMs = 200;
+
+bool isSystemName(const std::string& name) {
+  return boost::algorithm::starts_with(name, systemBehaviorPrefix);
+}
+
+ZRError inconsistentStop(int line) {
+  return detail::error("stopBehavior", "behavior was found in an inconsistent state.", line);
+}
+
+}  // namespace
+
+void ZRBehaviorManager::runBehavior(const std::string& name) {
+  const std::string n = xNormalizeLocalPath(name);
+  if (n.empty()) {
+    throw detail::error("runBehavior", "behavior " + name + " is not installed", __LINE__);
+  }
+  if (behaviorState(n) == StateRunning) {
+    throw detail::error("runBehavior", "behavior " + n + " is already running.", __LINE__);
+  }
+  loadBehavior(n);
+
+  std::string id;
+  {
+    ZRCriticalSection section(fRegistryLock);
+    const auto entry = fLoadedBehaviors.find(n);
+    if (entry == fLoadedBehaviors.end() || behaviorState(n) != StateLoaded) {
+      throw detail::error("runBehavior", "behavior " + n + " failed to load.", __LINE__);
+    }
+    id = entry->second.frameManagerId;
+  }
+
+  try {
+    setBehaviorState(n, StateRunning);
+    fFrameManagerProxy->completeBehavior(id);
+    setBehaviorState(n, StateUnloading);
+    xUnloadBehavior(n);
+    if (isSystemName(name)) {
+      loadBehavior(name);
+    }
+  } catch (const ZRError&) {
+    xUnloadBehavior(n);
+    if (isSystemName(name)) {
+      loadBehavior(name);
+    }
+    throw;
+  }
+}
+
+void ZRBehaviorManager::stopBehavior(const std::string& name) {
+  const std::string n = xNormalizeLocalPath(name);
+  if (n.empty()) {
+    throw detail::error("stopBehavior", "behavior " + name + " is not installed.", __LINE__);
+  }
+
+  bool unloading = false;
+  switch (behaviorState(n)) {
+    case StateRunning:
+      break;
+    case StateLoading:
+      if (!waitBehaviorStateChange(n, kStateWaitMs)) {
+        throw inconsistentStop(__LINE__);
+      }
+      unloading = behaviorState(n) == StateUnloading;
+      break;
+    case StateUnloading:
+      unloading = true;
+      break;
+    default:
+      return;
+  }
+
+  if (unloading) {
+    vu::os::msleep(kUnloadingGraceMs);
+    if (!waitBehaviorState(n, StateUnloaded, kStateWaitMs)) {
+      throw inconsistentStop(__LINE__);
+    }
+    return;
+  }
+
+  if (!isBehaviorRunning(name)) {
+    throw inconsistentStop(__LINE__);
+  }
+  std::string id;
+  {
+    ZRCriticalSection section(fRegistryLock);
+    const auto entry = fLoadedBehaviors.find(n);
+    if (entry == fLoadedBehaviors.end()) {
+      return;
+    }
+    id = entry->second.frameManagerId;
+  }
+  try {
+    fFrameManagerProxy->exitBehavior(id);
+    fFrameManagerProxy->deleteBehavior(id);
+  } catch (const ZRError&) {
+    // The run's own clean-up decides; the wait below reports a stop that did not happen.
+  }
+  const BehaviorState settled = isSystemName(name) ? StateLoaded : StateUnloaded;
+  if (!waitBehaviorState(n, settled, kStopCleanUpMs)) {
+    throw detail::error("stopBehavior",
+                        "Behavior " + name + " could not be stopped " + "properly.", __LINE__);
+  }
+}
+
+void ZRBehaviorManager::stopAllBehaviors() {
+  const std::vector<std::string> names = getRunningBehaviors();
+  try {
+    for (const std::string& name : names) {
+      stopBehavior(name);
+    }
+    fFrameManagerProxy->cleanBehaviors();
+  } catch (const ZRError& error) {
+    detail::log(vu::log::error, "stopAllBehaviors",
+                "A problem arose in StopAllBehaviors: " + error.description());
+  }
+}
+
+bool ZRBehaviorManager::isBehaviorRunning(const std::string& name) {
+  return behaviorState(xNormalizeLocalPath(name)) == StateRunning;
+}
+
+std::vector<std::string> ZRBehaviorManager::getRunningBehaviors() {
+  boost::mutex::scoped_lock lock(fRunningMutex);
+  return std::vector<std::string>(fRunning.begin(), fRunning.end());
+}
+
+}  // namespace BehaviorManager
+}  // namespace ZR

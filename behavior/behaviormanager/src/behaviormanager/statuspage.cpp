@@ -1,0 +1,90 @@
+// The module's page in the broker's web interface: loaded, running and installed
+// behaviors, with links that play or stop one through "?eval=" requests.
+#include "behaviormanager.h"
+#include "detail.h"
+
+namespace ZR {
+namespace BehaviorManager {
+
+namespace {
+
+// One of the two request helpers of the page: `first` is called, then `second` once the
+// first request answered 200.
+std::string requestPair(const std::string& function, const std::string& first,
+                        const std::string& second) {
+  return "function " + function + " (behavior) {\n"
+         "var xhr_object = null;\n"
+         "if (window.XMLHttpRequest) {\n"
+         "xhr_object = new XMLHttpRequest();\n"
+         "}\n"
+         "else if (window.ActiveXObject) {\n"
+         "xhr_object = new ActiveXObject(\"Microsoft.XMLHTTP\");\n"
+         "}\n"
+         "else {\n"
+         "return;\n"
+         "}\n"
+         "var evalUrl = document.URL.substring(0, document.URL.lastIndexOf(\"/\") + 1) + "
+         "\"?eval=\";\n"
+         "xhr_object.onreadystatechange = function () {\n"
+         "if (xhr_object.readyState == 4 && xhr_object.status == 200) {\n"
+         "xhr_object.onreadystatechange = null;\n"
+         "xhr_object.open(\"GET\", evalUrl + \"ZRBehaviorManager." + second +
+         "('\" + behavior + \"')\");\n"
+         "xhr_object.send(null);\n"
+         "}\n"
+         "}\n"
+         "xhr_object.open(\"GET\", evalUrl + \"ZRBehaviorManager." + first +
+         "('\" + behavior + \"')\");\n"
+         "xhr_object.send(null);\n"
+         "}\n";
+}
+
+const char* const kTableOpen = "<table cellspacing=\"5\" cellpadding=\"5\">";
+
+}  // namespace
+
+std::string ZRBehaviorManager::javaScriptCode() const {
+  return requestPair("playBehavior", "loadBehavior", "runBehavior") +
+         requestPair("stopBehavior", "stopBehavior", "unloadBehavior");
+}
+
+std::string ZRBehaviorManager::httpGet() {
+  std::string page = "<html><body><script>" + javaScriptCode() + "</script>";
+  {
+    ZRCriticalSection section(fRegistryLock);
+    if (!fLoadedBehaviors.empty()) {
+      page += std::string("<i><u>Loaded behaviors</u></i><br>") + kTableOpen +
+              "<tr><td><b>Name</b></td><td><b>Loaded by dependency</b></td></tr>";
+      for (const auto& entry : fLoadedBehaviors) {
+        page += "<tr><td>" + entry.first + "</td><td>" + "</td></tr>";
+      }
+      page += "</table><br><br><br>";
+    }
+  }
+  {
+    boost::mutex::scoped_lock lock(fRunningMutex);
+    if (!fRunning.empty()) {
+      page += std::string("<i><u>Running behaviors</u></i><br>") + kTableOpen +
+              "<tr><td><b>Name</b></td></tr>";
+      for (const std::string& name : fRunning) {
+        page += "<tr><td><a href=\"javascript:stopBehavior('" + name + "');\">" + name +
+                "</a></td></tr>";
+      }
+      page += "</table><br><br><br>";
+    }
+  }
+  const std::vector<std::string> installed = getInstalledBehaviors();
+  if (!installed.empty()) {
+    page += std::string("<i><u>Installed behaviors</u></i><br>") + kTableOpen +
+            "<tr><td><b>Name</b></td></tr>";
+    for (const std::string& name : installed) {
+      page += "<tr><td><a href=\"javascript:playBehavior('" + name + "');\">" + name +
+              "</a></td></tr>";
+    }
+    page += "</table>";
+  }
+  return page + "</body></html>";
+}
+
+}  // namespace BehaviorManager
+}  // namespace ZR
