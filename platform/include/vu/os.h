@@ -20,5 +20,9 @@ std::FILE* fopen(const char* path, const char* mode);
 // Sleeps for the given number of milliseconds.
 void msleep(unsigned int milliseconds);
 
+// How many times the calling thread has called msleep. Polling code is observed through
+// it: the number of sleeps says how often a loop looked.
+unsigned long msleepCountOnThisThread();
+
 }  // namespace os
 }  // namespace vu

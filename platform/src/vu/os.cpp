@@ -29,7 +29,14 @@ std::string tmp() {
 
 std::FILE* fopen(const char* path, const char* mode) { return std::fopen(path, mode); }
 
+namespace {
+thread_local unsigned long tSleepCount = 0;
+}
+
+unsigned long msleepCountOnThisThread() { return tSleepCount; }
+
 void msleep(unsigned int milliseconds) {
+  ++tSleepCount;
   std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 

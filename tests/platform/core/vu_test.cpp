@@ -1,5 +1,6 @@
 #include <cstdlib>
 #include <regex>
+#include <thread>
 
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
@@ -102,4 +103,14 @@ TEST(VuLog, CapturingSinkReceivesMessagesUpToTheMaximumLevel) {
   EXPECT_EQ(captured[0].category, "cat");
   EXPECT_EQ(captured[0].function, "fn");
   EXPECT_EQ(captured[0].text, "kept");
+}
+
+TEST(VuOs, MsleepIsCountedPerThread) {
+  const unsigned long before = vu::os::msleepCountOnThisThread();
+  vu::os::msleep(0);
+  vu::os::msleep(1);
+  unsigned long other = 0;
+  std::thread([&] { other = vu::os::msleepCountOnThisThread(); }).join();
+  EXPECT_EQ(vu::os::msleepCountOnThisThread(), before + 2);
+  EXPECT_EQ(other, 0u);
 }
