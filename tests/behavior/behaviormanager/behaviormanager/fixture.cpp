@@ -1,0 +1,214 @@
+#include "fixture.h"
+
+#include <chrono>
+#include <fstream>
+
+#include <boost/make_shared.hpp>
+
+#include <zr/proxies/zrmemoryproxy.h>
+#include <zr/zrtypes.h>
+
+namespace bmtest {
+
+namespace {
+const char* const kMarkKey = "EventRecorder/Mark";
+constexpr int kDeliveryTimeoutMs = 10000;
+}  // namespace
+
+std::vector<std::string> managerEventKeys() {
+  return {"ZRBehaviorManager/BehaviorAdded", "ZRBehaviorManager/BehaviorUpdated",
+          "ZRBehaviorManager/BehaviorRemoved", "BehaviorsRun"};
+}
+
+// ---- LogCapture
+
+LogCapture::LogCapture() : fPreviousLevel(vu::log::maxLevel()) {
+  vu::log::setMaxLevel(6);
+  vu::log::setSink([this](const vu::log::Message& message) {
+    std::lock_guard<std::mutex> lock(fMutex);
+    fMessages.push_back(message);
+  });
+}
+
+LogCapture::~LogCapture() {
+  vu::log::setSink(nullptr);
+  vu::log::setMaxLevel(fPreviousLevel);
+}
+
+std::vector<vu::log::Message> LogCapture::messages() const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  return fMessages;
+}
+
+std::vector<vu::log::Message> LogCapture::withText(const std::string& text) const {
+  std::vector<vu::log::Message> found;
+  for (const vu::log::Message& message : messages()) {
+    if (message.text == text) found.push_back(message);
+  }
+  return found;
+}
+
+int LogCapture::count(int level, const std::string& category, const std::string& function,
+                      const std::string& text) const {
+  int n = 0;
+  for (const vu::log::Message& message : messages()) {
+    if (message.level == level && message.category == category && message.function == function &&
+        message.text == text) {
+      ++n;
+    }
+  }
+  return n;
+}
+
+void LogCapture::clear() {
+  std::lock_guard<std::mutex> lock(fMutex);
+  fMessages.clear();
+}
+
+// ---- EventRecorder
+
+EventRecorder::EventRecorder(boost::shared_ptr<ZR::ZRBroker> broker,
+                             const std::vector<std::string>& keys)
+    : ZR::ZRModule(broker, "EventRecorder") {
+  functionName("onEvent", getName(), "records an event", 0);
+  addParam("name", "");
+  addParam("value", "");
+  addParam("message", "");
+  getCurrentMethodDescription().parameters[0].type = ZR::getTypeString(ZR::TypeCodeString);
+  getCurrentMethodDescription().parameters[1].type = ZR::getTypeString(ZR::TypeCodeValue);
+  getCurrentMethodDescription().parameters[2].type = ZR::getTypeString(ZR::TypeCodeString);
+  getCurrentMethodDescription().returnType = ZR::getTypeString(ZR::TypeCodeVoid);
+  bindMethod(boost::make_shared<ZR::ZRCallableFunctor>(
+      [this](const ZR::ZRValue& args, ZR::ZRValue&) {
+        onEvent(args[0].toString(), args[1], args[2].toString());
+      }));
+  ZR::ZRMemoryProxy memory(broker);
+  for (const std::string& key : keys) {
+    memory.subscribeToMicroEvent(key, getName(), "", "onEvent");
+  }
+  memory.subscribeToMicroEvent(kMarkKey, getName(), "", "onEvent");
+}
+
+EventRecorder::~EventRecorder() = default;
+
+void EventRecorder::onEvent(const std::string& name, const ZR::ZRValue& value,
+                            const std::string&) {
+  std::lock_guard<std::mutex> lock(fMutex);
+  if (name == kMarkKey) {
+    ++fMarksSeen;
+  } else {
+    fEvents.emplace_back(name, value);
+  }
+  fChanged.notify_all();
+}
+
+std::vector<EventRecorder::Event> EventRecorder::drain() {
+  const int mark = ++fMarksSent;
+  ZR::ZRMemoryProxy(getParentBroker()).raiseMicroEvent(kMarkKey, ZR::ZRValue(mark));
+  std::unique_lock<std::mutex> lock(fMutex);
+  const bool delivered = fChanged.wait_for(lock, std::chrono::milliseconds(kDeliveryTimeoutMs),
+                                           [&] { return fMarksSeen >= mark; });
+  EXPECT_TRUE(delivered) << "memory notifications did not arrive";
+  return fEvents;
+}
+
+std::vector<ZR::ZRValue> EventRecorder::valuesOf(const std::string& key) {
+  std::vector<ZR::ZRValue> values;
+  for (const Event& event : drain()) {
+    if (event.first == key) values.push_back(event.second);
+  }
+  return values;
+}
+
+bool EventRecorder::waitFor(const std::function<bool(const Event&)>& match, int timeoutMs) {
+  std::unique_lock<std::mutex> lock(fMutex);
+  return fChanged.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
+    for (const Event& event : fEvents) {
+      if (match(event)) return true;
+    }
+    return false;
+  });
+}
+
+void EventRecorder::clear() {
+  drain();
+  std::lock_guard<std::mutex> lock(fMutex);
+  fEvents.clear();
+}
+
+// ---- disk helpers
+
+void writeFile(const fs::path& file, const std::string& content) {
+  fs::create_directories(file.parent_path());
+  std::ofstream out(file.string(), std::ios::binary);
+  out << content;
+  ASSERT_TRUE(out.good()) << file;
+}
+
+void makeBehavior(const fs::path& dir, const std::string& xar, const std::vector<std::string>& tags,
+                  const std::string& type) {
+  writeFile(dir / "behavior.xar", xar);
+  std::string project = "<project>\n  <metadata key=\"Type\" value=\"" + type + "\"/>\n";
+  for (const std::string& tag : tags) project += "  <tag>" + tag + "</tag>\n";
+  writeFile(dir / "project.xml", project + "</project>\n");
+}
+
+void makeResource(const fs::path& dir, const std::string& type) {
+  writeFile(dir / "project.xml",
+            "<project><metadata key=\"Type\" value=\"" + type + "\"/></project>\n");
+  writeFile(dir / "data.txt", "resource data\n");
+}
+
+// ---- ManagerTest
+
+void ManagerTest::SetUp() {
+  fBase = fs::temp_directory_path() / fs::unique_path("bmtest-%%%%-%%%%-%%%%");
+  fHome = fBase / "home";
+  fPrefix = fBase / "prefix";
+  fs::create_directories(fHome);
+  fs::create_directories(systemRoot());
+  for (const auto& [name, value] :
+       std::vector<std::pair<const char*, std::string>>{{"HOME", fHome.string()},
+                                                        {"TUQVU_SDK_PREFIX", fPrefix.string()},
+                                                        {"XDG_DATA_HOME", (fHome / "data").string()},
+                                                        {"TMPDIR", (fBase / "tmp").string()}}) {
+    const char* old = std::getenv(name);
+    fSavedEnv.emplace_back(name, old ? old : std::string("\x01unset"));
+    setenv(name, value.c_str(), 1);
+  }
+  fs::create_directories(fBase / "tmp");
+  ZRBehaviorManager::defaultUserBehaviorsPath = fHome.string() + "/.tuqvu/behaviors";
+  logs = std::make_unique<LogCapture>();
+  broker = ZR::ZRBroker::create("bmtest");
+}
+
+void ManagerTest::startPlatform(bool withMemory, bool withPreferences, bool withFrameManager) {
+  if (withMemory) memory = std::make_unique<ZR::ZRMemory>(broker);
+  if (withPreferences) preferences = std::make_unique<ZR::ZRPreferences>(broker);
+  if (withFrameManager) frameManager = std::make_unique<ZR::ZRFrameManager>(broker);
+  if (withMemory) events = std::make_unique<EventRecorder>(broker, managerEventKeys());
+}
+
+ZRBehaviorManager& ManagerTest::startManager() {
+  manager = std::make_unique<ZRBehaviorManager>(broker, "ZRBehaviorManager");
+  return *manager;
+}
+
+void ManagerTest::stopManager() { manager.reset(); }
+
+void ManagerTest::TearDown() {
+  manager.reset();
+  events.reset();
+  frameManager.reset();
+  preferences.reset();
+  memory.reset();
+  broker.reset();
+  logs.reset();
+  for (const auto& [name, value] : fSavedEnv) {
+    if (value == "\x01unset") unsetenv(name.c_str()); else setenv(name.c_str(), value.c_str(), 1);
+  }
+  boost::system::error_code ignored;
+  fs::remove_all(fBase, ignored);
+}
+
+}  // namespace bmtest
