@@ -1,0 +1,36 @@
+#include <zrfiletransfer/zrfiletransfer.h>
+
+#include <vu/os.h>
+
+#include <zrfiletransfer/zrhttphandlers.h>
+
+#include "zrfiletransferprivate.h"
+
+namespace ZR {
+namespace {
+
+constexpr const char* kHost = "0.0.0.0";  // every IPv4 interface
+constexpr int kPreferredPort = 15000;
+// Pause between binding and serving.
+constexpr unsigned int kStartDelayMs = 400;
+
+}  // namespace
+
+ZRFileTransfer::ZRFileTransfer() : _p(new ZRFileTransferPrivate) {
+  try {
+    _p->newServer(kHost, kPreferredPort);
+  } catch (...) {
+    delete _p;
+    throw;
+  }
+  // Filled before the listener runs, so no request ever sees a partial table.
+  fillContentTypeTable();
+  vu::os::msleep(kStartDelayMs);
+  _p->start();
+}
+
+ZRFileTransfer::~ZRFileTransfer() { delete _p; }
+
+int ZRFileTransfer::httpFileTransferPort() { return _p->fPort; }
+
+}  // namespace ZR

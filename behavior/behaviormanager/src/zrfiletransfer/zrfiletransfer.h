@@ -1,0 +1,31 @@
+// ZRFileTransfer — the HTTP server through which the authoring application reads, writes
+// and deletes files in the robot's behaviors tree. Constructing one binds port 15000 (or
+// the next free port above it) and starts the listener thread; destroying it stops the
+// listener. The module publishes the bound port through httpFileTransferPort().
+//
+//   ZR::ZRFileTransfer server;                  // throws ZR::ZRError if it cannot bind
+//   int port = server.httpFileTransferPort();   // 15000 unless that port was taken
+//
+// This header deliberately includes nothing from gSOAP.
+#pragma once
+
+namespace ZR {
+
+class ZRFileTransferPrivate;
+
+class ZRFileTransfer {
+public:
+  ZRFileTransfer();
+  ~ZRFileTransfer();
+
+  ZRFileTransfer(const ZRFileTransfer&) = delete;
+  ZRFileTransfer& operator=(const ZRFileTransfer&) = delete;
+
+  // The port really bound, which can differ from the preferred 15000.
+  int httpFileTransferPort();
+
+private:
+  ZRFileTransferPrivate* _p;
+};
+
+}  // namespace ZR

@@ -1,0 +1,140 @@
+// The listening side of the file-transfer server: port probe, context set-up, and the
+// listener thread that serves one connection at a time.
+#include "zrfiletransferprivate.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include <stdsoap2.h>
+
+#include <vu/log.h>
+#include <zr/zrerror.h>
+
+#include <zrfiletransfer/zrhttphandlers.h>
+
+namespace ZR {
+namespace {
+
+// Send and receive time-outs of a connection, in seconds: an idle client is dropped
+// after this long and the next one is served.
+constexpr int kIoTimeout = 15;
+// soap_accept returns at least this often (seconds), so the listener sees the stop flag.
+constexpr int kAcceptTimeout = 1;
+constexpr int kBacklog = 1000;
+
+void finalise(soap* context) {
+  soap_destroy(context);
+  soap_end(context);
+  soap_done(context);
+}
+
+}  // namespace
+
+ZRFileTransferPrivate::ZRFileTransferPrivate() : fServer(nullptr), fStop(0), fPort(0) {}
+
+ZRFileTransferPrivate::~ZRFileTransferPrivate() {
+  stop();
+  if (fServer != nullptr) {
+    soap_free(fServer);
+  }
+}
+
+int ZRFileTransferPrivate::findFreePort(int port) {
+  sockaddr_in address;
+  std::memset(&address, 0, sizeof(address));
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_ANY);
+  address.sin_port = htons(static_cast<uint16_t>(port & 0xFFFF));
+
+  const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
+  // The server binds with SO_REUSEADDR; probing the same way keeps the connections of a
+  // previous run still in TIME_WAIT from pushing it to another port.
+  const int reuse = 1;
+  ::setsockopt(probe, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof(reuse));
+  for (;;) {
+    const int bound = ::bind(probe, reinterpret_cast<const sockaddr*>(&address), 16);
+    if (port > 65536 || bound == 0) {
+      break;
+    }
+    ++port;
+    address.sin_port = htons(static_cast<uint16_t>(port & 0xFFFF));
+  }
+  const int closed = ::close(probe);
+  if (closed != 0) {
+    vu::log::write(vu::log::error, "core.common.network", "findFreePort",
+                   "findFreePort Socket Close Last Error: " + std::to_string(closed) + "\n");
+  }
+  return port;
+}
+
+int ZRFileTransferPrivate::newServer(const std::string& host, int port) {
+  fPort = findFreePort(port);
+  fServer = soap_new();
+  soap_init2(fServer, SOAP_IO_KEEPALIVE, 0);
+  fServer->send_timeout = kIoTimeout;
+  fServer->recv_timeout = kIoTimeout;
+  fServer->accept_timeout = kAcceptTimeout;
+  fServer->max_keep_alive = -1;
+  fServer->fget = httpGet;
+  fServer->fput = httpPut;
+  fServer->fdel = httpDel;
+  // A client that disconnects during a reply must not raise SIGPIPE in the process.
+  fServer->socket_flags = MSG_NOSIGNAL;
+  fServer->bind_flags = SO_REUSEADDR;
+
+  const SOAP_SOCKET socket = soap_bind(fServer, host.c_str(), fPort, kBacklog);
+  if (!soap_valid_socket(socket)) {
+    finalise(fServer);
+    throw ZRError("ZRFileTransfer", "Run server",
+                  "Port " + std::to_string(port) + " is not free. Could not bind to this port.",
+                  "behavior/behaviormanager/src/zrfiletransfer", __LINE__);
+  }
+  return socket;
+}
+
+void ZRFileTransferPrivate::start() {
+  // Cleared before the thread exists, so that a stop() issued right after start() is
+  // never lost.
+  fStop = 0;
+  fThread = boost::thread(&ZRFileTransferPrivate::listenRequest, this);
+}
+
+void ZRFileTransferPrivate::stop() {
+  fStop = 1;
+  if (fThread.joinable()) {
+    fThread.join();
+  }
+}
+
+void ZRFileTransferPrivate::listenRequest() {
+  while (fStop == 0) {
+    const SOAP_SOCKET accepted = soap_accept(fServer);
+    if (soap_valid_socket(accepted)) {
+      soap* connection = soap_copy(fServer);
+      if (connection == nullptr) {
+        break;
+      }
+      connection->socket = accepted;
+      // The copy owns the accepted socket from here on.
+      fServer->socket = SOAP_INVALID_SOCKET;
+      run(connection);
+    } else if (fServer->errnum != 0) {
+      break;  // a real accept error, not the time-out
+    }
+  }
+  finalise(fServer);
+}
+
+void ZRFileTransferPrivate::run(soap* connection) {
+  std::memset(connection->buf, 0, sizeof(connection->buf));
+  connection->recv_timeout = kIoTimeout;
+  connection->send_timeout = kIoTimeout;
+  ZR::soap_serve(connection);
+  finalise(connection);
+  soap_free(connection);
+}
+
+}  // namespace ZR

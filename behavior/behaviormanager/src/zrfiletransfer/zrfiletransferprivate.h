@@ -1,0 +1,54 @@
+// ZRFileTransferPrivate — the server behind ZRFileTransfer: the listening gSOAP context,
+// the stop flag, the bound port and the listener thread that serves one connection at a
+// time. Internal to the file-transfer library (tests use it to reach findFreePort).
+#pragma once
+
+#include <atomic>
+#include <string>
+
+#include <boost/thread/thread.hpp>
+
+struct soap;
+
+namespace ZR {
+
+class ZRFileTransferPrivate {
+public:
+  ZRFileTransferPrivate();
+  ~ZRFileTransferPrivate();
+
+  ZRFileTransferPrivate(const ZRFileTransferPrivate&) = delete;
+  ZRFileTransferPrivate& operator=(const ZRFileTransferPrivate&) = delete;
+
+  // The first port at or above `port` to which a TCP socket can be bound.
+  int findFreePort(int port);
+
+  // Creates, configures and binds the listening context on `host` and the first free
+  // port at or above `port`; returns the bound socket. Throws ZRError when binding fails.
+  int newServer(const std::string& host, int port);
+
+  // Starts the listener thread. Call once, after newServer.
+  void start();
+
+  // Sets the stop flag and joins the listener (returns within the 1 s accept time-out
+  // when idle, or when the connection being served ends).
+  void stop();
+
+  // The listener thread's body: accepts connections one at a time until stopped.
+  void listenRequest();
+
+  // Serves one accepted connection, then releases its context.
+  void run(soap* connection);
+
+  // The listening context: null until newServer runs. Finalised by the listener thread
+  // when it ends, released by the destructor.
+  soap* fServer;
+  // Set by the owner's thread to stop the listener; read by the listener thread.
+  std::atomic<int> fStop;
+  // The port chosen by findFreePort, 0 until then.
+  int fPort;
+  // The listener thread (not-a-thread until start()).
+  boost::thread fThread;
+};
+
+}  // namespace ZR

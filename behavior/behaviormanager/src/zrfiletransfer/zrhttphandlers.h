@@ -1,0 +1,57 @@
+// The request side of the file-transfer service: the gSOAP hooks for GET, PUT and
+// DELETE, the dispatcher that drives them on one connection, the mapping of request
+// paths to the file system, and the content-type table. All run on the listener thread.
+//
+//   GET    /behaviors/User/walk/behavior.xar    reads  <home>/.tuqvu/behaviors/walk/behavior.xar
+//   PUT    /boxlibraries/a/b.txt                writes <home>/.tuqvu/boxlibraries/a/b.txt
+//   DELETE /tmp/upload                          removes <tmp>/upload and all below it
+//
+// Replies use "\n" line ends and the "Server: TuqVu" header. A path that is not served
+// (unmapped, "?eval", a ".." component, or a target outside its mapped root) gets no
+// reply at all.
+#pragma once
+
+#include <map>
+#include <string>
+
+#include <boost/filesystem/path.hpp>
+
+#include <stdsoap2.h>
+
+namespace ZR {
+
+// The GET hook: 0 when a reply was sent, -1 (no reply, the exchange ends) otherwise.
+int httpGet(soap* connection);
+
+// Does the work of GET; false when the path is empty or not served (nothing was sent).
+bool httpGetFile(soap* connection);
+
+// The PUT hook: 0 after a reply ("ok", or 411 without a length), -1 without a reply.
+int httpPut(soap* connection);
+
+// The DELETE hook: 0 after the "ok" reply, -1 when the path is empty or not served.
+int httpDel(soap* connection);
+
+// Serves the requests of one accepted connection through the hooks above and returns
+// when the connection is finished (closed, timed out or not reusable).
+int soap_serve(soap* connection);
+
+// Maps a relative request path to a file-system path; an empty result means the path
+// is not served.
+boost::filesystem::path translateHttp(const boost::filesystem::path& requestPath);
+
+// "<home>/.tuqvu/<name>", created with its parents when missing.
+std::string behaviorsPath(const std::string& name);
+
+// `s` with every occurrence of `from` replaced by `to` (inserted text is not rescanned).
+std::string replaceSpecialChar(const std::string& s, const std::string& from,
+                               const std::string& to);
+
+// The process-wide content-type table: extension with its dot, lower case, to MIME type.
+// fillContentTypeTable() (re)writes its rows; contentTypeFor() looks an extension up in
+// any case and answers "application/octet-stream" for what the table does not know.
+void fillContentTypeTable();
+std::map<std::string, std::string> contentTypeTable();
+std::string contentTypeFor(const std::string& extension);
+
+}  // namespace ZR

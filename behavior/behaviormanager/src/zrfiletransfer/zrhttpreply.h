@@ -1,0 +1,49 @@
+// Helpers the GET, PUT and DELETE hooks share to read the request line and write their
+// replies. Replies use "\n" line ends; the header block and a small body leave in one
+// write.
+#pragma once
+
+#include <string>
+
+#include <boost/filesystem/path.hpp>
+
+#include <stdsoap2.h>
+
+namespace ZR {
+namespace detail {
+
+// The category of every log line of the service.
+constexpr const char* kNetworkLog = "core.common.network";
+
+// The request path as gSOAP read it from the request line (query included, undecoded),
+// without its leading "/". `decodeDots` first turns "%2E" into ".".
+boost::filesystem::path relativeRequestPath(const soap* connection, bool decodeDots);
+
+// "HTTP/<version of the request> <status>\n".
+std::string statusLine(const soap* connection, const std::string& status);
+
+// Sends `text` at once. Inside a hook the context is still in receive mode, where a
+// chunked request leaves chunked output on; that is switched off first, since it would
+// only buffer the reply.
+int sendNow(soap* connection, const std::string& text);
+
+// Switches the context to buffered output for one reply, so that many small sends leave
+// as few large writes; soap_end_send flushes. The shared buffer's unread input (a
+// pipelined next request) is kept aside and put back, with the output mode, on
+// destruction.
+class BufferedReply {
+public:
+  explicit BufferedReply(soap* connection);
+  ~BufferedReply();
+
+  BufferedReply(const BufferedReply&) = delete;
+  BufferedReply& operator=(const BufferedReply&) = delete;
+
+private:
+  soap* fConnection;
+  soap_mode fMode;
+  std::string fPending;
+};
+
+}  // namespace detail
+}  // namespace ZR

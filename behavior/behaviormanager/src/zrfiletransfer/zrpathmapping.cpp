@@ -1,0 +1,203 @@
+// Mapping of request paths to the file system, shared by the GET, PUT and DELETE hooks.
+//
+//   behaviors/User/<tail>    <home>/.tuqvu/behaviors/<tail>
+//   behaviors/System/<tail>  the installation's share/behaviors/<tail>, if it exists
+//   behaviors/<rest>         <home>/.tuqvu/behaviors/<rest>
+//   boxlibraries/<rest>      <home>/.tuqvu/boxlibraries/<rest>
+//   tmp/<rest>               <tmp>/<rest>
+//   share/<app>/<rest>       the user-writable data path of <app>
+//   anything else            <sdk prefix>/<path>, except paths without an extension and
+//                            ".xsl", ".xml", ".css", ".js", ".html" files
+//
+// A path with a ".." component, or one whose target (symbolic links resolved) lies
+// outside the root it was mapped under, is refused and logged.
+#include <zrfiletransfer/zrhttphandlers.h>
+
+#include <boost/filesystem/operations.hpp>
+
+#include <vu/log.h>
+#include <vu/os.h>
+#include <vu/path.h>
+#include <vu/unicode.h>
+
+namespace fs = boost::filesystem;
+
+namespace ZR {
+namespace {
+
+const char* const kCategory = "core.common.network";
+
+fs::path toPath(const std::string& text) { return fs::path(text, vu::unicodeFacet()); }
+
+// The components of `p` from the index `first` on, joined again.
+fs::path componentsFrom(const fs::path& p, std::size_t first) {
+  fs::path result;
+  std::size_t index = 0;
+  for (const fs::path& component : p) {
+    if (index++ >= first) {
+      result /= component;
+    }
+  }
+  return result;
+}
+
+// The n-th component of `p`, or an empty path.
+fs::path component(const fs::path& p, std::size_t n) {
+  std::size_t index = 0;
+  for (const fs::path& part : p) {
+    if (index++ == n) {
+      return part;
+    }
+  }
+  return fs::path();
+}
+
+bool hasParentComponent(const fs::path& p) {
+  for (const fs::path& part : p) {
+    if (part == "..") {
+      return true;
+    }
+  }
+  return false;
+}
+
+// `p` with symbolic links and "." resolved as far as it exists; lexical when that fails.
+fs::path resolved(const fs::path& p) {
+  boost::system::error_code error;
+  fs::path result = fs::weakly_canonical(p, error);
+  if (error) {
+    result = p.lexically_normal();
+  }
+  return result;
+}
+
+// Whether `target` is `root` or lies below it, once both are resolved.
+bool isInside(const fs::path& root, const fs::path& target) {
+  const fs::path resolvedRoot = resolved(root);
+  const fs::path resolvedTarget = resolved(target);
+  auto t = resolvedTarget.begin();
+  for (const fs::path& part : resolvedRoot) {
+    if (part == ".") {
+      continue;
+    }
+    while (t != resolvedTarget.end() && *t == ".") {
+      ++t;
+    }
+    if (t == resolvedTarget.end() || *t != part) {
+      return false;
+    }
+    ++t;
+  }
+  return true;
+}
+
+void logRefused(const fs::path& requestPath, const std::string& reason) {
+  vu::log::write(vu::log::warning, kCategory, "translateHttp",
+                 "Refused request path: " + requestPath.string() + " (" + reason + ")");
+}
+
+bool isRefusedExtension(const std::string& extension) {
+  return extension.empty() || extension == ".xsl" || extension == ".xml" ||
+         extension == ".css" || extension == ".js" || extension == ".html";
+}
+
+}  // namespace
+
+std::string behaviorsPath(const std::string& name) {
+  const fs::path result = toPath(vu::os::home()) / ".tuqvu" / toPath(name);
+  try {
+    boost::system::error_code error;
+    const fs::file_type type = fs::status(result, error).type();
+    if (type == fs::file_not_found || type == fs::status_error) {
+      fs::create_directories(result);
+    }
+  } catch (const fs::filesystem_error& e) {
+    vu::log::write(vu::log::warning, kCategory, "behaviorsPath",
+                   std::string("Behavior path error: ") + e.what());
+  }
+  return result.string();
+}
+
+fs::path translateHttp(const fs::path& requestPath) {
+  if (requestPath.empty()) {
+    return requestPath;
+  }
+  if (requestPath.string().find("?eval") != std::string::npos) {
+    return fs::path();
+  }
+  if (hasParentComponent(requestPath)) {
+    logRefused(requestPath, "a \"..\" component");
+    return fs::path();
+  }
+
+  const fs::path first = component(requestPath, 0);
+  fs::path root;
+  fs::path result;
+  if (first == "behaviors") {
+    const fs::path rest = componentsFrom(requestPath, 1);
+    const fs::path tail = componentsFrom(rest, 1);
+    const fs::path library = component(rest, 0);
+    if (library == "User") {
+      root = toPath(behaviorsPath("behaviors"));
+      result = root / tail;
+    } else if (library == "System") {
+      root = toPath(vu::path::findData("behaviors", ""));
+      result = toPath(vu::path::findData("behaviors", tail.string()));
+    } else {
+      root = toPath(behaviorsPath("behaviors"));
+      result = root / rest;
+    }
+  } else if (first == "boxlibraries") {
+    root = toPath(behaviorsPath("boxlibraries"));
+    result = root / componentsFrom(requestPath, 1);
+  } else if (first == "tmp") {
+    root = toPath(vu::os::tmp());
+    result = root / componentsFrom(requestPath, 1);
+  } else if (first == "share") {
+    const std::string application = component(requestPath, 1).string();
+    root = toPath(vu::path::userWritableDataPath(application, ""));
+    result = toPath(
+        vu::path::userWritableDataPath(application, componentsFrom(requestPath, 2).string()));
+  } else {
+    if (isRefusedExtension(requestPath.extension().string())) {
+      return fs::path();
+    }
+    root = toPath(vu::path::sdkPrefix());
+    result = root / requestPath;
+  }
+
+  if (result.empty()) {
+    return result;
+  }
+  if (!isInside(root, result)) {
+    logRefused(requestPath, "outside " + root.string());
+    return fs::path();
+  }
+  return result;
+}
+
+std::string replaceSpecialChar(const std::string& s, const std::string& from,
+                               const std::string& to) {
+  if (from.empty()) {
+    return s;
+  }
+  std::string result;
+  if (to.size() > from.size()) {
+    result.reserve(s.size() + (to.size() - from.size()) * 10);
+  } else {
+    result.reserve(s.size());
+  }
+  std::size_t position = 0;
+  while (position < s.size()) {
+    if (s.compare(position, from.size(), from) == 0) {
+      result += to;
+      position += from.size();
+    } else {
+      result += s[position];
+      ++position;
+    }
+  }
+  return result;
+}
+
+}  // namespace ZR
