@@ -1,0 +1,70 @@
+// ZRFrameManager — executes behaviors. A behavior file (behavior.xar, format in
+// docs/behavior-file.md) becomes an instance with an id; the instance runs on the
+// thread that calls completeBehavior, and exitBehavior from another thread ends it.
+//
+//   ZRFrameManager* frames = new ZRFrameManager(broker);   // registers "ZRFrameManager"
+//   std::string id = frames->newBehaviorFromFile(dir + "/behavior.xar", "animations/wave");
+//   frames->completeBehavior(id);    // blocks until the behavior ends or is exited
+//   frames->deleteBehavior(id);
+//
+// Any number of instances may run at once, each on its own caller's thread. <set> and
+// <raise> steps reach the module "ZRMemory" through the broker, <call> any module.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <boost/shared_ptr.hpp>
+
+#include <zr/zrmodule.h>
+
+namespace ZR {
+
+class ZRBroker;
+
+namespace detail {
+class BehaviorInstance;
+}
+
+class ZRFrameManager : public ZRModule {
+public:
+  explicit ZRFrameManager(boost::shared_ptr<ZRBroker> broker,
+                          const std::string& name = "ZRFrameManager");
+  ~ZRFrameManager() override;  // exits every running instance
+
+  // Reads and checks the file (a folder stands for its behavior.xar) and creates an
+  // instance. The id is unique for the life of the process. ZRError for a missing,
+  // unreadable or malformed file or an unknown step, naming the file (and the line and
+  // column of a problem inside it).
+  std::string newBehaviorFromFile(const std::string& xarPath, const std::string& behaviorName);
+
+  // Runs the instance on the calling thread; returns when it has ended or was exited.
+  // ZRError for an unknown id, a failing step, or an instance already running.
+  void completeBehavior(const std::string& id);
+
+  // Makes a running completeBehavior return promptly. For an instance that is not
+  // running, its next run ends before its first step. Unknown ids are ignored.
+  void exitBehavior(const std::string& id);
+
+  // Destroys the instance, exiting it first if it runs. Unknown ids are ignored.
+  void deleteBehavior(const std::string& id);
+
+  // Exits and deletes every instance.
+  void cleanBehaviors();
+
+  bool isBehaviorRunning(const std::string& id);
+  std::vector<std::string> getBehaviorInstances();  // ids, oldest first
+
+private:
+  void bindMethods();
+  std::shared_ptr<detail::BehaviorInstance> find(const std::string& id);
+
+  // Guards fInstances; held only to look up, insert or erase, never during a run.
+  std::mutex fInstancesMutex;
+  std::map<std::string, std::shared_ptr<detail::BehaviorInstance>> fInstances;
+};
+
+}  // namespace ZR

@@ -1,0 +1,96 @@
+// ZRMemory — the middleware's shared memory: named data, events, and the notification
+// of subscribers and observers when a value is inserted or an event raised.
+//
+//   ZRMemory* memory = new ZRMemory(broker);              // registers "ZRMemory"
+//   memory->subscribeToMicroEvent("TUQvuReady", "ZRBehaviorManager", "", "_onDataChanged");
+//   memory->raiseMicroEvent("TUQvuReady", 1);              // returns at once
+//
+// Delivery. raiseMicroEvent and insertData store the value and put one notification on
+// a queue; the module's notification thread takes them off in the order they were
+// queued and, for each, calls every observer (addObserver), then every subscriber of
+// the key as broker->call(callbackModule, callbackMethod, [key, value, message]).
+// No lock of the module is held while a subscriber or an observer runs. A subscriber
+// that throws is logged; one that blocks delays later notifications (nothing is lost)
+// but never blocks the raising caller. The queue holds at most kMaxPendingNotifications
+// notifications; beyond that the value is still stored but its notification is dropped
+// and the drop is logged. Details: docs/modules.md.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <boost/shared_ptr.hpp>
+
+#include <zr/zrmodule.h>
+#include <zr/zrvalue.h>
+
+namespace ZR {
+
+class ZRBroker;
+
+namespace detail {
+class MemoryNotifier;
+struct MemorySubscription;
+}  // namespace detail
+
+class ZRMemory : public ZRModule {
+public:
+  using Observer = std::function<void(const std::string& key, const ZRValue& value)>;
+
+  // Notifications waiting for the notification thread beyond which new ones are dropped.
+  static constexpr std::size_t kMaxPendingNotifications = 100000;
+
+  explicit ZRMemory(boost::shared_ptr<ZRBroker> broker, const std::string& name = "ZRMemory");
+  ~ZRMemory() override;
+
+  // Data. getData throws ZRError for a key that holds nothing; removeData for one that
+  // does not exist. Keys are any non-empty strings.
+  void insertData(const std::string& key, const ZRValue& value);
+  ZRValue getData(const std::string& key);
+  std::vector<std::string> getDataList(const std::string& prefix);  // sorted
+  void removeData(const std::string& key);
+
+  // Events. A declared event is a key (holding an invalid value until it is first
+  // raised) that getEventList lists. Raising stores the value like insertData.
+  void declareEvent(const std::string& name);
+  std::vector<std::string> getEventList();  // sorted
+  void raiseMicroEvent(const std::string& name, const ZRValue& value);
+
+  // One subscription per (key, callback module): subscribing again replaces it. The
+  // callback must be a method of a hosted module taking three parameters.
+  void subscribeToMicroEvent(const std::string& name, const std::string& callbackModule,
+                             const std::string& callbackMessage,
+                             const std::string& callbackMethod);
+  void unsubscribeToMicroEvent(const std::string& name, const std::string& callbackModule);
+
+  // In-process observers of every insertData and raiseMicroEvent, called on the
+  // notification thread in raise order. An observer that throws is logged. After
+  // removeObserver returns (from any thread) the observer is never called again; an
+  // observer may remove itself or others while it runs.
+  int addObserver(Observer observer);
+  void removeObserver(int id);
+
+  // Waits until every notification queued so far has been delivered; false on time-out.
+  bool flushNotifications(int timeoutMs);
+
+private:
+  void bindMethods();
+  void storeAndNotify(const char* method, const std::string& key, const ZRValue& value);
+
+  // Guards fData, fEvents and fSubscriptions. Taken before the notifier's queue lock
+  // (storeAndNotify queues under it, so queue order is store order); never held while
+  // anything outside the module is called.
+  std::mutex fDataMutex;
+  std::map<std::string, ZRValue> fData;
+  std::set<std::string> fEvents;
+  std::map<std::string, std::vector<std::shared_ptr<detail::MemorySubscription>>> fSubscriptions;
+
+  std::unique_ptr<detail::MemoryNotifier> fNotifier;
+};
+
+}  // namespace ZR

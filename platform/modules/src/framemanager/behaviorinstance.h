@@ -1,0 +1,59 @@
+// One instance of a behavior: its program and the state of its run. run() executes
+// the steps on the caller's thread; requestExit() from any thread makes it return
+// promptly, also from the middle of a <wait>.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <boost/shared_ptr.hpp>
+
+#include "framemanager/behaviorprogram.h"
+
+namespace ZR {
+
+class ZRBroker;
+
+namespace detail {
+
+class BehaviorInstance {
+public:
+  BehaviorInstance(std::string id, std::string name,
+                   std::shared_ptr<const BehaviorProgram> program);
+
+  const std::string& id() const { return fId; }
+  const std::string& name() const { return fName; }
+  const BehaviorProgram& program() const { return *fProgram; }
+
+  // Runs the steps until the end, a failing step (ZRError) or an exit request. An exit
+  // requested while the instance was not running ends the next run before its first
+  // step. A second run of the same instance at the same time is a ZRError.
+  void run(const std::string& module, const boost::shared_ptr<ZRBroker>& broker);
+  void requestExit();
+  bool isRunning() const;
+
+private:
+  struct Context;
+  bool runSteps(const std::vector<BehaviorStep>& steps, Context& context);
+  bool runStep(const BehaviorStep& step, Context& context);
+  bool waitOrExit(int milliseconds);  // false when an exit ended the wait
+  bool exitRequested() const { return fExitRequested.load(std::memory_order_acquire); }
+
+  const std::string fId;
+  const std::string fName;
+  const std::shared_ptr<const BehaviorProgram> fProgram;
+
+  // Guards fRunning and the waits on fWake; fExitRequested is also read without it
+  // between steps, and written under it so that a waiting run cannot miss it.
+  mutable std::mutex fMutex;
+  std::condition_variable fWake;
+  std::atomic<bool> fExitRequested{false};
+  bool fRunning = false;
+};
+
+}  // namespace detail
+}  // namespace ZR

@@ -1,0 +1,168 @@
+#include <zr/modules/zrframemanager.h>
+
+#include <algorithm>
+#include <atomic>
+
+#include <boost/filesystem.hpp>
+
+#include <vu/log.h>
+#include <zr/zrbroker.h>
+#include <zr/zrerror.h>
+
+#include "detail/zrmodulebinding.h"
+#include "framemanager/behaviorinstance.h"
+#include "framemanager/behaviorprogram.h"
+
+namespace ZR {
+namespace {
+
+const char* const kCategory = "zr.framemanager";
+
+// Ids are unique in the process, across frame managers.
+std::string nextInstanceId() {
+  static std::atomic<unsigned long long> counter{0};
+  return std::to_string(++counter);
+}
+
+unsigned long long idOrder(const std::string& id) {
+  return id.empty() ? 0 : std::stoull(id);
+}
+
+}  // namespace
+
+ZRFrameManager::ZRFrameManager(boost::shared_ptr<ZRBroker> broker, const std::string& name)
+    : ZRModule(broker, name) {
+  setModuleDescription(
+      "Executes behaviors: reads behavior files into instances and runs each instance "
+      "on the thread of its caller until it ends or is exited.");
+  bindMethods();
+}
+
+ZRFrameManager::~ZRFrameManager() {
+  if (getParentBroker()) getParentBroker()->unregisterModule(this);
+  cleanBehaviors();
+}
+
+void ZRFrameManager::bindMethods() {
+  using detail::bindMember;
+  bindMember(this, &ZRFrameManager::newBehaviorFromFile,
+             {"newBehaviorFromFile",
+              "Read a behavior file and create an instance of it. A folder stands for "
+              "its behavior.xar.",
+              {{"xarPath", "path of the behavior file"},
+               {"behaviorName", "name of the behavior, used in its log lines"}},
+              "id",
+              "the id of the new instance"});
+  bindMember(this, &ZRFrameManager::completeBehavior,
+             {"completeBehavior",
+              "Run an instance on the calling thread; return when it has ended or was "
+              "exited. A failing step is an error.",
+              {{"id", "the instance id"}}});
+  bindMember(this, &ZRFrameManager::exitBehavior,
+             {"exitBehavior",
+              "End the run of an instance promptly. Ignored for an unknown id.",
+              {{"id", "the instance id"}}});
+  bindMember(this, &ZRFrameManager::deleteBehavior,
+             {"deleteBehavior",
+              "Destroy an instance, exiting it first if it runs. Ignored for an unknown id.",
+              {{"id", "the instance id"}}});
+  bindMember(this, &ZRFrameManager::cleanBehaviors,
+             {"cleanBehaviors", "Exit and destroy every instance.", {}});
+  bindMember(this, &ZRFrameManager::isBehaviorRunning,
+             {"isBehaviorRunning",
+              "Tell whether an instance is running. False for an unknown id.",
+              {{"id", "the instance id"}},
+              "running",
+              "true while completeBehavior runs it"});
+  bindMember(this, &ZRFrameManager::getBehaviorInstances,
+             {"getBehaviorInstances", "List the ids of the instances, oldest first.", {}, "ids",
+              "the instance ids"});
+}
+
+std::string ZRFrameManager::newBehaviorFromFile(const std::string& xarPath,
+                                                const std::string& behaviorName) {
+  if (xarPath.empty()) {
+    throw ZRError(getName(), "newBehaviorFromFile", "the behavior file path is empty", __FILE__,
+                  __LINE__);
+  }
+  std::string path = xarPath;
+  boost::system::error_code error;
+  if (boost::filesystem::is_directory(path, error)) {
+    path = (boost::filesystem::path(path) / "behavior.xar").string();
+  }
+  std::shared_ptr<const detail::BehaviorProgram> program =
+      detail::loadBehaviorProgram(getName(), path);
+  const std::string id = nextInstanceId();
+  auto instance = std::make_shared<detail::BehaviorInstance>(
+      id, behaviorName.empty() ? path : behaviorName, std::move(program));
+  {
+    std::lock_guard<std::mutex> lock(fInstancesMutex);
+    fInstances.emplace(id, instance);
+  }
+  vu::log::write(vu::log::verbose, kCategory, "newBehaviorFromFile",
+                 "instance " + id + " of " + instance->name() + " from " + path + " (" +
+                     std::to_string(instance->program().stepCount) + " steps)");
+  return id;
+}
+
+std::shared_ptr<detail::BehaviorInstance> ZRFrameManager::find(const std::string& id) {
+  std::lock_guard<std::mutex> lock(fInstancesMutex);
+  const auto found = fInstances.find(id);
+  return found == fInstances.end() ? nullptr : found->second;
+}
+
+void ZRFrameManager::completeBehavior(const std::string& id) {
+  const std::shared_ptr<detail::BehaviorInstance> instance = find(id);
+  if (!instance) {
+    throw ZRError(getName(), "completeBehavior",
+                  "there is no behavior instance with the id \"" + id + "\"", __FILE__, __LINE__);
+  }
+  instance->run(getName(), getParentBroker());
+}
+
+void ZRFrameManager::exitBehavior(const std::string& id) {
+  if (const auto instance = find(id)) instance->requestExit();
+}
+
+void ZRFrameManager::deleteBehavior(const std::string& id) {
+  std::shared_ptr<detail::BehaviorInstance> instance;
+  {
+    std::lock_guard<std::mutex> lock(fInstancesMutex);
+    const auto found = fInstances.find(id);
+    if (found == fInstances.end()) return;
+    instance = found->second;
+    fInstances.erase(found);
+  }
+  // A run in progress keeps the instance alive until it has returned. The request is
+  // made even when no run is seen: a caller that found the instance just before it
+  // was erased then ends before the first step.
+  instance->requestExit();
+}
+
+void ZRFrameManager::cleanBehaviors() {
+  std::map<std::string, std::shared_ptr<detail::BehaviorInstance>> instances;
+  {
+    std::lock_guard<std::mutex> lock(fInstancesMutex);
+    instances.swap(fInstances);
+  }
+  for (const auto& entry : instances) entry.second->requestExit();
+}
+
+bool ZRFrameManager::isBehaviorRunning(const std::string& id) {
+  const auto instance = find(id);
+  return instance && instance->isRunning();
+}
+
+std::vector<std::string> ZRFrameManager::getBehaviorInstances() {
+  std::vector<std::string> ids;
+  {
+    std::lock_guard<std::mutex> lock(fInstancesMutex);
+    for (const auto& entry : fInstances) ids.push_back(entry.first);
+  }
+  std::sort(ids.begin(), ids.end(), [](const std::string& a, const std::string& b) {
+    return idOrder(a) < idOrder(b);
+  });
+  return ids;
+}
+
+}  // namespace ZR

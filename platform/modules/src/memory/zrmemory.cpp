@@ -1,0 +1,219 @@
+#include <zr/modules/zrmemory.h>
+
+#include <vu/log.h>
+#include <zr/zrbroker.h>
+#include <zr/zrerror.h>
+
+#include "detail/zrmodulebinding.h"
+#include "memory/memorynotifier.h"
+
+namespace ZR {
+namespace {
+
+const char* const kCategory = "zr.memory";
+
+}  // namespace
+
+ZRMemory::ZRMemory(boost::shared_ptr<ZRBroker> broker, const std::string& name)
+    : ZRModule(broker, name),
+      fNotifier(new detail::MemoryNotifier(name, broker, kMaxPendingNotifications)) {
+  setModuleDescription(
+      "Shared memory of the middleware: named data, events, and notification of the "
+      "modules that subscribed to a key.");
+  bindMethods();
+}
+
+ZRMemory::~ZRMemory() {
+  // Withdraw from the broker first so no new call reaches a half-destroyed module.
+  if (getParentBroker()) getParentBroker()->unregisterModule(this);
+  fNotifier.reset();
+}
+
+void ZRMemory::bindMethods() {
+  using detail::bindMember;
+  bindMember(this, &ZRMemory::insertData,
+             {"insertData",
+              "Store a value under a key, replacing the previous one, and notify the "
+              "subscribers of the key.",
+              {{"key", "name of the data"}, {"value", "the value to store"}}});
+  bindMember(this, &ZRMemory::getData,
+             {"getData",
+              "Get the value stored under a key. A key that holds nothing is an error.",
+              {{"key", "name of the data"}},
+              "value",
+              "the stored value"});
+  bindMember(this, &ZRMemory::getDataList,
+             {"getDataList",
+              "List the keys that begin with a prefix, sorted.",
+              {{"prefix", "the beginning of the keys to list; empty lists every key"}},
+              "keys",
+              "the matching keys"});
+  bindMember(this, &ZRMemory::removeData,
+             {"removeData",
+              "Remove a key, its value and its event declaration. Subscriptions stay.",
+              {{"key", "name of the data"}}});
+  bindMember(this, &ZRMemory::declareEvent,
+             {"declareEvent",
+              "Declare an event: the key exists from now on and getEventList lists it.",
+              {{"name", "name of the event"}}});
+  bindMember(this, &ZRMemory::getEventList,
+             {"getEventList", "List the declared events, sorted.", {}, "events",
+              "the declared events"});
+  bindMember(this, &ZRMemory::raiseMicroEvent,
+             {"raiseMicroEvent",
+              "Store a value under an event's key and notify its subscribers. Returns at "
+              "once; the notifications run on the module's notification thread.",
+              {{"name", "name of the event"}, {"value", "the value of the event"}}});
+  bindMember(this, &ZRMemory::subscribeToMicroEvent,
+             {"subscribeToMicroEvent",
+              "Call callbackModule.callbackMethod(name, value, callbackMessage) whenever "
+              "the key is raised or inserted. Subscribing again replaces the previous "
+              "subscription of that module.",
+              {{"name", "name of the event or data"},
+               {"callbackModule", "module to call"},
+               {"callbackMessage", "text passed back as the third argument"},
+               {"callbackMethod", "method to call; it takes three parameters"}}});
+  bindMember(this, &ZRMemory::unsubscribeToMicroEvent,
+             {"unsubscribeToMicroEvent",
+              "Stop notifying a module of a key. Notifications already queued for it are "
+              "not delivered.",
+              {{"name", "name of the event or data"}, {"callbackModule", "the subscribed module"}}});
+}
+
+namespace {
+
+void requireKey(const std::string& module, const char* method, const std::string& key) {
+  if (key.empty()) {
+    throw ZRError(module, method, "the key is empty", __FILE__, __LINE__);
+  }
+}
+
+}  // namespace
+
+void ZRMemory::storeAndNotify(const char* method, const std::string& key, const ZRValue& value) {
+  requireKey(getName(), method, key);
+  detail::MemoryNotifier::PushResult pushed;
+  {
+    std::lock_guard<std::mutex> lock(fDataMutex);
+    fData[key] = value;
+    detail::MemoryNotification notification{key, value, {}};
+    const auto found = fSubscriptions.find(key);
+    if (found != fSubscriptions.end()) notification.subscribers = found->second;
+    pushed = fNotifier->push(std::move(notification));
+  }
+  if (pushed == detail::MemoryNotifier::PushResult::firstDrop) {
+    vu::log::write(vu::log::error, kCategory, method,
+                   "the notification of " + key + " was dropped: " +
+                       std::to_string(kMaxPendingNotifications) +
+                       " notifications are waiting for delivery");
+  }
+}
+
+void ZRMemory::insertData(const std::string& key, const ZRValue& value) {
+  storeAndNotify("insertData", key, value);
+}
+
+void ZRMemory::raiseMicroEvent(const std::string& name, const ZRValue& value) {
+  storeAndNotify("raiseMicroEvent", name, value);
+}
+
+ZRValue ZRMemory::getData(const std::string& key) {
+  std::lock_guard<std::mutex> lock(fDataMutex);
+  const auto found = fData.find(key);
+  if (found == fData.end()) {
+    throw ZRError(getName(), "getData", "there is no data named \"" + key + "\"", __FILE__,
+                  __LINE__);
+  }
+  return found->second;
+}
+
+std::vector<std::string> ZRMemory::getDataList(const std::string& prefix) {
+  std::vector<std::string> keys;
+  std::lock_guard<std::mutex> lock(fDataMutex);
+  for (auto it = fData.lower_bound(prefix); it != fData.end(); ++it) {
+    if (it->first.compare(0, prefix.size(), prefix) != 0) break;
+    keys.push_back(it->first);
+  }
+  return keys;
+}
+
+void ZRMemory::removeData(const std::string& key) {
+  std::lock_guard<std::mutex> lock(fDataMutex);
+  if (fData.erase(key) == 0) {
+    throw ZRError(getName(), "removeData", "there is no data named \"" + key + "\"", __FILE__,
+                  __LINE__);
+  }
+  fEvents.erase(key);
+}
+
+void ZRMemory::declareEvent(const std::string& name) {
+  requireKey(getName(), "declareEvent", name);
+  std::lock_guard<std::mutex> lock(fDataMutex);
+  fEvents.insert(name);
+  fData.emplace(name, ZRValue());  // keeps a value already stored
+}
+
+std::vector<std::string> ZRMemory::getEventList() {
+  std::lock_guard<std::mutex> lock(fDataMutex);
+  return std::vector<std::string>(fEvents.begin(), fEvents.end());
+}
+
+void ZRMemory::subscribeToMicroEvent(const std::string& name, const std::string& callbackModule,
+                                     const std::string& callbackMessage,
+                                     const std::string& callbackMethod) {
+  requireKey(getName(), "subscribeToMicroEvent", name);
+  const boost::shared_ptr<ZRBroker> broker = getParentBroker();
+  if (!broker || !broker->hasModule(callbackModule)) {
+    throw ZRError(getName(), "subscribeToMicroEvent",
+                  "cannot subscribe " + callbackModule + " to " + name +
+                      ": no module of that name is hosted",
+                  __FILE__, __LINE__);
+  }
+  bool takesThree = false;
+  for (const ZRMethodInfo& info : broker->getMethods(callbackModule)) {
+    if (info.name == callbackMethod && info.arity() == 3) takesThree = true;
+  }
+  if (!takesThree) {
+    throw ZRError(getName(), "subscribeToMicroEvent",
+                  "cannot subscribe " + callbackModule + " to " + name + ": it has no method " +
+                      callbackMethod + " taking three parameters (name, value, message)",
+                  __FILE__, __LINE__);
+  }
+  auto subscription =
+      std::make_shared<detail::MemorySubscription>(callbackModule, callbackMessage, callbackMethod);
+  std::lock_guard<std::mutex> lock(fDataMutex);
+  auto& list = fSubscriptions[name];
+  for (auto& existing : list) {
+    if (existing->module == callbackModule) {
+      existing->active = false;
+      existing = subscription;
+      return;
+    }
+  }
+  list.push_back(subscription);
+}
+
+void ZRMemory::unsubscribeToMicroEvent(const std::string& name, const std::string& callbackModule) {
+  std::lock_guard<std::mutex> lock(fDataMutex);
+  const auto found = fSubscriptions.find(name);
+  if (found != fSubscriptions.end()) {
+    auto& list = found->second;
+    for (auto it = list.begin(); it != list.end(); ++it) {
+      if ((*it)->module != callbackModule) continue;
+      (*it)->active = false;
+      list.erase(it);
+      if (list.empty()) fSubscriptions.erase(found);
+      return;
+    }
+  }
+  throw ZRError(getName(), "unsubscribeToMicroEvent",
+                callbackModule + " is not subscribed to " + name, __FILE__, __LINE__);
+}
+
+int ZRMemory::addObserver(Observer observer) { return fNotifier->addObserver(std::move(observer)); }
+
+void ZRMemory::removeObserver(int id) { fNotifier->removeObserver(id); }
+
+bool ZRMemory::flushNotifications(int timeoutMs) { return fNotifier->flush(timeoutMs); }
+
+}  // namespace ZR

@@ -1,0 +1,359 @@
+// ZRMemory: data, events, subscribers on the notification thread, observers.
+#include <zr/modules/zrmemory.h>
+
+#include <atomic>
+#include <future>
+#include <memory>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include <zr/proxies/zrmemoryproxy.h>
+#include <zr/zrerror.h>
+
+#include "testsupport.h"
+
+using namespace ZR;
+using modulestest::Gate;
+using modulestest::LogCapture;
+using modulestest::RecordingModule;
+
+namespace {
+
+class MemoryTest : public ::testing::Test {
+protected:
+  boost::shared_ptr<ZRBroker> broker = ZRBroker::create();
+  std::unique_ptr<ZRMemory> memory{new ZRMemory(broker)};
+};
+
+TEST_F(MemoryTest, StoresAndReturnsValuesOfEveryType) {
+  memory->insertData("A/Int", 3);
+  memory->insertData("A/String", std::string("yes"));
+  memory->insertData("A/List", ZRValue(std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(memory->getData("A/Int"), ZRValue(3));
+  EXPECT_EQ(memory->getData("A/String"), ZRValue("yes"));
+  EXPECT_EQ(memory->getData("A/List").toStringVector(), (std::vector<std::string>{"a", "b"}));
+  memory->insertData("A/Int", 4);
+  EXPECT_EQ(memory->getData("A/Int"), ZRValue(4));
+}
+
+TEST_F(MemoryTest, UnknownKeyIsAnErrorNamingIt) {
+  try {
+    memory->getData("Nowhere/Key");
+    FAIL() << "getData of an unknown key returned";
+  } catch (const ZRError& error) {
+    EXPECT_EQ(error.module(), "ZRMemory");
+    EXPECT_EQ(error.method(), "getData");
+    EXPECT_NE(error.description().find("Nowhere/Key"), std::string::npos);
+  }
+  EXPECT_THROW(memory->removeData("Nowhere/Key"), ZRError);
+  EXPECT_THROW(memory->insertData("", 1), ZRError);
+}
+
+TEST_F(MemoryTest, ListsKeysByPrefixSortedAndRemoves) {
+  for (const char* key : {"B/2", "A/1", "B/1", "BB", "C"}) memory->insertData(key, 1);
+  EXPECT_EQ(memory->getDataList("B/"), (std::vector<std::string>{"B/1", "B/2"}));
+  EXPECT_EQ(memory->getDataList("B"), (std::vector<std::string>{"B/1", "B/2", "BB"}));
+  EXPECT_EQ(memory->getDataList("").size(), 5u);
+  memory->removeData("B/1");
+  EXPECT_EQ(memory->getDataList("B/"), (std::vector<std::string>{"B/2"}));
+  EXPECT_THROW(memory->getData("B/1"), ZRError);
+}
+
+TEST_F(MemoryTest, DeclaredEventsExistAndKeepTheirValue) {
+  memory->insertData("Ev/B", 7);
+  memory->declareEvent("Ev/A");
+  memory->declareEvent("Ev/B");
+  memory->declareEvent("Ev/A");
+  EXPECT_EQ(memory->getEventList(), (std::vector<std::string>{"Ev/A", "Ev/B"}));
+  EXPECT_FALSE(memory->getData("Ev/A").isValid());
+  EXPECT_EQ(memory->getData("Ev/B"), ZRValue(7));  // declaring keeps a stored value
+  memory->raiseMicroEvent("Ev/A", std::string("on"));
+  EXPECT_EQ(memory->getData("Ev/A"), ZRValue("on"));
+  EXPECT_THROW(memory->declareEvent(""), ZRError);
+}
+
+TEST_F(MemoryTest, SubscribersGetEveryValueInRaiseOrderOnTheNotificationThread) {
+  RecordingModule subscriber(broker, "Subscriber");
+  memory->subscribeToMicroEvent("Counter", "Subscriber", "my message", "onEvent");
+  const int count = 300;
+  for (int i = 0; i < count; ++i) {
+    if (i % 3 == 0) {
+      memory->insertData("Counter", i);  // insertData notifies too
+    } else {
+      memory->raiseMicroEvent("Counter", i);
+    }
+  }
+  ASSERT_TRUE(subscriber.waitFor(count));
+  const auto calls = subscriber.calls();
+  ASSERT_EQ(calls.size(), static_cast<std::size_t>(count));
+  for (int i = 0; i < count; ++i) {
+    EXPECT_EQ(calls[i].name, "Counter");
+    EXPECT_EQ(calls[i].value, ZRValue(i));
+    EXPECT_EQ(calls[i].message, "my message");
+    EXPECT_EQ(calls[i].thread, calls[0].thread) << "every call on the one notification thread";
+  }
+  EXPECT_NE(calls[0].thread, std::this_thread::get_id());
+}
+
+TEST_F(MemoryTest, EachRaisingThreadsOrderIsKept) {
+  RecordingModule subscriber(broker, "Subscriber");
+  memory->subscribeToMicroEvent("T0", "Subscriber", "", "onEvent");
+  memory->subscribeToMicroEvent("T1", "Subscriber", "", "onEvent");
+  const int perThread = 500;
+  std::vector<std::thread> raisers;
+  for (int t = 0; t < 2; ++t) {
+    raisers.emplace_back([&, t] {
+      for (int i = 0; i < perThread; ++i) memory->raiseMicroEvent("T" + std::to_string(t), i);
+    });
+  }
+  for (auto& thread : raisers) thread.join();
+  ASSERT_TRUE(subscriber.waitFor(2 * perThread));
+  int next[2] = {0, 0};
+  for (const auto& call : subscriber.calls()) {
+    const int t = call.name == "T0" ? 0 : 1;
+    EXPECT_EQ(call.value, ZRValue(next[t]));
+    ++next[t];
+  }
+  EXPECT_EQ(next[0], perThread);
+  EXPECT_EQ(next[1], perThread);
+}
+
+TEST_F(MemoryTest, AThrowingSubscriberIsLoggedAndDoesNotStopOthers) {
+  LogCapture log;
+  RecordingModule thrower(broker, "Thrower", [](const RecordingModule::Call&) {
+    throw ZRError("Thrower", "onEvent", "refused on purpose");
+  });
+  RecordingModule good(broker, "Good");
+  memory->subscribeToMicroEvent("Key", "Thrower", "", "onEvent");  // called first
+  memory->subscribeToMicroEvent("Key", "Good", "", "onEvent");
+  for (int i = 0; i < 20; ++i) memory->raiseMicroEvent("Key", i);
+  ASSERT_TRUE(good.waitFor(20));
+  ASSERT_TRUE(memory->flushNotifications(20000));
+  const auto calls = good.calls();
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(calls[i].value, ZRValue(i));
+  EXPECT_EQ(log.count("zr.memory", "Thrower.onEvent failed for Key: refused on purpose"), 20);
+}
+
+TEST_F(MemoryTest, ABlockedSubscriberNeitherBlocksRaisingNorLosesLaterNotifications) {
+  Gate inside;
+  Gate release;
+  RecordingModule slow(broker, "Slow", [&](const RecordingModule::Call&) {
+    inside.open();
+    release.wait();
+  });
+  RecordingModule fast(broker, "Fast");
+  memory->subscribeToMicroEvent("Key", "Slow", "", "onEvent");
+  memory->subscribeToMicroEvent("Key", "Fast", "", "onEvent");
+
+  memory->raiseMicroEvent("Key", 0);
+  ASSERT_TRUE(inside.wait());  // the notification thread is now stuck in Slow
+  // Raising goes on while the subscriber blocks; the raises all return.
+  auto raising = std::async(std::launch::async, [&] {
+    for (int i = 1; i < 1000; ++i) memory->raiseMicroEvent("Key", i);
+  });
+  ASSERT_EQ(raising.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  EXPECT_FALSE(release.isOpen());
+  EXPECT_EQ(memory->getData("Key"), ZRValue(999));
+
+  release.open();
+  ASSERT_TRUE(fast.waitFor(1000));
+  const auto calls = fast.calls();
+  for (int i = 0; i < 1000; ++i) EXPECT_EQ(calls[i].value, ZRValue(i));
+}
+
+TEST_F(MemoryTest, AFullQueueDropsNotificationsButStillStoresTheValues) {
+  LogCapture log;
+  Gate inside;
+  Gate release;
+  RecordingModule slow(broker, "Slow", [&](const RecordingModule::Call& call) {
+    if (call.value == ZRValue(-1)) {
+      inside.open();
+      release.wait();
+    }
+  });
+  memory->subscribeToMicroEvent("Key", "Slow", "", "onEvent");
+  memory->raiseMicroEvent("Key", -1);
+  ASSERT_TRUE(inside.wait());
+  const int extra = 7;
+  const int total = static_cast<int>(ZRMemory::kMaxPendingNotifications) + extra;
+  for (int i = 0; i < total; ++i) memory->raiseMicroEvent("Key", i);
+  EXPECT_EQ(memory->getData("Key"), ZRValue(total - 1));
+  EXPECT_EQ(log.count("zr.memory", "the notification of Key was dropped"), 1);
+  release.open();
+  ASSERT_TRUE(memory->flushNotifications(60000));
+  const auto calls = slow.calls();
+  ASSERT_EQ(calls.size(), ZRMemory::kMaxPendingNotifications + 1);
+  EXPECT_EQ(calls.back().value, ZRValue(total - extra - 1));  // the queued ones, in order
+  EXPECT_EQ(log.count("zr.memory", std::to_string(extra) + " notifications were dropped"), 1);
+}
+
+TEST_F(MemoryTest, SubscribingAgainReplacesAndUnsubscribingStops) {
+  RecordingModule subscriber(broker, "Subscriber");
+  memory->subscribeToMicroEvent("Key", "Subscriber", "first", "onEvent");
+  memory->subscribeToMicroEvent("Key", "Subscriber", "second", "onEvent");
+  memory->raiseMicroEvent("Key", 1);
+  ASSERT_TRUE(memory->flushNotifications(20000));
+  ASSERT_EQ(subscriber.size(), 1u);
+  EXPECT_EQ(subscriber.calls()[0].message, "second");
+
+  memory->unsubscribeToMicroEvent("Key", "Subscriber");
+  memory->raiseMicroEvent("Key", 2);
+  ASSERT_TRUE(memory->flushNotifications(20000));
+  EXPECT_EQ(subscriber.size(), 1u);
+  EXPECT_THROW(memory->unsubscribeToMicroEvent("Key", "Subscriber"), ZRError);
+}
+
+TEST_F(MemoryTest, RefusesSubscribersThatCannotBeCalled) {
+  RecordingModule subscriber(broker, "Subscriber");
+  EXPECT_THROW(memory->subscribeToMicroEvent("Key", "Nobody", "", "onEvent"), ZRError);
+  EXPECT_THROW(memory->subscribeToMicroEvent("Key", "Subscriber", "", "missing"), ZRError);
+  EXPECT_THROW(memory->subscribeToMicroEvent("Key", "Subscriber", "", "tick"), ZRError)
+      << "tick takes one parameter, a callback takes three";
+  EXPECT_THROW(memory->subscribeToMicroEvent("", "Subscriber", "", "onEvent"), ZRError);
+}
+
+TEST_F(MemoryTest, ObserversSeeEveryInsertAndRaiseInOrder) {
+  std::mutex mutex;
+  std::vector<std::pair<std::string, int>> seen;
+  std::thread::id observerThread;
+  const int id = memory->addObserver([&](const std::string& key, const ZRValue& value) {
+    std::lock_guard<std::mutex> lock(mutex);
+    seen.emplace_back(key, value.toInt());
+    observerThread = std::this_thread::get_id();
+  });
+  const int throwing =
+      memory->addObserver([](const std::string&, const ZRValue&) { throw std::runtime_error("x"); });
+  memory->insertData("A", 1);
+  memory->raiseMicroEvent("B", 2);
+  memory->insertData("A", 3);
+  ASSERT_TRUE(memory->flushNotifications(20000));
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    EXPECT_EQ(seen, (std::vector<std::pair<std::string, int>>{{"A", 1}, {"B", 2}, {"A", 3}}));
+    EXPECT_NE(observerThread, std::this_thread::get_id());
+  }
+  memory->removeObserver(id);
+  memory->removeObserver(throwing);
+  memory->raiseMicroEvent("B", 4);
+  ASSERT_TRUE(memory->flushNotifications(20000));
+  std::lock_guard<std::mutex> lock(mutex);
+  EXPECT_EQ(seen.size(), 3u);
+}
+
+TEST_F(MemoryTest, RemoveObserverReturnsOnlyAfterARunningCallEnded) {
+  Gate inside;
+  Gate release;
+  std::atomic<bool> callRunning{false};
+  std::atomic<int> calls{0};
+  const int id = memory->addObserver([&](const std::string&, const ZRValue&) {
+    callRunning = true;
+    ++calls;
+    inside.open();
+    release.wait();
+    callRunning = false;
+  });
+  memory->raiseMicroEvent("Key", 1);
+  ASSERT_TRUE(inside.wait());
+  std::atomic<bool> removed{false};
+  std::atomic<bool> runningWhenRemoved{true};
+  std::thread remover([&] {
+    memory->removeObserver(id);
+    runningWhenRemoved = callRunning.load();
+    removed = true;
+  });
+  // Give the remover time to reach removeObserver while the call is still blocked.
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_FALSE(removed.load()) << "removeObserver returned while its observer was running";
+  release.open();
+  remover.join();
+  EXPECT_FALSE(runningWhenRemoved.load());
+  memory->raiseMicroEvent("Key", 2);
+  ASSERT_TRUE(memory->flushNotifications(20000));
+  EXPECT_EQ(calls.load(), 1);
+}
+
+TEST_F(MemoryTest, AnObserverMayRemoveItselfWhileItRuns) {
+  std::atomic<int> calls{0};
+  std::atomic<int> id{0};
+  id = memory->addObserver([&](const std::string&, const ZRValue&) {
+    ++calls;
+    memory->removeObserver(id.load());
+  });
+  memory->raiseMicroEvent("Key", 1);
+  memory->raiseMicroEvent("Key", 2);
+  ASSERT_TRUE(memory->flushNotifications(20000));
+  EXPECT_EQ(calls.load(), 1);
+}
+
+TEST_F(MemoryTest, ASubscriberMayCallTheMemoryBack) {
+  std::atomic<int> echoes{0};
+  RecordingModule echo(broker, "Echo", [&](const RecordingModule::Call& call) {
+    if (call.name == "Ping") {
+      memory->insertData("Echo/Last", call.value);
+      memory->raiseMicroEvent("Pong", call.value);
+      ++echoes;
+    }
+  });
+  memory->subscribeToMicroEvent("Ping", "Echo", "", "onEvent");
+  memory->subscribeToMicroEvent("Pong", "Echo", "", "onEvent");
+  memory->raiseMicroEvent("Ping", 5);
+  ASSERT_TRUE(echo.waitFor(2));
+  EXPECT_EQ(echoes.load(), 1);
+  EXPECT_EQ(memory->getData("Echo/Last"), ZRValue(5));
+  EXPECT_EQ(echo.calls()[1].name, "Pong");
+}
+
+TEST_F(MemoryTest, ItsMethodsAreDescribedForIntrospection) {
+  std::map<std::string, ZRMethodInfo> methods;
+  for (const ZRMethodInfo& info : broker->getMethods("ZRMemory")) methods[info.name] = info;
+  for (const char* name :
+       {"insertData", "getData", "getDataList", "removeData", "declareEvent", "raiseMicroEvent",
+        "subscribeToMicroEvent", "unsubscribeToMicroEvent"}) {
+    ASSERT_EQ(methods.count(name), 1u) << name;
+    EXPECT_FALSE(methods[name].description.empty()) << name;
+  }
+  const ZRMethodInfo& subscribe = methods["subscribeToMicroEvent"];
+  ASSERT_EQ(subscribe.arity(), 4);
+  EXPECT_EQ(subscribe.parameters[1].name, "callbackModule");
+  EXPECT_EQ(subscribe.parameters[3].type, "std::string");
+  EXPECT_EQ(subscribe.returnType, "void");
+  EXPECT_EQ(methods["insertData"].parameters[1].type, "ZRValue");
+  EXPECT_EQ(methods["getData"].returnType, "ZRValue");
+  EXPECT_EQ(methods["getDataList"].returnType, "std::vector<std::string>");
+}
+
+TEST_F(MemoryTest, WrongArgumentTypesNameTheParameter) {
+  ZRValue args = ZRValue::array();
+  args.arrayPush(42);
+  args.arrayPush(1);
+  try {
+    broker->call("ZRMemory", "insertData", args);
+    FAIL() << "an int key was accepted";
+  } catch (const ZRError& error) {
+    EXPECT_EQ(error.method(), "insertData");
+    EXPECT_NE(error.description().find("parameter 1 (key)"), std::string::npos)
+        << error.description();
+  }
+}
+
+TEST_F(MemoryTest, TheProxyReachesTheModuleThroughTheBroker) {
+  ZRMemoryProxy proxy(broker);
+  RecordingModule subscriber(broker, "Subscriber");
+  proxy.declareEvent("P/Event");
+  proxy.subscribeToMicroEvent("P/Event", "Subscriber", "m", "onEvent");
+  proxy.insertData("P/Data", std::string("d"));
+  proxy.raiseMicroEvent("P/Event", 9);
+  EXPECT_EQ(proxy.getData("P/Data"), ZRValue("d"));
+  EXPECT_EQ(proxy.getDataList("P/"), (std::vector<std::string>{"P/Data", "P/Event"}));
+  EXPECT_EQ(proxy.getEventList(), (std::vector<std::string>{"P/Event"}));
+  ASSERT_TRUE(subscriber.waitFor(1));
+  EXPECT_EQ(subscriber.calls()[0].value, ZRValue(9));
+  proxy.unsubscribeToMicroEvent("P/Event", "Subscriber");
+  proxy.removeData("P/Data");
+  EXPECT_THROW(proxy.getData("P/Data"), ZRError);
+  auto specialised = broker->getSpecialisedProxy<ZRMemoryProxy>("ZRMemory");
+  EXPECT_EQ(specialised->getData("P/Event"), ZRValue(9));
+}
+
+}  // namespace
