@@ -1,0 +1,99 @@
+#include "detail/filecopy.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include <boost/filesystem.hpp>
+
+#include "detail/paths.h"
+
+namespace fs = boost::filesystem;
+
+namespace vu {
+namespace project {
+namespace detail {
+
+bool copyTree(const std::string& from, const std::string& to, std::string& error) {
+  boost::system::error_code code;
+  const fs::file_status status = fs::symlink_status(from, code);
+  if (code) {
+    error = "cannot read " + from + ": " + code.message();
+    return false;
+  }
+  switch (status.type()) {
+    case fs::symlink_file:
+      fs::copy_symlink(from, to, code);
+      break;
+    case fs::regular_file:
+      fs::copy_file(from, to, fs::copy_options::none, code);
+      break;
+    case fs::directory_file: {
+      fs::create_directory(to, code);
+      if (code) {
+        break;
+      }
+      fs::directory_iterator it(from, code);
+      for (; !code && it != fs::directory_iterator(); it.increment(code)) {
+        const std::string name = it->path().filename().string();
+        if (!copyTree(it->path().string(), joinPath(to, name), error)) {
+          return false;
+        }
+      }
+      if (!code) {
+        fs::permissions(to, fs::status(from).permissions(), code);
+      }
+      break;
+    }
+    default:
+      error = "cannot copy " + from + ": not a regular file, directory or symbolic link";
+      return false;
+  }
+  if (code) {
+    error = "cannot copy " + from + " to " + to + ": " + code.message();
+    return false;
+  }
+  return true;
+}
+
+bool removeTree(const std::string& path, std::string& error) {
+  boost::system::error_code code;
+  fs::remove_all(path, code);
+  if (code) {
+    error = "cannot remove " + path + ": " + code.message();
+    return false;
+  }
+  return true;
+}
+
+bool exchange(const std::string& a, const std::string& b, std::string& error) {
+  if (::renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE) == 0) {
+    return true;
+  }
+  if (errno != EINVAL && errno != ENOSYS) {
+    error = "cannot exchange " + a + " and " + b + ": " + std::strerror(errno);
+    return false;
+  }
+  // Without an atomic exchange: b aside, a into its place, the old b where a was.
+  const std::string aside = stagingPath(fs::path(b).parent_path().string(), ".old");
+  if (std::rename(b.c_str(), aside.c_str()) != 0) {
+    error = "cannot move " + b + " aside: " + std::strerror(errno);
+    return false;
+  }
+  if (std::rename(a.c_str(), b.c_str()) != 0) {
+    error = "cannot move " + a + " to " + b + ": " + std::strerror(errno);
+    std::rename(aside.c_str(), b.c_str());
+    return false;
+  }
+  if (std::rename(aside.c_str(), a.c_str()) != 0) {
+    std::string ignored;
+    removeTree(aside, ignored);  // the old b is not wanted anyway
+  }
+  return true;
+}
+
+}  // namespace detail
+}  // namespace project
+}  // namespace vu

@@ -1,0 +1,338 @@
+#include <vu/project/package.h>
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+#include <vector>
+
+#include <boost/filesystem.hpp>
+
+#include "detail/filecopy.h"
+#include "detail/paths.h"
+
+namespace fs = boost::filesystem;
+
+namespace vu {
+namespace project {
+namespace {
+
+struct ReaderDeleter {
+  void operator()(struct archive* a) const { archive_read_free(a); }
+};
+struct WriterDeleter {
+  void operator()(struct archive* a) const { archive_write_free(a); }
+};
+
+std::string errorText(struct archive* a) {
+  const char* text = archive_error_string(a);
+  return text != nullptr ? text : "unknown error";
+}
+
+bool exists(const std::string& path) {
+  struct stat info;
+  return ::lstat(path.c_str(), &info) == 0;
+}
+
+bool isRealDirectory(const std::string& path) {
+  struct stat info;
+  return ::lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+// A link target is accepted when it is relative, its ".." components all come first, and
+// they do not climb above the package's top level from the link's directory (which is a
+// real directory: nothing is written through a link). Then the target cannot resolve
+// outside the package, whatever links it passes.
+bool linkStaysInside(const std::string& linkPath, const std::string& target) {
+  if (target.empty() || target[0] == '/') {
+    return false;
+  }
+  long depth = static_cast<long>(std::count(linkPath.begin(), linkPath.end(), '/'));
+  bool descending = false;
+  std::string::size_type start = 0;
+  while (start <= target.size()) {
+    std::string::size_type end = target.find('/', start);
+    if (end == std::string::npos) {
+      end = target.size();
+    }
+    const std::string part = target.substr(start, end - start);
+    if (part == "..") {
+      if (descending || --depth < 0) {
+        return false;
+      }
+    } else if (!part.empty() && part != ".") {
+      descending = true;
+    }
+    start = end + 1;
+  }
+  return true;
+}
+
+class Unpacker {
+ public:
+  Unpacker(const std::string& package, const std::string& into)
+      : package_(package), into_(into) {}
+
+  ArchiveFormat run(ArchiveFormat format) {
+    std::unique_ptr<struct archive, ReaderDeleter> reader(archive_read_new());
+    std::unique_ptr<struct archive, WriterDeleter> writer(archive_write_disk_new());
+    if (!reader || !writer) {
+      throw std::runtime_error("cannot unpack " + package_ + ": out of memory");
+    }
+    archive_read_support_filter_all(reader.get());
+    if (format == ArchiveFormatDetect || format == ArchiveFormatZip) {
+      archive_read_support_format_zip(reader.get());
+    }
+    if (format == ArchiveFormatDetect || format == ArchiveFormatTar) {
+      archive_read_support_format_tar(reader.get());
+    }
+    // Entries never pass through a link on disk, nor climb with "..".
+    archive_write_disk_set_options(writer.get(), ARCHIVE_EXTRACT_TIME |
+                                                     ARCHIVE_EXTRACT_SECURE_SYMLINKS |
+                                                     ARCHIVE_EXTRACT_SECURE_NODOTDOT);
+    if (archive_read_open_filename(reader.get(), package_.c_str(), 64 * 1024) != ARCHIVE_OK) {
+      fail(errorText(reader.get()));
+    }
+    int files = 0;
+    for (;;) {
+      struct archive_entry* entry = nullptr;
+      const int status = archive_read_next_header(reader.get(), &entry);
+      if (status == ARCHIVE_EOF) {
+        break;
+      }
+      if (status < ARCHIVE_WARN) {
+        fail(errorText(reader.get()));
+      }
+      if (unpackEntry(reader.get(), writer.get(), entry)) {
+        ++files;
+      }
+    }
+    if (archive_write_close(writer.get()) != ARCHIVE_OK) {
+      fail("cannot finish unpacking: " + errorText(writer.get()));
+    }
+    if (files == 0) {
+      fail("the archive holds no file");
+    }
+    switch (archive_format(reader.get()) & ARCHIVE_FORMAT_BASE_MASK) {
+      case ARCHIVE_FORMAT_ZIP: return ArchiveFormatZip;
+      case ARCHIVE_FORMAT_TAR: return ArchiveFormatTar;
+      default: return ArchiveFormatUnknown;
+    }
+  }
+
+ private:
+  [[noreturn]] void fail(const std::string& reason) const {
+    throw std::runtime_error(package_ + " is not a package: " + reason);
+  }
+
+  // The entry's path inside the package, checked: relative and without "..".
+  std::string checkedPath(const char* name, const char* what) const {
+    if (name == nullptr || *name == '\0') {
+      fail(std::string("an entry has no ") + what);
+    }
+    if (name[0] == '/') {
+      fail(std::string("entry \"") + name + "\" has an absolute " + what);
+    }
+    std::string rel;
+    if (!detail::normalizeRelative(name, rel)) {
+      fail(std::string("entry \"") + name + "\" leads outside the package (\"..\" in its " +
+           what + ")");
+    }
+    return rel;
+  }
+
+  // Unpacks one entry; false for an entry that names the top level itself.
+  bool unpackEntry(struct archive* reader, struct archive* writer, struct archive_entry* entry) {
+    const char* name = archive_entry_pathname(entry);
+    const std::string rel = checkedPath(name, "path");
+    const mode_t type = archive_entry_filetype(entry);
+    const char* hardlink = archive_entry_hardlink(entry);
+    if (rel.empty()) {
+      if (type != AE_IFDIR) {
+        fail(std::string("entry \"") + name + "\" is not a file name");
+      }
+      archive_read_data_skip(reader);
+      return false;
+    }
+    std::string hardlinkTarget;
+    if (hardlink != nullptr) {
+      hardlinkTarget = detail::joinPath(into_, checkedPath(hardlink, "link target"));
+    } else if (type == AE_IFLNK) {
+      const char* target = archive_entry_symlink(entry);
+      if (target == nullptr || !linkStaysInside(rel, target)) {
+        fail(std::string("entry \"") + name + "\" is a link pointing outside the package (to \"" +
+             (target != nullptr ? target : "") + "\")");
+      }
+    } else if (type != AE_IFREG && type != AE_IFDIR) {
+      fail(std::string("entry \"") + name + "\" is not a file, a directory or a link");
+    }
+    const std::string full = detail::joinPath(into_, rel);
+    archive_entry_set_pathname(entry, full.c_str());
+    if (hardlink != nullptr) {
+      archive_entry_set_hardlink(entry, hardlinkTarget.c_str());
+    }
+    if (archive_write_header(writer, entry) < ARCHIVE_WARN) {
+      fail(std::string("cannot unpack entry \"") + name + "\": " + errorText(writer));
+    }
+    if (archive_entry_size_is_set(entry) == 0 || archive_entry_size(entry) > 0) {
+      const void* block = nullptr;
+      size_t size = 0;
+      la_int64_t offset = 0;
+      for (;;) {
+        const int status = archive_read_data_block(reader, &block, &size, &offset);
+        if (status == ARCHIVE_EOF) {
+          break;
+        }
+        if (status < ARCHIVE_WARN) {
+          fail(std::string("cannot read entry \"") + name + "\": " + errorText(reader));
+        }
+        if (archive_write_data_block(writer, block, size, offset) < ARCHIVE_WARN) {
+          fail(std::string("cannot unpack entry \"") + name + "\": " + errorText(writer));
+        }
+      }
+    }
+    if (archive_write_finish_entry(writer) < ARCHIVE_WARN) {
+      fail(std::string("cannot unpack entry \"") + name + "\": " + errorText(writer));
+    }
+    return true;
+  }
+
+  const std::string package_;
+  const std::string into_;  // a real path (no link in it), so link checks start inside
+};
+
+// Moves every entry of from into the existing directory to, merging directories and
+// replacing anything else of the same name.
+void mergeInto(const std::string& from, const std::string& to) {
+  for (fs::directory_iterator it(from), end; it != end; ++it) {
+    const std::string name = it->path().filename().string();
+    const std::string source = it->path().string();
+    const std::string target = detail::joinPath(to, name);
+    if (isRealDirectory(source) && isRealDirectory(target)) {
+      mergeInto(source, target);
+      continue;
+    }
+    std::string error;
+    if (exists(target) && !detail::removeTree(target, error)) {
+      throw std::runtime_error(error);
+    }
+    if (std::rename(source.c_str(), target.c_str()) != 0) {
+      throw std::runtime_error("cannot move " + source + " to " + target + ": " +
+                               std::strerror(errno));
+    }
+  }
+}
+
+// Creates dir and its missing parents; returns the topmost directory it created ("" when
+// dir existed).
+std::string createDirectories(const std::string& dir) {
+  std::vector<std::string> missing;
+  for (std::string path = dir; !path.empty() && path != "/" && !exists(path);
+       path = fs::path(path).parent_path().string()) {
+    missing.push_back(path);
+  }
+  std::string created;
+  for (auto it = missing.rbegin(); it != missing.rend(); ++it) {
+    if (::mkdir(it->c_str(), 0777) != 0) {
+      const std::string reason = std::strerror(errno);
+      std::string ignored;
+      if (!created.empty()) {
+        detail::removeTree(created, ignored);
+      }
+      throw std::runtime_error("cannot create " + *it + ": " + reason);
+    }
+    if (created.empty()) {
+      created = *it;
+    }
+  }
+  return created;
+}
+
+std::string realPath(const std::string& path) {
+  char* resolved = ::realpath(path.c_str(), nullptr);
+  if (resolved == nullptr) {
+    throw std::runtime_error("cannot resolve " + path + ": " + std::strerror(errno));
+  }
+  std::string result(resolved);
+  std::free(resolved);
+  return result;
+}
+
+}  // namespace
+
+namespace {
+
+ArchiveFormat unpack(const std::string& packagePath, const std::string& destDir,
+                     ArchiveFormat format) {
+  struct stat info;
+  if (::stat(packagePath.c_str(), &info) != 0) {
+    throw std::runtime_error(packagePath + " is not a package: " + std::strerror(errno));
+  }
+  if (!S_ISREG(info.st_mode)) {
+    throw std::runtime_error(packagePath + " is not a package: not a regular file");
+  }
+  const std::string dest = detail::normalizeAbsolute(destDir);
+  if (dest.empty()) {
+    throw std::runtime_error("importProject: no destination directory for " + packagePath);
+  }
+  const bool destExists = exists(dest);
+  if (destExists && (::stat(dest.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))) {
+    throw std::runtime_error("importProject: " + dest + " exists and is not a directory");
+  }
+  const std::string parent = fs::path(dest).parent_path().string();
+  const std::string createdParent = createDirectories(parent);
+  // Unpacked beside the destination first: a failure then touches nothing there.
+  const std::string staging = detail::stagingPath(parent, ".unpack");
+  try {
+    if (::mkdir(staging.c_str(), 0777) != 0) {
+      throw std::runtime_error("cannot create " + staging + ": " + std::strerror(errno));
+    }
+    const ArchiveFormat found = Unpacker(packagePath, realPath(staging)).run(format);
+    if (!destExists) {
+      if (std::rename(staging.c_str(), dest.c_str()) != 0) {
+        throw std::runtime_error("cannot move " + staging + " to " + dest + ": " +
+                                 std::strerror(errno));
+      }
+    } else {
+      mergeInto(staging, dest);
+      std::string ignored;
+      detail::removeTree(staging, ignored);
+    }
+    return found;
+  } catch (...) {
+    std::string ignored;
+    detail::removeTree(staging, ignored);
+    if (!createdParent.empty()) {
+      detail::removeTree(createdParent, ignored);
+    }
+    throw;
+  }
+}
+
+}  // namespace
+
+void importProject(const std::string& packagePath, const std::string& destDir,
+                   ArchiveFormat& format) {
+  if (format != ArchiveFormatDetect && format != ArchiveFormatZip && format != ArchiveFormatTar) {
+    throw std::runtime_error("importProject: unsupported archive format " +
+                             std::to_string(static_cast<int>(format)));
+  }
+  try {
+    format = unpack(packagePath, destDir, format);
+  } catch (...) {
+    if (format == ArchiveFormatDetect) {
+      format = ArchiveFormatUnknown;
+    }
+    throw;
+  }
+}
+
+}  // namespace project
+}  // namespace vu

@@ -1,0 +1,70 @@
+// Helpers for the project library tests: scratch directories, behaviors on disk,
+// captured log lines and archives built with libarchive's write API.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <vu/log.h>
+
+namespace projecttest {
+
+// A fresh directory under the temporary directory, removed with everything in it.
+class ScratchDir {
+ public:
+  ScratchDir();
+  ~ScratchDir();
+  ScratchDir(const ScratchDir&) = delete;
+  ScratchDir& operator=(const ScratchDir&) = delete;
+  const std::string& path() const { return path_; }
+  std::string operator/(const std::string& rel) const { return path_ + "/" + rel; }
+
+ private:
+  std::string path_;
+};
+
+void writeFile(const std::string& path, const std::string& content);
+std::string readFile(const std::string& path);
+bool exists(const std::string& path);
+// The names in dir, sorted.
+std::vector<std::string> listDir(const std::string& dir);
+
+// A project.xml with the given Type (none when empty) and tags.
+std::string projectXml(const std::string& type, const std::vector<std::string>& tags);
+
+// Creates dir (and parents) holding behavior.xar with the given content and, when
+// tags are given, a project.xml of type "Behavior" carrying them.
+void makeBehavior(const std::string& dir, const std::vector<std::string>& tags = {},
+                  const std::string& xar = "<xar/>");
+
+// Captures every log line while alive.
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  std::vector<vu::log::Message> messages() const;
+  // The lines at the given level in the given category.
+  std::vector<std::string> texts(int level, const std::string& category) const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<vu::log::Message> messages_;
+};
+
+struct ArchiveEntry {
+  enum Kind { File, Directory, Symlink, Hardlink };
+  std::string path;
+  Kind kind = File;
+  std::string data;  // file content, or the target of a link
+};
+
+enum class Container { Zip, Tar, TarGz };
+
+void writeArchive(const std::string& file, Container container,
+                  const std::vector<ArchiveEntry>& entries);
+
+// Random bytes that do not compress.
+std::string noise(std::size_t size);
+
+}  // namespace projecttest
