@@ -1,12 +1,10 @@
 // Reading behavior files: every problem is a ZRError of ZRFrameManager.newBehaviorFromFile
 // naming the file, and the line and column of a problem inside it.
+#include <gtest/gtest.h>
 #include <zr/modules/zrframemanager.h>
+#include <zr/zrerror.h>
 
 #include <fstream>
-
-#include <gtest/gtest.h>
-
-#include <zr/zrerror.h>
 
 #include "testsupport.h"
 
@@ -16,7 +14,7 @@ using modulestest::TempDir;
 namespace {
 
 class BehaviorFileTest : public ::testing::Test {
-protected:
+ protected:
   TempDir dir;
   boost::shared_ptr<ZRBroker> broker = ZRBroker::create();
   std::unique_ptr<ZRFrameManager> frames{new ZRFrameManager(broker)};
@@ -68,10 +66,10 @@ TEST_F(BehaviorFileTest, MalformedXmlGivesLineAndColumn) {
   const std::string path = write("<behavior>\n  <log text=\"a\">\n</behavior>\n");
   EXPECT_EQ(errorOf(path),
             "behavior file " + path + " is malformed at line 3, column 3: Start-end tags mismatch");
-  const std::string attribute = write("<behavior>\n  <log text=\"a\"/>\n  <wait ms=5/>\n</behavior>\n");
-  EXPECT_EQ(errorOf(attribute).rfind("behavior file " + attribute +
-                                         " is malformed at line 3, column 12: ",
-                                     0),
+  const std::string attribute =
+      write("<behavior>\n  <log text=\"a\"/>\n  <wait ms=5/>\n</behavior>\n");
+  EXPECT_EQ(errorOf(attribute).rfind(
+                "behavior file " + attribute + " is malformed at line 3, column 12: ", 0),
             0u);
   const std::string empty = write("");
   EXPECT_EQ(errorOf(empty).rfind("behavior file " + empty + " is malformed at line 1, column 1", 0),

@@ -1,11 +1,9 @@
 // The proxies go through the broker: a test broker hosting its own stand-in under the
 // module's name is what they reach, misbehaviour included.
+#include <gtest/gtest.h>
 #include <zr/proxies/zrframemanagerproxy.h>
 #include <zr/proxies/zrmemoryproxy.h>
 #include <zr/proxies/zrpreferencesproxy.h>
-
-#include <gtest/gtest.h>
-
 #include <zr/zrerror.h>
 
 #include "testsupport.h"
@@ -16,7 +14,7 @@ namespace {
 
 // A module that answers every method it is given with a fixed behaviour.
 class StandIn : public ZRModule {
-public:
+ public:
   using Handler = std::function<ZRValue(const ZRValue& args)>;
   StandIn(boost::shared_ptr<ZRBroker> broker, const std::string& name) : ZRModule(broker, name) {}
 
@@ -61,9 +59,8 @@ TEST(ProxiesTest, TheMemoryProxyReachesAStandInAndPassesItsErrorsOn) {
 TEST(ProxiesTest, TheFrameManagerProxyReachesAStandIn) {
   auto broker = ZRBroker::create("test");
   StandIn frames(broker, "ZRFrameManager");
-  frames.add("newBehaviorFromFile", 2, [](const ZRValue& args) {
-    return ZRValue("id-of-" + args[1].toString());
-  });
+  frames.add("newBehaviorFromFile", 2,
+             [](const ZRValue& args) { return ZRValue("id-of-" + args[1].toString()); });
   frames.add("completeBehavior", 1, [](const ZRValue&) -> ZRValue {
     throw ZRError("ZRFrameManager", "completeBehavior", "failed on purpose");
   });

@@ -2,6 +2,15 @@
 // module that records the calls it receives (a subscriber or a <call> target).
 #pragma once
 
+#include <vu/log.h>
+#include <zr/zrbroker.h>
+#include <zr/zrfunctorbase.h>
+#include <zr/zrmodule.h>
+#include <zr/zrtypes.h>
+#include <zr/zrvalue.h>
+
+#include <boost/filesystem.hpp>
+#include <boost/make_shared.hpp>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -11,21 +20,11 @@
 #include <thread>
 #include <vector>
 
-#include <boost/filesystem.hpp>
-#include <boost/make_shared.hpp>
-
-#include <vu/log.h>
-#include <zr/zrbroker.h>
-#include <zr/zrfunctorbase.h>
-#include <zr/zrmodule.h>
-#include <zr/zrtypes.h>
-#include <zr/zrvalue.h>
-
 namespace modulestest {
 
 // A fresh folder under the temporary directory, removed at the end.
 class TempDir {
-public:
+ public:
   TempDir() {
     path_ = boost::filesystem::temp_directory_path() /
             boost::filesystem::unique_path("tuqvu-modules-%%%%-%%%%-%%%%");
@@ -38,13 +37,13 @@ public:
   std::string str() const { return path_.string(); }
   std::string operator/(const std::string& name) const { return (path_ / name).string(); }
 
-private:
+ private:
   boost::filesystem::path path_;
 };
 
 // Sets an environment variable for the lifetime of the object.
 class ScopedEnv {
-public:
+ public:
   ScopedEnv(const char* name, const std::string& value) : name_(name) {
     const char* old = std::getenv(name);
     hadOld_ = old != nullptr;
@@ -59,7 +58,7 @@ public:
     }
   }
 
-private:
+ private:
   const char* name_;
   bool hadOld_ = false;
   std::string old_;
@@ -67,7 +66,7 @@ private:
 
 // Captures every log message (all levels) while it lives.
 class LogCapture {
-public:
+ public:
   LogCapture() : oldLevel_(vu::log::maxLevel()) {
     vu::log::setMaxLevel(6);
     vu::log::setSink([this](const vu::log::Message& message) {
@@ -92,7 +91,7 @@ public:
     return n;
   }
 
-private:
+ private:
   int oldLevel_;
   mutable std::mutex mutex_;
   std::vector<vu::log::Message> messages_;
@@ -102,7 +101,7 @@ private:
 // one-parameter method "tick", recording every call. An optional action runs inside
 // each onEvent call (it may block or throw).
 class RecordingModule : public ZR::ZRModule {
-public:
+ public:
   struct Call {
     std::string name;
     ZR::ZRValue value;
@@ -122,8 +121,8 @@ public:
     getCurrentMethodDescription().parameters[1].type = ZR::getTypeString(ZR::TypeCodeValue);
     getCurrentMethodDescription().parameters[2].type = ZR::getTypeString(ZR::TypeCodeString);
     getCurrentMethodDescription().returnType = ZR::getTypeString(ZR::TypeCodeVoid);
-    bindMethod(boost::make_shared<ZR::ZRCallableFunctor>(
-        [this](const ZR::ZRValue& args, ZR::ZRValue&) {
+    bindMethod(
+        boost::make_shared<ZR::ZRCallableFunctor>([this](const ZR::ZRValue& args, ZR::ZRValue&) {
           Call call{args[0].toString(), args[1], args[2].toString(), std::this_thread::get_id()};
           if (action_) action_(call);
           record(call);
@@ -132,8 +131,8 @@ public:
     addParam("value", "anything");
     getCurrentMethodDescription().parameters[0].type = ZR::getTypeString(ZR::TypeCodeValue);
     getCurrentMethodDescription().returnType = ZR::getTypeString(ZR::TypeCodeVoid);
-    bindMethod(boost::make_shared<ZR::ZRCallableFunctor>(
-        [this](const ZR::ZRValue& args, ZR::ZRValue&) {
+    bindMethod(
+        boost::make_shared<ZR::ZRCallableFunctor>([this](const ZR::ZRValue& args, ZR::ZRValue&) {
           record(Call{"tick", args[0], "", std::this_thread::get_id()});
         }));
   }
@@ -153,12 +152,11 @@ public:
                              [&] { return calls_.size() >= n; });
   }
 
-private:
+ private:
+  // Notifies under the lock: a waiter may destroy the module as soon as it wakes.
   void record(const Call& call) {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      calls_.push_back(call);
-    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    calls_.push_back(call);
     changed_.notify_all();
   }
 
@@ -170,12 +168,10 @@ private:
 
 // A one-shot gate: wait() blocks until open() was called.
 class Gate {
-public:
+ public:
   void open() {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      open_ = true;
-    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    open_ = true;
     changed_.notify_all();
   }
   bool wait(int limitMs = 20000) {
@@ -187,7 +183,7 @@ public:
     return open_;
   }
 
-private:
+ private:
   mutable std::mutex mutex_;
   std::condition_variable changed_;
   bool open_ = false;

@@ -1,19 +1,17 @@
 // ZRFrameManager: instances run their steps, time their waits, stop promptly when
 // exited or deleted, fail with ZRError, and run by the hundred at once.
+#include <gtest/gtest.h>
+#include <vu/path.h>
 #include <zr/modules/zrframemanager.h>
+#include <zr/modules/zrmemory.h>
+#include <zr/proxies/zrframemanagerproxy.h>
+#include <zr/zrerror.h>
 
 #include <atomic>
 #include <chrono>
 #include <fstream>
 #include <future>
 #include <thread>
-
-#include <gtest/gtest.h>
-
-#include <vu/path.h>
-#include <zr/modules/zrmemory.h>
-#include <zr/proxies/zrframemanagerproxy.h>
-#include <zr/zrerror.h>
 
 #include "testsupport.h"
 
@@ -30,7 +28,7 @@ long long millisecondsSince(Clock::time_point start) {
 }
 
 class FrameManagerTest : public ::testing::Test {
-protected:
+ protected:
   TempDir dir;
   boost::shared_ptr<ZRBroker> broker = ZRBroker::create();
   std::unique_ptr<ZRMemory> memory{new ZRMemory(broker)};
@@ -128,8 +126,8 @@ TEST_F(FrameManagerTest, ExitEndsALongWaitAndSkipsTheRest) {
 
 TEST_F(FrameManagerTest, ExitEndsARepeatUntilStopped) {
   RecordingModule target(broker, "Target");
-  const std::string id =
-      load(R"(<repeat><call module="Target" method="tick"><arg value="x"/></call><wait ms="1"/></repeat>)");
+  const std::string id = load(
+      R"(<repeat><call module="Target" method="tick"><arg value="x"/></call><wait ms="1"/></repeat>)");
   auto run = start(id);
   ASSERT_TRUE(target.waitFor(5));
   frames->exitBehavior(id);
@@ -296,7 +294,8 @@ TEST_F(FrameManagerTest, TheSampleBehaviorsLoadAndRun) {
   const std::string library = vu::path::findData("tuqvu", "behaviors");
   ASSERT_FALSE(library.empty());
   for (const char* name : {"animations/wave", "animations/nod", "stand"}) {
-    const std::string id = frames->newBehaviorFromFile(library + "/" + name + "/behavior.xar", name);
+    const std::string id =
+        frames->newBehaviorFromFile(library + "/" + name + "/behavior.xar", name);
     frames->completeBehavior(id);
     frames->deleteBehavior(id);
   }

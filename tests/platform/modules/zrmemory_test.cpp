@@ -1,15 +1,13 @@
 // ZRMemory: data, events, subscribers on the notification thread, observers.
+#include <gtest/gtest.h>
 #include <zr/modules/zrmemory.h>
+#include <zr/proxies/zrmemoryproxy.h>
+#include <zr/zrerror.h>
 
 #include <atomic>
 #include <future>
 #include <memory>
 #include <thread>
-
-#include <gtest/gtest.h>
-
-#include <zr/proxies/zrmemoryproxy.h>
-#include <zr/zrerror.h>
 
 #include "testsupport.h"
 
@@ -21,7 +19,7 @@ using modulestest::RecordingModule;
 namespace {
 
 class MemoryTest : public ::testing::Test {
-protected:
+ protected:
   boost::shared_ptr<ZRBroker> broker = ZRBroker::create();
   std::unique_ptr<ZRMemory> memory{new ZRMemory(broker)};
 };
@@ -222,8 +220,8 @@ TEST_F(MemoryTest, ObserversSeeEveryInsertAndRaiseInOrder) {
     seen.emplace_back(key, value.toInt());
     observerThread = std::this_thread::get_id();
   });
-  const int throwing =
-      memory->addObserver([](const std::string&, const ZRValue&) { throw std::runtime_error("x"); });
+  const int throwing = memory->addObserver(
+      [](const std::string&, const ZRValue&) { throw std::runtime_error("x"); });
   memory->insertData("A", 1);
   memory->raiseMicroEvent("B", 2);
   memory->insertData("A", 3);
@@ -307,9 +305,8 @@ TEST_F(MemoryTest, ASubscriberMayCallTheMemoryBack) {
 TEST_F(MemoryTest, ItsMethodsAreDescribedForIntrospection) {
   std::map<std::string, ZRMethodInfo> methods;
   for (const ZRMethodInfo& info : broker->getMethods("ZRMemory")) methods[info.name] = info;
-  for (const char* name :
-       {"insertData", "getData", "getDataList", "removeData", "declareEvent", "raiseMicroEvent",
-        "subscribeToMicroEvent", "unsubscribeToMicroEvent"}) {
+  for (const char* name : {"insertData", "getData", "getDataList", "removeData", "declareEvent",
+                           "raiseMicroEvent", "subscribeToMicroEvent", "unsubscribeToMicroEvent"}) {
     ASSERT_EQ(methods.count(name), 1u) << name;
     EXPECT_FALSE(methods[name].description.empty()) << name;
   }

@@ -1,20 +1,17 @@
 // ZRPreferences: the three-string shape round-trips, bad shapes and names are refused,
 // and a writer killed at any moment leaves the old or the new file.
-#include <zr/modules/zrpreferences.h>
-
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <zr/modules/zrpreferences.h>
+#include <zr/proxies/zrpreferencesproxy.h>
+#include <zr/zrerror.h>
 
 #include <fstream>
 #include <random>
 #include <sstream>
-
-#include <gtest/gtest.h>
-
-#include <zr/proxies/zrpreferencesproxy.h>
-#include <zr/zrerror.h>
 
 #include "testsupport.h"
 
@@ -46,7 +43,7 @@ std::string fileText(const std::string& path) {
 }
 
 class PreferencesTest : public ::testing::Test {
-protected:
+ protected:
   TempDir home;
   ScopedEnv dataHome{"XDG_DATA_HOME", home.str()};
   boost::shared_ptr<ZRBroker> broker = ZRBroker::create();
@@ -78,14 +75,13 @@ TEST_F(PreferencesTest, TheThreeStringShapeRoundTrips) {
 }
 
 TEST_F(PreferencesTest, TheFileIsReadableXml) {
-  prefs->writePrefFile("DefaultBehaviors",
-                       entries({entry("DefaultBehaviors",
-                                      "List of default behaviors separated by endlines",
-                                      "a\nb\n")}),
-                       true);
+  prefs->writePrefFile(
+      "DefaultBehaviors",
+      entries(
+          {entry("DefaultBehaviors", "List of default behaviors separated by endlines", "a\nb\n")}),
+      true);
   const std::string text = fileText(pathOf("DefaultBehaviors"));
-  EXPECT_NE(text.find("<preferences module=\"DefaultBehaviors\" version=\"1\">"),
-            std::string::npos)
+  EXPECT_NE(text.find("<preferences module=\"DefaultBehaviors\" version=\"1\">"), std::string::npos)
       << text;
   EXPECT_NE(text.find("<preference key=\"DefaultBehaviors\" description=\"List of default "
                       "behaviors separated by endlines\">a\nb\n</preference>"),
@@ -113,14 +109,14 @@ TEST_F(PreferencesTest, BadShapesAreRefusedAndTheOldFileStays) {
   ZRValue fourStrings = entry("k", "d", "v");
   fourStrings.arrayPush(std::string("extra"));
   const std::vector<ZRValue> bad = {
-      ZRValue(),                                       // invalid
-      ZRValue(std::string("k")),                       // not an array
-      entry("k", "d", "v"),                            // one entry, not a list of entries
-      entries({twoStrings}),                           // two strings
-      entries({fourStrings}),                          // four strings
-      entries({good[0], notString}),                   // second entry holds an int
+      ZRValue(),                                            // invalid
+      ZRValue(std::string("k")),                            // not an array
+      entry("k", "d", "v"),                                 // one entry, not a list of entries
+      entries({twoStrings}),                                // two strings
+      entries({fourStrings}),                               // four strings
+      entries({good[0], notString}),                        // second entry holds an int
       entries({entry(std::string("k\x01", 2), "d", "v")}),  // key with a control byte
-      entries({entry("k", "\xC3", "v")}),              // description not UTF-8
+      entries({entry("k", "\xC3", "v")}),                   // description not UTF-8
   };
   for (const ZRValue& value : bad) {
     try {
@@ -139,9 +135,8 @@ TEST_F(PreferencesTest, NamesThatAreNotPlainFileNamesAreRefused) {
   const ZRValue good = entries({entry("k", "d", "v")});
   for (const std::string& name :
        {std::string(""), std::string("."), std::string(".."), std::string("a/b"),
-        std::string("../escape"), std::string("/abs"), std::string("a\\b"),
-        std::string(".hidden"), std::string("line\nbreak"), std::string("nul\0x", 5),
-        std::string(300, 'n')}) {
+        std::string("../escape"), std::string("/abs"), std::string("a\\b"), std::string(".hidden"),
+        std::string("line\nbreak"), std::string("nul\0x", 5), std::string(300, 'n')}) {
     EXPECT_THROW(prefs->writePrefFile(name, good, true), ZRError) << name;
     EXPECT_THROW(prefs->readPrefFile(name, false), ZRError) << name;
   }
@@ -205,8 +200,7 @@ TEST_F(PreferencesTest, TheSystemFileIsReadOnlyWhenAskedAndTheUserFileIsMissing)
 
 TEST_F(PreferencesTest, ReplaceFalseNeverOverwrites) {
   prefs->writePrefFile("Once", entries({entry("k", "d", "first")}), false);
-  EXPECT_THROW(prefs->writePrefFile("Once", entries({entry("k", "d", "second")}), false),
-               ZRError);
+  EXPECT_THROW(prefs->writePrefFile("Once", entries({entry("k", "d", "second")}), false), ZRError);
   EXPECT_EQ(prefs->readPrefFile("Once", false), entries({entry("k", "d", "first")}));
   prefs->writePrefFile("Once", entries({entry("k", "d", "third")}), true);
   EXPECT_EQ(prefs->readPrefFile("Once", false), entries({entry("k", "d", "third")}));
@@ -269,8 +263,7 @@ TEST_F(PreferencesTest, AWriterKilledAtAnyMomentLeavesTheOldOrTheNewFile) {
   // Killed writers left temporary files; the next write removes them.
   prefs->writePrefFile("Killed", first, true);
   int leftovers = 0;
-  for (const auto& file :
-       boost::filesystem::directory_iterator(home / "tuqvu/preferences")) {
+  for (const auto& file : boost::filesystem::directory_iterator(home / "tuqvu/preferences")) {
     if (file.path().filename().string().find(".tmp.") != std::string::npos) ++leftovers;
   }
   EXPECT_EQ(leftovers, 0);

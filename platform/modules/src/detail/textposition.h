@@ -1,10 +1,14 @@
 // Line and column (both from 1) of a byte offset in a text, for error messages about
 // files. Columns count characters: UTF-8 continuation bytes do not advance them.
+//
+//   TextIndex index(text);                 // one pass over the text
+//   TextPosition at = index.position(42);  // then a binary search per query
 #pragma once
 
 #include <algorithm>
 #include <cstddef>
 #include <string>
+#include <vector>
 
 namespace ZR {
 namespace detail {
@@ -14,21 +18,34 @@ struct TextPosition {
   int column = 1;
 };
 
-inline TextPosition positionOfOffset(const std::string& text, std::ptrdiff_t offset) {
-  TextPosition position;
-  if (offset < 0) return position;
-  const std::size_t end = std::min(static_cast<std::size_t>(offset), text.size());
-  for (std::size_t i = 0; i < end; ++i) {
-    const unsigned char c = static_cast<unsigned char>(text[i]);
-    if (c == '\n') {
-      ++position.line;
-      position.column = 1;
-    } else if ((c & 0xC0) != 0x80) {
-      ++position.column;
+class TextIndex {
+ public:
+  explicit TextIndex(const std::string& text) : fText(text) {
+    fLineStarts.push_back(0);
+    for (std::size_t i = 0; i < text.size(); ++i) {
+      if (text[i] == '\n') fLineStarts.push_back(i + 1);
     }
   }
-  return position;
-}
+
+  TextPosition position(std::ptrdiff_t offset) const {
+    TextPosition at;
+    if (offset < 0) return at;
+    const std::size_t end = std::min(static_cast<std::size_t>(offset), fText.size());
+    const auto next = std::upper_bound(fLineStarts.begin(), fLineStarts.end(), end);
+    const std::size_t lineStart = *(next - 1);
+    at.line = static_cast<int>(next - fLineStarts.begin());
+    for (std::size_t i = lineStart; i < end; ++i) {
+      if ((static_cast<unsigned char>(fText[i]) & 0xC0) != 0x80) ++at.column;
+    }
+    return at;
+  }
+
+  const std::string& text() const { return fText; }
+
+ private:
+  const std::string& fText;
+  std::vector<std::size_t> fLineStarts;
+};
 
 inline std::string describePosition(const TextPosition& position) {
   return "line " + std::to_string(position.line) + ", column " + std::to_string(position.column);

@@ -9,19 +9,18 @@
 // each call then converts its arguments and names the parameter that does not fit.
 #pragma once
 
-#include <cstddef>
-#include <string>
-#include <type_traits>
-#include <utility>
-#include <vector>
-
-#include <boost/make_shared.hpp>
-
 #include <zr/zrerror.h>
 #include <zr/zrfunctorbase.h>
 #include <zr/zrmodulecore.h>
 #include <zr/zrtypes.h>
 #include <zr/zrvalue.h>
+
+#include <boost/make_shared.hpp>
+#include <cstddef>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
 
 namespace ZR {
 namespace detail {
@@ -29,8 +28,11 @@ namespace detail {
 struct MethodDoc {
   MethodDoc(std::string n, std::string d, std::vector<std::pair<std::string, std::string>> p,
             std::string rn = "", std::string rd = "")
-      : name(std::move(n)), description(std::move(d)), params(std::move(p)),
-        returnName(std::move(rn)), returnDescription(std::move(rd)) {}
+      : name(std::move(n)),
+        description(std::move(d)),
+        params(std::move(p)),
+        returnName(std::move(rn)),
+        returnDescription(std::move(rd)) {}
   std::string name;
   std::string description;
   std::vector<std::pair<std::string, std::string>> params;  // name, description
@@ -38,17 +40,32 @@ struct MethodDoc {
   std::string returnDescription;
 };
 
-template <typename T> using bare_t = std::remove_cv_t<std::remove_reference_t<T>>;
+template <typename T>
+using bare_t = std::remove_cv_t<std::remove_reference_t<T>>;
 
 // ZRValue to a parameter type; the ZRValue accessors throw on a type mismatch.
-template <typename T> T argumentAs(const ZRValue& value);
-template <> inline ZRValue argumentAs<ZRValue>(const ZRValue& value) { return value; }
-template <> inline std::string argumentAs<std::string>(const ZRValue& value) {
+template <typename T>
+T argumentAs(const ZRValue& value);
+template <>
+inline ZRValue argumentAs<ZRValue>(const ZRValue& value) {
+  return value;
+}
+template <>
+inline std::string argumentAs<std::string>(const ZRValue& value) {
   return value.toString();
 }
-template <> inline bool argumentAs<bool>(const ZRValue& value) { return value.toBool(); }
-template <> inline int argumentAs<int>(const ZRValue& value) { return value.toInt(); }
-template <> inline float argumentAs<float>(const ZRValue& value) { return value.toFloat(); }
+template <>
+inline bool argumentAs<bool>(const ZRValue& value) {
+  return value.toBool();
+}
+template <>
+inline int argumentAs<int>(const ZRValue& value) {
+  return value.toInt();
+}
+template <>
+inline float argumentAs<float>(const ZRValue& value) {
+  return value.toFloat();
+}
 
 template <typename T>
 T convertParameter(const std::string& module, const MethodDoc& doc, const ZRValue& args,
@@ -58,8 +75,7 @@ T convertParameter(const std::string& module, const MethodDoc& doc, const ZRValu
   } catch (const ZRError& error) {
     throw ZRError(module, doc.name,
                   "parameter " + std::to_string(index + 1) + " (" + doc.params[index].first +
-                      ") must be " + getTypeString(TypeCode<T>::value) + ": " +
-                      error.description(),
+                      ") must be " + getTypeString(TypeCode<T>::value) + ": " + error.description(),
                   __FILE__, __LINE__);
   }
 }
@@ -80,9 +96,8 @@ template <typename C, typename R, typename... P>
 void bindMember(C* object, R (C::*member)(P...), const MethodDoc& doc) {
   if (doc.params.size() != sizeof...(P)) {
     throw ZRError(object->getName(), "bindMember",
-                  "the description of " + doc.name + " names " +
-                      std::to_string(doc.params.size()) + " parameters, the member takes " +
-                      std::to_string(sizeof...(P)),
+                  "the description of " + doc.name + " names " + std::to_string(doc.params.size()) +
+                      " parameters, the member takes " + std::to_string(sizeof...(P)),
                   __FILE__, __LINE__);
   }
   object->functionName(doc.name, object->getName(), doc.description, 0);

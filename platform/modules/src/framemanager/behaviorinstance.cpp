@@ -1,11 +1,11 @@
 #include "framemanager/behaviorinstance.h"
 
-#include <chrono>
-
 #include <vu/log.h>
 #include <zr/proxies/zrmemoryproxy.h>
 #include <zr/zrbroker.h>
 #include <zr/zrerror.h>
+
+#include <chrono>
 
 namespace ZR {
 namespace detail {
@@ -43,8 +43,9 @@ void BehaviorInstance::run(const std::string& module, const boost::shared_ptr<ZR
   {
     std::lock_guard<std::mutex> lock(fMutex);
     if (fRunning) {
-      throw ZRError(module, kMethod, "behavior instance " + fId + " (" + fName + ") is already running",
-                    __FILE__, __LINE__);
+      throw ZRError(module, kMethod,
+                    "behavior instance " + fId + " (" + fName + ") is already running", __FILE__,
+                    __LINE__);
     }
     if (fExitRequested.exchange(false)) return;  // stopped before it started
     fRunning = true;
@@ -81,15 +82,17 @@ bool BehaviorInstance::waitOrExit(int milliseconds) {
                          [&] { return exitRequested(); });
 }
 
+std::string BehaviorInstance::describe(const BehaviorStep& step) const {
+  return "behavior " + fName + " (" + fProgram->path + "), line " + std::to_string(step.line) +
+         ", <" + stepName(step.kind) + ">";
+}
+
 bool BehaviorInstance::runStep(const BehaviorStep& step, Context& context) {
-  const std::string place = "behavior " + fName + " (" + fProgram->path + "), line " +
-                            std::to_string(step.line) + ", <" + stepName(step.kind) + ">";
   switch (step.kind) {
     case BehaviorStep::Kind::log:
       vu::log::write(step.level, kRunCategory, fName, step.text);
       return true;
-    case BehaviorStep::Kind::wait:
-      return waitOrExit(step.milliseconds);
+    case BehaviorStep::Kind::wait: return waitOrExit(step.milliseconds);
     case BehaviorStep::Kind::repeat:
       for (int i = 0; step.count == 0 || i < step.count; ++i) {
         if (!runSteps(step.body, context)) return false;
@@ -102,8 +105,7 @@ bool BehaviorInstance::runStep(const BehaviorStep& step, Context& context) {
       throw ZRError(context.module, kMethod, step.text, __FILE__, __LINE__);
     case BehaviorStep::Kind::set:
     case BehaviorStep::Kind::raise:
-    case BehaviorStep::Kind::call:
-      break;
+    case BehaviorStep::Kind::call: break;
   }
   try {
     if (step.kind == BehaviorStep::Kind::call) {
@@ -117,10 +119,11 @@ bool BehaviorInstance::runStep(const BehaviorStep& step, Context& context) {
       }
     }
   } catch (const ZRError& error) {
-    throw ZRError(context.module, kMethod, place + " failed: " + error.description(), __FILE__,
-                  __LINE__);
+    throw ZRError(context.module, kMethod, describe(step) + " failed: " + error.description(),
+                  __FILE__, __LINE__);
   } catch (const std::exception& error) {
-    throw ZRError(context.module, kMethod, place + " failed: " + error.what(), __FILE__, __LINE__);
+    throw ZRError(context.module, kMethod, describe(step) + " failed: " + error.what(), __FILE__,
+                  __LINE__);
   }
   return true;
 }

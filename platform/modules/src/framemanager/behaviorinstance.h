@@ -4,13 +4,12 @@
 #pragma once
 
 #include <atomic>
+#include <boost/shared_ptr.hpp>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
-
-#include <boost/shared_ptr.hpp>
 
 #include "framemanager/behaviorprogram.h"
 
@@ -21,7 +20,7 @@ class ZRBroker;
 namespace detail {
 
 class BehaviorInstance {
-public:
+ public:
   BehaviorInstance(std::string id, std::string name,
                    std::shared_ptr<const BehaviorProgram> program);
 
@@ -36,11 +35,13 @@ public:
   void requestExit();
   bool isRunning() const;
 
-private:
+ private:
   struct Context;
   bool runSteps(const std::vector<BehaviorStep>& steps, Context& context);
   bool runStep(const BehaviorStep& step, Context& context);
-  bool waitOrExit(int milliseconds);  // false when an exit ended the wait
+  bool waitOrExit(int milliseconds);
+  std::string describe(
+      const BehaviorStep& step) const;  // for error messages  // false when an exit ended the wait
   bool exitRequested() const { return fExitRequested.load(std::memory_order_acquire); }
 
   const std::string fId;

@@ -1,18 +1,17 @@
 #include "framemanager/behaviorprogram.h"
 
+#include <zr/zrerror.h>
+
 #include <charconv>
 #include <cmath>
 #include <limits>
+#include <pugixml.hpp>
 #include <set>
 #include <system_error>
 
-#include <pugixml.hpp>
-
-#include <zr/zrerror.h>
-
 #include "detail/textposition.h"
-#include "detail/xmlposition.h"
 #include "detail/wholefile.h"
+#include "detail/xmlposition.h"
 
 namespace ZR {
 namespace detail {
@@ -22,16 +21,16 @@ const char* const kMethod = "newBehaviorFromFile";
 
 // Builds the steps of one file and reports its problems with their position.
 class Parser {
-public:
+ public:
   Parser(const std::string& module, const std::string& path, const std::string& text)
-      : fModule(module), fPath(path), fText(text) {}
+      : fModule(module), fPath(path), fText(text), fIndex(text) {}
 
   std::shared_ptr<const BehaviorProgram> parse() {
     pugi::xml_document document;
     const pugi::xml_parse_result parsed =
         document.load_buffer(fText.data(), fText.size(), pugi::parse_default, pugi::encoding_auto);
     if (!parsed) {
-      const TextPosition at = positionOfOffset(fText, parsed.offset);
+      const TextPosition at = fIndex.position(parsed.offset);
       throw ZRError(fModule, kMethod,
                     "behavior file " + fPath + " is malformed at " + describePosition(at) + ": " +
                         parsed.description(),
@@ -39,8 +38,7 @@ public:
     }
     const pugi::xml_node root = document.document_element();
     if (std::string(root.name()) != "behavior") {
-      fail(root, "the root element is <" + std::string(root.name()) +
-                     ">, <behavior> was expected");
+      fail(root, "the root element is <" + std::string(root.name()) + ">, <behavior> was expected");
     }
     auto program = std::make_shared<BehaviorProgram>();
     program->path = fPath;
@@ -49,9 +47,9 @@ public:
     return program;
   }
 
-private:
+ private:
   [[noreturn]] void fail(const pugi::xml_node& node, const std::string& reason) const {
-    const TextPosition at = positionOfNode(fText, node);
+    const TextPosition at = positionOfNode(fIndex, node);
     throw ZRError(fModule, kMethod,
                   "behavior file " + fPath + ", " + describePosition(at) + ": " + reason, __FILE__,
                   __LINE__);
@@ -114,8 +112,7 @@ private:
       if (text == "false" || text == "0") return ZRValue(false);
       fail(node, where(node) + " value=\"" + text + "\" is not a bool (true or false)");
     }
-    fail(node, where(node) + " has the unknown type \"" + type +
-                   "\" (int, float, string or bool)");
+    fail(node, where(node) + " has the unknown type \"" + type + "\" (int, float, string or bool)");
   }
 
   std::vector<BehaviorStep> parseSteps(const pugi::xml_node& parent, int depth) {
@@ -136,7 +133,7 @@ private:
   BehaviorStep parseStep(const pugi::xml_node& node, int depth) {
     ++fStepCount;
     BehaviorStep step;
-    const TextPosition at = positionOfNode(fText, node);
+    const TextPosition at = positionOfNode(fIndex, node);
     step.line = at.line;
     step.column = at.column;
     const std::string name = node.name();
@@ -182,9 +179,8 @@ private:
       step.kind = BehaviorStep::Kind::repeat;
       allowAttributes(node, {"count"});
       if (node.attribute("count")) {
-        step.count =
-            integer(node, "count", node.attribute("count").value(), 0,
-                    std::numeric_limits<int>::max());
+        step.count = integer(node, "count", node.attribute("count").value(), 0,
+                             std::numeric_limits<int>::max());
       }
       step.body = parseSteps(node, depth + 1);
       if (step.body.empty() && step.count == 0) {
@@ -195,8 +191,7 @@ private:
       allowAttributes(node, {"message"});
       step.text = required(node, "message");
     } else {
-      fail(node, "unknown step <" + name +
-                     "> (known: log, wait, set, raise, call, repeat, fail)");
+      fail(node, "unknown step <" + name + "> (known: log, wait, set, raise, call, repeat, fail)");
     }
     return step;
   }
@@ -204,6 +199,7 @@ private:
   const std::string& fModule;
   const std::string& fPath;
   const std::string& fText;
+  const TextIndex fIndex;
   std::size_t fStepCount = 0;
 };
 

@@ -5,11 +5,11 @@
 //       loadBehaviorProgram("ZRFrameManager", "/…/wave/behavior.xar");
 #pragma once
 
+#include <zr/zrvalue.h>
+
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <zr/zrvalue.h>
 
 namespace ZR {
 namespace detail {
@@ -19,16 +19,16 @@ struct BehaviorStep {
   Kind kind = Kind::log;
   int line = 0;
   int column = 0;
-  std::string text;                // log: the line; fail: the message
-  int level = 4;                   // log
-  int milliseconds = 0;            // wait
-  std::string key;                 // set, raise
-  ZRValue value;                   // set, raise
-  std::string module;              // call
-  std::string method;              // call
+  std::string text;                 // log: the line; fail: the message
+  int level = 4;                    // log
+  int milliseconds = 0;             // wait
+  std::string key;                  // set, raise
+  ZRValue value;                    // set, raise
+  std::string module;               // call
+  std::string method;               // call
   ZRValue args = ZRValue::array();  // call
-  int count = 0;                   // repeat; 0 repeats until the behavior is stopped
-  std::vector<BehaviorStep> body;  // repeat
+  int count = 0;                    // repeat; 0 repeats until the behavior is stopped
+  std::vector<BehaviorStep> body;   // repeat
 };
 
 struct BehaviorProgram {

@@ -1,13 +1,11 @@
+#include <vu/log.h>
 #include <zr/modules/zrframemanager.h>
+#include <zr/zrbroker.h>
+#include <zr/zrerror.h>
 
 #include <algorithm>
 #include <atomic>
-
 #include <boost/filesystem.hpp>
-
-#include <vu/log.h>
-#include <zr/zrbroker.h>
-#include <zr/zrerror.h>
 
 #include "detail/zrmodulebinding.h"
 #include "framemanager/behaviorinstance.h"
@@ -75,7 +73,10 @@ void ZRFrameManager::bindMethods() {
               "running",
               "true while completeBehavior runs it"});
   bindMember(this, &ZRFrameManager::getBehaviorInstances,
-             {"getBehaviorInstances", "List the ids of the instances, oldest first.", {}, "ids",
+             {"getBehaviorInstances",
+              "List the ids of the instances, oldest first.",
+              {},
+              "ids",
               "the instance ids"});
 }
 
@@ -159,9 +160,8 @@ std::vector<std::string> ZRFrameManager::getBehaviorInstances() {
     std::lock_guard<std::mutex> lock(fInstancesMutex);
     for (const auto& entry : fInstances) ids.push_back(entry.first);
   }
-  std::sort(ids.begin(), ids.end(), [](const std::string& a, const std::string& b) {
-    return idOrder(a) < idOrder(b);
-  });
+  std::sort(ids.begin(), ids.end(),
+            [](const std::string& a, const std::string& b) { return idOrder(a) < idOrder(b); });
   return ids;
 }
 

@@ -1,10 +1,10 @@
 #include "memory/memorynotifier.h"
 
-#include <chrono>
-
 #include <vu/log.h>
 #include <zr/zrbroker.h>
 #include <zr/zrerror.h>
+
+#include <chrono>
 
 namespace ZR {
 namespace detail {
@@ -80,9 +80,9 @@ bool MemoryNotifier::flush(int timeoutMs) {
   if (onNotificationThread()) return false;  // it would wait for itself
   std::unique_lock<std::mutex> lock(fQueueMutex);
   const std::uint64_t target = fQueued;
-  return fDeliveredChanged.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                                    [&] { return fStopping || fDelivered >= target; }) &&
-         !fStopping;
+  return fDeliveredChanged.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
+    return fStopping || fDelivered >= target;
+  }) && !fStopping;
 }
 
 void MemoryNotifier::run() {
@@ -134,12 +134,12 @@ void MemoryNotifier::notifyObservers(const MemoryNotification& notification) {
       (*entry.second)(notification.key, notification.value);
     } catch (const std::exception& error) {
       vu::log::write(vu::log::error, kCategory, "notify",
-                     "observer " + std::to_string(entry.first) + " failed for " +
-                         notification.key + ": " + error.what());
+                     "observer " + std::to_string(entry.first) + " failed for " + notification.key +
+                         ": " + error.what());
     } catch (...) {
       vu::log::write(vu::log::error, kCategory, "notify",
-                     "observer " + std::to_string(entry.first) + " failed for " +
-                         notification.key + " with an unknown exception");
+                     "observer " + std::to_string(entry.first) + " failed for " + notification.key +
+                         " with an unknown exception");
     }
     {
       std::lock_guard<std::mutex> lock(fObserverMutex);
@@ -161,13 +161,13 @@ void MemoryNotifier::notifySubscribers(const MemoryNotification& notification) {
     try {
       fBroker->call(subscriber->module, subscriber->method, args);
     } catch (const ZRError& error) {
-      vu::log::write(vu::log::error, kCategory, "notify",
-                     "subscriber " + target + " failed for " + notification.key + ": " +
-                         error.description());
+      vu::log::write(
+          vu::log::error, kCategory, "notify",
+          "subscriber " + target + " failed for " + notification.key + ": " + error.description());
     } catch (const std::exception& error) {
-      vu::log::write(vu::log::error, kCategory, "notify",
-                     "subscriber " + target + " failed for " + notification.key + ": " +
-                         error.what());
+      vu::log::write(
+          vu::log::error, kCategory, "notify",
+          "subscriber " + target + " failed for " + notification.key + ": " + error.what());
     } catch (...) {
       vu::log::write(vu::log::error, kCategory, "notify",
                      "subscriber " + target + " failed for " + notification.key +

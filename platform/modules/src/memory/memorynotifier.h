@@ -2,7 +2,10 @@
 // the delivery of each notification to observers and subscribers in queue order.
 #pragma once
 
+#include <zr/zrvalue.h>
+
 #include <atomic>
+#include <boost/shared_ptr.hpp>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -13,10 +16,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <boost/shared_ptr.hpp>
-
-#include <zr/zrvalue.h>
 
 namespace ZR {
 
@@ -42,7 +41,7 @@ struct MemoryNotification {
 };
 
 class MemoryNotifier {
-public:
+ public:
   using Observer = std::function<void(const std::string& key, const ZRValue& value)>;
   enum class PushResult { queued, dropped, firstDrop };
 
@@ -65,7 +64,7 @@ public:
   bool flush(int timeoutMs);
   bool onNotificationThread() const { return std::this_thread::get_id() == fThread.get_id(); }
 
-private:
+ private:
   void run();
   void deliver(const MemoryNotification& notification);
   void notifyObservers(const MemoryNotification& notification);

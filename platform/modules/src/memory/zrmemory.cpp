@@ -1,6 +1,5 @@
-#include <zr/modules/zrmemory.h>
-
 #include <vu/log.h>
+#include <zr/modules/zrmemory.h>
 #include <zr/zrbroker.h>
 #include <zr/zrerror.h>
 
@@ -56,9 +55,9 @@ void ZRMemory::bindMethods() {
              {"declareEvent",
               "Declare an event: the key exists from now on and getEventList lists it.",
               {{"name", "name of the event"}}});
-  bindMember(this, &ZRMemory::getEventList,
-             {"getEventList", "List the declared events, sorted.", {}, "events",
-              "the declared events"});
+  bindMember(
+      this, &ZRMemory::getEventList,
+      {"getEventList", "List the declared events, sorted.", {}, "events", "the declared events"});
   bindMember(this, &ZRMemory::raiseMicroEvent,
              {"raiseMicroEvent",
               "Store a value under an event's key and notify its subscribers. Returns at "
@@ -73,11 +72,12 @@ void ZRMemory::bindMethods() {
                {"callbackModule", "module to call"},
                {"callbackMessage", "text passed back as the third argument"},
                {"callbackMethod", "method to call; it takes three parameters"}}});
-  bindMember(this, &ZRMemory::unsubscribeToMicroEvent,
-             {"unsubscribeToMicroEvent",
-              "Stop notifying a module of a key. Notifications already queued for it are "
-              "not delivered.",
-              {{"name", "name of the event or data"}, {"callbackModule", "the subscribed module"}}});
+  bindMember(
+      this, &ZRMemory::unsubscribeToMicroEvent,
+      {"unsubscribeToMicroEvent",
+       "Stop notifying a module of a key. Notifications already queued for it are "
+       "not delivered.",
+       {{"name", "name of the event or data"}, {"callbackModule", "the subscribed module"}}});
 }
 
 namespace {
@@ -103,8 +103,8 @@ void ZRMemory::storeAndNotify(const char* method, const std::string& key, const 
   }
   if (pushed == detail::MemoryNotifier::PushResult::firstDrop) {
     vu::log::write(vu::log::error, kCategory, method,
-                   "the notification of " + key + " was dropped: " +
-                       std::to_string(kMaxPendingNotifications) +
+                   "the notification of " + key +
+                       " was dropped: " + std::to_string(kMaxPendingNotifications) +
                        " notifications are waiting for delivery");
   }
 }
@@ -164,10 +164,10 @@ void ZRMemory::subscribeToMicroEvent(const std::string& name, const std::string&
   requireKey(getName(), "subscribeToMicroEvent", name);
   const boost::shared_ptr<ZRBroker> broker = getParentBroker();
   if (!broker || !broker->hasModule(callbackModule)) {
-    throw ZRError(getName(), "subscribeToMicroEvent",
-                  "cannot subscribe " + callbackModule + " to " + name +
-                      ": no module of that name is hosted",
-                  __FILE__, __LINE__);
+    throw ZRError(
+        getName(), "subscribeToMicroEvent",
+        "cannot subscribe " + callbackModule + " to " + name + ": no module of that name is hosted",
+        __FILE__, __LINE__);
   }
   bool takesThree = false;
   for (const ZRMethodInfo& info : broker->getMethods(callbackModule)) {
@@ -210,10 +210,16 @@ void ZRMemory::unsubscribeToMicroEvent(const std::string& name, const std::strin
                 callbackModule + " is not subscribed to " + name, __FILE__, __LINE__);
 }
 
-int ZRMemory::addObserver(Observer observer) { return fNotifier->addObserver(std::move(observer)); }
+int ZRMemory::addObserver(Observer observer) {
+  return fNotifier->addObserver(std::move(observer));
+}
 
-void ZRMemory::removeObserver(int id) { fNotifier->removeObserver(id); }
+void ZRMemory::removeObserver(int id) {
+  fNotifier->removeObserver(id);
+}
 
-bool ZRMemory::flushNotifications(int timeoutMs) { return fNotifier->flush(timeoutMs); }
+bool ZRMemory::flushNotifications(int timeoutMs) {
+  return fNotifier->flush(timeoutMs);
+}
 
 }  // namespace ZR

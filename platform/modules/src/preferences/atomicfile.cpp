@@ -6,10 +6,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <boost/filesystem.hpp>
 #include <cerrno>
 #include <system_error>
-
-#include <boost/filesystem.hpp>
 
 namespace fs = boost::filesystem;
 
@@ -23,7 +22,7 @@ std::system_error failure(const std::string& what) {
 
 // Closes a descriptor on every way out.
 class FileDescriptor {
-public:
+ public:
   explicit FileDescriptor(int fd) : fFd(fd) {}
   ~FileDescriptor() {
     if (fFd >= 0) ::close(fFd);
@@ -37,7 +36,7 @@ public:
     return fd;
   }
 
-private:
+ private:
   int fFd;
 };
 
@@ -77,9 +76,8 @@ bool writeFileAtomically(const std::string& path, const std::string& content, bo
     errno = error.value();
     throw failure("cannot create the folder " + folder.string());
   }
-  const fs::path temporary =
-      folder / (temporaryPrefix(target) + std::to_string(::getpid()) + "." +
-                std::to_string(counter.fetch_add(1)));
+  const fs::path temporary = folder / (temporaryPrefix(target) + std::to_string(::getpid()) + "." +
+                                       std::to_string(counter.fetch_add(1)));
 
   FileDescriptor fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
                            S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH));

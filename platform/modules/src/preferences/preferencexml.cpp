@@ -1,8 +1,7 @@
 #include "preferences/preferencexml.h"
 
-#include <sstream>
-
 #include <pugixml.hpp>
+#include <sstream>
 
 #include "detail/textposition.h"
 #include "detail/xmlposition.h"
@@ -54,7 +53,9 @@ bool isXmlText(const std::string& text, bool allowCarriageReturn) {
   return true;
 }
 
-std::string entryName(std::size_t index) { return "entry " + std::to_string(index + 1); }
+std::string entryName(std::size_t index) {
+  return "entry " + std::to_string(index + 1);
+}
 
 void checkEntry(const ZRValue& entry, std::size_t index) {
   if (!entry.isArray() || entry.size() != 3) {
@@ -78,15 +79,15 @@ void checkEntry(const ZRValue& entry, std::size_t index) {
 }
 
 class PositionOf {
-public:
-  explicit PositionOf(const std::string& text) : fText(text) {}
+ public:
+  explicit PositionOf(const std::string& text) : fIndex(text) {}
   PreferenceFormatError error(const pugi::xml_node& node, const std::string& reason) const {
-    const TextPosition at = positionOfNode(fText, node);
+    const TextPosition at = positionOfNode(fIndex, node);
     return PreferenceFormatError(reason, at.line, at.column);
   }
 
-private:
-  const std::string& fText;
+ private:
+  const TextIndex fIndex;
 };
 
 ZRValue decodeEntry(const pugi::xml_node& node, const PositionOf& where) {
@@ -102,8 +103,8 @@ ZRValue decodeEntry(const pugi::xml_node& node, const PositionOf& where) {
     if (child.type() == pugi::node_pcdata || child.type() == pugi::node_cdata) {
       value += child.value();
     } else if (child.type() == pugi::node_element) {
-      throw where.error(child, "unexpected element <" + std::string(child.name()) +
-                                   "> inside <preference>");
+      throw where.error(
+          child, "unexpected element <" + std::string(child.name()) + "> inside <preference>");
     }
   }
   const std::string encoding = node.attribute("encoding").value();
@@ -159,24 +160,24 @@ std::string encodePreferences(const std::string& moduleName, const ZRValue& entr
 
 ZRValue decodePreferences(const std::string& text) {
   pugi::xml_document document;
-  const pugi::xml_parse_result parsed = document.load_buffer(
-      text.data(), text.size(), pugi::parse_default | pugi::parse_ws_pcdata_single,
-      pugi::encoding_utf8);
+  const pugi::xml_parse_result parsed =
+      document.load_buffer(text.data(), text.size(),
+                           pugi::parse_default | pugi::parse_ws_pcdata_single, pugi::encoding_utf8);
   if (!parsed) {
-    const TextPosition at = positionOfOffset(text, parsed.offset);
+    const TextPosition at = TextIndex(text).position(parsed.offset);
     throw PreferenceFormatError(parsed.description(), at.line, at.column);
   }
   const PositionOf where(text);
   const pugi::xml_node root = document.document_element();
   if (std::string(root.name()) != "preferences") {
-    throw where.error(root, "the root element is <" + std::string(root.name()) +
-                                ">, <preferences> was expected");
+    throw where.error(
+        root, "the root element is <" + std::string(root.name()) + ">, <preferences> was expected");
   }
   const pugi::xml_attribute version = root.attribute("version");
   if (version && std::string(version.value()) != kFormatVersion) {
     throw where.error(root, "format version " + std::string(version.value()) +
-                                " is not supported (this reader knows version " +
-                                kFormatVersion + ")");
+                                " is not supported (this reader knows version " + kFormatVersion +
+                                ")");
   }
   ZRValue entries = ZRValue::array();
   for (const pugi::xml_node& child : root.children()) {

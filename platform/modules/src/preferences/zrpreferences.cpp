@@ -1,14 +1,13 @@
-#include <zr/modules/zrpreferences.h>
-
-#include <system_error>
-
 #include <vu/log.h>
 #include <vu/path.h>
+#include <zr/modules/zrpreferences.h>
 #include <zr/zrbroker.h>
 #include <zr/zrerror.h>
 
-#include "detail/zrmodulebinding.h"
+#include <system_error>
+
 #include "detail/wholefile.h"
+#include "detail/zrmodulebinding.h"
 #include "preferences/atomicfile.h"
 #include "preferences/preferencexml.h"
 
@@ -40,15 +39,15 @@ ZRPreferences::~ZRPreferences() {
 
 void ZRPreferences::bindMethods() {
   using detail::bindMember;
-  bindMember(this, &ZRPreferences::readPrefFile,
-             {"readPrefFile",
-              "Read the preferences of a module: an array of entries, each an array of "
-              "three strings (key, description, value). A missing file is an error.",
-              {{"moduleName", "the module whose preferences to read; a plain file name"},
-               {"searchSystem",
-                "when the user's file is missing, read the installation's default file"}},
-              "preferences",
-              "the entries of the file"});
+  bindMember(
+      this, &ZRPreferences::readPrefFile,
+      {"readPrefFile",
+       "Read the preferences of a module: an array of entries, each an array of "
+       "three strings (key, description, value). A missing file is an error.",
+       {{"moduleName", "the module whose preferences to read; a plain file name"},
+        {"searchSystem", "when the user's file is missing, read the installation's default file"}},
+       "preferences",
+       "the entries of the file"});
   bindMember(this, &ZRPreferences::writePrefFile,
              {"writePrefFile",
               "Replace the preferences of a module with the given entries, each an array "
@@ -84,8 +83,7 @@ std::string ZRPreferences::checkedPath(const std::string& moduleName, const char
     }
   }
   if (!problem.empty()) {
-    throw ZRError(getName(), method, "invalid module name: " + problem, __FILE__,
-                  __LINE__);
+    throw ZRError(getName(), method, "invalid module name: " + problem, __FILE__, __LINE__);
   }
   return vu::path::userWritableDataPath("tuqvu", "preferences/" + moduleName + ".xml");
 }
@@ -105,10 +103,10 @@ ZRValue ZRPreferences::readPrefFile(const std::string& moduleName, bool searchSy
       }
     }
     if (!found) {
-      throw ZRError(getName(), "readPrefFile",
-                    "there is no preference file for " + moduleName + ": " + userPath +
-                        " does not exist",
-                    __FILE__, __LINE__);
+      throw ZRError(
+          getName(), "readPrefFile",
+          "there is no preference file for " + moduleName + ": " + userPath + " does not exist",
+          __FILE__, __LINE__);
     }
     return detail::decodePreferences(text);
   } catch (const std::system_error& error) {
@@ -130,8 +128,8 @@ void ZRPreferences::writePrefFile(const std::string& moduleName, const ZRValue& 
     text = detail::encodePreferences(moduleName, value);
   } catch (const detail::PreferenceFormatError& error) {
     throw ZRError(getName(), "writePrefFile",
-                  "cannot write the preferences of " + moduleName + ": " + error.what(),
-                  __FILE__, __LINE__);
+                  "cannot write the preferences of " + moduleName + ": " + error.what(), __FILE__,
+                  __LINE__);
   }
   std::lock_guard<std::mutex> lock(fWriteMutex);
   try {
@@ -148,8 +146,8 @@ void ZRPreferences::writePrefFile(const std::string& moduleName, const ZRValue& 
     }
   } catch (const std::system_error& error) {
     throw ZRError(getName(), "writePrefFile",
-                  "cannot write the preferences of " + moduleName + ": " + error.what(),
-                  __FILE__, __LINE__);
+                  "cannot write the preferences of " + moduleName + ": " + error.what(), __FILE__,
+                  __LINE__);
   }
 }
 

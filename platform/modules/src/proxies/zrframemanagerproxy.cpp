@@ -15,13 +15,17 @@ void ZRFrameManagerProxy::completeBehavior(const std::string& id) {
   call<void>("completeBehavior", id);
 }
 
-void ZRFrameManagerProxy::exitBehavior(const std::string& id) { call<void>("exitBehavior", id); }
+void ZRFrameManagerProxy::exitBehavior(const std::string& id) {
+  call<void>("exitBehavior", id);
+}
 
 void ZRFrameManagerProxy::deleteBehavior(const std::string& id) {
   call<void>("deleteBehavior", id);
 }
 
-void ZRFrameManagerProxy::cleanBehaviors() { call<void>("cleanBehaviors"); }
+void ZRFrameManagerProxy::cleanBehaviors() {
+  call<void>("cleanBehaviors");
+}
 
 bool ZRFrameManagerProxy::isBehaviorRunning(const std::string& id) {
   return call<bool>("isBehaviorRunning", id);

@@ -9,15 +9,21 @@ void ZRMemoryProxy::insertData(const std::string& key, const ZRValue& value) {
   call<void>("insertData", key, value);
 }
 
-ZRValue ZRMemoryProxy::getData(const std::string& key) { return call<ZRValue>("getData", key); }
+ZRValue ZRMemoryProxy::getData(const std::string& key) {
+  return call<ZRValue>("getData", key);
+}
 
 std::vector<std::string> ZRMemoryProxy::getDataList(const std::string& prefix) {
   return call<std::vector<std::string>>("getDataList", prefix);
 }
 
-void ZRMemoryProxy::removeData(const std::string& key) { call<void>("removeData", key); }
+void ZRMemoryProxy::removeData(const std::string& key) {
+  call<void>("removeData", key);
+}
 
-void ZRMemoryProxy::declareEvent(const std::string& name) { call<void>("declareEvent", name); }
+void ZRMemoryProxy::declareEvent(const std::string& name) {
+  call<void>("declareEvent", name);
+}
 
 std::vector<std::string> ZRMemoryProxy::getEventList() {
   return call<std::vector<std::string>>("getEventList");

@@ -11,15 +11,14 @@
 // <raise> steps reach the module "ZRMemory" through the broker, <call> any module.
 #pragma once
 
+#include <zr/zrmodule.h>
+
+#include <boost/shared_ptr.hpp>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
-
-#include <boost/shared_ptr.hpp>
-
-#include <zr/zrmodule.h>
 
 namespace ZR {
 
@@ -30,7 +29,7 @@ class BehaviorInstance;
 }
 
 class ZRFrameManager : public ZRModule {
-public:
+ public:
   explicit ZRFrameManager(boost::shared_ptr<ZRBroker> broker,
                           const std::string& name = "ZRFrameManager");
   ~ZRFrameManager() override;  // exits every running instance
@@ -58,7 +57,7 @@ public:
   bool isBehaviorRunning(const std::string& id);
   std::vector<std::string> getBehaviorInstances();  // ids, oldest first
 
-private:
+ private:
   void bindMethods();
   std::shared_ptr<detail::BehaviorInstance> find(const std::string& id);
 

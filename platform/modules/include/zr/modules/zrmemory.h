@@ -16,6 +16,10 @@
 // and the drop is logged. Details: docs/modules.md.
 #pragma once
 
+#include <zr/zrmodule.h>
+#include <zr/zrvalue.h>
+
+#include <boost/shared_ptr.hpp>
 #include <functional>
 #include <map>
 #include <memory>
@@ -23,11 +27,6 @@
 #include <set>
 #include <string>
 #include <vector>
-
-#include <boost/shared_ptr.hpp>
-
-#include <zr/zrmodule.h>
-#include <zr/zrvalue.h>
 
 namespace ZR {
 
@@ -39,7 +38,7 @@ struct MemorySubscription;
 }  // namespace detail
 
 class ZRMemory : public ZRModule {
-public:
+ public:
   using Observer = std::function<void(const std::string& key, const ZRValue& value)>;
 
   // Notifications waiting for the notification thread beyond which new ones are dropped.
@@ -64,8 +63,7 @@ public:
   // One subscription per (key, callback module): subscribing again replaces it. The
   // callback must be a method of a hosted module taking three parameters.
   void subscribeToMicroEvent(const std::string& name, const std::string& callbackModule,
-                             const std::string& callbackMessage,
-                             const std::string& callbackMethod);
+                             const std::string& callbackMessage, const std::string& callbackMethod);
   void unsubscribeToMicroEvent(const std::string& name, const std::string& callbackModule);
 
   // In-process observers of every insertData and raiseMicroEvent, called on the
@@ -78,7 +76,7 @@ public:
   // Waits until every notification queued so far has been delivered; false on time-out.
   bool flushNotifications(int timeoutMs);
 
-private:
+ private:
   void bindMethods();
   void storeAndNotify(const char* method, const std::string& key, const ZRValue& value);
 

@@ -10,20 +10,19 @@
 // content, never a mix, even when the writing process is killed.
 #pragma once
 
-#include <mutex>
-#include <string>
-
-#include <boost/shared_ptr.hpp>
-
 #include <zr/zrmodule.h>
 #include <zr/zrvalue.h>
+
+#include <boost/shared_ptr.hpp>
+#include <mutex>
+#include <string>
 
 namespace ZR {
 
 class ZRBroker;
 
 class ZRPreferences : public ZRModule {
-public:
+ public:
   explicit ZRPreferences(boost::shared_ptr<ZRBroker> broker,
                          const std::string& name = "ZRPreferences");
   ~ZRPreferences() override;
@@ -42,7 +41,7 @@ public:
   // Where the user's file of a module is (the name is checked first).
   std::string prefFilePath(const std::string& moduleName);
 
-private:
+ private:
   void bindMethods();
   std::string checkedPath(const std::string& moduleName, const char* method);
 

@@ -5,19 +5,18 @@
 //   frames.completeBehavior(id);   // blocks for the whole run
 #pragma once
 
-#include <string>
-#include <vector>
+#include <zr/zrproxy.h>
 
 #include <boost/shared_ptr.hpp>
-
-#include <zr/zrproxy.h>
+#include <string>
+#include <vector>
 
 namespace ZR {
 
 class ZRBroker;
 
 class ZRFrameManagerProxy : public ZRProxy {
-public:
+ public:
   explicit ZRFrameManagerProxy(boost::shared_ptr<ZRBroker> broker,
                                const std::string& module = "ZRFrameManager");
 

@@ -7,20 +7,19 @@
 // under the proxy's name.
 #pragma once
 
-#include <string>
-#include <vector>
-
-#include <boost/shared_ptr.hpp>
-
 #include <zr/zrproxy.h>
 #include <zr/zrvalue.h>
+
+#include <boost/shared_ptr.hpp>
+#include <string>
+#include <vector>
 
 namespace ZR {
 
 class ZRBroker;
 
 class ZRMemoryProxy : public ZRProxy {
-public:
+ public:
   ZRMemoryProxy(boost::shared_ptr<ZRBroker> broker, const std::string& module = "ZRMemory");
 
   void insertData(const std::string& key, const ZRValue& value);
@@ -32,8 +31,7 @@ public:
   std::vector<std::string> getEventList();
   void raiseMicroEvent(const std::string& name, const ZRValue& value);
   void subscribeToMicroEvent(const std::string& name, const std::string& callbackModule,
-                             const std::string& callbackMessage,
-                             const std::string& callbackMethod);
+                             const std::string& callbackMessage, const std::string& callbackMethod);
   void unsubscribeToMicroEvent(const std::string& name, const std::string& callbackModule);
 };
 

@@ -4,19 +4,18 @@
 //   ZRValue entries = prefs.readPrefFile("DefaultBehaviors", false);
 #pragma once
 
-#include <string>
-
-#include <boost/shared_ptr.hpp>
-
 #include <zr/zrproxy.h>
 #include <zr/zrvalue.h>
+
+#include <boost/shared_ptr.hpp>
+#include <string>
 
 namespace ZR {
 
 class ZRBroker;
 
 class ZRPreferencesProxy : public ZRProxy {
-public:
+ public:
   explicit ZRPreferencesProxy(boost::shared_ptr<ZRBroker> broker,
                               const std::string& module = "ZRPreferences");
 

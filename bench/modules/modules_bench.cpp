@@ -1,0 +1,253 @@
+// Platform modules: parsing and instancing a 1 MB behavior file, the latency from
+// exitBehavior to the return of completeBehavior, and raiseMicroEvent with 10
+// subscribers.
+#include <benchmark/benchmark.h>
+#include <vu/log.h>
+#include <zr/modules/zrframemanager.h>
+#include <zr/modules/zrmemory.h>
+#include <zr/proxies/zrmemoryproxy.h>
+#include <zr/zrbroker.h>
+#include <zr/zrfunctorbase.h>
+
+#include <algorithm>
+#include <atomic>
+#include <boost/filesystem.hpp>
+#include <boost/make_shared.hpp>
+#include <chrono>
+#include <condition_variable>
+#include <fstream>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+using namespace ZR;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+std::string temporaryFile(const std::string& name) {
+  const auto dir = boost::filesystem::temp_directory_path() /
+                   boost::filesystem::unique_path("tuqvu-bench-%%%%-%%%%");
+  boost::filesystem::create_directories(dir);
+  return (dir / name).string();
+}
+
+// A behavior file of about `bytes` bytes, every kind of step, nested repeats.
+std::string writeLargeBehavior(std::size_t bytes) {
+  const std::string path = temporaryFile("behavior.xar");
+  std::ofstream out(path);
+  out << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<behavior>\n";
+  std::size_t written = 0;
+  for (int block = 0; written < bytes; ++block) {
+    std::string text = "  <repeat count=\"2\">\n";
+    text += "    <log text=\"block " + std::to_string(block) + "\" level=\"5\"/>\n";
+    text += "    <set key=\"Bench/Int" + std::to_string(block) + "\" type=\"int\" value=\"" +
+            std::to_string(block) + "\"/>\n";
+    text += "    <raise key=\"Bench/Float\" type=\"float\" value=\"0.25\"/>\n";
+    text += "    <wait ms=\"1\"/>\n";
+    text += "    <call module=\"ZRMemory\" method=\"insertData\">\n";
+    text +=
+        "      <arg type=\"string\" value=\"Bench/Last\"/><arg type=\"bool\" value=\"true\"/>\n";
+    text += "    </call>\n  </repeat>\n";
+    out << text;
+    written += text.size();
+  }
+  out << "</behavior>\n";
+  return path;
+}
+
+void BM_ParseAndInstanceLargeFile(benchmark::State& state) {
+  const std::size_t bytes = static_cast<std::size_t>(state.range(0)) << 10;
+  const std::string path = writeLargeBehavior(bytes);
+  const auto size = boost::filesystem::file_size(path);
+  auto broker = ZRBroker::create();
+  ZRFrameManager frames(broker);
+  for (auto _ : state) {
+    const std::string id = frames.newBehaviorFromFile(path, "large");
+    benchmark::DoNotOptimize(id);
+    frames.deleteBehavior(id);
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * size));
+  state.counters["file_bytes"] = static_cast<double>(size);
+  boost::filesystem::remove_all(boost::filesystem::path(path).parent_path());
+}
+BENCHMARK(BM_ParseAndInstanceLargeFile)->Arg(1024)->Unit(benchmark::kMillisecond);
+
+// Runs completeBehavior on its own thread, one run per request, and records when it
+// returned.
+class Runner {
+ public:
+  Runner(ZRFrameManager& frames, std::string id) : frames_(frames), id_(std::move(id)) {
+    thread_ = std::thread([this] { loop(); });
+  }
+  ~Runner() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stop_ = true;
+      changed_.notify_all();
+    }
+    thread_.join();
+  }
+  void startRun() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    requested_ = true;
+    returned_ = false;
+    changed_.notify_all();
+  }
+  Clock::time_point waitReturn() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [&] { return returned_; });
+    return returnedAt_;
+  }
+
+ private:
+  void loop() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+      changed_.wait(lock, [&] { return stop_ || requested_; });
+      if (stop_) return;
+      requested_ = false;
+      lock.unlock();
+      frames_.completeBehavior(id_);
+      const Clock::time_point now = Clock::now();
+      lock.lock();
+      returnedAt_ = now;
+      returned_ = true;
+      changed_.notify_all();
+    }
+  }
+
+  ZRFrameManager& frames_;
+  const std::string id_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool requested_ = false;
+  bool returned_ = false;
+  bool stop_ = false;
+  Clock::time_point returnedAt_;
+  std::thread thread_;
+};
+
+void BM_ExitToCompleteReturn(benchmark::State& state) {
+  const int background = static_cast<int>(state.range(0));
+  const std::string path = temporaryFile("behavior.xar");
+  std::ofstream(path) << "<behavior><repeat><wait ms=\"600000\"/></repeat></behavior>";
+  auto broker = ZRBroker::create();
+  ZRFrameManager frames(broker);
+
+  // Other instances waiting at the same time, each on its own thread.
+  std::vector<std::thread> others;
+  for (int i = 0; i < background; ++i) {
+    const std::string id = frames.newBehaviorFromFile(path, "background");
+    others.emplace_back([&frames, id] { frames.completeBehavior(id); });
+  }
+
+  const std::string id = frames.newBehaviorFromFile(path, "measured");
+  Runner runner(frames, id);
+  std::vector<double> latencies;
+  for (auto _ : state) {
+    runner.startRun();
+    while (!frames.isBehaviorRunning(id)) std::this_thread::yield();
+    const Clock::time_point exitAt = Clock::now();
+    frames.exitBehavior(id);
+    const Clock::time_point returnedAt = runner.waitReturn();
+    const double seconds = std::chrono::duration<double>(returnedAt - exitAt).count();
+    state.SetIterationTime(seconds);
+    latencies.push_back(seconds * 1e6);
+  }
+  frames.cleanBehaviors();
+  for (auto& thread : others) thread.join();
+  boost::filesystem::remove_all(boost::filesystem::path(path).parent_path());
+
+  std::sort(latencies.begin(), latencies.end());
+  const auto at = [&](double q) {
+    return latencies[std::min(latencies.size() - 1,
+                              static_cast<std::size_t>(q * latencies.size()))];
+  };
+  state.counters["p50_us"] = at(0.50);
+  state.counters["p99_us"] = at(0.99);
+  state.counters["max_us"] = latencies.back();
+}
+BENCHMARK(BM_ExitToCompleteReturn)
+    ->Arg(0)
+    ->Arg(200)
+    ->Iterations(2000)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
+
+// A subscriber that only counts its notifications.
+class CountingModule : public ZRModule {
+ public:
+  CountingModule(boost::shared_ptr<ZRBroker> broker, const std::string& name)
+      : ZRModule(broker, name) {
+    functionName("onEvent", getName(), "count", 0);
+    addParam("name", "");
+    addParam("value", "");
+    addParam("message", "");
+    bindMethod(boost::make_shared<ZRCallableFunctor>(
+        [this](const ZRValue&, ZRValue&) { count.fetch_add(1, std::memory_order_relaxed); }));
+  }
+  std::atomic<long> count{0};
+};
+
+struct TenSubscribers {
+  boost::shared_ptr<ZRBroker> broker = ZRBroker::create();
+  ZRMemory memory{broker};
+  std::vector<std::unique_ptr<CountingModule>> subscribers;
+  TenSubscribers() {
+    for (int i = 0; i < 10; ++i) {
+      subscribers.emplace_back(new CountingModule(broker, "Subscriber" + std::to_string(i)));
+      memory.subscribeToMicroEvent("Bench/Event", subscribers.back()->getName(), "m", "onEvent");
+    }
+  }
+  long delivered() const {
+    long total = 0;
+    for (const auto& s : subscribers) total += s->count.load();
+    return total;
+  }
+};
+
+// Raise calls through the proxy (as modules make them), delivery to all ten subscribers
+// included: each iteration raises a batch and waits until it has been delivered.
+void BM_RaiseMicroEventDelivered(benchmark::State& state) {
+  TenSubscribers setup;
+  ZRMemoryProxy proxy(setup.broker);
+  const int batch = static_cast<int>(state.range(0));
+  for (auto _ : state) {
+    for (int i = 0; i < batch; ++i) proxy.raiseMicroEvent("Bench/Event", i);
+    if (!setup.memory.flushNotifications(60000)) state.SkipWithError("delivery stalled");
+  }
+  state.SetItemsProcessed(state.iterations() * batch);
+  state.counters["deliveries_per_s"] =
+      benchmark::Counter(static_cast<double>(setup.delivered()), benchmark::Counter::kIsRate);
+}
+BENCHMARK(BM_RaiseMicroEventDelivered)->Arg(1000)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// The cost of the raise call alone while the notification thread delivers behind it.
+void BM_RaiseMicroEventCall(benchmark::State& state) {
+  TenSubscribers setup;
+  ZRMemoryProxy proxy(setup.broker);
+  int i = 0;
+  for (auto _ : state) {
+    proxy.raiseMicroEvent("Bench/Event", ++i);
+    if (i % 50000 == 0) {
+      state.PauseTiming();
+      setup.memory.flushNotifications(60000);  // keep the queue below its bound
+      state.ResumeTiming();
+    }
+  }
+  state.SetItemsProcessed(state.iterations());
+  setup.memory.flushNotifications(60000);
+}
+BENCHMARK(BM_RaiseMicroEventCall)->UseRealTime();
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  vu::log::setMaxLevel(3);  // the per-instance verbose lines are not what is measured
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}
