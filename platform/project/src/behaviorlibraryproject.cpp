@@ -1,13 +1,11 @@
+#include <sys/stat.h>
 #include <vu/project/behaviorlibraryproject.h>
 
-#include <sys/stat.h>
-
+#include <boost/filesystem.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <vector>
-
-#include <boost/filesystem.hpp>
 
 #include "detail/filecopy.h"
 #include "detail/libraryindex.h"
@@ -111,8 +109,8 @@ bool BehaviorLibraryProject::importBehavior(const std::string& sourceDir,
   }
   const std::string source = detail::normalizeAbsolute(sourceDir);
   if (!isBehavior(source)) {
-    detail::logWarning(kImport, source + " is not a behavior: it holds no " +
-                                    detail::kBehaviorFile);
+    detail::logWarning(kImport,
+                       source + " is not a behavior: it holds no " + detail::kBehaviorFile);
     return false;
   }
   const std::string dest = detail::joinPath(index->root(), rel);
@@ -184,7 +182,8 @@ bool BehaviorLibraryProject::importBehavior(const std::string& sourceDir,
         error = std::strerror(errno);
         std::string ignored;
         detail::removeTree(staging, ignored);
-        detail::logError(kImport, "Cannot move " + source + " into place at " + dest + ": " + error);
+        detail::logError(kImport,
+                         "Cannot move " + source + " into place at " + dest + ": " + error);
         return false;
       }
     }

@@ -1,11 +1,9 @@
-#include <vu/project/library.h>
-
 #include <sys/stat.h>
+#include <vu/project/library.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-
 #include <pugixml.hpp>
 
 #include "detail/paths.h"
@@ -38,20 +36,16 @@ bool makeBehaviorLibraryProject(const std::string& path, const std::string& name
   const std::string dir = detail::normalizeAbsolute(path);
   struct stat info;
   if (dir.empty() || ::stat(dir.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
-    detail::logError(function, "Cannot make a behavior library of \"" + path +
-                                   "\": not an existing directory");
+    detail::logError(
+        function, "Cannot make a behavior library of \"" + path + "\": not an existing directory");
     return false;
   }
   const std::string file = detail::joinPath(dir, detail::kProjectFile);
   pugi::xml_document document;
   detail::ProjectFile existing;
   switch (detail::readProjectFile(dir, existing, function)) {
-    case detail::ReadResult::ok:
-      document.load_file(file.c_str());
-      break;
-    case detail::ReadResult::absent:
-      document.append_child("project");
-      break;
+    case detail::ReadResult::ok: document.load_file(file.c_str()); break;
+    case detail::ReadResult::absent: document.append_child("project"); break;
     case detail::ReadResult::malformed:
       detail::logError(function, "Cannot make a behavior library of " + dir + ": " + file +
                                      " exists and is not a readable project file");

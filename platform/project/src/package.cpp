@@ -1,10 +1,10 @@
-#include <vu/project/package.h>
-
 #include <archive.h>
 #include <archive_entry.h>
 #include <sys/stat.h>
+#include <vu/project/package.h>
 
 #include <algorithm>
+#include <boost/filesystem.hpp>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -12,8 +12,6 @@
 #include <memory>
 #include <stdexcept>
 #include <vector>
-
-#include <boost/filesystem.hpp>
 
 #include "detail/filecopy.h"
 #include "detail/paths.h"
@@ -77,8 +75,7 @@ bool linkStaysInside(const std::string& linkPath, const std::string& target) {
 
 class Unpacker {
  public:
-  Unpacker(const std::string& package, const std::string& into)
-      : package_(package), into_(into) {}
+  Unpacker(const std::string& package, const std::string& into) : package_(package), into_(into) {}
 
   ArchiveFormat run(ArchiveFormat format) {
     std::unique_ptr<struct archive, ReaderDeleter> reader(archive_read_new());
@@ -142,8 +139,8 @@ class Unpacker {
     }
     std::string rel;
     if (!detail::normalizeRelative(name, rel)) {
-      fail(std::string("entry \"") + name + "\" leads outside the package (\"..\" in its " +
-           what + ")");
+      fail(std::string("entry \"") + name + "\" leads outside the package (\"..\" in its " + what +
+           ")");
     }
     return rel;
   }

@@ -1,6 +1,5 @@
-#include <vu/project/project.h>
-
 #include <sys/stat.h>
+#include <vu/project/project.h>
 
 #include "detail/paths.h"
 #include "detail/projectfile.h"
@@ -55,7 +54,9 @@ bool isBehavior(const std::string& dir) {
          S_ISREG(info.st_mode);
 }
 
-bool isBehavior(const Project& project) { return isBehavior(project.projectPath()); }
+bool isBehavior(const Project& project) {
+  return isBehavior(project.projectPath());
+}
 
 }  // namespace project
 }  // namespace vu

@@ -1,11 +1,10 @@
 // BehaviorLibraryProject: listing, tags, import, removal, notifications and assignment.
-#include <vu/project/behaviorlibraryproject.h>
-
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vu/project/behaviorlibraryproject.h>
 
 #include <boost/bind/bind.hpp>
-#include <gtest/gtest.h>
 
 #include "support.h"
 
@@ -68,9 +67,9 @@ TEST_F(LibraryTest, ValidWithAbsoluteRootPath) {
 
 TEST_F(LibraryTest, ListsEveryBehaviorSortedAndSkipsBehaviorsInsideBehaviors) {
   BehaviorLibraryProject library(root.path());
-  EXPECT_EQ((Paths{"dance", "greetings-old/x", "greetings/bow", "greetings/more/hi",
-                   "greetings/wave"}),
-            library.behaviorPaths("", true));
+  EXPECT_EQ(
+      (Paths{"dance", "greetings-old/x", "greetings/bow", "greetings/more/hi", "greetings/wave"}),
+      library.behaviorPaths("", true));
   EXPECT_FALSE(library.hasBehavior("dance/inner"));
   EXPECT_TRUE(library.hasBehavior("dance"));
   EXPECT_TRUE(library.hasBehavior("greetings/more/hi"));
@@ -374,7 +373,7 @@ TEST_F(LibraryTest, CopyHasFreshSignalsAndTheSameLibrary) {
   EXPECT_EQ(library.projectPath(), copy.projectPath());
   EXPECT_EQ(library.behaviorPaths("", true), copy.behaviorPaths("", true));
   EXPECT_TRUE(copy.importBehavior(source / "wave2", "viacopy", false));
-  EXPECT_TRUE(recorder.events.empty());   // the copy's signals are its own
+  EXPECT_TRUE(recorder.events.empty());         // the copy's signals are its own
   EXPECT_TRUE(library.hasBehavior("viacopy"));  // but the disk is shared
 }
 

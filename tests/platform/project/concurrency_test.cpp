@@ -1,13 +1,12 @@
 // Many readers, an importer, a remover, an assigner and changes made by hand, all at once
 // on one library object, as the behavior manager uses it. Run under ThreadSanitizer too.
+#include <gtest/gtest.h>
 #include <vu/project/behaviorlibraryproject.h>
 
 #include <atomic>
-#include <thread>
-
 #include <boost/bind/bind.hpp>
 #include <boost/filesystem.hpp>
-#include <gtest/gtest.h>
+#include <thread>
 
 #include "support.h"
 
@@ -60,7 +59,8 @@ TEST(Concurrency, ReadersImporterRemoverAssignerAndChangesByHand) {
   ScratchDir source;
   for (const ScratchDir* root : {&first, &second}) {
     for (int i = 0; i < 40; ++i) {
-      makeBehavior(*root / ("stable/" + std::to_string(i)), {"stable", "t" + std::to_string(i % 4)});
+      makeBehavior(*root / ("stable/" + std::to_string(i)),
+                   {"stable", "t" + std::to_string(i % 4)});
     }
   }
   makeBehavior(source / "b", {"moving"});

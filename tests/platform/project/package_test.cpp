@@ -1,13 +1,11 @@
 // importProject: zip and tar packages, detection, and refusal of unsafe or broken ones.
-#include <vu/project/package.h>
-
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <cstdlib>
+#include <vu/project/package.h>
 
 #include <boost/filesystem.hpp>
-#include <gtest/gtest.h>
+#include <cstdlib>
 
 #include "support.h"
 
@@ -18,7 +16,8 @@ namespace fs = boost::filesystem;
 namespace {
 
 const std::vector<ArchiveEntry> kWave = {
-    {"project.xml", ArchiveEntry::File, "<project><metadata key=\"Type\" value=\"Behavior\"/></project>"},
+    {"project.xml", ArchiveEntry::File,
+     "<project><metadata key=\"Type\" value=\"Behavior\"/></project>"},
     {"behavior.xar", ArchiveEntry::File, "<xar/>"},
     {"data/", ArchiveEntry::Directory, ""},
     {"data/anim.bin", ArchiveEntry::File, "frames"},
@@ -100,14 +99,17 @@ TEST_F(PackageTest, PackagesMadeByTheCommandLineTools) {
   }
   makeBehavior(work / "src", {"tool"}, "made by tools");
   writeFile(work / "src/sub/file.txt", "sub");
-  const std::string zipCommand = "cd '" + work.path() + "/src' && zip -qr '" + package("t.zip") + "' .";
-  const std::string tarCommand = "bsdtar -cJf '" + package("t.tar.xz") + "' -C '" + work.path() + "/src' .";
+  const std::string zipCommand =
+      "cd '" + work.path() + "/src' && zip -qr '" + package("t.zip") + "' .";
+  const std::string tarCommand =
+      "bsdtar -cJf '" + package("t.tar.xz") + "' -C '" + work.path() + "/src' .";
   ASSERT_EQ(0, std::system(zipCommand.c_str()));
   ASSERT_EQ(0, std::system(tarCommand.c_str()));
   for (const std::string name : {"t.zip", "t.tar.xz"}) {
     ArchiveFormat format = vu::project::ArchiveFormatDetect;
     vu::project::importProject(package(name), work / ("out-" + name), format);
-    EXPECT_EQ(name == "t.zip" ? vu::project::ArchiveFormatZip : vu::project::ArchiveFormatTar, format);
+    EXPECT_EQ(name == "t.zip" ? vu::project::ArchiveFormatZip : vu::project::ArchiveFormatTar,
+              format);
     EXPECT_EQ("made by tools", readFile(work / ("out-" + name + "/behavior.xar")));
     EXPECT_EQ("sub", readFile(work / ("out-" + name + "/sub/file.txt")));
   }
@@ -145,7 +147,8 @@ TEST_F(PackageTest, ExistingDestinationIsMergedInto) {
 
 TEST_F(PackageTest, NotAnArchive) {
   writeFile(package("notes.txt"), "These are just words, not an archive.\n");
-  expectRefused(package("notes.txt"), work / "out/deeper", {package("notes.txt"), "is not a package"});
+  expectRefused(package("notes.txt"), work / "out/deeper",
+                {package("notes.txt"), "is not a package"});
 }
 
 TEST_F(PackageTest, EmptyFileMissingFileAndDirectory) {
@@ -201,10 +204,12 @@ TEST_F(PackageTest, AbsoluteEntryIsRefused) {
 
 TEST_F(PackageTest, SymlinkPointingOutsideIsRefused) {
   const std::vector<std::vector<ArchiveEntry>> packages = {
-      {{"behavior.xar", ArchiveEntry::File, "x"}, {"escape", ArchiveEntry::Symlink, outside.path()}},
+      {{"behavior.xar", ArchiveEntry::File, "x"},
+       {"escape", ArchiveEntry::Symlink, outside.path()}},
       {{"behavior.xar", ArchiveEntry::File, "x"}, {"escape", ArchiveEntry::Symlink, "../"}},
       {{"behavior.xar", ArchiveEntry::File, "x"}, {"d/escape", ArchiveEntry::Symlink, "../../x"}},
-      {{"behavior.xar", ArchiveEntry::File, "x"}, {"d/escape", ArchiveEntry::Symlink, "sub/../../.."}},
+      {{"behavior.xar", ArchiveEntry::File, "x"},
+       {"d/escape", ArchiveEntry::Symlink, "sub/../../.."}},
       // "self" is the top level itself; "self/.." would be the directory above it.
       {{"self", ArchiveEntry::Symlink, "."}, {"escape", ArchiveEntry::Symlink, "self/../x"}},
   };
@@ -233,9 +238,9 @@ TEST_F(PackageTest, HardLinkInsideIsKeptAndOutsideRefused) {
   EXPECT_EQ("x", readFile(work / "out/copy.xar"));
   fs::remove_all(work / "out");
 
-  writeArchive(package("hardout.tar"), Container::Tar,
-               {{"behavior.xar", ArchiveEntry::File, "x"},
-                {"copy", ArchiveEntry::Hardlink, "../keep"}});
+  writeArchive(
+      package("hardout.tar"), Container::Tar,
+      {{"behavior.xar", ArchiveEntry::File, "x"}, {"copy", ArchiveEntry::Hardlink, "../keep"}});
   fs::remove(package("hard.tar"));
   expectRefused(package("hardout.tar"), work / "out", {"\"..\""});
 }

@@ -1,10 +1,8 @@
 // Project, isBehavior and makeBehaviorLibraryProject.
-#include <vu/project.h>
-
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
+#include <vu/project.h>
 
 #include "support.h"
 

@@ -5,19 +5,19 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <boost/filesystem.hpp>
 #include <fstream>
 #include <random>
 #include <sstream>
 #include <stdexcept>
-
-#include <boost/filesystem.hpp>
 
 namespace fs = boost::filesystem;
 
 namespace projecttest {
 
 ScratchDir::ScratchDir() {
-  const fs::path base = fs::temp_directory_path() / fs::unique_path("vu-project-test-%%%%-%%%%-%%%%");
+  const fs::path base =
+      fs::temp_directory_path() / fs::unique_path("vu-project-test-%%%%-%%%%-%%%%");
   fs::create_directories(base);
   path_ = fs::canonical(base).string();
 }
@@ -84,7 +84,9 @@ LogCapture::LogCapture() {
   });
 }
 
-LogCapture::~LogCapture() { vu::log::setSink({}); }
+LogCapture::~LogCapture() {
+  vu::log::setSink({});
+}
 
 std::vector<vu::log::Message> LogCapture::messages() const {
   std::lock_guard<std::mutex> lock(mutex_);

@@ -2,11 +2,11 @@
 // captured log lines and archives built with libarchive's write API.
 #pragma once
 
+#include <vu/log.h>
+
 #include <mutex>
 #include <string>
 #include <vector>
-
-#include <vu/log.h>
 
 namespace projecttest {
 

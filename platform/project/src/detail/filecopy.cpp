@@ -3,10 +3,9 @@
 #include <fcntl.h>
 #include <stdio.h>
 
+#include <boost/filesystem.hpp>
 #include <cerrno>
 #include <cstring>
-
-#include <boost/filesystem.hpp>
 
 #include "detail/paths.h"
 
@@ -24,12 +23,8 @@ bool copyTree(const std::string& from, const std::string& to, std::string& error
     return false;
   }
   switch (status.type()) {
-    case fs::symlink_file:
-      fs::copy_symlink(from, to, code);
-      break;
-    case fs::regular_file:
-      fs::copy_file(from, to, fs::copy_options::none, code);
-      break;
+    case fs::symlink_file: fs::copy_symlink(from, to, code); break;
+    case fs::regular_file: fs::copy_file(from, to, fs::copy_options::none, code); break;
     case fs::directory_file: {
       fs::create_directory(to, code);
       if (code) {

@@ -35,16 +35,21 @@
 // with ".tuqvu-import-" are the library's own copies in progress and are never indexed.
 //
 // When no inotify instance or watch can be had (the per-user limits), the library logs a
-// warning and rescans the whole tree on every query: slow, but still correct.
+// warning and rescans the whole tree on every query: slow, but still correct. The same
+// happens for every library opened while the environment variable TUQVU_LIBRARY_POLLING
+// is set to anything but "" or "0", for file systems whose changes inotify does not see
+// (changes made on another machine of a network file system).
 #include "detail/libraryindex.h"
 
 #include <dirent.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vu/log.h>
 
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 
 #include "detail/paths.h"
@@ -88,9 +93,16 @@ std::shared_ptr<LibraryIndex> LibraryIndex::acquire(const std::string& root) {
   return index;
 }
 
-LibraryIndex::LibraryIndex(std::string root) : root_(std::move(root)) { refresh(); }
+LibraryIndex::LibraryIndex(std::string root) : root_(std::move(root)) {
+  // For file systems whose changes inotify does not report (network file systems).
+  const char* polling = std::getenv("TUQVU_LIBRARY_POLLING");
+  polling_ = polling != nullptr && *polling != '\0' && std::strcmp(polling, "0") != 0;
+  refresh();
+}
 
-LibraryIndex::~LibraryIndex() { closeWatcher(); }
+LibraryIndex::~LibraryIndex() {
+  closeWatcher();
+}
 
 // ---------------------------------------------------------------------------------------
 // Queries
@@ -123,9 +135,8 @@ std::set<std::string> LibraryIndex::behaviorPaths(const std::string& sub, bool r
   refresh();
   std::shared_lock<std::shared_mutex> lock(dataMutex_);
   std::set<std::string> result;
-  forEachBehavior(sub, recursive, [&result](const auto& entry) {
-    result.emplace_hint(result.end(), entry.first);
-  });
+  forEachBehavior(sub, recursive,
+                  [&result](const auto& entry) { result.emplace_hint(result.end(), entry.first); });
   return result;
 }
 
@@ -260,7 +271,9 @@ void LibraryIndex::applyEvents(const char* buffer, ssize_t length) {
     const auto* event = reinterpret_cast<const struct inotify_event*>(buffer + offset);
     offset += sizeof(struct inotify_event) + event->len;
     if (event->mask & IN_Q_OVERFLOW) {
-      rebuild();  // events were lost; the rest of this buffer belongs to the old watcher
+      vu::log::write(vu::log::info, kLogCategory, kLogFunction,
+                     "Library " + root_ + ": change notifications were lost; rescanning");
+      rebuild();  // the rest of this buffer belongs to the old watcher
       return;
     }
     const auto watch = watches_.find(event->wd);
@@ -294,8 +307,7 @@ void LibraryIndex::applyEvents(const char* buffer, ssize_t length) {
   }
 }
 
-void LibraryIndex::entryChanged(const std::string& dir, const std::string& name,
-                                uint32_t mask) {
+void LibraryIndex::entryChanged(const std::string& dir, const std::string& name, uint32_t mask) {
   auto indexed = dirs_.find(dir);
   if (indexed == dirs_.end()) {
     return;

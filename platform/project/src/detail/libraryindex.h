@@ -45,8 +45,8 @@ class LibraryIndex {
 
  private:
   struct Dir {
-    int wd;          // inotify watch, -1 without one
-    bool behavior;   // holds behavior.xar (never true for the root)
+    int wd;         // inotify watch, -1 without one
+    bool behavior;  // holds behavior.xar (never true for the root)
     dev_t dev;
     ino_t ino;
   };
@@ -79,15 +79,15 @@ class LibraryIndex {
   // written only with both held, so refresh() may read it holding refreshMutex_ alone.
   std::mutex refreshMutex_;
   int fd_ = -1;
-  bool polling_ = false;      // no watcher could be had: rescan on every query
-  bool watchFailed_ = false;  // a watch could not be added during this refresh
+  bool polling_ = false;             // no watcher could be had: rescan on every query
+  bool watchFailed_ = false;         // a watch could not be added during this refresh
   std::set<std::string> dirtyTags_;  // behaviors whose project.xml changed
 
   // dataMutex_ guards the index proper; queries hold it shared.
   mutable std::shared_mutex dataMutex_;
   std::map<std::string, Dir> dirs_;  // every indexed directory by relative path, root ""
-  std::unordered_map<int, std::string> watches_;  // watch descriptor -> directory
-  std::map<std::pair<dev_t, ino_t>, std::string> inodes_;  // one path per directory
+  std::unordered_map<int, std::string> watches_;               // watch descriptor -> directory
+  std::map<std::pair<dev_t, ino_t>, std::string> inodes_;      // one path per directory
   std::map<std::string, std::vector<std::string>> behaviors_;  // behavior -> its tags
   std::map<std::string, std::set<std::string>> tagged_;        // tag -> behaviors
 };

@@ -2,13 +2,12 @@
 
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vu/log.h>
 
 #include <cerrno>
 #include <climits>
 #include <random>
 #include <vector>
-
-#include <vu/log.h>
 
 namespace vu {
 namespace project {
@@ -101,7 +100,9 @@ std::string joinPath(const std::string& root, const std::string& rel) {
   return root + "/" + rel;
 }
 
-bool isStagingName(const std::string& name) { return name.rfind(kStagingPrefix, 0) == 0; }
+bool isStagingName(const std::string& name) {
+  return name.rfind(kStagingPrefix, 0) == 0;
+}
 
 std::string stagingPath(const std::string& parentDir, const std::string& suffix) {
   thread_local std::mt19937_64 generator(std::random_device{}());

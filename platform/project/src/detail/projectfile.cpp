@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-
 #include <pugixml.hpp>
 
 #include "detail/paths.h"

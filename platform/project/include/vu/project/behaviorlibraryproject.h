@@ -12,15 +12,14 @@
 // programs. All members may be called from several threads at once.
 #pragma once
 
+#include <vu/project/library.h>
+#include <vu/project/project.h>
+
+#include <boost/signals2/signal.hpp>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
-
-#include <boost/signals2/signal.hpp>
-
-#include <vu/project/library.h>
-#include <vu/project/project.h>
 
 namespace vu {
 namespace project {

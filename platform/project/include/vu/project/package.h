@@ -14,7 +14,7 @@ enum ArchiveFormat {
   ArchiveFormatDetect = -2,   // find the format from the content
   ArchiveFormatUnknown = -1,  // written back when detection found no archive
   ArchiveFormatZip = 0,
-  ArchiveFormatTar = 1,       // any tar dialect, compressed or not
+  ArchiveFormatTar = 1,  // any tar dialect, compressed or not
 };
 
 // Unpacks the package into destDir, which is created (with its parents) when missing.
