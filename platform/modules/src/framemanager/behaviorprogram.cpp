@@ -4,6 +4,7 @@
 
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <pugixml.hpp>
 #include <set>
@@ -63,7 +64,7 @@ class Parser {
   void allowAttributes(const pugi::xml_node& node, std::initializer_list<const char*> known) const {
     for (const pugi::xml_attribute& attribute : node.attributes()) {
       bool ok = false;
-      for (const char* name : known) ok = ok || std::string(attribute.name()) == name;
+      for (const char* name : known) ok = ok || std::strcmp(attribute.name(), name) == 0;
       if (!ok) {
         fail(node, where(node) + " has an unknown attribute \"" + attribute.name() + "\"");
       }
@@ -120,6 +121,11 @@ class Parser {
       fail(parent, "steps are nested more than " + std::to_string(kMaxBehaviorDepth) + " deep");
     }
     std::vector<BehaviorStep> steps;
+    std::size_t elements = 0;
+    for (const pugi::xml_node& child : parent.children()) {
+      if (child.type() == pugi::node_element) ++elements;
+    }
+    steps.reserve(elements);
     for (const pugi::xml_node& child : parent.children()) {
       if (child.type() == pugi::node_pcdata || child.type() == pugi::node_cdata) {
         fail(child, "unexpected text inside " + where(parent));
@@ -136,7 +142,7 @@ class Parser {
     const TextPosition at = positionOfNode(fIndex, node);
     step.line = at.line;
     step.column = at.column;
-    const std::string name = node.name();
+    const std::string name = node.name();  // short: kept in the string's own buffer
     if (name != "repeat" && name != "call" && node.first_child()) {
       fail(node.first_child(), where(node) + " takes no content");
     }
