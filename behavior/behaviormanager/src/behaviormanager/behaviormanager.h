@@ -28,6 +28,7 @@
 #include <zr/proxies/zrframemanagerproxy.h>
 #include <zr/proxies/zrmemoryproxy.h>
 #include <zr/zrbroker.h>
+#include <zr/zrerror.h>
 #include <zr/zrmodule.h>
 #include <zr/zrmutex.h>
 #include <zr/zrvalue.h>

@@ -16,7 +16,7 @@ namespace BehaviorManager {
 
 namespace {
 
-bool exists(const fs::path& path) {
+bool somethingAt(const fs::path& path) {
   boost::system::error_code ignored;
   const fs::file_type type = fs::status(path, ignored).type();
   return type != fs::status_error && type != fs::file_not_found;
@@ -24,7 +24,7 @@ bool exists(const fs::path& path) {
 
 void removeTemporary(const fs::path& tmp) {
   try {
-    if (exists(tmp)) {
+    if (somethingAt(tmp)) {
       fs::remove_all(tmp);
     }
   } catch (const std::exception& error) {
@@ -61,7 +61,7 @@ bool ZRBehaviorManager::installBehavior(const std::string& absolutePath,
     const std::string type = project.getMetadata("Type");
 
     if (detail::isResourceType(type)) {
-      if (!overwrite && exists(dest)) {
+      if (!overwrite && somethingAt(dest)) {
         return false;
       }
       fs::remove_all(dest);
@@ -96,7 +96,7 @@ bool ZRBehaviorManager::installBehavior(const std::string& absolutePath,
 
 bool ZRBehaviorManager::copy(const fs::path& source, const fs::path& destination) {
   if (fs::is_directory(source)) {
-    if (!exists(destination)) {
+    if (!somethingAt(destination)) {
       try {
         fs::create_directory(destination);
       } catch (const fs::filesystem_error&) {
