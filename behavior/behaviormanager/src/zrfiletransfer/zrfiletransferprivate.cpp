@@ -74,6 +74,8 @@ int ZRFileTransferPrivate::newServer(const std::string& host, int port) {
   fPort = findFreePort(port);
   fServer = soap_new();
   soap_init2(fServer, SOAP_IO_KEEPALIVE, 0);
+  // Naming the table also links the generated runtime (zrgsoaptables.cpp) into the program.
+  soap_set_namespaces(fServer, namespaces);
   fServer->send_timeout = kIoTimeout;
   fServer->recv_timeout = kIoTimeout;
   fServer->accept_timeout = kAcceptTimeout;
