@@ -1,0 +1,116 @@
+#include "fixture.h"
+
+#include <thread>
+
+#include <zr/zrmutex.h>
+
+namespace bmtest {
+namespace {
+
+class StatusPage : public ManagerTest {
+protected:
+  // The page's fixed opening: the document, the script and its closing tag.
+  std::string opening() { return "<html><body><script>" + manager->javaScriptCode() + "</script>"; }
+};
+
+std::string scriptLines(const std::string& function, const std::string& first,
+                        const std::string& second) {
+  const std::vector<std::string> lines = {
+      "function " + function + " (behavior) {",
+      "var xhr_object = null;",
+      "if (window.XMLHttpRequest) {",
+      "xhr_object = new XMLHttpRequest();",
+      "}",
+      "else if (window.ActiveXObject) {",
+      "xhr_object = new ActiveXObject(\"Microsoft.XMLHTTP\");",
+      "}",
+      "else {",
+      "return;",
+      "}",
+      "var evalUrl = document.URL.substring(0, document.URL.lastIndexOf(\"/\") + 1) + \"?eval=\";",
+      "xhr_object.onreadystatechange = function () {",
+      "if (xhr_object.readyState == 4 && xhr_object.status == 200) {",
+      "xhr_object.onreadystatechange = null;",
+      "xhr_object.open(\"GET\", evalUrl + \"ZRBehaviorManager." + second +
+          "('\" + behavior + \"')\");",
+      "xhr_object.send(null);",
+      "}",
+      "}",
+      "xhr_object.open(\"GET\", evalUrl + \"ZRBehaviorManager." + first + "('\" + behavior + \"')\");",
+      "xhr_object.send(null);",
+      "}",
+  };
+  std::string text;
+  for (const std::string& line : lines) text += line + "\n";
+  return text;
+}
+
+TEST_F(StatusPage, ScriptIsTheFixedTextOf1381Characters) {
+  startPlatform();
+  startManager();
+  const std::string script = manager->javaScriptCode();
+  EXPECT_EQ(script.size(), 1381u);
+  EXPECT_EQ(script, scriptLines("playBehavior", "loadBehavior", "runBehavior") +
+                        scriptLines("stopBehavior", "stopBehavior", "unloadBehavior"));
+  EXPECT_EQ(script.back(), '\n');
+  EXPECT_EQ(script.find("  "), std::string::npos);  // no indentation
+}
+
+TEST_F(StatusPage, EmptyManagerGivesOnlyTheScript) {
+  startPlatform();
+  startManager();
+  EXPECT_EQ(manager->httpGet(), opening() + "</body></html>");
+}
+
+TEST_F(StatusPage, LoadedRunningAndInstalledSectionsHaveTheirExactRows) {
+  makeBehavior(userRoot() / "a", "<behavior><repeat><wait ms=\"50\"/></repeat></behavior>");
+  makeBehavior(userRoot() / "b");
+  startPlatform();
+  startManager();
+  ASSERT_TRUE(manager->loadBehavior("b"));
+  std::thread runner([&] {
+    try {
+      manager->runBehavior("a");
+    } catch (const std::exception&) {
+    }
+  });
+  ASSERT_TRUE(manager->waitBehaviorState("a", ZR::BehaviorManager::StateRunning, 10000));
+  const std::string table = "<table cellspacing=\"5\" cellpadding=\"5\">";
+  const std::string page = manager->httpGet();
+  manager->stopBehavior("a");
+  runner.join();
+
+  const std::string expected =
+      opening() + "<i><u>Loaded behaviors</u></i><br>" + table +
+      "<tr><td><b>Name</b></td><td><b>Loaded by dependency</b></td></tr>"
+      "<tr><td>a</td><td></td></tr><tr><td>b</td><td></td></tr></table><br><br><br>"
+      "<i><u>Running behaviors</u></i><br>" + table + "<tr><td><b>Name</b></td></tr>"
+      "<tr><td><a href=\"javascript:stopBehavior('a');\">a</a></td></tr></table><br><br><br>"
+      "<i><u>Installed behaviors</u></i><br>" + table + "<tr><td><b>Name</b></td></tr>"
+      "<tr><td><a href=\"javascript:playBehavior('a');\">a</a></td></tr>"
+      "<tr><td><a href=\"javascript:playBehavior('b');\">b</a></td></tr></table></body></html>";
+  EXPECT_EQ(page, expected);
+}
+
+TEST_F(StatusPage, RowsCarryNamesAsTheyAreWithoutEscaping) {
+  startPlatform();
+  startManager();
+  // A name as the registry might hold it: the page prints it untouched.
+  manager->setBehaviorState("User/a", ZR::BehaviorManager::StateRunning);
+  const std::string page = manager->httpGet();
+  EXPECT_NE(page.find("<tr><td><a href=\"javascript:stopBehavior('User/a');\">User/a</a></td></tr>"),
+            std::string::npos);
+  manager->setBehaviorState("User/a", ZR::BehaviorManager::StateUnloaded);
+}
+
+TEST_F(StatusPage, FileTransferPortIsTheServersPort) {
+  startPlatform();
+  startManager();
+  const int port = manager->httpFileTransferPort();
+  EXPECT_GE(port, 15000);
+  ZR::ZRValue result = broker->call("ZRBehaviorManager", "_httpFileTransferPort", ZR::ZRValue::array());
+  EXPECT_EQ(result, ZR::ZRValue(port));
+}
+
+}  // namespace
+}  // namespace bmtest
