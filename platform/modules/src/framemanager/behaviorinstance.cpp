@@ -17,8 +17,8 @@ const char* const kMethod = "completeBehavior";
 }  // namespace
 
 struct BehaviorInstance::Context {
-  const std::string& module;
-  const boost::shared_ptr<ZRBroker>& broker;
+  const std::string module;
+  const boost::shared_ptr<ZRBroker> broker;
   std::unique_ptr<ZRMemoryProxy> memory;  // made at the first <set> or <raise>
 };
 
@@ -39,7 +39,7 @@ bool BehaviorInstance::isRunning() const {
   return fRunning;
 }
 
-void BehaviorInstance::run(const std::string& module, const boost::shared_ptr<ZRBroker>& broker) {
+void BehaviorInstance::run(std::string module, boost::shared_ptr<ZRBroker> broker) {
   {
     std::lock_guard<std::mutex> lock(fMutex);
     if (fRunning) {
@@ -61,7 +61,7 @@ void BehaviorInstance::run(const std::string& module, const boost::shared_ptr<ZR
     }
   } endOfRun{*this};
 
-  Context context{module, broker, nullptr};
+  Context context{std::move(module), std::move(broker), nullptr};
   vu::log::write(vu::log::verbose, kRunCategory, fName, "start of instance " + fId);
   const bool completed = runSteps(fProgram->steps, context);
   vu::log::write(vu::log::verbose, kRunCategory, fName,

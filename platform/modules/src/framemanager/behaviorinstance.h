@@ -31,7 +31,9 @@ class BehaviorInstance {
   // Runs the steps until the end, a failing step (ZRError) or an exit request. An exit
   // requested while the instance was not running ends the next run before its first
   // step. A second run of the same instance at the same time is a ZRError.
-  void run(const std::string& module, const boost::shared_ptr<ZRBroker>& broker);
+  // module names the frame manager in errors; both are copied, so a run that is still
+  // returning does not depend on the frame manager that started it.
+  void run(std::string module, boost::shared_ptr<ZRBroker> broker);
   void requestExit();
   bool isRunning() const;
 
