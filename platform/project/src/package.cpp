@@ -147,10 +147,13 @@ class Unpacker {
 
   // Unpacks one entry; false for an entry that names the top level itself.
   bool unpackEntry(struct archive* reader, struct archive* writer, struct archive_entry* entry) {
-    const char* name = archive_entry_pathname(entry);
-    const std::string rel = checkedPath(name, "path");
+    // Copied: the entry's own strings change with archive_entry_set_pathname below.
+    const char* rawName = archive_entry_pathname(entry);
+    const std::string name = rawName != nullptr ? rawName : "";
+    const std::string rel = checkedPath(rawName, "path");
     const mode_t type = archive_entry_filetype(entry);
-    const char* hardlink = archive_entry_hardlink(entry);
+    const char* rawHardlink = archive_entry_hardlink(entry);
+    const bool hardlink = rawHardlink != nullptr;
     if (rel.empty()) {
       if (type != AE_IFDIR) {
         fail(std::string("entry \"") + name + "\" is not a file name");
@@ -159,8 +162,8 @@ class Unpacker {
       return false;
     }
     std::string hardlinkTarget;
-    if (hardlink != nullptr) {
-      hardlinkTarget = detail::joinPath(into_, checkedPath(hardlink, "link target"));
+    if (hardlink) {
+      hardlinkTarget = detail::joinPath(into_, checkedPath(rawHardlink, "link target"));
     } else if (type == AE_IFLNK) {
       const char* target = archive_entry_symlink(entry);
       if (target == nullptr || !linkStaysInside(rel, target)) {
@@ -172,7 +175,7 @@ class Unpacker {
     }
     const std::string full = detail::joinPath(into_, rel);
     archive_entry_set_pathname(entry, full.c_str());
-    if (hardlink != nullptr) {
+    if (hardlink) {
       archive_entry_set_hardlink(entry, hardlinkTarget.c_str());
     }
     if (archive_write_header(writer, entry) < ARCHIVE_WARN) {
