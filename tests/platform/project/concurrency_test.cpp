@@ -137,3 +137,38 @@ TEST(Concurrency, ReadersImporterRemoverAssignerAndChangesByHand) {
   library = BehaviorLibraryProject(second.path());
   EXPECT_EQ(diskBehaviors(second.path()), library.behaviorPaths("", true));
 }
+
+TEST(Concurrency, AnOverwrittenBehaviorNeverDisappearsFromItsPath) {
+  ScratchDir root;
+  ScratchDir source;
+  for (const char* version : {"a", "b"}) {
+    makeBehavior(source / version, {version}, version);
+    for (int i = 0; i < 4; ++i) {
+      writeFile(source / (std::string(version) + "/data/" + std::to_string(i)), version);
+    }
+  }
+  BehaviorLibraryProject library(root.path());
+  ASSERT_TRUE(library.importBehavior(source / "a", "x", false));
+  std::atomic<bool> done{false};
+  std::atomic<int> missing{0};
+  std::atomic<int> checks{0};
+  std::thread reader([&] {
+    while (!done) {
+      if (!library.hasBehavior("x") || !exists(root / "x/behavior.xar")) {
+        ++missing;
+      }
+      ++checks;
+    }
+  });
+  int failures = 0;
+  for (int i = 0; i < 15; ++i) {
+    failures += library.importBehavior(source / (i % 2 == 0 ? "b" : "a"), "x", true) ? 0 : 1;
+  }
+  done = true;
+  reader.join();
+  EXPECT_EQ(0, failures);
+  EXPECT_EQ(0, missing.load()) << "out of " << checks.load() << " checks";
+  EXPECT_EQ("b", readFile(root / "x/behavior.xar"));  // the last import, i = 14
+  EXPECT_EQ((Paths{"b"}), library.tags("x", true));
+  EXPECT_EQ((std::vector<std::string>{"x"}), listDir(root.path()));  // no copy left beside it
+}
