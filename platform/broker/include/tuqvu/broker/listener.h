@@ -1,0 +1,36 @@
+// Accepts connections and starts an HttpSession on a strand of its own for each.
+#pragma once
+
+#include <memory>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/core/error.hpp>
+
+#include <tuqvu/broker/server_context.h>
+
+namespace tuqvu {
+namespace broker {
+
+class Listener : public std::enable_shared_from_this<Listener> {
+public:
+  // Binds and listens; throws boost::system::system_error when it cannot.
+  Listener(boost::asio::io_context& ioc, const boost::asio::ip::tcp::endpoint& endpoint,
+           std::shared_ptr<ServerContext> context);
+
+  void run();
+  // Closes the acceptor; established connections go on.
+  void stop();
+  boost::asio::ip::tcp::endpoint localEndpoint() const;
+
+private:
+  void doAccept();
+  void onAccept(boost::beast::error_code error, boost::asio::ip::tcp::socket socket);
+
+  boost::asio::io_context& fIoc;
+  boost::asio::ip::tcp::acceptor fAcceptor;
+  std::shared_ptr<ServerContext> fContext;
+};
+
+}  // namespace broker
+}  // namespace tuqvu

@@ -1,0 +1,52 @@
+// Command-line options of the tuqvu daemon.
+//
+//   tuqvu::broker::Options options = tuqvu::broker::parseOptions(argc, argv);
+//   if (options.showHelp) std::cout << tuqvu::broker::helpText();
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace tuqvu {
+namespace broker {
+
+// A module library to load: its path, the name its module is given, and whether a
+// failure to load it is tolerated (logged) rather than fatal.
+struct ModuleSpec {
+  std::string path;
+  std::string name;
+  bool optional = false;
+};
+
+struct Options {
+  int port = 9600;  // 0: any free port
+  std::string bind = "0.0.0.0";
+  std::vector<ModuleSpec> modules;  // in load order
+  bool modulesGiven = false;        // false: load the default module library
+  int logLevel = 4;
+  int shutdownGraceMs = 10000;
+  bool showHelp = false;
+  bool showVersion = false;
+};
+
+// A command line that cannot be used; what() says why.
+class OptionsError : public std::runtime_error {
+public:
+  using std::runtime_error::runtime_error;
+};
+
+Options parseOptions(int argc, const char* const* argv);
+
+// "[NAME=]PATH" of --module: the explicit name, else the one the library's file name gives.
+ModuleSpec parseModuleArgument(const std::string& argument, bool optional);
+
+// The module name of a library file: known libraries get their published name
+// ("libzrbehaviormanager.so" -> "ZRBehaviorManager"); others their stem without "lib".
+std::string moduleNameForLibrary(const std::string& path);
+
+std::string helpText();
+std::string versionText();
+
+}  // namespace broker
+}  // namespace tuqvu

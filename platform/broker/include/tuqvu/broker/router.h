@@ -1,0 +1,41 @@
+// Decides what the server does with one request, without touching the connection:
+// answer at once, run a call on a call thread and answer with its result, or turn the
+// connection into an event stream.
+//
+//   GET  /                      the module list (HTML)
+//   GET  /<Module>/             the module's page (its httpGet hook)
+//   GET  /<Module>/?eval=EXPR   evaluates "Module.method(args...)": 200 {"result"|"error"},
+//                               400 when EXPR cannot be parsed
+//   POST /rpc                   JSON-RPC 2.0
+//   GET  /events?key=K...       Server-Sent Events of memory events
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <tuqvu/broker/http_types.h>
+#include <tuqvu/broker/rpc_dispatcher.h>
+
+namespace tuqvu {
+namespace broker {
+
+struct Routed {
+  enum class Kind { Respond, Call, EventStream };
+  Kind kind = Kind::Respond;
+  Response response;                // Respond
+  std::function<Response()> call;   // Call: may block; runs on a call thread
+  std::vector<std::string> keys;    // EventStream: keys to follow, empty for all
+};
+
+// The request's body is moved into the call when there is one.
+Routed route(Request& request, const std::shared_ptr<const RpcDispatcher>& rpc);
+
+// The page of GET /: every module with a link to its page.
+std::string indexPage(const std::vector<std::string>& modules);
+
+std::string escapeHtml(const std::string& text);
+
+}  // namespace broker
+}  // namespace tuqvu

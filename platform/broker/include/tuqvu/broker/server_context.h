@@ -1,0 +1,24 @@
+// What every connection of the server shares: the call dispatcher, the threads calls run
+// on, the event hub, and the count of answers still owed to clients.
+#pragma once
+
+#include <atomic>
+#include <memory>
+
+#include <tuqvu/broker/call_executor.h>
+#include <tuqvu/broker/rpc_dispatcher.h>
+#include <tuqvu/broker/sse_hub.h>
+
+namespace tuqvu {
+namespace broker {
+
+struct ServerContext {
+  std::shared_ptr<const RpcDispatcher> rpc;
+  std::shared_ptr<CallExecutor> executor;
+  std::shared_ptr<SseHub> hub;
+  // Calls handed to the executor whose answer is not yet written (or dropped).
+  std::atomic<int> pendingAnswers{0};
+};
+
+}  // namespace broker
+}  // namespace tuqvu

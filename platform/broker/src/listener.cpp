@@ -1,0 +1,58 @@
+#include <tuqvu/broker/listener.h>
+
+#include <boost/asio/dispatch.hpp>
+#include <boost/asio/strand.hpp>
+#include <boost/beast/core/bind_handler.hpp>
+
+#include <tuqvu/broker/http_session.h>
+#include <vu/log.h>
+
+namespace tuqvu {
+namespace broker {
+
+namespace net = boost::asio;
+using tcp = net::ip::tcp;
+
+Listener::Listener(net::io_context& ioc, const tcp::endpoint& endpoint,
+                   std::shared_ptr<ServerContext> context)
+    : fIoc(ioc), fAcceptor(net::make_strand(ioc)), fContext(std::move(context)) {
+  fAcceptor.open(endpoint.protocol());
+  fAcceptor.set_option(net::socket_base::reuse_address(true));
+  fAcceptor.bind(endpoint);
+  fAcceptor.listen(net::socket_base::max_listen_connections);
+}
+
+void Listener::run() {
+  net::dispatch(fAcceptor.get_executor(),
+                boost::beast::bind_front_handler(&Listener::doAccept, shared_from_this()));
+}
+
+void Listener::stop() {
+  net::dispatch(fAcceptor.get_executor(), [self = shared_from_this()]() {
+    boost::system::error_code ignored;
+    self->fAcceptor.close(ignored);
+  });
+}
+
+tcp::endpoint Listener::localEndpoint() const { return fAcceptor.local_endpoint(); }
+
+void Listener::doAccept() {
+  fAcceptor.async_accept(net::make_strand(fIoc),
+                         boost::beast::bind_front_handler(&Listener::onAccept, shared_from_this()));
+}
+
+void Listener::onAccept(boost::beast::error_code error, tcp::socket socket) {
+  if (error == net::error::operation_aborted || !fAcceptor.is_open()) return;
+  if (error) {
+    // Out of descriptors and the like: log, and keep accepting.
+    vu::log::write(vu::log::warning, "tuqvu.http", "accept", error.message());
+  } else {
+    boost::system::error_code ignored;
+    socket.set_option(tcp::no_delay(true), ignored);
+    std::make_shared<HttpSession>(std::move(socket), fContext)->run();
+  }
+  doAccept();
+}
+
+}  // namespace broker
+}  // namespace tuqvu

@@ -1,0 +1,143 @@
+#include <tuqvu/broker/options.h>
+
+#include <boost/asio/ip/address.hpp>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <map>
+
+#ifndef TUQVU_VERSION
+#define TUQVU_VERSION "unknown"
+#endif
+
+namespace tuqvu {
+namespace broker {
+namespace {
+
+int parseInteger(const std::string& option, const std::string& text, long low, long high) {
+  if (text.empty()) throw OptionsError(option + " needs a number");
+  errno = 0;
+  char* end = nullptr;
+  const long value = std::strtol(text.c_str(), &end, 10);
+  if (errno != 0 || end == nullptr || *end != '\0' || value < low || value > high) {
+    throw OptionsError(option + " expects a whole number from " + std::to_string(low) + " to " +
+                       std::to_string(high) + ", not \"" + text + "\"");
+  }
+  return static_cast<int>(value);
+}
+
+}  // namespace
+
+std::string moduleNameForLibrary(const std::string& path) {
+  static const std::map<std::string, std::string> kKnown = {
+      {"zrbehaviormanager", "ZRBehaviorManager"},
+  };
+  std::string stem = path.substr(path.find_last_of('/') == std::string::npos
+                                     ? 0
+                                     : path.find_last_of('/') + 1);
+  const std::size_t so = stem.find(".so");
+  if (so != std::string::npos) stem.erase(so);
+  if (stem.rfind("lib", 0) == 0 && stem.size() > 3) stem.erase(0, 3);
+  const auto known = kKnown.find(stem);
+  return known != kKnown.end() ? known->second : stem;
+}
+
+ModuleSpec parseModuleArgument(const std::string& argument, bool optional) {
+  ModuleSpec spec;
+  spec.optional = optional;
+  const std::size_t equals = argument.find('=');
+  if (equals != std::string::npos && equals > 0 &&
+      argument.substr(0, equals).find('/') == std::string::npos) {
+    spec.name = argument.substr(0, equals);
+    spec.path = argument.substr(equals + 1);
+  } else {
+    spec.path = argument;
+    spec.name = moduleNameForLibrary(argument);
+  }
+  if (spec.path.empty()) throw OptionsError("--module needs the path of a module library");
+  if (spec.name.empty()) throw OptionsError("no module name can be derived from " + spec.path);
+  return spec;
+}
+
+Options parseOptions(int argc, const char* const* argv) {
+  Options options;
+  for (int i = 1; i < argc; ++i) {
+    std::string option = argv[i];
+    std::string value;
+    bool hasValue = false;
+    const std::size_t equals = option.find('=');
+    if (option.rfind("--", 0) == 0 && equals != std::string::npos) {
+      value = option.substr(equals + 1);
+      option.erase(equals);
+      hasValue = true;
+    }
+    const auto takeValue = [&]() -> std::string {
+      if (hasValue) return value;
+      if (i + 1 >= argc) throw OptionsError(option + " needs a value");
+      return argv[++i];
+    };
+    if (option == "--help" || option == "-h") {
+      options.showHelp = true;
+    } else if (option == "--version") {
+      options.showVersion = true;
+    } else if (option == "--port") {
+      options.port = parseInteger(option, takeValue(), 0, 65535);
+    } else if (option == "--bind") {
+      options.bind = takeValue();
+      boost::system::error_code error;
+      boost::asio::ip::make_address(options.bind, error);
+      if (error) throw OptionsError("--bind expects an IP address, not \"" + options.bind + "\"");
+    } else if (option == "--module" || option == "--optional-module") {
+      options.modules.push_back(parseModuleArgument(takeValue(), option == "--optional-module"));
+      options.modulesGiven = true;
+    } else if (option == "--log-level") {
+      options.logLevel = parseInteger(option, takeValue(), 1, 6);
+    } else if (option == "--shutdown-grace") {
+      options.shutdownGraceMs = parseInteger(option, takeValue(), 0, INT_MAX);
+    } else {
+      throw OptionsError("unknown option \"" + option + "\" (try --help)");
+    }
+  }
+  return options;
+}
+
+std::string helpText() {
+  return "Usage: tuqvu [OPTIONS]\n"
+         "\n"
+         "The TUQvu broker. It hosts the memory, preferences and frame-manager modules and the\n"
+         "modules of the libraries it loads, inserts \"TUQvuReady\" = 1 into ZRMemory once all\n"
+         "are up, and serves them over HTTP: JSON-RPC at POST /rpc, an event stream at\n"
+         "GET /events, and a web interface at GET / with \"?eval=\" expressions.\n"
+         "\n"
+         "Options:\n"
+         "  --port PORT          TCP port to listen on (default 9600; 0 takes any free port)\n"
+         "  --bind ADDRESS       address to listen on (default 0.0.0.0)\n"
+         "  --module [NAME=]PATH load a module library (repeatable, in this order); NAME\n"
+         "                       defaults to the library's module name. Without --module the\n"
+         "                       behavior manager library of the build or installation is loaded.\n"
+         "                       A library that fails to load stops the broker (exit status 1).\n"
+         "  --optional-module [NAME=]PATH\n"
+         "                       like --module, but a failure to load is only logged\n"
+         "  --log-level LEVEL    1 fatal, 2 error, 3 warning, 4 info (default), 5 verbose, 6 debug\n"
+         "  --shutdown-grace MS  how long calls in progress may still run after SIGINT or\n"
+         "                       SIGTERM (default 10000)\n"
+         "  --help               show this text\n"
+         "  --version            show the version\n"
+         "\n"
+         "Environment:\n"
+         "  HOME                 the user's home (user behaviors, preferences)\n"
+         "  TUQVU_SDK_PREFIX     the installation prefix (system data, default module library)\n"
+         "\n"
+         "Once listening it prints \"tuqvu: listening on ADDRESS:PORT\" on standard output.\n"
+         "SIGINT or SIGTERM shut it down cleanly (exit status 0); a second signal ends it at once.\n"
+         "\n"
+         "Example:\n"
+         "  tuqvu --port 9600 --module build/lib/libzrbehaviormanager.so\n"
+         "  tuqvu-call ZRBroker.getModules\n";
+}
+
+std::string versionText() { return std::string("tuqvu ") + TUQVU_VERSION + "\n"; }
+
+}  // namespace broker
+}  // namespace tuqvu

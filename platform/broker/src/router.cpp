@@ -1,0 +1,161 @@
+#include <tuqvu/broker/router.h>
+
+#include <tuqvu/broker/eval_parser.h>
+#include <tuqvu/broker/json_io.h>
+#include <tuqvu/broker/url.h>
+#include <zr/zrerror.h>
+
+namespace tuqvu {
+namespace broker {
+namespace {
+
+Routed respond(Response response) {
+  Routed routed;
+  routed.response = std::move(response);
+  return routed;
+}
+
+Routed runCall(std::function<Response()> call) {
+  Routed routed;
+  routed.kind = Routed::Kind::Call;
+  routed.call = std::move(call);
+  return routed;
+}
+
+Routed evalError(const std::string& message, std::size_t position) {
+  nlohmann::json error = rpcError(rpc::kParseError, message, {{"position", position}});
+  return respond(jsonResponse(http::status::bad_request, dumpJson({{"error", error}})));
+}
+
+// GET <page>?eval=EXPR: the expression is decoded and parsed here, then evaluated on a
+// call thread. Only an expression that cannot be read is a 400; any outcome of a call
+// that was made is a 200 with {"result"} or {"error"} in the body.
+Routed evaluate(const std::string& rawExpression, const std::shared_ptr<const RpcDispatcher>& rpc) {
+  const std::optional<std::string> expression = percentDecode(rawExpression);
+  if (!expression) return evalError("cannot parse expression: malformed %-escape", 0);
+  if (!isValidUtf8(*expression)) return evalError("cannot parse expression: invalid UTF-8", 0);
+  EvalCall parsed;
+  try {
+    parsed = parseEval(*expression);
+  } catch (const EvalSyntaxError& error) {
+    return evalError(std::string("cannot parse expression: ") + error.what(), error.position());
+  }
+  return runCall([rpc, parsed = std::move(parsed)]() {
+    return jsonResponse(http::status::ok, rpc->evaluate(parsed.module, parsed.method, parsed.args));
+  });
+}
+
+Routed modulePage(const std::string& module, const std::shared_ptr<const RpcDispatcher>& rpc) {
+  return runCall([rpc, module]() {
+    try {
+      return htmlResponse(http::status::ok, rpc->broker()->modulePage(module));
+    } catch (const ZR::ZRError& error) {
+      if (!rpc->broker()->hasModule(module)) {
+        return textResponse(http::status::not_found, "no module named " + module);
+      }
+      return textResponse(http::status::internal_server_error,
+                          "the page of " + module + " failed: " + error.what());
+    } catch (const std::exception& error) {
+      return textResponse(http::status::internal_server_error,
+                          "the page of " + module + " failed: " + error.what());
+    }
+  });
+}
+
+}  // namespace
+
+std::string escapeHtml(const std::string& text) {
+  std::string out;
+  out.reserve(text.size());
+  for (const char c : text) {
+    switch (c) {
+      case '&': out += "&amp;"; break;
+      case '<': out += "&lt;"; break;
+      case '>': out += "&gt;"; break;
+      case '"': out += "&quot;"; break;
+      case '\'': out += "&#39;"; break;
+      default: out += c;
+    }
+  }
+  return out;
+}
+
+std::string indexPage(const std::vector<std::string>& modules) {
+  std::string page =
+      "<!DOCTYPE html>\n<html><head><meta charset=\"utf-8\"><title>TUQvu</title></head><body>\n"
+      "<h1>TUQvu modules</h1>\n<ul>\n";
+  for (const std::string& module : modules) {
+    const std::string name = escapeHtml(module);
+    page += "<li><a href=\"/" + name + "/\">" + name + "</a></li>\n";
+  }
+  page +=
+      "</ul>\n<p>Remote API: POST /rpc (JSON-RPC 2.0), GET /events (Server-Sent Events), "
+      "GET /&lt;Module&gt;/?eval=Module.method(args)</p>\n</body></html>\n";
+  return page;
+}
+
+Routed route(Request& request, const std::shared_ptr<const RpcDispatcher>& rpc) {
+  const http::verb verb = request.method();
+  if (verb != http::verb::get && verb != http::verb::post) return respond(methodNotAllowed("GET, POST"));
+  const Target target = splitTarget(std::string(request.target()));
+  const std::optional<std::string> decoded = percentDecode(target.path);
+  if (!decoded || decoded->empty() || (*decoded)[0] != '/') {
+    return respond(textResponse(http::status::bad_request, "malformed request path"));
+  }
+  const std::string& path = *decoded;
+
+  if (path == "/rpc") {
+    if (verb != http::verb::post) return respond(methodNotAllowed("POST"));
+    return runCall([rpc, body = std::move(request.body())]() {
+      std::string reply = rpc->handle(body);
+      if (reply.empty()) return makeResponse(http::status::no_content, "application/json", "");
+      return jsonResponse(http::status::ok, std::move(reply));
+    });
+  }
+  if (path == "/events") {
+    if (verb != http::verb::get) return respond(methodNotAllowed("GET"));
+    Routed routed;
+    routed.kind = Routed::Kind::EventStream;
+    for (const std::string& raw : queryValues(target.query, "key")) {
+      const std::optional<std::string> key = percentDecode(raw);
+      if (!key || !isValidUtf8(*key)) {
+        return respond(textResponse(http::status::bad_request, "malformed key in the query"));
+      }
+      routed.keys.push_back(*key);
+    }
+    return routed;
+  }
+
+  const std::optional<std::string> expression =
+      target.hasQuery ? evalParameter(target.query) : std::nullopt;
+  if (path == "/") {
+    if (verb != http::verb::get) return respond(methodNotAllowed("GET"));
+    if (expression) return evaluate(*expression, rpc);
+    return respond(htmlResponse(http::status::ok, indexPage(rpc->broker()->getModuleNames())));
+  }
+
+  // "/<Module>" or "/<Module>/"
+  const std::size_t slash = path.find('/', 1);
+  const bool trailingSlash = slash == path.size() - 1;
+  if (slash != std::string::npos && !trailingSlash) {
+    return respond(textResponse(http::status::not_found, "no such page: " + path));
+  }
+  const std::string module = path.substr(1, trailingSlash ? slash - 1 : std::string::npos);
+  if (!rpc->broker()->hasModule(module)) {
+    return respond(textResponse(http::status::not_found, "no module named " + module));
+  }
+  if (verb != http::verb::get) return respond(methodNotAllowed("GET"));
+  if (!trailingSlash) {
+    // The page's relative "?eval=" requests need the slash.
+    Response moved = textResponse(http::status::moved_permanently, "see /" + module + "/");
+    moved.set(http::field::location,
+              std::string(request.target().substr(0, target.path.size())) + "/" +
+                  (target.hasQuery ? "?" + target.query : ""));
+    return respond(std::move(moved));
+  }
+  if (expression) return evaluate(*expression, rpc);
+  return modulePage(module, rpc);
+}
+
+}  // namespace broker
+}  // namespace tuqvu

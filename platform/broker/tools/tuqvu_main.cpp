@@ -1,0 +1,184 @@
+// tuqvu: the broker daemon. It hosts the platform modules and the loaded module
+// libraries, announces "TUQvuReady", serves the remote API and the web interface, and
+// shuts down cleanly on SIGINT or SIGTERM.
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <future>
+#include <iostream>
+#include <memory>
+#include <sys/stat.h>
+#include <thread>
+
+#include <tuqvu/broker/call_executor.h>
+#include <tuqvu/broker/http_server.h>
+#include <tuqvu/broker/module_loader.h>
+#include <tuqvu/broker/options.h>
+#include <tuqvu/broker/rpc_dispatcher.h>
+#include <tuqvu/broker/server_context.h>
+#include <tuqvu/broker/sse_hub.h>
+#include <vu/log.h>
+#include <zr/zrbroker.h>
+
+#include "platform_modules.h"
+
+namespace tb = tuqvu::broker;
+
+namespace {
+
+const char* const kCategory = "tuqvu";
+constexpr auto kAnswerDrain = std::chrono::seconds(5);
+
+void logLine(int level, const std::string& function, const std::string& text) {
+  vu::log::write(level, kCategory, function, text);
+}
+
+// SIGINT and SIGTERM are blocked in every thread and taken here: the first one asks for
+// a clean shutdown, a second one ends the process at once.
+void watchSignals(std::promise<int> first, sigset_t signals) {
+  int signal = 0;
+  sigwait(&signals, &signal);
+  first.set_value(signal);
+  sigwait(&signals, &signal);
+  static const char kMessage[] = "tuqvu: second signal, exiting at once\n";
+  ssize_t ignored = ::write(STDERR_FILENO, kMessage, sizeof kMessage - 1);
+  (void)ignored;
+  _exit(128 + signal);
+}
+
+bool isFile(const std::string& path) {
+  struct stat status;
+  return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+// The modules to load: those given, else the behavior manager of the build or installation.
+std::vector<tb::ModuleSpec> modulesToLoad(const tb::Options& options) {
+  if (options.modulesGiven) return options.modules;
+  for (const std::string& candidate : tb::defaultModuleCandidates()) {
+    if (isFile(candidate)) return {tb::parseModuleArgument(candidate, false)};
+  }
+  std::string looked;
+  for (const std::string& candidate : tb::defaultModuleCandidates()) looked += " " + candidate;
+  logLine(vu::log::warning, "main",
+          "the default module library was not found (looked for" + looked +
+              "); running with the platform modules only");
+  return {};
+}
+
+void announceReady(const boost::shared_ptr<ZR::ZRBroker>& broker) {
+  ZR::ZRValue args = ZR::ZRValue::array();
+  args.arrayPush(ZR::ZRValue("TUQvuReady"));
+  args.arrayPush(ZR::ZRValue(1));
+  try {
+    broker->call("ZRMemory", "insertData", args);
+  } catch (const std::exception& error) {
+    logLine(vu::log::warning, "main", std::string("cannot insert TUQvuReady: ") + error.what());
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  tb::Options options;
+  try {
+    options = tb::parseOptions(argc, argv);
+  } catch (const tb::OptionsError& error) {
+    std::cerr << "tuqvu: " << error.what() << "\n";
+    return 2;
+  }
+  if (options.showHelp) {
+    std::cout << tb::helpText();
+    return 0;
+  }
+  if (options.showVersion) {
+    std::cout << tb::versionText();
+    return 0;
+  }
+  vu::log::setMaxLevel(options.logLevel);
+
+  // Before any thread starts, so that every thread inherits the mask.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  ::signal(SIGPIPE, SIG_IGN);
+  std::promise<int> firstSignal;
+  std::future<int> shutdownRequested = firstSignal.get_future();
+  std::thread(watchSignals, std::move(firstSignal), signals).detach();
+
+  boost::shared_ptr<ZR::ZRBroker> broker = ZR::ZRBroker::create("tuqvu");
+  std::unique_ptr<tb::PlatformModules> platform;
+  try {
+    platform = tb::PlatformModules::create(broker);
+  } catch (const std::exception& error) {
+    logLine(vu::log::error, "main", std::string("cannot create the platform modules: ") + error.what());
+    return 1;
+  }
+
+  tb::ModuleLoader loader(broker);
+  for (const tb::ModuleSpec& spec : modulesToLoad(options)) {
+    try {
+      loader.load(spec);
+    } catch (const tb::ModuleLoadError& error) {
+      if (spec.optional) {
+        logLine(vu::log::warning, "main", std::string(error.what()) + " (optional; going on)");
+        continue;
+      }
+      logLine(vu::log::error, "main", error.what());
+      loader.destroyAll();
+      platform->destroy();
+      return 1;
+    }
+  }
+
+  auto context = std::make_shared<tb::ServerContext>();
+  context->rpc = std::make_shared<tb::RpcDispatcher>(broker);
+  context->executor = std::make_shared<tb::CallExecutor>();
+  context->hub = std::make_shared<tb::SseHub>();
+  std::shared_ptr<tb::SseHub> hub = context->hub;
+  platform->observeMemory(
+      [hub](const std::string& key, const ZR::ZRValue& value) { hub->publish(key, value); });
+
+  tb::HttpServer server(context, 2);
+  std::string listening;
+  try {
+    const auto endpoint = server.start(options.bind, options.port);
+    listening = endpoint.address().to_string() + ":" + std::to_string(endpoint.port());
+  } catch (const std::exception& error) {
+    logLine(vu::log::error, "main",
+            "cannot listen on " + options.bind + ":" + std::to_string(options.port) + ": " +
+                error.what());
+    platform->stopObserving();
+    loader.destroyAll();
+    platform->destroy();
+    return 1;
+  }
+
+  announceReady(broker);
+  std::cout << "tuqvu: listening on " << listening << std::endl;
+
+  const int signal = shutdownRequested.get();
+  logLine(vu::log::info, "main", "signal " + std::to_string(signal) + ", shutting down");
+  server.stopAccepting();
+  if (!broker->shutdown(options.shutdownGraceMs)) {
+    logLine(vu::log::warning, "main", "calls still running after the grace period");
+  }
+  platform->stopObserving();
+  hub->closeAll();
+  loader.destroyAll();
+  platform->destroy();
+  context->executor->stop();
+  if (!server.drain(kAnswerDrain)) {
+    // A call that outlived its module; the process cannot wait for it forever.
+    logLine(vu::log::warning, "main", "answers still pending at exit");
+    std::fflush(nullptr);
+    std::_Exit(0);
+  }
+  server.stop();
+  logLine(vu::log::info, "main", "stopped");
+  return 0;
+}

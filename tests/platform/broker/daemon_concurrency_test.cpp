@@ -1,0 +1,86 @@
+// Calls run on threads of their own: blocked calls never hold up others, and a client
+// that goes away mid-call leaves nothing behind.
+#include <signal.h>
+
+#include <chrono>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/http_client.h"
+#include "support/tuqvu_process.h"
+
+using namespace brokertest;
+using nlohmann::json;
+
+namespace {
+
+// Polls until the predicate holds; the limit only guards against a hang.
+template <typename Predicate> bool eventually(Predicate predicate) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (predicate()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return predicate();
+}
+
+int intResult(int port, const std::string& method, const json& params = json::array()) {
+  return rpc(port, method, params)["result"].get<int>();
+}
+
+}  // namespace
+
+TEST(DaemonConcurrency, FiveHundredBlockedCallsDoNotDelayAQuickOne) {
+  TuqvuProcess daemon({"--module", "TestModule=" + testModulePath()});
+  constexpr int kBlocked = 500;
+  std::vector<std::unique_ptr<HttpConnection>> blocked;
+  for (int i = 0; i < kBlocked; ++i) {
+    blocked.push_back(std::make_unique<HttpConnection>(daemon.port()));
+    blocked.back()->send("POST", "/rpc", rpcRequest("TestModule.block", {"gate"}, i));
+  }
+  // All of them are inside the module at once...
+  ASSERT_TRUE(eventually([&] { return intResult(daemon.port(), "TestModule.blockedCount") == kBlocked; }));
+  // ...and a quick call on another connection is answered meanwhile: were it queued
+  // behind them it would never come back, since nothing releases them.
+  EXPECT_EQ(json("quick"), rpc(daemon.port(), "TestModule.echo", {"quick"})["result"]);
+  EXPECT_EQ(kBlocked, intResult(daemon.port(), "TestModule.blockedCount"));
+
+  EXPECT_EQ(kBlocked, intResult(daemon.port(), "TestModule.release", {"gate"}));
+  for (int i = 0; i < kBlocked; ++i) {
+    const HttpReply reply = blocked[i]->readReply();
+    ASSERT_EQ(200, reply.status);
+    const json answer = json::parse(reply.body);
+    EXPECT_EQ(i, answer["id"]);
+    EXPECT_EQ("released gate", answer["result"]);
+  }
+  EXPECT_EQ(0, daemon.terminate(SIGTERM)) << daemon.stderrText();
+}
+
+TEST(DaemonConcurrency, AClientThatLeavesMidCallLetsTheCallCompleteAndLeaksNothing) {
+  TuqvuProcess daemon({"--module", "TestModule=" + testModulePath()});
+  // Settle the descriptors the daemon opens once (threads, pools) before counting.
+  EXPECT_EQ(0, intResult(daemon.port(), "TestModule.completedCount"));
+  const int descriptorsBefore = openDescriptors(daemon.pid());
+
+  constexpr int kLeaving = 20;
+  {
+    std::vector<std::unique_ptr<HttpConnection>> leaving;
+    for (int i = 0; i < kLeaving; ++i) {
+      leaving.push_back(std::make_unique<HttpConnection>(daemon.port()));
+      leaving.back()->send("POST", "/rpc", rpcRequest("TestModule.block", {"left"}, i));
+    }
+    ASSERT_TRUE(eventually([&] { return intResult(daemon.port(), "TestModule.blockedCount") == kLeaving; }));
+    for (auto& connection : leaving) connection->close();
+  }
+  // The calls are still running after their clients went; release them.
+  EXPECT_EQ(kLeaving, intResult(daemon.port(), "TestModule.release", {"left"}));
+  EXPECT_TRUE(eventually([&] { return intResult(daemon.port(), "TestModule.completedCount") == kLeaving; }));
+  // Their connections are closed once the answers find no reader.
+  EXPECT_TRUE(eventually([&] { return openDescriptors(daemon.pid()) <= descriptorsBefore; }))
+      << openDescriptors(daemon.pid()) << " descriptors, " << descriptorsBefore << " before";
+  EXPECT_EQ(json(7), rpc(daemon.port(), "TestModule.add", {3, 4})["result"]);
+  EXPECT_EQ(0, daemon.terminate(SIGTERM)) << daemon.stderrText();
+}

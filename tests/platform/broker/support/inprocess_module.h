@@ -1,0 +1,36 @@
+// A module registered directly with a broker in the test process, for the tests of the
+// server pieces that do not need the daemon.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <boost/make_shared.hpp>
+
+#include <zr/zrfunctorbase.h>
+#include <zr/zrmodule.h>
+#include <zr/zrtypes.h>
+
+namespace brokertest {
+
+class InProcessModule : public ZR::ZRModule {
+public:
+  using ZR::ZRModule::ZRModule;
+
+  // Binds target as name; params are (name, type code) pairs.
+  void add(const std::string& name, const std::vector<std::pair<std::string, int>>& params,
+           int returnType, ZR::ZRCallableFunctor::Target target, bool overload = false) {
+    functionName(name, getName(), "does " + name, 0);
+    for (const auto& param : params) {
+      addParam(param.first, "the " + param.first);
+      getCurrentMethodDescription().parameters.back().type = ZR::getTypeString(param.second);
+    }
+    setReturn("return", "what " + name + " gives");
+    getCurrentMethodDescription().returnType = ZR::getTypeString(returnType);
+    auto functor = boost::make_shared<ZR::ZRCallableFunctor>(std::move(target));
+    overload ? bindMethodOverload(functor) : bindMethod(functor);
+  }
+};
+
+}  // namespace brokertest
