@@ -107,6 +107,10 @@ ZRBehaviorManager::~ZRBehaviorManager() {
   for (const std::string& name : loaded) {
     unloadBehavior(name);
   }
+  // A run stopped above returns from its last state change while still holding the
+  // registry lock and the running-set mutex; let it leave them before they are destroyed.
+  ZRCriticalSection section(fRegistryLock);
+  boost::mutex::scoped_lock running(fRunningMutex);
 }
 
 namespace {

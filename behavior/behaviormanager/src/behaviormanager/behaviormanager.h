@@ -133,6 +133,8 @@ public:
   void xReadDefaultBehaviors(std::set<std::string>& names) const;
   void xWriteDefaultBehaviors(const std::set<std::string>& names);
   bool copy(const boost::filesystem::path& source, const boost::filesystem::path& destination);
+  // A copy of the state table, entries with StateUnknown included.
+  std::map<std::string, BehaviorState> xStateTable() const;
 
   // Library notifications.
   void onBehaviorAdded(const std::string& path);

@@ -17,6 +17,11 @@ BehaviorState ZRBehaviorManager::behaviorState(const std::string& name) {
   return fStates[name];  // an unknown name gets an entry with StateUnknown
 }
 
+std::map<std::string, BehaviorState> ZRBehaviorManager::xStateTable() const {
+  boost::mutex::scoped_lock lock(fStateMutex);
+  return fStates;
+}
+
 void ZRBehaviorManager::setBehaviorState(const std::string& name, BehaviorState state) {
   boost::mutex::scoped_lock running(fRunningMutex);
   BehaviorState old;
