@@ -130,6 +130,8 @@ public:
   boost::filesystem::path xFindBehavior(const std::string& name);
   std::string xBehaviorNameFromPath(const boost::filesystem::path& path);
   std::string xNormalizeLocalPath(const std::string& name);
+  // The user library object, whose notifications other code may also be connected to.
+  vu::project::BehaviorLibraryProject& xUserLibrary() { return fUserLibrary; }
   void xReadDefaultBehaviors(std::set<std::string>& names) const;
   void xWriteDefaultBehaviors(const std::set<std::string>& names);
   bool copy(const boost::filesystem::path& source, const boost::filesystem::path& destination);
