@@ -110,7 +110,9 @@ void ZRBehaviorManager::onDataChanged(const std::string& dataName, const ZRValue
   if (dataName != fTUQvuReady) {
     return;
   }
-  if (static_cast<int>(std::trunc(static_cast<float>(dataValue))) != 1) {
+  // Truncated toward zero; compared as a float so that values beyond the range of int
+  // (and NaN) are simply not 1.
+  if (std::trunc(static_cast<float>(dataValue)) != 1.0f) {
     return;
   }
   for (const std::string& path : fSystemLibrary.behaviorPaths("", true)) {

@@ -22,6 +22,31 @@ bool somethingAt(const fs::path& path) {
   return type != fs::status_error && type != fs::file_not_found;
 }
 
+// True when local names a place strictly below the library root: something other than
+// the root itself, reached without going up ("..").
+bool namesAPlaceBelowRoot(const std::string& local) {
+  bool named = false;
+  std::string::size_type begin = 0;
+  while (begin <= local.size()) {
+    std::string::size_type end = local.find('/', begin);
+    if (end == std::string::npos) end = local.size();
+    const std::string part = local.substr(begin, end - begin);
+    if (part == "..") return false;
+    if (!part.empty() && part != ".") named = true;
+    begin = end + 1;
+  }
+  return named;
+}
+
+// True when inner is outer or lies below it (both absolute and canonical).
+bool isWithin(const fs::path& inner, const fs::path& outer) {
+  auto i = inner.begin();
+  for (auto o = outer.begin(); o != outer.end(); ++o, ++i) {
+    if (i == inner.end() || *i != *o) return false;
+  }
+  return true;
+}
+
 void removeTemporary(const fs::path& tmp) {
   try {
     if (somethingAt(tmp)) {
@@ -61,10 +86,25 @@ bool ZRBehaviorManager::installBehavior(const std::string& absolutePath,
     const std::string type = project.getMetadata("Type");
 
     if (detail::isResourceType(type)) {
+      // Resources are put in place by removing what is at the destination first, so a
+      // destination that is the library itself, lies outside it, or holds the source
+      // would lose data: refused.
+      const fs::path from = fs::weakly_canonical(project.projectPath());
+      const fs::path to = fs::weakly_canonical(dest);
+      if (!namesAPlaceBelowRoot(localPath) ||
+          !isWithin(to, fs::weakly_canonical(fUserLibrary.projectPath())) ||
+          (from != to && (isWithin(from, to) || isWithin(to, from)))) {
+        throw std::runtime_error("\"" + localPath +
+                                 "\" is not a place for this resource in the user behavior library");
+      }
       if (!overwrite && somethingAt(dest)) {
         return false;
       }
+      if (from == to) {
+        return true;  // already in place
+      }
       fs::remove_all(dest);
+      fs::create_directories(dest.parent_path());  // a resource may go to a new folder
       try {
         fs::rename(tmp, dest);
         return true;

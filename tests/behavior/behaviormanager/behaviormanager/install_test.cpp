@@ -1,0 +1,586 @@
+// Installing behaviors and resources: in place, from directories and from zip and tar.gz
+// packages built here with the zip and bsdtar commands, with and without overwrite, and
+// what each leaves in the temporary directory (TMPDIR is private to each test).
+#include "fixture.h"
+
+#include <condition_variable>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include <boost/make_shared.hpp>
+
+#include <sys/stat.h>
+
+#include <vu/project/package.h>
+
+namespace bmtest {
+namespace {
+
+const char* const kAdded = "ZRBehaviorManager/BehaviorAdded";
+const char* const kUpdated = "ZRBehaviorManager/BehaviorUpdated";
+const char* const kRemoved = "ZRBehaviorManager/BehaviorRemoved";
+
+std::string readFile(const fs::path& file) {
+  std::ifstream in(file.string(), std::ios::binary);
+  std::stringstream content;
+  content << in.rdbuf();
+  return content.str();
+}
+
+// Every entry below dir by relative path: file content, or "<dir>" for a directory.
+std::map<std::string, std::string> readTree(const fs::path& dir) {
+  std::map<std::string, std::string> tree;
+  for (fs::recursive_directory_iterator it(dir), end; it != end; ++it) {
+    const std::string rel = it->path().string().substr(dir.string().size() + 1);
+    tree[rel] = fs::is_directory(it->path()) ? "<dir>" : readFile(it->path());
+  }
+  return tree;
+}
+
+// Packs the top-level entries of dir into an archive with the command-line tools.
+void pack(const fs::path& dir, const fs::path& out, bool zipFormat) {
+  std::string names;
+  for (fs::directory_iterator it(dir), end; it != end; ++it) {
+    names += " '" + it->path().filename().string() + "'";
+  }
+  fs::create_directories(out.parent_path());
+  const std::string command =
+      zipFormat ? "cd '" + dir.string() + "' && zip -q -r '" + out.string() + "'" + names
+                : "bsdtar -czf '" + out.string() + "' -C '" + dir.string() + "'" + names;
+  ASSERT_EQ(std::system(command.c_str()), 0) << command;
+  const std::string head = readFile(out).substr(0, 4);
+  if (zipFormat) {
+    ASSERT_EQ(head, std::string("PK\x03\x04", 4));
+  } else {
+    ASSERT_EQ(head.substr(0, 2), "\x1f\x8b");
+  }
+}
+
+// A module registered under a platform module's name that forwards every method of the
+// real module (hosted under another name) and lets a test look at each call first, on
+// the caller's thread.
+class Interposer : public ZR::ZRModule {
+public:
+  using Hook = std::function<void(const std::string& method, const ZR::ZRValue& args)>;
+  Interposer(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name,
+             const std::string& target, Hook hook)
+      : ZR::ZRModule(broker, name), fHook(std::move(hook)) {
+    std::set<std::string> bound;
+    for (const ZR::ZRMethodInfo& info : broker->getMethods(target)) {
+      functionName(info.name, getName(), info.description, 0);
+      for (const auto& parameter : info.parameters) addParam(parameter.name, parameter.description);
+      const std::string method = info.name;
+      auto functor = boost::make_shared<ZR::ZRCallableFunctor>(
+          [this, target, method](const ZR::ZRValue& args, ZR::ZRValue& result) {
+            if (fHook) fHook(method, args);
+            result = getParentBroker()->call(target, method, args);
+          });
+      if (bound.insert(method).second) bindMethod(functor); else bindMethodOverload(functor);
+    }
+  }
+
+private:
+  Hook fHook;
+};
+
+class Install : public ManagerTest {
+protected:
+  fs::path scratch() const { return home() / "scratch"; }
+  fs::path tmpDir() const { return fs::temp_directory_path(); }
+
+  std::vector<std::string> tmpEntries() const {
+    std::vector<std::string> names;
+    for (fs::directory_iterator it(tmpDir()), end; it != end; ++it) {
+      names.push_back(it->path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  bool install(const std::string& local) {
+    ZR::ZRValue args = ZR::ZRValue::array();
+    args.arrayPush(ZR::ZRValue(local));
+    return broker->call("ZRBehaviorManager", "installBehavior", args).toBool();
+  }
+
+  bool install(const fs::path& source, const std::string& local, bool overwrite) {
+    ZR::ZRValue args = ZR::ZRValue::array();
+    args.arrayPush(ZR::ZRValue(source.string()));
+    args.arrayPush(ZR::ZRValue(local));
+    args.arrayPush(ZR::ZRValue(overwrite));
+    return broker->call("ZRBehaviorManager", "installBehavior", args).toBool();
+  }
+
+  // Added, updated and removed events since the last clear, as "key path".
+  std::vector<std::string> libraryEvents() {
+    std::vector<std::string> seen;
+    for (const EventRecorder::Event& event : events->drain()) {
+      if (event.first == kAdded || event.first == kUpdated || event.first == kRemoved) {
+        seen.push_back(event.first + " " + event.second.toString());
+      }
+    }
+    return seen;
+  }
+
+  int installLogCount(int level, const std::string& text) {
+    return logs->count(level, "behavior.manager", "installBehavior", text);
+  }
+
+  std::vector<vu::log::Message> installLogs() {
+    std::vector<vu::log::Message> found;
+    for (const vu::log::Message& message : logs->messages()) {
+      if (message.function == "installBehavior") found.push_back(message);
+    }
+    return found;
+  }
+
+  void start() {
+    startPlatform();
+    startManager();
+    events->clear();
+    logs->clear();
+  }
+};
+
+// ---- in place
+
+TEST_F(Install, InPlaceDirectoryWrittenAfterStartIsAddedWithOneEvent) {
+  start();
+  makeBehavior(userRoot() / "greetings" / "wave", "<behavior><log text=\"hi\"/></behavior>");
+  const auto before = readTree(userRoot() / "greetings" / "wave");
+
+  EXPECT_TRUE(install("greetings/wave"));
+
+  EXPECT_EQ(libraryEvents(), std::vector<std::string>{std::string(kAdded) + " greetings/wave"});
+  EXPECT_EQ(readTree(userRoot() / "greetings" / "wave"), before);
+  EXPECT_EQ(manager->getInstalledBehaviors(), std::vector<std::string>{"greetings/wave"});
+  EXPECT_TRUE(installLogs().empty());
+  EXPECT_TRUE(tmpEntries().empty());
+}
+
+TEST_F(Install, InPlaceBehaviorKnownAtStartIsUpdatedWithOneEventEachTime) {
+  makeBehavior(userRoot() / "dance");
+  start();
+
+  EXPECT_TRUE(install("dance"));
+  EXPECT_EQ(libraryEvents(), std::vector<std::string>{std::string(kUpdated) + " dance"});
+  events->clear();
+  EXPECT_TRUE(install("/dance/"));  // separators are tidied when joined to the root
+  EXPECT_EQ(libraryEvents(), std::vector<std::string>{std::string(kUpdated) + " dance"});
+  EXPECT_TRUE(fs::exists(userRoot() / "dance" / "behavior.xar"));
+  EXPECT_TRUE(tmpEntries().empty());
+}
+
+TEST_F(Install, InPlaceOfSomethingThatIsNeitherBehaviorNorPackageFails) {
+  start();
+  fs::create_directories(userRoot() / "empty");
+  EXPECT_FALSE(install("empty"));
+  EXPECT_EQ(installLogCount(2, "Error trying to import package " + (userRoot() / "empty").string() +
+                                   ": unrecognized package type"),
+            1);
+  EXPECT_TRUE(libraryEvents().empty());
+  EXPECT_TRUE(tmpEntries().empty());
+}
+
+// ---- behaviors from directories and packages
+
+TEST_F(Install, DirectoryIsCopiedAndTheSourceStays) {
+  start();
+  makeBehavior(scratch() / "wave", "<behavior><wait ms=\"1\"/></behavior>", {"arm"});
+  const auto source = readTree(scratch() / "wave");
+
+  EXPECT_TRUE(install(scratch() / "wave", "moves/wave", false));
+  EXPECT_EQ(libraryEvents(), std::vector<std::string>{std::string(kAdded) + " moves/wave"});
+  EXPECT_EQ(readTree(userRoot() / "moves" / "wave"), source);
+  EXPECT_EQ(readTree(scratch() / "wave"), source);
+  EXPECT_EQ(manager->getBehaviorTags("moves/wave"), std::vector<std::string>{"arm"});
+
+  // Without overwrite an existing behavior is refused; with it, replaced.
+  events->clear();
+  writeFile(scratch() / "wave" / "behavior.xar", "<behavior><wait ms=\"2\"/></behavior>");
+  EXPECT_FALSE(install(scratch() / "wave", "moves/wave", false));
+  EXPECT_EQ(installLogCount(2, "Error trying to import package " + (scratch() / "wave").string() +
+                                   ": unrecognized package type"),
+            1);
+  EXPECT_EQ(readFile(userRoot() / "moves" / "wave" / "behavior.xar"),
+            "<behavior><wait ms=\"1\"/></behavior>");
+  EXPECT_TRUE(libraryEvents().empty());
+
+  EXPECT_TRUE(install(scratch() / "wave", "moves/wave", true));
+  EXPECT_EQ(libraryEvents(), std::vector<std::string>{std::string(kUpdated) + " moves/wave"});
+  EXPECT_EQ(readFile(userRoot() / "moves" / "wave" / "behavior.xar"),
+            "<behavior><wait ms=\"2\"/></behavior>");
+  EXPECT_TRUE(tmpEntries().empty());
+}
+
+class InstallPackage : public Install, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(InstallPackage, BehaviorPackageIsUnpackedImportedAndTheTemporaryDirectoryRemoved) {
+  const bool zipFormat = GetParam();
+  start();
+  makeBehavior(scratch() / "src", "<behavior><log text=\"packed\"/></behavior>", {"packed"});
+  writeFile(scratch() / "src" / "sounds" / "beep.txt", "beep");
+  const auto content = readTree(scratch() / "src");
+  const fs::path package = scratch() / (zipFormat ? "wave.zip" : "wave.tar.gz");
+  pack(scratch() / "src", package, zipFormat);
+
+  EXPECT_TRUE(install(package, "packs/wave", false));
+  EXPECT_EQ(libraryEvents(), std::vector<std::string>{std::string(kAdded) + " packs/wave"});
+  EXPECT_EQ(readTree(userRoot() / "packs" / "wave"), content);
+  EXPECT_TRUE(fs::exists(package));
+  EXPECT_TRUE(tmpEntries().empty());
+  EXPECT_TRUE(installLogs().empty());
+
+  // The same package over the installed behavior: refused without overwrite, the
+  // temporary directory removed all the same; replaced with overwrite.
+  events->clear();
+  EXPECT_FALSE(install(package, "packs/wave", false));
+  EXPECT_EQ(installLogCount(2, "Error trying to import package " + package.string() +
+                                   ": unrecognized package type"),
+            1);
+  EXPECT_TRUE(tmpEntries().empty());
+  EXPECT_TRUE(install(package, "packs/wave", true));
+  EXPECT_EQ(libraryEvents(), std::vector<std::string>{std::string(kUpdated) + " packs/wave"});
+  EXPECT_EQ(readTree(userRoot() / "packs" / "wave"), content);
+  EXPECT_TRUE(tmpEntries().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(ZipAndTarGz, InstallPackage, ::testing::Values(true, false),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                           return std::string(info.param ? "Zip" : "TarGz");
+                         });
+
+// ---- neither project nor package
+
+struct NotAPackage {
+  const char* name;
+  std::function<void(const fs::path&)> make;
+};
+
+class InstallNotAPackage : public Install, public ::testing::WithParamInterface<NotAPackage> {};
+
+TEST_P(InstallNotAPackage, LogsTheLibraryTextReturnsFalseAndLeavesNoTemporaryDirectory) {
+  start();
+  const fs::path source = scratch() / GetParam().name;
+  fs::create_directories(scratch());
+  GetParam().make(source);
+  // What the project library says about this file, asked directly.
+  std::string libraryText;
+  try {
+    vu::project::ArchiveFormat format = vu::project::ArchiveFormatDetect;
+    vu::project::importProject(source.string(), (home() / "probe").string(), format);
+    FAIL() << "the library unpacked " << source;
+  } catch (const std::runtime_error& error) {
+    libraryText = error.what();
+  }
+  ASSERT_FALSE(libraryText.empty());
+  logs->clear();
+
+  EXPECT_FALSE(install(source, "target", true));
+
+  const std::vector<vu::log::Message> lines = installLogs();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].level, 2);
+  EXPECT_EQ(lines[0].category, "behavior.manager");
+  EXPECT_EQ(lines[0].text, "Error trying to import package " + source.string() + ": " + libraryText);
+  EXPECT_TRUE(tmpEntries().empty());
+  EXPECT_FALSE(fs::exists(userRoot() / "target"));
+  EXPECT_TRUE(libraryEvents().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Files, InstallNotAPackage,
+    ::testing::Values(
+        NotAPackage{"TextFile", [](const fs::path& p) { writeFile(p, "just some notes\n"); }},
+        NotAPackage{"EmptyFile", [](const fs::path& p) { writeFile(p, ""); }},
+        NotAPackage{"Missing", [](const fs::path&) {}},
+        NotAPackage{"TruncatedTarGz",
+                    [](const fs::path& p) {
+                      makeBehavior(p.parent_path() / "big");
+                      std::string noise;
+                      for (int i = 0; i < 200000; ++i) noise += std::to_string(i * 7919);
+                      writeFile(p.parent_path() / "big" / "noise.txt", noise);
+                      pack(p.parent_path() / "big", p.string() + ".full", false);
+                      const std::string whole = readFile(p.string() + ".full");
+                      writeFile(p, whole.substr(0, whole.size() / 2));
+                    }}),
+    [](const ::testing::TestParamInfo<NotAPackage>& info) { return std::string(info.param.name); });
+
+// ---- resources
+
+class InstallResource : public Install {
+protected:
+  // The resource "sounds" with one file whose text tells versions apart.
+  void makeSounds(const fs::path& dir, const std::string& version,
+                  const std::string& type = "Resources") {
+    makeResource(dir, type);
+    writeFile(dir / "version.txt", version);
+    writeFile(dir / "clips" / "beep.raw", "beep " + version);
+  }
+};
+
+TEST_F(InstallResource, PackageToANewPlaceIsMovedOutOfTheTemporaryDirectory) {
+  start();
+  makeSounds(scratch() / "src", "1");
+  const auto content = readTree(scratch() / "src");
+  pack(scratch() / "src", scratch() / "sounds.zip", true);
+
+  EXPECT_TRUE(install(scratch() / "sounds.zip", "media/sounds", false));
+  EXPECT_EQ(readTree(userRoot() / "media" / "sounds"), content);
+  EXPECT_TRUE(tmpEntries().empty());
+  EXPECT_TRUE(libraryEvents().empty());  // resources announce nothing
+  EXPECT_TRUE(installLogs().empty());
+  EXPECT_TRUE(manager->getInstalledBehaviors().empty());
+  EXPECT_TRUE(manager->isBehaviorInstalled("media/sounds"));
+}
+
+TEST_F(InstallResource, PackageOverAnExistingResourceWithoutOverwriteLeavesTheTemporaryDirectory) {
+  start();
+  makeSounds(userRoot() / "sounds", "old");
+  const auto old = readTree(userRoot() / "sounds");
+  makeSounds(scratch() / "src", "new");
+  const auto unpacked = readTree(scratch() / "src");
+  pack(scratch() / "src", scratch() / "sounds.tar.gz", false);
+
+  EXPECT_FALSE(install(scratch() / "sounds.tar.gz", "sounds", false));
+
+  EXPECT_EQ(readTree(userRoot() / "sounds"), old);
+  const std::vector<std::string> left = tmpEntries();
+  ASSERT_EQ(left.size(), 1u);
+  EXPECT_TRUE(std::regex_match(left[0], std::regex("[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}")))
+      << left[0];
+  EXPECT_EQ(readTree(tmpDir() / left[0]), unpacked);
+  EXPECT_TRUE(installLogs().empty());  // nothing is logged for this refusal
+  EXPECT_TRUE(libraryEvents().empty());
+}
+
+TEST_F(InstallResource, PackageOverAnExistingResourceWithOverwriteReplacesIt) {
+  start();
+  makeSounds(userRoot() / "sounds", "old");
+  writeFile(userRoot() / "sounds" / "only-in-old.txt", "x");
+  makeSounds(scratch() / "src", "new");
+  const auto content = readTree(scratch() / "src");
+  pack(scratch() / "src", scratch() / "sounds.tar.gz", false);
+
+  EXPECT_TRUE(install(scratch() / "sounds.tar.gz", "sounds", true));
+  EXPECT_EQ(readTree(userRoot() / "sounds"), content);
+  EXPECT_TRUE(tmpEntries().empty());
+  EXPECT_TRUE(libraryEvents().empty());
+}
+
+TEST_F(InstallResource, DirectoryWithOverwriteReplacesTheDestinationByACopyAndTheSourceStays) {
+  start();
+  makeSounds(userRoot() / "sounds", "old");
+  writeFile(userRoot() / "sounds" / "only-in-old.txt", "x");
+  makeSounds(scratch() / "sounds", "new", "Resource");
+  const auto source = readTree(scratch() / "sounds");
+
+  EXPECT_TRUE(install(scratch() / "sounds", "sounds", true));
+
+  EXPECT_EQ(readTree(userRoot() / "sounds"), source);
+  EXPECT_EQ(readTree(scratch() / "sounds"), source);
+  // A copy, not the same files: changing the source does not change the destination.
+  writeFile(scratch() / "sounds" / "version.txt", "changed");
+  EXPECT_EQ(readFile(userRoot() / "sounds" / "version.txt"), "new");
+  EXPECT_TRUE(tmpEntries().empty());
+  EXPECT_TRUE(libraryEvents().empty());
+  EXPECT_TRUE(installLogs().empty());
+}
+
+TEST_F(InstallResource, DirectoryWithoutOverwriteGoesOnlyWhereNothingIs) {
+  start();
+  makeSounds(userRoot() / "sounds", "old");
+  const auto old = readTree(userRoot() / "sounds");
+  makeSounds(scratch() / "sounds", "new");
+  const auto source = readTree(scratch() / "sounds");
+
+  EXPECT_FALSE(install(scratch() / "sounds", "sounds", false));
+  EXPECT_EQ(readTree(userRoot() / "sounds"), old);
+  EXPECT_TRUE(installLogs().empty());
+
+  EXPECT_TRUE(install(scratch() / "sounds", "more-sounds", false));
+  EXPECT_EQ(readTree(userRoot() / "more-sounds"), source);
+  EXPECT_TRUE(tmpEntries().empty());
+}
+
+TEST_F(InstallResource, TypeMustBeExactlyResourceOrResources) {
+  start();
+  makeResource(scratch() / "lower", "resources");
+  EXPECT_FALSE(install(scratch() / "lower", "lower", true));
+  EXPECT_EQ(installLogCount(2, "Error trying to import package " + (scratch() / "lower").string() +
+                                   ": unrecognized package type"),
+            1);
+  EXPECT_FALSE(fs::exists(userRoot() / "lower"));
+}
+
+TEST_F(InstallResource, InPlaceResourceIsLeftAsItIs) {
+  start();
+  makeSounds(userRoot() / "sounds", "here");
+  const auto content = readTree(userRoot() / "sounds");
+  EXPECT_TRUE(install("sounds"));
+  EXPECT_EQ(readTree(userRoot() / "sounds"), content);
+  EXPECT_TRUE(tmpEntries().empty());
+}
+
+TEST_F(InstallResource, DestinationOutsideTheLibraryOrTheLibraryItselfIsRefused) {
+  start();
+  makeBehavior(userRoot() / "dance");
+  makeSounds(home() / "outside", "keep");
+  const auto outside = readTree(home() / "outside");
+  makeSounds(scratch() / "src", "new");
+  pack(scratch() / "src", scratch() / "sounds.zip", true);
+
+  for (const std::string& local : {std::string(""), std::string("/"), std::string("../../outside"),
+                                   std::string("a/../../../outside")}) {
+    SCOPED_TRACE("local \"" + local + "\"");
+    logs->clear();
+    EXPECT_FALSE(install(scratch() / "src", local, true));
+    EXPECT_FALSE(install(scratch() / "sounds.zip", local, true));
+    EXPECT_EQ(installLogs().size(), 2u);
+    for (const vu::log::Message& line : installLogs()) EXPECT_EQ(line.level, 2);
+    EXPECT_TRUE(tmpEntries().empty());
+  }
+  EXPECT_EQ(readTree(home() / "outside"), outside);
+  EXPECT_TRUE(fs::exists(userRoot() / "dance" / "behavior.xar"));
+  EXPECT_EQ(manager->getInstalledBehaviors(), std::vector<std::string>{"dance"});
+}
+
+// ---- other failures
+
+TEST_F(Install, WithoutAValidUserLibraryNothingIsInstalled) {
+  start();
+  ZR::ZRValue args = ZR::ZRValue::array();
+  args.arrayPush(ZR::ZRValue(""));
+  broker->call("ZRBehaviorManager", "_setBehaviorsPath", args);
+  makeBehavior(scratch() / "wave");
+  logs->clear();
+
+  EXPECT_FALSE(install(scratch() / "wave", "wave", true));
+  EXPECT_EQ(installLogCount(2, "No valid user behavior library path was set, behavior will not be "
+                               "installed."),
+            1);
+  EXPECT_EQ(installLogs().size(), 1u);
+  EXPECT_FALSE(fs::exists(userRoot() / "wave"));
+}
+
+// ---- through an interposed memory module
+
+class InstallObserved : public Install {
+protected:
+  // The real memory module under another name, behind an interposer named "ZRMemory".
+  void startObserved(Interposer::Hook hook) {
+    startPlatform(false, true, true);
+    memory = std::make_unique<ZR::ZRMemory>(broker, "RealMemory");
+    interposer = std::make_unique<Interposer>(broker, "ZRMemory", "RealMemory", std::move(hook));
+    events = std::make_unique<EventRecorder>(broker, managerEventKeys());
+    startManager();
+    events->clear();
+    logs->clear();
+  }
+
+  std::unique_ptr<Interposer> interposer;
+};
+
+TEST_F(InstallObserved, TwoInstallationsAtTheSameTimeUseDifferentTemporaryDirectories) {
+  // Each installation, when it announces its behavior (its temporary directory still
+  // in place), waits for the other one to get there too, lists TMPDIR, and waits until
+  // the other has listed it as well.
+  std::mutex mutex;
+  std::condition_variable arrived;
+  int arrivals = 0;
+  std::vector<std::map<std::string, std::string>> listings;  // temporary dir -> behavior.xar
+  const std::regex pattern("[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}");
+  startObserved([&](const std::string& method, const ZR::ZRValue& args) {
+    if (method != "raiseMicroEvent" || args[0].toString() != kAdded) return;
+    std::unique_lock<std::mutex> lock(mutex);
+    ++arrivals;
+    arrived.notify_all();
+    arrived.wait_for(lock, std::chrono::seconds(20), [&] { return arrivals >= 2; });
+    std::map<std::string, std::string> listing;
+    for (fs::directory_iterator it(tmpDir()), end; it != end; ++it) {
+      const std::string name = it->path().filename().string();
+      if (std::regex_match(name, pattern)) listing[name] = readFile(it->path() / "behavior.xar");
+    }
+    listings.push_back(listing);
+    // Neither goes on (and removes its directory) before both have looked.
+    arrived.notify_all();
+    arrived.wait_for(lock, std::chrono::seconds(20), [&] { return listings.size() >= 2; });
+  });
+  makeBehavior(scratch() / "a", "<behavior><log text=\"A\"/></behavior>");
+  makeBehavior(scratch() / "b", "<behavior><log text=\"B\"/></behavior>");
+  pack(scratch() / "a", scratch() / "a.tar.gz", false);
+  pack(scratch() / "b", scratch() / "b.zip", true);
+
+  bool resultA = false, resultB = false;
+  std::thread first([&] { resultA = install(scratch() / "a.tar.gz", "a", false); });
+  std::thread second([&] { resultB = install(scratch() / "b.zip", "b", false); });
+  first.join();
+  second.join();
+
+  EXPECT_TRUE(resultA);
+  EXPECT_TRUE(resultB);
+  ASSERT_EQ(arrivals, 2) << "an installation announced nothing";
+  ASSERT_EQ(listings.size(), 2u);
+  for (const auto& listing : listings) {
+    ASSERT_EQ(listing.size(), 2u) << "both temporary directories were not there at once";
+    std::set<std::string> contents;
+    for (const auto& [dir, xar] : listing) contents.insert(xar);
+    EXPECT_EQ(contents, (std::set<std::string>{"<behavior><log text=\"A\"/></behavior>",
+                                               "<behavior><log text=\"B\"/></behavior>"}));
+  }
+  EXPECT_EQ(listings[0], listings[1]);
+  EXPECT_EQ(readFile(userRoot() / "a" / "behavior.xar"), "<behavior><log text=\"A\"/></behavior>");
+  EXPECT_EQ(readFile(userRoot() / "b" / "behavior.xar"), "<behavior><log text=\"B\"/></behavior>");
+  EXPECT_TRUE(tmpEntries().empty());
+}
+
+TEST_F(InstallObserved, BehaviorGoneRightAfterItsImportIsReportedAfterTheEvent) {
+  // Another program deletes the behavior as soon as it appears.
+  startObserved([&](const std::string& method, const ZR::ZRValue& args) {
+    if (method == "raiseMicroEvent" && args[0].toString() == kAdded &&
+        args[1].toString() == "vanish") {
+      fs::remove_all(userRoot() / "vanish");
+    }
+  });
+  makeBehavior(scratch() / "vanish");
+  pack(scratch() / "vanish", scratch() / "vanish.zip", true);
+
+  EXPECT_FALSE(install(scratch() / "vanish.zip", "vanish", false));
+  EXPECT_EQ(installLogCount(2, "Error trying to import package " +
+                                   (scratch() / "vanish.zip").string() +
+                                   ": behavior was not properly installed"),
+            1);
+  EXPECT_EQ(libraryEvents(), std::vector<std::string>{std::string(kAdded) + " vanish"});
+  EXPECT_TRUE(tmpEntries().empty());
+}
+
+TEST_F(InstallObserved, TwoResourcePackagesRefusedAtOnceLeaveTwoTemporaryDirectories) {
+  startObserved(nullptr);
+  makeResource(userRoot() / "res");
+  makeResource(scratch() / "a");
+  writeFile(scratch() / "a" / "data.txt", "A");
+  makeResource(scratch() / "b");
+  writeFile(scratch() / "b" / "data.txt", "B");
+  pack(scratch() / "a", scratch() / "a.zip", true);
+  pack(scratch() / "b", scratch() / "b.tar.gz", false);
+
+  bool resultA = true, resultB = true;
+  std::thread first([&] { resultA = install(scratch() / "a.zip", "res", false); });
+  std::thread second([&] { resultB = install(scratch() / "b.tar.gz", "res", false); });
+  first.join();
+  second.join();
+
+  EXPECT_FALSE(resultA);
+  EXPECT_FALSE(resultB);
+  const std::vector<std::string> left = tmpEntries();
+  ASSERT_EQ(left.size(), 2u);
+  std::set<std::string> contents;
+  for (const std::string& dir : left) contents.insert(readFile(tmpDir() / dir / "data.txt"));
+  EXPECT_EQ(contents, (std::set<std::string>{"A", "B"}));
+}
+
+}  // namespace
+}  // namespace bmtest
