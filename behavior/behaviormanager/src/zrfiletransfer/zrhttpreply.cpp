@@ -1,7 +1,5 @@
 #include "zrhttpreply.h"
 
-#include <cstring>
-
 #include <vu/unicode.h>
 
 #include <zrfiletransfer/zrhttphandlers.h>
@@ -25,24 +23,6 @@ std::string statusLine(const soap* connection, const std::string& status) {
 int sendNow(soap* connection, const std::string& text) {
   connection->mode &= ~SOAP_IO;
   return soap_send(connection, text.c_str());
-}
-
-BufferedReply::BufferedReply(soap* connection)
-    : fConnection(connection), fMode(connection->mode) {
-  if (connection->bufidx < connection->buflen) {
-    fPending.assign(connection->buf + connection->bufidx, connection->buflen - connection->bufidx);
-  }
-  // Output fills the buffer from its start.
-  connection->bufidx = 0;
-  connection->buflen = 0;
-  connection->mode = (connection->mode & ~SOAP_IO) | SOAP_IO_BUFFER;
-}
-
-BufferedReply::~BufferedReply() {
-  fConnection->mode = fMode & ~SOAP_IO;
-  std::memcpy(fConnection->buf, fPending.data(), fPending.size());
-  fConnection->bufidx = 0;
-  fConnection->buflen = fPending.size();
 }
 
 }  // namespace detail

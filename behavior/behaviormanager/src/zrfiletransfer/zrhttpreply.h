@@ -27,23 +27,5 @@ std::string statusLine(const soap* connection, const std::string& status);
 // only buffer the reply.
 int sendNow(soap* connection, const std::string& text);
 
-// Switches the context to buffered output for one reply, so that many small sends leave
-// as few large writes; soap_end_send flushes. The shared buffer's unread input (a
-// pipelined next request) is kept aside and put back, with the output mode, on
-// destruction.
-class BufferedReply {
-public:
-  explicit BufferedReply(soap* connection);
-  ~BufferedReply();
-
-  BufferedReply(const BufferedReply&) = delete;
-  BufferedReply& operator=(const BufferedReply&) = delete;
-
-private:
-  soap* fConnection;
-  soap_mode fMode;
-  std::string fPending;
-};
-
 }  // namespace detail
 }  // namespace ZR
