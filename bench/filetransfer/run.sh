@@ -108,12 +108,18 @@ server_port=$(head -1 "$work/server.out")
 
 kib() { awk -v k="$2" '$1 == k":" { print $2 }' "/proc/$1/status"; }
 
-# One transfer: prints "<MB/s> <peak RSS growth in KiB>". The peak is VmHWM after
-# resetting it (clear_refs 5) just before the transfer. Fails unless the whole file moved.
+# CPU time (user + system) of a process so far, in clock ticks.
+ticks() { awk '{ print $14 + $15 }' "/proc/$1/stat"; }
+hz=$(getconf CLK_TCK)
+
+# One transfer: prints "<MB/s> <peak RSS growth in KiB> <server CPU ms>". The peak is
+# VmHWM after resetting it (clear_refs 5) just before the transfer. Fails unless the
+# whole file moved.
 transfer() {
-  local pid=$1 method=$2 url=$3 before result speed bytes peak
+  local pid=$1 method=$2 url=$3 before result speed bytes peak cpu
   before=$(kib "$pid" VmRSS)
   echo 5 >"/proc/$pid/clear_refs"
+  cpu=$(ticks "$pid")
   if [ "$method" = GET ]; then
     result=$(curl -fsS -o /dev/null -w '%{speed_download} %{size_download}' "$url")
   else
@@ -121,26 +127,27 @@ transfer() {
       -w '%{speed_upload} %{size_upload}' "$url")
   fi
   peak=$(kib "$pid" VmHWM)
+  cpu=$((($(ticks "$pid") - cpu) * 1000 / hz))
   read -r speed bytes <<<"$result"
   [ "$bytes" = "$(stat -c %s "$source")" ] || { log "$method $url moved $bytes bytes"; exit 1; }
-  echo "$(awk -v s="$speed" 'BEGIN { printf "%.0f", s / 1e6 }') $((peak - before))"
+  echo "$(awk -v s="$speed" 'BEGIN { printf "%.0f", s / 1e6 }') $((peak - before)) $cpu"
 }
 
 median() { sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
 maximum() { sort -n | tail -1; }
 
 cat "$source" >/dev/null  # page cache warm for both
-declare -A speeds growth
+declare -A speeds growth cpus
 for run in $(seq "$runs"); do
   for who in tuqvu nginx; do
     if [ $who = tuqvu ]; then pid=$server_pid base=http://127.0.0.1:$server_port/tmp
     else pid=$nginx_pid base=http://127.0.0.1:$nginx_port; fi
-    read -r s g < <(transfer "$pid" GET "$base/get.bin")
+    read -r s g c < <(transfer "$pid" GET "$base/get.bin")
     [ -n "$s" ] || exit 1
-    speeds[$who-GET]+="$s "; growth[$who-GET]+="$g "
-    read -r s g < <(transfer "$pid" PUT "$base/put-$who.bin")
+    speeds[$who-GET]+="$s "; growth[$who-GET]+="$g "; cpus[$who-GET]+="$c "
+    read -r s g c < <(transfer "$pid" PUT "$base/put-$who.bin")
     [ -n "$s" ] || exit 1
-    speeds[$who-PUT]+="$s "; growth[$who-PUT]+="$g "
+    speeds[$who-PUT]+="$s "; growth[$who-PUT]+="$g "; cpus[$who-PUT]+="$c "
     cmp -s "$source" "$served/put-$who.bin" || { log "$who: PUT result differs"; exit 1; }
     rm -f "$served/put-$who.bin"
     log "run $run $who: GET $(awk '{ print $NF }' <<<"${speeds[$who-GET]}") MB/s,\
@@ -152,20 +159,24 @@ kill -TERM "$server_pid"
 wait "$server_pid" 2>/dev/null || true
 stop_line=$(sed -n 2p "$work/server.out")
 
-printf '\n%s MiB file, %s runs, loopback, %s\n' "$size_mib" "$runs" "$(nproc) CPUs"
-printf '%-22s %12s %12s %18s %18s\n' server "GET MB/s" "PUT MB/s" "GET RSS +KiB max" "PUT RSS +KiB max"
+printf '\n%s MiB file, %s runs, loopback, %s CPUs, load average %s\n' "$size_mib" "$runs" \
+  "$(nproc)" "$(cut -d' ' -f1-3 /proc/loadavg)"
+col() { tr ' ' '\n' <<<"$1" | grep . | "$2"; }
+printf '%-16s %9s %9s %12s %12s %13s %13s\n' server "GET MB/s" "PUT MB/s" \
+  "GET CPU ms" "PUT CPU ms" "GET RSS +KiB" "PUT RSS +KiB"
 for who in tuqvu nginx; do
   name=$([ $who = tuqvu ] && echo "ZRFileTransfer" || echo "nginx $("$nginx_bin" -v 2>&1 | sed 's/.*\///')")
-  printf '%-22s %12s %12s %18s %18s\n' "$name" \
-    "$(tr ' ' '\n' <<<"${speeds[$who-GET]}" | grep . | median)" \
-    "$(tr ' ' '\n' <<<"${speeds[$who-PUT]}" | grep . | median)" \
-    "$(tr ' ' '\n' <<<"${growth[$who-GET]}" | grep . | maximum)" \
-    "$(tr ' ' '\n' <<<"${growth[$who-PUT]}" | grep . | maximum)"
+  printf '%-16s %9s %9s %12s %12s %13s %13s\n' "$name" \
+    "$(col "${speeds[$who-GET]}" median)" "$(col "${speeds[$who-PUT]}" median)" \
+    "$(col "${cpus[$who-GET]}" median)" "$(col "${cpus[$who-PUT]}" median)" \
+    "$(col "${growth[$who-GET]}" maximum)" "$(col "${growth[$who-PUT]}" maximum)"
 done
-tg=$(tr ' ' '\n' <<<"${speeds[tuqvu-GET]}" | grep . | median)
-ng=$(tr ' ' '\n' <<<"${speeds[nginx-GET]}" | grep . | median)
-tp=$(tr ' ' '\n' <<<"${speeds[tuqvu-PUT]}" | grep . | median)
-np=$(tr ' ' '\n' <<<"${speeds[nginx-PUT]}" | grep . | median)
+printf '(throughput and server CPU time: medians; RSS: largest rise of the peak (VmHWM)\n'
+printf ' over the resident size just before a transfer)\n'
+tg=$(col "${speeds[tuqvu-GET]}" median)
+ng=$(col "${speeds[nginx-GET]}" median)
+tp=$(col "${speeds[tuqvu-PUT]}" median)
+np=$(col "${speeds[nginx-PUT]}" median)
 printf 'ZRFileTransfer / nginx: GET %s%%, PUT %s%%\n' \
   "$((100 * tg / ng))" "$((100 * tp / np))"
 printf 'ZRFileTransfer: %s (idle destruction)\n' "$stop_line"
