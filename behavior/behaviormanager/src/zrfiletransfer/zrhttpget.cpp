@@ -137,16 +137,20 @@ bool httpGetFile(soap* connection) {
   if (!exists) {
     sendNotFound(connection);
   } else {
-    bool directory = false;
+    fs::file_type type = fs::regular_file;  // what cannot be queried is tried as a file
     try {
-      directory = fs::is_directory(fs::status(target));
+      type = fs::status(target).type();
     } catch (const fs::filesystem_error& e) {
       logError(e.what());
     }
-    if (directory) {
+    if (type == fs::directory_file) {
       sendListing(connection, target);
-    } else {
+    } else if (type == fs::regular_file) {
       sendFile(connection, target);
+    } else {
+      // A FIFO, socket or device has no length to announce, and opening a FIFO would
+      // block the listener until some writer came.
+      sendNotFound(connection);
     }
   }
   soap_end_send(connection);

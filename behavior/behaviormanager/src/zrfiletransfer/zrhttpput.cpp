@@ -119,6 +119,13 @@ int httpPut(soap* connection) {
     return 0;
   }
 
+  // Only regular files are written: opening a FIFO would block the listener.
+  boost::system::error_code error;
+  const fs::file_status existing = fs::status(target, error);
+  if (fs::exists(existing) && !fs::is_regular_file(existing)) {
+    logError(target.string() + ": not a regular file");
+    return -1;
+  }
   std::FILE* stream = vu::os::fopen(target.string().c_str(), "wb");
   if (stream == nullptr) {
     logError(target.string() + ": " + std::strerror(errno));

@@ -19,7 +19,7 @@ constexpr const char* kNetworkLog = "core.common.network";
 // without its leading "/". `decodeDots` first turns "%2E" into ".".
 boost::filesystem::path relativeRequestPath(const soap* connection, bool decodeDots);
 
-// "HTTP/<version of the request> <status>\n".
+// "HTTP/<the context's HTTP version> <status>\n".
 std::string statusLine(const soap* connection, const std::string& status);
 
 // Sends `text` at once. Inside a hook the context is still in receive mode, where a

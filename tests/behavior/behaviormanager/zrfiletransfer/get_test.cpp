@@ -1,5 +1,7 @@
 // GET against the real server over raw sockets: files, listings, 404, content types, and
 // the paths that get no reply at all.
+#include <sys/stat.h>
+
 #include <string>
 #include <vector>
 
@@ -202,4 +204,13 @@ TEST_F(Get, SeveralRequestsOnOneConnection) {
   EXPECT_EQ(connection.readReply(10s).header("Tuqvu-File-Type"), "directory");
   connection.send("GET /tmp/two.txt HTTP/1.1\nHost: robot\n\n");
   EXPECT_EQ(connection.readReply(10s).body, "22");
+}
+
+TEST_F(Get, AFifoIsNotFoundAndDoesNotBlockTheServer) {
+  const fs::path fifo = paths().tmp / "pipe.txt";
+  fs::remove(fifo);
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  EXPECT_EQ(get("/tmp/pipe.txt").statusLine, "HTTP/1.1 404 Not Found");
+  writeFile(paths().tmp / "after.txt", "after");
+  EXPECT_EQ(get("/tmp/after.txt").body, "after");
 }

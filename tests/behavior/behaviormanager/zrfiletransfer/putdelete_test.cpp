@@ -1,4 +1,6 @@
 // PUT and DELETE against the real server over raw sockets.
+#include <sys/stat.h>
+
 #include <string>
 #include <thread>
 
@@ -214,4 +216,19 @@ TEST_F(PutDelete, PutThenGetThenDeleteOnOneConnection) {
   connection.send(del("/behaviors/User/roundtrip"));
   EXPECT_EQ(connection.readReply(10s).body, "ok\n");
   EXPECT_FALSE(fs::exists(paths().home / ".tuqvu" / "behaviors" / "roundtrip"));
+}
+
+TEST_F(PutDelete, PutOntoAFifoOrADirectoryGetsNoReplyAndIsLogged) {
+  const fs::path fifo = paths().tmp / "put-pipe";
+  fs::remove(fifo);
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  fs::create_directories(paths().tmp / "put-dir");
+  zrft_test::LogCapture log;
+  expectNoReply(put("/tmp/put-pipe", "x"));
+  expectNoReply(put("/tmp/put-dir", "x"));
+  EXPECT_EQ(log.find("httpPut", "not a regular file").size(), 2u);
+  EXPECT_TRUE(fs::is_other(fs::status(fifo)));
+  EXPECT_TRUE(fs::is_directory(paths().tmp / "put-dir"));
+  EXPECT_EQ(exchange(del("/tmp/put-pipe")), kOk);
+  EXPECT_FALSE(fs::exists(fifo));
 }
