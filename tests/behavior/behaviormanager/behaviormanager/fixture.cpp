@@ -198,6 +198,8 @@ void ManagerTest::stopManager() { manager.reset(); }
 
 void ManagerTest::TearDown() {
   manager.reset();
+  // The recorder must not go while the memory is still delivering to it.
+  if (memory) memory->flushNotifications(kDeliveryTimeoutMs);
   events.reset();
   frameManager.reset();
   preferences.reset();

@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# ThreadSanitizer run of the behavior manager's lifecycle suites: states and waits,
+# loading, running and stopping, concurrent callers, destruction. Builds only those
+# executables (and what they link) in build-tsan/ and fails on the first report.
+# The two tests that wait 10 s on purpose are left to the normal run.
+set -euo pipefail
+cd "$(dirname "$0")/../.."
+
+dir=build-tsan
+suites=(bm_states_test bm_loading_test bm_running_test bm_concurrency_test bm_destruction_test)
+
+cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTUQVU_SANITIZE=thread >/dev/null
+cmake --build "$dir" -j 2 --target "${suites[@]}"
+
+export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
+for suite in "${suites[@]}"; do
+  echo "-- $suite (thread sanitizer)"
+  "$dir/bin/$suite" --gtest_filter='-*Slow*' --gtest_brief=1
+done
