@@ -1,6 +1,8 @@
 // Construction, destruction and the method table of the module.
 #include "behaviormanager.h"
 
+#include <exception>
+
 #include <boost/filesystem.hpp>
 #include <boost/make_shared.hpp>
 
@@ -95,8 +97,28 @@ ZRBehaviorManager::ZRBehaviorManager(boost::shared_ptr<ZRBroker> broker, const s
                   " for the Behavior Manager.");
 }
 
+namespace {
+
+// Runs one step of the destruction. A destructor must not throw: a failure (a frame
+// manager that no longer answers, a broker that is shutting down) is logged and the
+// following steps still run.
+template <typename Step> void destructionStep(const std::string& what, Step step) {
+  try {
+    step();
+  } catch (const ZRError& error) {
+    detail::log(vu::log::error, "~ZRBehaviorManager", what + ": " + error.description());
+  } catch (const std::exception& error) {
+    detail::log(vu::log::error, "~ZRBehaviorManager", what + ": " + error.what());
+  } catch (...) {
+    detail::log(vu::log::error, "~ZRBehaviorManager", what + ": unknown error");
+  }
+}
+
+}  // namespace
+
 ZRBehaviorManager::~ZRBehaviorManager() {
-  stopAllBehaviors();
+  destructionStep("Could not stop the behaviors while shutting down",
+                  [this] { stopAllBehaviors(); });
   std::set<std::string> loaded;
   {
     ZRCriticalSection section(fRegistryLock);
@@ -105,7 +127,8 @@ ZRBehaviorManager::~ZRBehaviorManager() {
     }
   }
   for (const std::string& name : loaded) {
-    unloadBehavior(name);
+    destructionStep("Could not unload behavior " + name + " while shutting down",
+                    [this, &name] { unloadBehavior(name); });
   }
   // A run stopped above returns from its last state change while still holding the
   // registry lock and the running-set mutex; let it leave them before they are destroyed.

@@ -120,6 +120,37 @@ TEST_F(Construction, UserDirectoryThatCannotBeCreatedIsLoggedAndLeftEmpty) {
             1);
 }
 
+// ---- destruction that cannot reach the frame manager
+
+TEST_F(Construction, DestructionLogsEachUnloadThatFailsAndGoesOn) {
+  makeBehavior(systemRoot() / "wave");
+  makeBehavior(systemRoot() / "stand");
+  startPlatform();
+  startManager();
+  ASSERT_TRUE(manager->loadBehavior("System/wave"));
+  ASSERT_TRUE(manager->loadBehavior("System/stand"));
+  ASSERT_EQ(frameManager->getBehaviorInstances().size(), 2u);
+  logs->clear();
+
+  // From now on the broker refuses calls between modules, as it does on its way down.
+  ASSERT_TRUE(broker->shutdown(0));
+  stopManager();  // must neither throw nor terminate
+
+  EXPECT_FALSE(broker->hasModule("ZRBehaviorManager"));
+  std::vector<std::string> failures;
+  for (const vu::log::Message& message : logs->messages()) {
+    if (message.function == "~ZRBehaviorManager") {
+      EXPECT_EQ(message.level, 2);
+      EXPECT_EQ(message.category, "behavior.manager");
+      failures.push_back(message.text.substr(0, message.text.find(": ")));
+    }
+  }
+  // Each loaded behavior was still attempted, in name order.
+  EXPECT_EQ(failures,
+            (std::vector<std::string>{"Could not unload behavior System/stand while shutting down",
+                                      "Could not unload behavior System/wave while shutting down"}));
+}
+
 // ---- a memory module that refuses some calls
 
 // Stands in for "ZRMemory": forwards every call to a real memory module registered under
@@ -205,6 +236,7 @@ protected:
 
   void TearDown() override {
     stopManager();
+    realMemory->flushNotifications(10000);  // the recorder must not go while it delivers
     events.reset();
     refusing.reset();
     realMemory.reset();
