@@ -107,6 +107,72 @@ TEST_F(MethodTable, ParameterDescriptionsKeepTheirTrailingBlank) {
             "stop behaviors, add default behaviors or remove them. \n");
 }
 
+// The published texts of every parameter and result, with their odd blanks.
+struct Texts {
+  const char* name;
+  int arity;
+  std::vector<const char*> params;
+  const char* result;
+};
+
+TEST_F(MethodTable, EveryParameterAndResultKeepsItsPublishedText) {
+  const char* behavior = "Behavior name ";
+  const char* success = "true on success, false on failure.";
+  const std::vector<Texts> rows = {
+      {"_setBehaviorsPath", 1, {"the desired behaviors path, as an utf8 std::string."}, ""},
+      {"installBehavior", 1, {"the relative destination path."}, success},
+      {"installBehavior", 3,
+       {"a behavior on the local file system to install.", "the relative destination path.",
+        "whether to replace existing behavior if present."},
+       success},
+      {"preloadBehavior", 1, {behavior}, "Returns true if it was successfully loaded."},
+      {"runBehavior", 1, {behavior}, ""},
+      {"stopBehavior", 1, {behavior}, ""},
+      {"stopAllBehaviors", 0, {}, ""},
+      {"removeBehavior", 1, {behavior}, ""},
+      {"isBehaviorInstalled", 1, {"The behavior directory name"},
+       "Returns true if it is a valid behavior"},
+      {"isBehaviorPresent", 1,
+       {"Prefixed behavior or just behavior's name (latter usage deprecated, in this case the "
+        "behavior is searched for amongst user's behaviors, then in system behaviors) "
+        "DEPRECATED."},
+       "Returns true if it is an existing behavior"},
+      {"getBehaviorNames", 0, {},
+       "Returns the list of behaviors prefixed by their type (User/ or System/). DEPRECATED"},
+      {"getUserBehaviorNames", 0, {},
+       "Returns the list of user's behaviors prefixed by User/. DEPRECATED."},
+      {"getSystemBehaviorNames", 0, {}, "Returns the list of system behaviors prefixed by System/."},
+      {"getInstalledBehaviors", 0, {}, "Returns the behaviors list"},
+      {"getBehaviorsByTag", 1, {"A tag to filter the list with."}, "Returns the behaviors list"},
+      {"isBehaviorRunning", 1, {behavior}, "Returns true if it is a running behavior"},
+      {"getRunningBehaviors", 0, {}, "Return running behaviors"},
+      {"getTagList", 0, {}, "The list of tags found."},
+      {"getBehaviorTags", 1, {"The local path towards a behavior or a directory."},
+       "The list of tags found."},
+      {"addDefaultBehavior", 1, {behavior}, ""},
+      {"removeDefaultBehavior", 1, {behavior}, ""},
+      {"getDefaultBehaviors", 0, {}, "Return default behaviors"},
+      {"playDefaultProject", 0, {}, ""},
+      {"_onDataChanged", 3, {"name of the data", "value of the data", "callback message"}, ""},
+      {"_getBehaviorFrameManagerId", 1, {"name of Cadenzo project"}, ""},
+      {"_httpFileTransferPort", 0, {}, "Return the connection port"},
+  };
+  startPlatform();
+  startManager();
+  const std::vector<ZR::ZRMethodInfo> methods = broker->getMethods("ZRBehaviorManager");
+  ASSERT_EQ(methods.size(), rows.size());
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    SCOPED_TRACE(rows[i].name);
+    EXPECT_EQ(methods[i].name, rows[i].name);
+    EXPECT_EQ(methods[i].mask, 0);
+    ASSERT_EQ(methods[i].arity(), rows[i].arity);
+    for (int p = 0; p < rows[i].arity; ++p) {
+      EXPECT_EQ(methods[i].parameters[p].description, rows[i].params[p]);
+    }
+    EXPECT_EQ(methods[i].returnDescription, rows[i].result);
+  }
+}
+
 TEST_F(MethodTable, InstallBehaviorOverloadsAreToldApartByArity) {
   startPlatform();
   startManager();
