@@ -130,10 +130,11 @@ ZRBehaviorManager::~ZRBehaviorManager() {
     destructionStep("Could not unload behavior " + name + " while shutting down",
                     [this, &name] { unloadBehavior(name); });
   }
-  // A run stopped above returns from its last state change while still holding the
-  // registry lock and the running-set mutex; let it leave them before they are destroyed.
+  // A run stopped above makes its last state change (unloaded, or loaded again for a
+  // system behavior) inside the registry lock, and the stop returns as soon as it sees
+  // that state. Taking the lock once more waits for such a run to leave it, and with it
+  // the running-set mutex it nests, before the members go.
   ZRCriticalSection section(fRegistryLock);
-  boost::mutex::scoped_lock running(fRunningMutex);
 }
 
 namespace {
