@@ -3,6 +3,7 @@
 // documents, and the states, the registry and the published running list agree at the end.
 #include <algorithm>
 #include <atomic>
+#include <iostream>
 #include <map>
 #include <random>
 #include <set>
@@ -47,12 +48,19 @@ protected:
   }
 
   void record(const CallResult& result, const std::string& what) {
-    if (!result.threw || expectedRace(result)) return;
+    ++fCalls;
+    if (!result.threw) return;
+    if (expectedRace(result)) {
+      ++fRaces;
+      return;
+    }
     std::lock_guard<std::mutex> lock(fUnexpectedMutex);
     fUnexpected.push_back(what + ": " + result.module + "::" + result.method + " " +
                           result.description);
   }
 
+  std::atomic<int> fCalls{0};
+  std::atomic<int> fRaces{0};  // calls that met another caller's work on the same behavior
   std::mutex fUnexpectedMutex;
   Names fUnexpected;
 };
@@ -110,6 +118,8 @@ TEST_F(Concurrency, RunsStopsLoadsAndQueriesFromManyThreadsEndConsistent) {
   });
   joinAll();
   EXPECT_EQ(runsDone.load(), 48);
+  std::cout << "[          ] " << fCalls.load() << " remote calls, " << fRaces.load()
+            << " of them refused because of another caller\n";
 
   EXPECT_TRUE(fUnexpected.empty()) << fUnexpected.size() << " unexpected, first: "
                                    << fUnexpected.front();
