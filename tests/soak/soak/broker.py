@@ -1,0 +1,128 @@
+"""Starting and stopping the tuqvu process under test, and watching its threads, open
+file descriptors and resident memory through /proc."""
+
+import os
+import re
+import signal
+import subprocess
+import threading
+import time
+
+
+class BrokerProcess:
+    def __init__(self, tuqvu, module, work, log_level):
+        self.work = work
+        self.log_path = os.path.join(work, "tuqvu.log")
+        self.out_path = os.path.join(work, "tuqvu.out")
+        env = {k: v for k, v in os.environ.items() if k not in ("XDG_DATA_HOME", "TUQVU_SDK_PREFIX")}
+        env.update(HOME=os.path.join(work, "home"), TMPDIR=os.path.join(work, "tmp"),
+                   TUQVU_SDK_PREFIX=os.path.join(work, "prefix"))
+        for folder in (env["HOME"], env["TMPDIR"]):
+            os.makedirs(folder, exist_ok=True)
+        self._out = open(self.out_path, "wb")
+        self._log = open(self.log_path, "wb")
+        self.process = subprocess.Popen(
+            [os.path.abspath(tuqvu), "--port", "0", "--bind", "127.0.0.1",
+             "--module", os.path.abspath(module),
+             "--log-level", str(log_level)],
+            stdin=subprocess.DEVNULL, stdout=self._out, stderr=self._log, env=env, cwd=work)
+        self.pid = self.process.pid
+
+    def wait_listening(self, timeout):
+        """The port of the "listening" line; raises when it does not come."""
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            with open(self.out_path, "rb") as out:
+                match = re.search(rb"tuqvu: listening on [0-9.]+:(\d+)", out.read())
+            if match:
+                return int(match.group(1))
+            if self.process.poll() is not None:
+                raise RuntimeError(f"tuqvu exited with {self.process.returncode} before listening")
+            time.sleep(0.1)
+        raise RuntimeError(f"tuqvu did not print its listening line within {timeout} s")
+
+    def alive(self):
+        return self.process.poll() is None
+
+    def terminate(self, timeout):
+        """SIGTERM, then the exit status; None when it did not end in time (then killed)."""
+        if self.process.poll() is None:
+            self.process.send_signal(signal.SIGTERM)
+        try:
+            status = self.process.wait(timeout)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait()
+            status = None
+        self._out.close()
+        self._log.close()
+        return status
+
+
+def read_counts(pid):
+    """(threads, open fds, RSS in KiB) of the process, or None when it is gone."""
+    try:
+        threads = len(os.listdir(f"/proc/{pid}/task"))
+        fds = len(os.listdir(f"/proc/{pid}/fd"))
+        rss = 0
+        with open(f"/proc/{pid}/status") as status:
+            for line in status:
+                if line.startswith("VmRSS:"):
+                    rss = int(line.split()[1])
+        return threads, fds, rss
+    except (FileNotFoundError, ProcessLookupError):
+        return None
+
+
+def fd_targets(pid):
+    """What each open fd points at, for the report when counts differ."""
+    targets = {}
+    try:
+        for fd in os.listdir(f"/proc/{pid}/fd"):
+            try:
+                targets[int(fd)] = os.readlink(f"/proc/{pid}/fd/{fd}")
+            except OSError:
+                pass
+    except OSError:
+        pass
+    return targets
+
+
+class Sampler:
+    """Samples read_counts every `interval` seconds on a thread of its own."""
+
+    def __init__(self, pid, interval):
+        self.pid = pid
+        self.interval = interval
+        self.samples = []  # (seconds since start, threads, fds, rss KiB)
+        self.phase_marks = {}
+        self._stop = threading.Event()
+        self._start = time.monotonic()
+        self._thread = threading.Thread(target=self._run, name="sampler", daemon=True)
+
+    def start(self):
+        self._thread.start()
+
+    def now(self):
+        return time.monotonic() - self._start
+
+    def mark(self, name):
+        self.phase_marks[name] = self.now()
+
+    def _run(self):
+        while not self._stop.is_set():
+            counts = read_counts(self.pid)
+            if counts is None:
+                return
+            self.samples.append((self.now(),) + counts)
+            self._stop.wait(self.interval)
+
+    def stop(self):
+        self._stop.set()
+        self._thread.join(10)
+
+    def write_csv(self, path):
+        with open(path, "w") as out:
+            out.write("seconds,threads,fds,rss_kib\n")
+            for sample in self.samples:
+                out.write("%.1f,%d,%d,%d\n" % sample)
