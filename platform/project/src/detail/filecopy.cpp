@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <boost/filesystem.hpp>
 #include <cerrno>
@@ -15,6 +17,65 @@ namespace vu {
 namespace project {
 namespace detail {
 
+namespace {
+
+// Copies a regular file to the new path to, with the same permissions. Unlike
+// boost::filesystem::copy_file of Boost 1.74, the copy is not flushed to disk file by
+// file (one fdatasync per file made a 10,000-file copy a hundred times slower than cp).
+void copyRegularFile(const std::string& from, const std::string& to,
+                     boost::system::error_code& code) {
+  const auto fail = [&code]() { code.assign(errno, boost::system::system_category()); };
+  const int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
+  if (in < 0) return fail();
+  struct stat info;
+  if (::fstat(in, &info) != 0) {
+    fail();
+    ::close(in);
+    return;
+  }
+  const int out = ::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (out < 0) {
+    fail();
+    ::close(in);
+    return;
+  }
+  bool ok = true;
+  bool kernelCopy = true;
+  char buffer[65536];
+  for (;;) {
+    ssize_t done = -1;
+    if (kernelCopy) {
+      done = ::copy_file_range(in, nullptr, out, nullptr, 1 << 30, 0);
+      if (done < 0 && (errno == EXDEV || errno == ENOSYS || errno == EINVAL ||
+                       errno == EOPNOTSUPP)) {
+        kernelCopy = false;
+        continue;
+      }
+    } else {
+      done = ::read(in, buffer, sizeof buffer);
+      for (ssize_t written = 0; done > 0 && written < done;) {
+        const ssize_t n = ::write(out, buffer + written, static_cast<size_t>(done - written));
+        if (n < 0 && errno != EINTR) {
+          done = -1;
+          break;
+        }
+        if (n > 0) written += n;
+      }
+    }
+    if (done == 0) break;
+    if (done < 0 && errno != EINTR) {
+      ok = false;
+      break;
+    }
+  }
+  if (ok && ::fchmod(out, info.st_mode & 07777) != 0) ok = false;
+  if (!ok) fail();
+  if (::close(out) != 0 && ok) fail();
+  ::close(in);
+}
+
+}  // namespace
+
 bool copyTree(const std::string& from, const std::string& to, std::string& error) {
   boost::system::error_code code;
   const fs::file_status status = fs::symlink_status(from, code);
@@ -24,7 +85,7 @@ bool copyTree(const std::string& from, const std::string& to, std::string& error
   }
   switch (status.type()) {
     case fs::symlink_file: fs::copy_symlink(from, to, code); break;
-    case fs::regular_file: fs::copy_file(from, to, fs::copy_options::none, code); break;
+    case fs::regular_file: copyRegularFile(from, to, code); break;
     case fs::directory_file: {
       fs::create_directory(to, code);
       if (code) {

@@ -40,6 +40,12 @@ std::map<std::string, std::string> readTree(const fs::path& dir) {
   return tree;
 }
 
+unsigned modeOf(const fs::path& file) {
+  struct stat info;
+  EXPECT_EQ(::stat(file.c_str(), &info), 0) << file;
+  return info.st_mode & 07777;
+}
+
 // Packs the top-level entries of dir into an archive with the command-line tools.
 void pack(const fs::path& dir, const fs::path& out, bool zipFormat) {
   std::string names;
@@ -190,12 +196,17 @@ TEST_F(Install, InPlaceOfSomethingThatIsNeitherBehaviorNorPackageFails) {
 TEST_F(Install, DirectoryIsCopiedAndTheSourceStays) {
   start();
   makeBehavior(scratch() / "wave", "<behavior><wait ms=\"1\"/></behavior>", {"arm"});
+  writeFile(scratch() / "wave" / "scripts" / "run.sh", "#!/bin/sh\n");
+  fs::permissions(scratch() / "wave" / "scripts" / "run.sh", static_cast<fs::perms>(0751));
+  fs::permissions(scratch() / "wave" / "project.xml", static_cast<fs::perms>(0600));
   const auto source = readTree(scratch() / "wave");
 
   EXPECT_TRUE(install(scratch() / "wave", "moves/wave", false));
   EXPECT_EQ(libraryEvents(), std::vector<std::string>{std::string(kAdded) + " moves/wave"});
   EXPECT_EQ(readTree(userRoot() / "moves" / "wave"), source);
   EXPECT_EQ(readTree(scratch() / "wave"), source);
+  EXPECT_EQ(modeOf(userRoot() / "moves" / "wave" / "scripts" / "run.sh"), 0751u);
+  EXPECT_EQ(modeOf(userRoot() / "moves" / "wave" / "project.xml"), 0600u);
   EXPECT_EQ(manager->getBehaviorTags("moves/wave"), std::vector<std::string>{"arm"});
 
   // Without overwrite an existing behavior is refused; with it, replaced.
@@ -376,11 +387,13 @@ TEST_F(InstallResource, DirectoryWithOverwriteReplacesTheDestinationByACopyAndTh
   makeSounds(userRoot() / "sounds", "old");
   writeFile(userRoot() / "sounds" / "only-in-old.txt", "x");
   makeSounds(scratch() / "sounds", "new", "Resource");
+  fs::permissions(scratch() / "sounds" / "clips" / "beep.raw", static_cast<fs::perms>(0640));
   const auto source = readTree(scratch() / "sounds");
 
   EXPECT_TRUE(install(scratch() / "sounds", "sounds", true));
 
   EXPECT_EQ(readTree(userRoot() / "sounds"), source);
+  EXPECT_EQ(modeOf(userRoot() / "sounds" / "clips" / "beep.raw"), 0640u);
   EXPECT_EQ(readTree(scratch() / "sounds"), source);
   // A copy, not the same files: changing the source does not change the destination.
   writeFile(scratch() / "sounds" / "version.txt", "changed");
