@@ -115,6 +115,10 @@ void HttpSession::handle(Request&& request) {
 }
 
 void HttpSession::startCall(std::function<Response()> call, unsigned version, bool keepAlive) {
+  if (fContext->refusingCalls.load()) {
+    return send(textResponse(http::status::service_unavailable, "the broker is shutting down"),
+                version, false);
+  }
   // Counts this answer until its write ends, or until the handler holding it is dropped.
   std::shared_ptr<ServerContext> context = fContext;
   ++context->pendingAnswers;

@@ -163,14 +163,19 @@ int main(int argc, char** argv) {
 
   const int signal = shutdownRequested.get();
   logLine(vu::log::info, "main", "signal " + std::to_string(signal) + ", shutting down");
+  // Remote calls stop here; the modules keep calling one another until they are gone,
+  // since a module's destructor may need another module (to stop what it started).
   server.stopAccepting();
-  if (!broker->shutdown(options.shutdownGraceMs)) {
-    logLine(vu::log::warning, "main", "calls still running after the grace period");
+  context->refusingCalls = true;
+  if (!server.drain(std::chrono::milliseconds(options.shutdownGraceMs))) {
+    logLine(vu::log::warning, "main",
+            "calls still running after the grace period; their modules end them");
   }
   platform->stopObserving();
   hub->closeAll();
   loader.destroyAll();
   platform->destroy();
+  broker->shutdown(0);
   context->executor->stop();
   if (!server.drain(kAnswerDrain)) {
     // A call that outlived its module; the process cannot wait for it forever.

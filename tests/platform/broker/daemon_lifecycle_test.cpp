@@ -97,6 +97,39 @@ TEST(DaemonLifecycle, ACallStillBlockedAfterTheGraceEndsWithItsModule) {
   EXPECT_EQ("destroyed B\ndestroyed A\n", readFile(log));
 }
 
+TEST(DaemonLifecycle, ModulesCanStillCallOneAnotherWhileTheyAreDestroyed) {
+  TempDir scratch;
+  const std::string log = scratch.path() + "/destroyed.log";
+  TuqvuProcess::Setup setup = twoModules(log);
+  setup.env["TUQVU_TEST_DESTRUCTOR_CALLS"] = "1";
+  TuqvuProcess daemon(setup);
+  EXPECT_EQ(0, daemon.terminate(SIGTERM)) << daemon.stderrText();
+  EXPECT_EQ("destroyed B (ZRMemory answered 1)\ndestroyed A (ZRMemory answered 1)\n", readFile(log));
+}
+
+TEST(DaemonLifecycle, NewCallsAreRefusedOnceShutdownHasBegun) {
+  TempDir scratch;
+  const std::string log = scratch.path() + "/destroyed.log";
+  TuqvuProcess daemon(twoModules(log, {"--shutdown-grace", "2000"}));
+  HttpConnection blocked(daemon.port());
+  HttpConnection other(daemon.port());
+  EXPECT_EQ(200, other.request("POST", "/rpc", rpcRequest("A.noop", json::array())).status);
+  blocked.send("POST", "/rpc", rpcRequest("A.block", {"never"}));
+  ASSERT_TRUE(eventually([&] { return rpc(daemon.port(), "A.blockedCount", json::array())["result"] == 1; }));
+  ::kill(daemon.pid(), SIGTERM);
+  ASSERT_TRUE(eventually([&] {
+    return daemon.stderrText().find("shutting down") != std::string::npos;
+  }));
+  // The open connection is still served, but calls are no longer made.
+  const HttpReply refused = other.request("POST", "/rpc", rpcRequest("A.noop", json::array()));
+  EXPECT_EQ(503, refused.status);
+  EXPECT_EQ("the broker is shutting down\n", refused.body);
+  // After the grace period the module's destructor ends the blocked call.
+  EXPECT_EQ("released by shutdown", json::parse(blocked.readReply().body)["result"]);
+  EXPECT_EQ(0, daemon.waitExit()) << daemon.stderrText();
+  EXPECT_EQ("destroyed B\ndestroyed A\n", readFile(log));
+}
+
 TEST(DaemonLifecycle, ASecondSignalExitsAtOnce) {
   TempDir scratch;
   const std::string log = scratch.path() + "/destroyed.log";

@@ -30,6 +30,8 @@ TEST(RunScript, TheReadmeRunCommandStartsTheDaemon) {
   // The script builds this very build folder (already up to date) and starts its daemon.
   setup.env["TUQVU_BUILD_DIR"] = binaryDir();
   setup.args = {"--port", "0", "--bind", "127.0.0.1"};
+  // Up to date after the suite's build, the build step is quick; give it room anyway.
+  setup.startGuardMs = 540000;
   TuqvuProcess daemon(setup);
   const json modules = rpc(daemon.port(), "ZRBroker.getModules", json::array())["result"];
   EXPECT_TRUE(modules.is_array()) << modules;

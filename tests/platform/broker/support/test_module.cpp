@@ -5,6 +5,7 @@
 // Environment:
 //   TUQVU_TEST_DESTRUCTOR_LOG  a file the destructor appends "destroyed <name>\n" to
 //   TUQVU_TEST_MODULE_THROW    a module name whose constructor throws
+//   TUQVU_TEST_DESTRUCTOR_CALLS  when set, the destructor calls ZRMemory.getData first
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -106,9 +107,20 @@ public:
       fReleased.clear();
     }
     fChanged.notify_all();
+    // Like a module that needs another one to stop its work: ask ZRMemory something.
+    std::string called;
+    if (std::getenv("TUQVU_TEST_DESTRUCTOR_CALLS") != nullptr) {
+      ZR::ZRValue args = ZR::ZRValue::array();
+      args.arrayPush(ZR::ZRValue("TUQvuReady"));
+      try {
+        called = " (ZRMemory answered " + getParentBroker()->call("ZRMemory", "getData", args).toDebugString() + ")";
+      } catch (const std::exception& error) {
+        called = std::string(" (ZRMemory refused: ") + error.what() + ")";
+      }
+    }
     if (const char* log = std::getenv("TUQVU_TEST_DESTRUCTOR_LOG")) {
       if (std::FILE* file = std::fopen(log, "a")) {
-        std::fprintf(file, "destroyed %s\n", getName().c_str());
+        std::fprintf(file, "destroyed %s%s\n", getName().c_str(), called.c_str());
         std::fclose(file);
       }
     }

@@ -109,12 +109,12 @@ void TuqvuProcess::start(Setup setup) {
     fPid = -1;
     throw std::runtime_error("cannot start " + argv[0] + ": " + std::strerror(error));
   }
-  if (setup.waitUntilListening) readUntilListening();
+  if (setup.waitUntilListening) readUntilListening(setup.startGuardMs);
 }
 
-void TuqvuProcess::readUntilListening() {
+void TuqvuProcess::readUntilListening(int guardMs) {
   const std::string marker = "tuqvu: listening on ";
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kGuardMs);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(guardMs);
   while (std::chrono::steady_clock::now() < deadline) {
     const std::size_t found = fStdout.find(marker);
     if (found != std::string::npos && fStdout.find('\n', found) != std::string::npos) {

@@ -35,6 +35,7 @@ public:
     std::map<std::string, std::string> env;  // added to the child's environment
     std::string program;                     // default: the tuqvu of this build
     bool waitUntilListening = true;
+    int startGuardMs = 60000;  // how long to wait for "listening" before giving up
   };
 
   explicit TuqvuProcess(const std::vector<std::string>& args);
@@ -65,7 +66,7 @@ public:
 
 private:
   void start(Setup setup);
-  void readUntilListening();
+  void readUntilListening(int guardMs);
   int collect(int timeoutMs);
 
   TempDir fHome;

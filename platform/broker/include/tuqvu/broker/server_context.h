@@ -18,6 +18,9 @@ struct ServerContext {
   std::shared_ptr<SseHub> hub;
   // Calls handed to the executor whose answer is not yet written (or dropped).
   std::atomic<int> pendingAnswers{0};
+  // Set when the broker shuts down: new calls are answered 503 and not made, while the
+  // modules themselves may still call one another.
+  std::atomic<bool> refusingCalls{false};
 };
 
 }  // namespace broker
