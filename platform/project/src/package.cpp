@@ -193,8 +193,14 @@ class Unpacker {
         if (status < ARCHIVE_WARN) {
           fail(std::string("cannot read entry \"") + name + "\": " + errorText(reader));
         }
-        if (archive_write_data_block(writer, block, size, offset) < ARCHIVE_WARN) {
-          fail(std::string("cannot unpack entry \"") + name + "\": " + errorText(writer));
+        // A write that fails (a full disk, an I/O error) is only a warning to libarchive,
+        // which then leaves the file short; unlike its harmless warnings it carries errno.
+        archive_clear_error(writer);
+        const la_ssize_t written = archive_write_data_block(writer, block, size, offset);
+        const int error = archive_errno(writer);
+        if (written < ARCHIVE_WARN || (written == ARCHIVE_WARN && error != 0)) {
+          fail(std::string("cannot unpack entry \"") + name + "\": " + errorText(writer) +
+               (error != 0 ? std::string(": ") + std::strerror(error) : std::string()));
         }
       }
     }
