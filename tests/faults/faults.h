@@ -1,0 +1,238 @@
+// Fault injection around the behavior manager: stand-ins that take the place of the
+// frame-manager, memory and preferences modules, pass every call on to the real module
+// (registered under another name beside them) and fail the calls a test asks them to
+// fail, with a ZRError of the module they stand in for.
+//
+//   FaultyFrameManager frames(broker);        // registers "ZRFrameManager"
+//   frames.plan.fail("exitBehavior");         // every exitBehavior now throws
+//   frames.plan.fail("deleteBehavior", 1);    // only the next deleteBehavior throws
+//   frames.plan.heal("exitBehavior");
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <boost/make_shared.hpp>
+
+#include <zr/modules/zrframemanager.h>
+#include <zr/modules/zrmemory.h>
+#include <zr/modules/zrpreferences.h>
+#include <zr/zrerror.h>
+#include <zr/zrfunctorbase.h>
+#include <zr/zrmodule.h>
+#include <zr/zrtypes.h>
+#include <zr/zrvalue.h>
+
+#include "../behavior/behaviormanager/behaviormanager/fixture.h"
+
+namespace faulttest {
+
+namespace fs = boost::filesystem;
+
+// Which calls fail: per method, the number of calls still to fail (-1: all of them).
+class FaultPlan {
+public:
+  void fail(const std::string& method, int count = -1) {
+    std::lock_guard<std::mutex> lock(fMutex);
+    fFailing[method] = count;
+  }
+  void heal(const std::string& method) {
+    std::lock_guard<std::mutex> lock(fMutex);
+    fFailing.erase(method);
+  }
+  void healAll() {
+    std::lock_guard<std::mutex> lock(fMutex);
+    fFailing.clear();
+  }
+  // Counts the call, and throws when it is to fail.
+  void onCall(const std::string& module, const std::string& method) {
+    std::lock_guard<std::mutex> lock(fMutex);
+    ++fCalls[method];
+    const auto found = fFailing.find(method);
+    if (found == fFailing.end() || found->second == 0) return;
+    if (found->second > 0) --found->second;
+    ++fFailed[method];
+    throw ZR::ZRError(module, method, description(method), __FILE__, __LINE__);
+  }
+  int calls(const std::string& method) const {
+    std::lock_guard<std::mutex> lock(fMutex);
+    const auto found = fCalls.find(method);
+    return found == fCalls.end() ? 0 : found->second;
+  }
+  int failed(const std::string& method) const {
+    std::lock_guard<std::mutex> lock(fMutex);
+    const auto found = fFailed.find(method);
+    return found == fFailed.end() ? 0 : found->second;
+  }
+  static std::string description(const std::string& method) {
+    return "injected fault: " + method + " refused by the test";
+  }
+
+private:
+  mutable std::mutex fMutex;  // guards the three maps
+  std::map<std::string, int> fFailing;
+  std::map<std::string, int> fCalls;
+  std::map<std::string, int> fFailed;
+};
+
+// A module registered under the name of the one it stands in for.
+class StandIn : public ZR::ZRModule {
+public:
+  FaultPlan plan;
+
+protected:
+  StandIn(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name)
+      : ZR::ZRModule(broker, name) {}
+
+  using Forward = std::function<ZR::ZRValue(const ZR::ZRValue& args)>;
+  void bind(const std::string& method, const std::vector<int>& paramTypes, int resultType,
+            Forward forward) {
+    functionName(method, getName(), "stand-in for " + method, 0);
+    for (std::size_t i = 0; i < paramTypes.size(); ++i) {
+      addParam("p" + std::to_string(i + 1), "");
+      getCurrentMethodDescription().parameters.back().type = ZR::getTypeString(paramTypes[i]);
+    }
+    getCurrentMethodDescription().returnType = ZR::getTypeString(resultType);
+    bindMethod(boost::make_shared<ZR::ZRCallableFunctor>(
+        [this, method, forward](const ZR::ZRValue& args, ZR::ZRValue& result) {
+          plan.onCall(getName(), method);
+          result = forward(args);
+        }));
+  }
+};
+
+class FaultyFrameManager : public StandIn {
+public:
+  explicit FaultyFrameManager(boost::shared_ptr<ZR::ZRBroker> broker)
+      : StandIn(broker, "ZRFrameManager"),
+        real(std::make_unique<ZR::ZRFrameManager>(broker, "RealFrameManager")) {
+    using ZR::ZRValue;
+    const int s = ZR::TypeCodeString;
+    bind("newBehaviorFromFile", {s, s}, s, [this](const ZRValue& a) {
+      return ZRValue(real->newBehaviorFromFile(a[0].toString(), a[1].toString()));
+    });
+    bind("completeBehavior", {s}, ZR::TypeCodeVoid, [this](const ZRValue& a) {
+      real->completeBehavior(a[0].toString());
+      return ZRValue();
+    });
+    bind("exitBehavior", {s}, ZR::TypeCodeVoid, [this](const ZRValue& a) {
+      real->exitBehavior(a[0].toString());
+      return ZRValue();
+    });
+    bind("deleteBehavior", {s}, ZR::TypeCodeVoid, [this](const ZRValue& a) {
+      real->deleteBehavior(a[0].toString());
+      return ZRValue();
+    });
+    bind("cleanBehaviors", {}, ZR::TypeCodeVoid, [this](const ZRValue&) {
+      real->cleanBehaviors();
+      return ZRValue();
+    });
+  }
+  ~FaultyFrameManager() override = default;
+
+  std::unique_ptr<ZR::ZRFrameManager> real;
+};
+
+class RefusingMemory : public StandIn {
+public:
+  explicit RefusingMemory(boost::shared_ptr<ZR::ZRBroker> broker)
+      : StandIn(broker, "ZRMemory"), real(std::make_unique<ZR::ZRMemory>(broker, "RealMemory")) {
+    using ZR::ZRValue;
+    const int s = ZR::TypeCodeString;
+    const int v = ZR::TypeCodeValue;
+    bind("insertData", {s, v}, ZR::TypeCodeVoid, [this](const ZRValue& a) {
+      real->insertData(a[0].toString(), a[1]);
+      return ZRValue();
+    });
+    bind("getData", {s}, v, [this](const ZRValue& a) { return real->getData(a[0].toString()); });
+    bind("declareEvent", {s}, ZR::TypeCodeVoid, [this](const ZRValue& a) {
+      real->declareEvent(a[0].toString());
+      return ZRValue();
+    });
+    bind("raiseMicroEvent", {s, v}, ZR::TypeCodeVoid, [this](const ZRValue& a) {
+      real->raiseMicroEvent(a[0].toString(), a[1]);
+      return ZRValue();
+    });
+    bind("subscribeToMicroEvent", {s, s, s, s}, ZR::TypeCodeVoid, [this](const ZRValue& a) {
+      real->subscribeToMicroEvent(a[0].toString(), a[1].toString(), a[2].toString(),
+                                  a[3].toString());
+      return ZRValue();
+    });
+    bind("unsubscribeToMicroEvent", {s, s}, ZR::TypeCodeVoid, [this](const ZRValue& a) {
+      real->unsubscribeToMicroEvent(a[0].toString(), a[1].toString());
+      return ZRValue();
+    });
+  }
+
+  std::unique_ptr<ZR::ZRMemory> real;
+};
+
+class FailingPreferences : public StandIn {
+public:
+  explicit FailingPreferences(boost::shared_ptr<ZR::ZRBroker> broker)
+      : StandIn(broker, "ZRPreferences"),
+        real(std::make_unique<ZR::ZRPreferences>(broker, "RealPreferences")) {
+    using ZR::ZRValue;
+    const int s = ZR::TypeCodeString;
+    const int b = ZR::TypeCodeBool;
+    bind("readPrefFile", {s, b}, ZR::TypeCodeValue, [this](const ZRValue& a) {
+      return real->readPrefFile(a[0].toString(), a[1].toBool());
+    });
+    bind("writePrefFile", {s, ZR::TypeCodeValue, b}, ZR::TypeCodeVoid, [this](const ZRValue& a) {
+      real->writePrefFile(a[0].toString(), a[1], a[2].toBool());
+      return ZRValue();
+    });
+  }
+
+  std::unique_ptr<ZR::ZRPreferences> real;
+};
+
+// What a remote call ended with.
+struct Outcome {
+  bool threw = false;
+  std::string module;
+  std::string method;
+  std::string description;
+  ZR::ZRValue value;
+};
+
+// Calls module.method through the broker, as a remote caller does.
+inline Outcome callRemote(ZR::ZRBroker& broker, const std::string& module,
+                          const std::string& method, const std::vector<ZR::ZRValue>& args = {}) {
+  Outcome outcome;
+  try {
+    outcome.value = broker.call(module, method, ZR::ZRValue(args));
+  } catch (const ZR::ZRError& error) {
+    outcome.threw = true;
+    outcome.module = error.module();
+    outcome.method = error.method();
+    outcome.description = error.description();
+  }
+  return outcome;
+}
+
+// Waits for a condition. The limit only keeps a broken build from hanging; it is not a
+// measurement.
+inline bool eventually(const std::function<bool()>& condition, int limitMs = 20000) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
+// Behavior files for the real frame manager.
+inline const char* untilStoppedXar() {
+  return "<behavior>\n  <repeat>\n    <wait ms=\"60000\"/>\n  </repeat>\n</behavior>\n";
+}
+inline const char* endsAtOnceXar() { return "<behavior/>\n"; }
+
+}  // namespace faulttest
