@@ -1,5 +1,7 @@
 #include <tuqvu/broker/listener.h>
 
+#include <chrono>
+
 #include <boost/asio/dispatch.hpp>
 #include <boost/asio/strand.hpp>
 #include <boost/beast/core/bind_handler.hpp>
@@ -15,7 +17,8 @@ using tcp = net::ip::tcp;
 
 Listener::Listener(net::io_context& ioc, const tcp::endpoint& endpoint,
                    std::shared_ptr<ServerContext> context)
-    : fIoc(ioc), fAcceptor(net::make_strand(ioc)), fContext(std::move(context)) {
+    : fIoc(ioc), fAcceptor(net::make_strand(ioc)), fRetry(fAcceptor.get_executor()),
+      fContext(std::move(context)) {
   fAcceptor.open(endpoint.protocol());
   fAcceptor.set_option(net::socket_base::reuse_address(true));
   fAcceptor.bind(endpoint);
@@ -31,6 +34,7 @@ void Listener::stop() {
   net::dispatch(fAcceptor.get_executor(), [self = shared_from_this()]() {
     boost::system::error_code ignored;
     self->fAcceptor.close(ignored);
+    self->fRetry.cancel();
   });
 }
 
@@ -44,8 +48,14 @@ void Listener::doAccept() {
 void Listener::onAccept(boost::beast::error_code error, tcp::socket socket) {
   if (error == net::error::operation_aborted || !fAcceptor.is_open()) return;
   if (error) {
-    // Out of descriptors and the like: log, and keep accepting.
+    // Out of descriptors and the like: log, pause, and accept again; connections that
+    // end meanwhile free what is missing.
     vu::log::write(vu::log::warning, "tuqvu.http", "accept", error.message());
+    fRetry.expires_after(std::chrono::milliseconds(100));
+    fRetry.async_wait([self = shared_from_this()](boost::beast::error_code waitError) {
+      if (!waitError && self->fAcceptor.is_open()) self->doAccept();
+    });
+    return;
   } else {
     boost::system::error_code ignored;
     socket.set_option(tcp::no_delay(true), ignored);

@@ -44,10 +44,12 @@ ZR::ZRModule* ModuleLoader::load(const ModuleSpec& spec) {
   ::dlerror();
   void* symbol = ::dlsym(library, ZR::kCreateModuleSymbol);
   if (symbol == nullptr) {
+    // The text belongs to the loader until the next dl call: copy it before dlclose.
     const char* error = ::dlerror();
+    const std::string reason = error ? error : "symbol not found";
     ::dlclose(library);
     throw ModuleLoadError(what + " has no entry point " + ZR::kCreateModuleSymbol + ": " +
-                          (error ? error : "symbol not found"));
+                          reason);
   }
   const auto create = reinterpret_cast<ZR::ZRCreateModuleFunction>(symbol);
   ZR::ZRModule* module = nullptr;

@@ -10,6 +10,7 @@
 #include <future>
 #include <iostream>
 #include <memory>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <thread>
 
@@ -98,6 +99,14 @@ int main(int argc, char** argv) {
     return 0;
   }
   vu::log::setMaxLevel(options.logLevel);
+
+  // Every connection and every call in progress takes a descriptor or a thread: allow
+  // as many descriptors as the system lets this process have.
+  rlimit files{};
+  if (::getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
+    files.rlim_cur = files.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &files);
+  }
 
   // Before any thread starts, so that every thread inherits the mask.
   sigset_t signals;

@@ -5,6 +5,7 @@
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/error.hpp>
 
 #include <tuqvu/broker/server_context.h>
@@ -29,6 +30,7 @@ private:
 
   boost::asio::io_context& fIoc;
   boost::asio::ip::tcp::acceptor fAcceptor;
+  boost::asio::steady_timer fRetry;  // a pause after a failed accept (out of descriptors)
   std::shared_ptr<ServerContext> fContext;
 };
 
