@@ -134,11 +134,16 @@ protected:
   // The id the broker gives to the next posted task; posts a task that does nothing.
   int nextTaskId() { return broker->postTask("Gate", [] {}); }
 
-  // Announces "TUQvuReady" through the memory module and waits until the manager has
-  // handled it and the runs it posted have ended. Returns how many runs were posted.
-  int announceReady(const ZR::ZRValue& value) {
+  // Announces "TUQvuReady" through the memory module (inserted, or raised as an event)
+  // and waits until the manager has handled it and the runs it posted have ended.
+  // Returns how many runs were posted.
+  int announceReady(const ZR::ZRValue& value, bool raise = false) {
     const int before = nextTaskId();
-    ZR::ZRMemoryProxy(broker).insertData("TUQvuReady", value);
+    if (raise) {
+      ZR::ZRMemoryProxy(broker).raiseMicroEvent("TUQvuReady", value);
+    } else {
+      ZR::ZRMemoryProxy(broker).insertData("TUQvuReady", value);
+    }
     events->drain();  // delivered after the manager's own notification
     const int after = nextTaskId();
     for (int id = before + 1; id < after; ++id) EXPECT_TRUE(broker->waitTask(id, 20000));
@@ -350,6 +355,7 @@ TEST_F(Defaults, ReadyValuesThatDoNotTruncateToOneDoNothing) {
         ZR::ZRValue(-1.5f)}) {
     SCOPED_TRACE(value.toDebugString());
     EXPECT_EQ(announceReady(value), 0);
+    EXPECT_EQ(announceReady(value, true), 0);
     EXPECT_FALSE(manager->isBehaviorLoaded("System/sit"));
   }
   // A value that is not a number is refused before anything starts.
@@ -384,9 +390,10 @@ TEST_F(Defaults, ReadyValuesOneAndOnePointNineStartTheSequenceEveryTime) {
 
   EXPECT_EQ(announceReady(ZR::ZRValue(1.9f)), 2);
   EXPECT_EQ(announceReady(ZR::ZRValue(1.0)), 2);
+  EXPECT_EQ(announceReady(ZR::ZRValue(1.9f), true), 2);  // raised as an event
   entered = gate->entered();
-  EXPECT_EQ(std::count(entered.begin(), entered.end(), "a"), 3);
-  EXPECT_EQ(std::count(entered.begin(), entered.end(), "b"), 3);
+  EXPECT_EQ(std::count(entered.begin(), entered.end(), "a"), 4);
+  EXPECT_EQ(std::count(entered.begin(), entered.end(), "b"), 4);
   EXPECT_EQ(std::count(entered.begin(), entered.end(), "System/sit"), 0);  // loaded, never run
 }
 

@@ -12,7 +12,11 @@
 
 #include <boost/make_shared.hpp>
 
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <vu/project/package.h>
 
@@ -568,6 +572,64 @@ TEST_F(InstallObserved, BehaviorGoneRightAfterItsImportIsReportedAfterTheEvent) 
             1);
   EXPECT_EQ(libraryEvents(), std::vector<std::string>{std::string(kAdded) + " vanish"});
   EXPECT_TRUE(tmpEntries().empty());
+}
+
+// Sets or clears the immutable attribute of a directory; false where the file system or
+// the process does not allow it.
+bool setImmutable(const fs::path& path, bool on) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY);
+  if (fd < 0) return false;
+  int flags = 0;
+  bool ok = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+  if (ok) {
+    flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
+    ok = ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
+  }
+  ::close(fd);
+  return ok;
+}
+
+TEST_F(InstallObserved, TemporaryDirectoryThatCannotBeRemovedIsLoggedAndTheInstallGoesOn) {
+  // While the behavior is announced, a folder of the temporary directory is made
+  // immutable, so that its removal fails.
+  fs::path locked;
+  bool lockedOk = false;
+  startObserved([&](const std::string& method, const ZR::ZRValue& args) {
+    if (method != "raiseMicroEvent" || args[0].toString() != kAdded) return;
+    for (fs::directory_iterator it(tmpDir()), end; it != end; ++it) {
+      if (fs::exists(it->path() / "media")) {
+        locked = it->path() / "media";
+        lockedOk = setImmutable(locked, true);
+      }
+    }
+  });
+  makeBehavior(scratch() / "src");
+  writeFile(scratch() / "src" / "media" / "clip.raw", "clip");
+  pack(scratch() / "src", scratch() / "clip.tar.gz", false);
+  logs->clear();
+
+  const bool installed = install(scratch() / "clip.tar.gz", "clip", false);
+  struct Unlock {
+    fs::path dir;
+    ~Unlock() {
+      if (!dir.empty()) setImmutable(dir, false);
+    }
+  } unlock{locked};
+  ASSERT_FALSE(locked.empty()) << "no temporary directory was seen";
+  if (!lockedOk) GTEST_SKIP() << "the immutable attribute cannot be set here";
+
+  EXPECT_TRUE(installed);
+  EXPECT_EQ(readFile(userRoot() / "clip" / "media" / "clip.raw"), "clip");
+  const fs::path tmp = locked.parent_path();
+  std::string text;
+  try {
+    fs::remove_all(tmp);  // fails the same way
+    ADD_FAILURE() << "the temporary directory could be removed";
+  } catch (const fs::filesystem_error& error) {
+    text = error.what();
+  }
+  EXPECT_EQ(installLogCount(3, "Could not clean temporary path " + tmp.string() + ": " + text), 1);
+  EXPECT_EQ(installLogs().size(), 1u);
 }
 
 TEST_F(InstallObserved, TwoResourcePackagesRefusedAtOnceLeaveTwoTemporaryDirectories) {
