@@ -165,7 +165,11 @@ CliCommand parseCommandLine(const std::vector<std::string>& args) {
     }
   }
   command.words = std::move(words);
-  parseUrl(command.url);  // a bad URL is a usage error too
+  try {
+    parseUrl(command.url);
+  } catch (const std::invalid_argument& error) {
+    throw UsageError(error.what());
+  }
   return command;
 }
 
@@ -345,34 +349,67 @@ std::string formatWaiting(const std::string& method, double seconds, unsigned fr
 
 std::string cliHelpText() {
   return "Usage:\n"
-         "  tuqvu-call [--url URL] Module.method [ARG ...]\n"
-         "  tuqvu-call [--url URL] --watch [KEY ...]\n"
+         "  tuqvu-call [OPTIONS] Module.method [ARG ...]\n"
+         "  tuqvu-call [OPTIONS] --watch [KEY ...]\n"
+         "  tuqvu-call [OPTIONS] --put LOCAL REMOTE\n"
          "  tuqvu-call --help\n"
          "\n"
-         "Calls a method of a module hosted by a tuqvu broker and prints its result as JSON\n"
-         "(exit status 0), or prints the error's description (exit status 1). Each ARG is read\n"
-         "as a JSON literal (5, 1.5, true, null, [1,\"a\"], \"quoted text\") and otherwise taken\n"
-         "as a plain string.\n"
+         "Talks to a tuqvu broker over HTTP.\n"
          "\n"
-         "--watch prints the memory events for the given keys (every key when none is given)\n"
-         "as they are raised, one JSON object {\"key\":..,\"value\":..} per line, until the\n"
-         "broker ends the stream or the command is interrupted.\n"
+         "Module.method [ARG ...]\n"
+         "  Calls a method of a module hosted by the broker (JSON-RPC, POST /rpc) and prints\n"
+         "  its result as JSON on standard output (exit status 0), or the error's\n"
+         "  description on standard error (exit status 1). Each ARG is read as a JSON literal\n"
+         "  (5, 1.5, true, null, [1,\"a\"], \"quoted text\") and otherwise taken as a plain\n"
+         "  string; everything after Module.method is an argument, even when it begins\n"
+         "  with '-'. A call that has not been answered after a second shows an elapsed-time\n"
+         "  spinner on standard error when that is a terminal (runBehavior, for instance,\n"
+         "  answers when the behavior ends). ZRBroker.getModules lists the modules and\n"
+         "  ZRBroker.getMethods MODULE describes the methods of one.\n"
+         "\n"
+         "--watch [KEY ...]\n"
+         "  Prints the memory events for the given keys (every key when none is given) as\n"
+         "  they are raised, one JSON object {\"key\":..,\"value\":..} per line, until the\n"
+         "  broker ends the stream or the command is interrupted (Ctrl-C).\n"
+         "\n"
+         "--put LOCAL REMOTE\n"
+         "  Uploads LOCAL through the behavior manager's file-transfer service: its port is\n"
+         "  asked from ZRBehaviorManager._httpFileTransferPort, the file is sent with HTTP PUT\n"
+         "  to that port on the broker's host, at the request path REMOTE. A directory is\n"
+         "  sent file by file under REMOTE (empty directories are not sent). A REMOTE ending\n"
+         "  in '/' gets LOCAL's name appended. Request paths:\n"
+         "    /behaviors/User/P   the user's behaviors folder (~/.tuqvu/behaviors/P)\n"
+         "    /tmp/P              the broker's temporary folder (for packages to install)\n"
+         "  Missing folders are created and existing files replaced. Each file sent is\n"
+         "  printed on standard output once the service confirmed it; progress (bytes sent,\n"
+         "  percentage, rate) shows on standard error when that is a terminal, and a summary\n"
+         "  line at the end in any case.\n"
          "\n"
          "Options:\n"
-         "  --url URL   the broker (default http://127.0.0.1:9600)\n"
-         "  --help      show this text\n"
+         "  --url URL    the broker (default http://127.0.0.1:9600)\n"
+         "  --progress   show progress and the waiting spinner on standard error even when\n"
+         "               it is not a terminal\n"
+         "  --help, -h   show this text\n"
          "\n"
          "Examples:\n"
          "  tuqvu-call ZRBroker.getModules\n"
          "  tuqvu-call ZRBroker.getMethods ZRBehaviorManager\n"
-         "  tuqvu-call ZRBehaviorManager.runBehavior dance\n"
+         "  tuqvu-call ZRBehaviorManager.getInstalledBehaviors\n"
+         "  tuqvu-call ZRBehaviorManager.runBehavior System/animations/wave\n"
+         "  tuqvu-call ZRBehaviorManager.stopBehavior System/animations/wave\n"
          "  tuqvu-call ZRMemory.insertData Demo/Count 3\n"
          "  tuqvu-call ZRMemory.insertData Demo/Text '\"3\"'\n"
          "  tuqvu-call --url http://robot.local:9600 ZRBehaviorManager.getInstalledBehaviors\n"
          "  tuqvu-call --watch BehaviorsRun ZRBehaviorManager/BehaviorAdded\n"
+         "  tuqvu-call --put hello /behaviors/User/greetings/\n"
+         "  tuqvu-call ZRBehaviorManager.installBehavior greetings/hello\n"
+         "  tuqvu-call --put wave.zip /tmp/wave.zip\n"
+         "  tuqvu-call ZRBehaviorManager.installBehavior /tmp/wave.zip moves/wave false\n"
          "\n"
-         "Exit status: 0 success, 1 the call failed or the broker cannot be reached, 2 usage.\n";
+         "Exit status: 0 success; 1 the call or upload failed or the broker cannot be\n"
+         "reached; 2 the command line is wrong.\n";
 }
+
 
 }  // namespace broker
 }  // namespace tuqvu

@@ -1,9 +1,15 @@
 #include <tuqvu/broker/cli.h>
 
+#include <sys/stat.h>
+
+#include <fstream>
+
+#include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
 using namespace tuqvu::broker;
 using nlohmann::json;
+namespace fs = boost::filesystem;
 
 TEST(Cli, ParsesUrls) {
   Url url = parseUrl("http://127.0.0.1:9600");
@@ -67,4 +73,188 @@ TEST(Cli, HelpExplainsCallsAndWatchingWithExamples) {
                            "http://127.0.0.1:9600"}) {
     EXPECT_NE(std::string::npos, help.find(part)) << part;
   }
+}
+
+TEST(Cli, HelpDescribesEveryOptionAndUploads) {
+  const std::string help = cliHelpText();
+  for (const char* part : {"--put LOCAL REMOTE", "--progress", "_httpFileTransferPort",
+                           "/behaviors/User/", "/tmp/", "Exit status", "-h"}) {
+    EXPECT_NE(std::string::npos, help.find(part)) << part;
+  }
+}
+
+TEST(Cli, CommandLines) {
+  CliCommand command = parseCommandLine({"ZRBroker.getMethods", "ZRMemory"});
+  EXPECT_EQ(CliCommand::Call, command.kind);
+  EXPECT_EQ("ZRBroker.getMethods", command.method);
+  EXPECT_EQ(std::vector<std::string>{"ZRMemory"}, command.words);
+  EXPECT_EQ("http://127.0.0.1:9600", command.url);
+  EXPECT_FALSE(command.progress);
+
+  // After the method everything is an argument, options included.
+  command = parseCommandLine({"--url", "http://robot:1", "--progress", "M.m", "--url", "-5"});
+  EXPECT_EQ("http://robot:1", command.url);
+  EXPECT_TRUE(command.progress);
+  EXPECT_EQ((std::vector<std::string>{"--url", "-5"}), command.words);
+
+  command = parseCommandLine({"--watch", "BehaviorsRun", "--url=http://h:2", "A/B"});
+  EXPECT_EQ(CliCommand::Watch, command.kind);
+  EXPECT_EQ("http://h:2", command.url);
+  EXPECT_EQ((std::vector<std::string>{"BehaviorsRun", "A/B"}), command.words);
+
+  command = parseCommandLine({"--put", "wave", "/behaviors/User/", "--progress"});
+  EXPECT_EQ(CliCommand::Put, command.kind);
+  EXPECT_TRUE(command.progress);
+  EXPECT_EQ((std::vector<std::string>{"wave", "/behaviors/User/"}), command.words);
+
+  EXPECT_EQ(CliCommand::Help, parseCommandLine({"--put", "a", "/b", "--help"}).kind);
+  EXPECT_EQ(CliCommand::Help, parseCommandLine({"-h"}).kind);
+  command = parseCommandLine({"M.m", "--help"});
+  EXPECT_EQ(CliCommand::Call, command.kind);
+  EXPECT_EQ(std::vector<std::string>{"--help"}, command.words);
+
+  for (const std::vector<std::string>& bad :
+       std::vector<std::vector<std::string>>{{},
+                                             {"nodot"},
+                                             {".m"},
+                                             {"M."},
+                                             {"--frob", "A.b"},
+                                             {"--url"},
+                                             {"--url", "ftp://x", "A.b"},
+                                             {"--put", "a"},
+                                             {"--put", "a", "/b", "c"},
+                                             {"--put", "a", "/b", "--put", "c", "/d"},
+                                             {"--watch", "--put", "a", "/b"},
+                                             {"--watch", "--frob"}}) {
+    EXPECT_THROW(parseCommandLine(bad), UsageError) << ::testing::PrintToString(bad);
+  }
+}
+
+TEST(Cli, RemotePathsTheServiceCanTake) {
+  EXPECT_NO_THROW(checkRemotePath("/behaviors/User/wave/behavior.xar"));
+  EXPECT_NO_THROW(checkRemotePath("/tmp/wave.zip"));
+  EXPECT_NO_THROW(checkRemotePath("/behaviors/User/caf\xc3\xa9/a..b"));
+  for (const char* bad : {"", "behaviors/x", "/a b", "/a\tb", "/a?b", "/a#b", "/a%2E%2E/b",
+                          "/behaviors/../etc/passwd", "/behaviors/User/..", "/tmp/dir/"}) {
+    EXPECT_THROW(checkRemotePath(bad), UsageError) << bad;
+  }
+}
+
+namespace {
+
+class UploadPlan : public ::testing::Test {
+protected:
+  void SetUp() override {
+    fRoot = fs::temp_directory_path() / fs::unique_path("cli-upload-%%%%-%%%%");
+    fs::create_directories(fRoot);
+  }
+  void TearDown() override { fs::remove_all(fRoot); }
+  void write(const std::string& relative, const std::string& content) {
+    const fs::path file = fRoot / relative;
+    fs::create_directories(file.parent_path());
+    std::ofstream(file.string(), std::ios::binary) << content;
+  }
+  std::string path(const std::string& relative) const { return (fRoot / relative).string(); }
+  fs::path fRoot;
+};
+
+}  // namespace
+
+TEST_F(UploadPlan, AFileGoesToTheRemotePathOrUnderADirectoryPath) {
+  write("wave.xar", "12345");
+  std::vector<UploadItem> items = planUpload(path("wave.xar"), "/behaviors/User/wave/behavior.xar");
+  ASSERT_EQ(1u, items.size());
+  EXPECT_EQ(path("wave.xar"), items[0].local);
+  EXPECT_EQ("/behaviors/User/wave/behavior.xar", items[0].remote);
+  EXPECT_EQ(5u, items[0].size);
+  items = planUpload(path("wave.xar"), "/tmp/");
+  ASSERT_EQ(1u, items.size());
+  EXPECT_EQ("/tmp/wave.xar", items[0].remote);
+}
+
+TEST_F(UploadPlan, ADirectoryIsSentFileByFileInNameOrder) {
+  write("hello/project.xml", "<project/>");
+  write("hello/behavior.xar", "<behavior/>");
+  write("hello/sounds/hi.wav", "");
+  fs::create_directories(fRoot / "hello" / "empty");
+  const std::vector<UploadItem> items = planUpload(path("hello") + "/", "/behaviors/User/greetings/");
+  ASSERT_EQ(3u, items.size());
+  EXPECT_EQ("/behaviors/User/greetings/hello/behavior.xar", items[0].remote);
+  EXPECT_EQ("/behaviors/User/greetings/hello/project.xml", items[1].remote);
+  EXPECT_EQ("/behaviors/User/greetings/hello/sounds/hi.wav", items[2].remote);
+  EXPECT_EQ(path("hello/sounds/hi.wav"), items[2].local);
+  EXPECT_EQ(0u, items[2].size);
+  EXPECT_EQ("/behaviors/User/hi/behavior.xar",
+            planUpload(path("hello"), "/behaviors/User/hi")[0].remote);
+}
+
+TEST_F(UploadPlan, WhatCannotBeSentIsRefusedBeforeAnythingIsSent) {
+  EXPECT_THROW(planUpload(path("missing"), "/tmp/x"), std::runtime_error);
+  fs::create_directories(fRoot / "empty" / "inner");
+  EXPECT_THROW(planUpload(path("empty"), "/tmp/x"), std::runtime_error);
+  write("ok/a.txt", "a");
+  write("ok/with blank.txt", "b");
+  EXPECT_THROW(planUpload(path("ok"), "/tmp/x"), UsageError);
+  EXPECT_THROW(planUpload(path("ok/a.txt"), "tmp/x"), UsageError);
+  write("fifo/a.txt", "a");
+  ASSERT_EQ(0, ::mkfifo(path("fifo/pipe").c_str(), 0600));
+  EXPECT_THROW(planUpload(path("fifo"), "/tmp/x"), std::runtime_error);
+  EXPECT_THROW(planUpload(path("fifo/pipe"), "/tmp/x"), std::runtime_error);
+}
+
+TEST(Cli, FileServiceReplies) {
+  FileReply reply;
+  // That server ends its lines with "\n" alone.
+  const std::string ok = "HTTP/1.1 200 OK\nServer: TuqVu\nContent-Length: 3\nContent-Type: "
+                         "text/plain\nConnection: keep-alive\n\nok\n";
+  for (std::size_t cut = 0; cut < ok.size(); ++cut) {
+    EXPECT_FALSE(parseFileReply(ok.substr(0, cut), false, reply)) << cut;
+  }
+  ASSERT_TRUE(parseFileReply(ok, false, reply));
+  EXPECT_EQ(200, reply.status);
+  EXPECT_EQ("OK", reply.reason);
+  EXPECT_EQ("ok\n", reply.body);
+
+  ASSERT_TRUE(parseFileReply("HTTP/1.1 411 Length Required\r\ncontent-length: 5\r\n\r\n411 -", false, reply));
+  EXPECT_EQ(411, reply.status);
+  EXPECT_EQ("Length Required", reply.reason);
+  EXPECT_EQ("411 -", reply.body);
+
+  // Without a length the body lasts until the connection ends.
+  EXPECT_FALSE(parseFileReply("HTTP/1.1 404 Not Found\n\n404 - Not", false, reply));
+  ASSERT_TRUE(parseFileReply("HTTP/1.1 404 Not Found\n\n404 - Not", true, reply));
+  EXPECT_EQ("404 - Not", reply.body);
+
+  EXPECT_FALSE(parseFileReply("", true, reply));
+  EXPECT_THROW(parseFileReply("HTTP/1.1 200 OK\nContent-Length: 3\n\no", true, reply),
+               std::runtime_error);
+  EXPECT_THROW(parseFileReply("HTTP/1.1 200 OK\nContent", true, reply), std::runtime_error);
+  EXPECT_THROW(parseFileReply("<html>\n\n", false, reply), std::runtime_error);
+  EXPECT_THROW(parseFileReply("HTTP/1.1 2x0 OK\n\n", false, reply), std::runtime_error);
+  EXPECT_THROW(parseFileReply("\n\n", false, reply), std::runtime_error);
+  EXPECT_THROW(parseFileReply("HTTP/1.1 200 OK\nContent-Length: -1\n\n", false, reply),
+               std::runtime_error);
+}
+
+TEST(Cli, ProgressTexts) {
+  EXPECT_EQ("0 B", formatBytes(0));
+  EXPECT_EQ("1023 B", formatBytes(1023));
+  EXPECT_EQ("1.0 KiB", formatBytes(1024));
+  EXPECT_EQ("1.5 KiB", formatBytes(1536));
+  EXPECT_EQ("12.5 MiB", formatBytes(12 * 1024 * 1024 + 512 * 1024));
+  EXPECT_EQ("3.00 GiB", formatBytes(3ull << 30));
+  EXPECT_EQ("2.00 TiB", formatBytes(2ull << 40));
+
+  EXPECT_EQ("0 B / 4.0 MiB  0%", formatTransfer(0, 4 << 20, 0.0));
+  EXPECT_EQ("1.0 MiB / 4.0 MiB  25%  2.0 MiB/s", formatTransfer(1 << 20, 4 << 20, 0.5));
+  EXPECT_EQ("4.0 MiB / 4.0 MiB  100%  4.0 MiB/s", formatTransfer(4 << 20, 4 << 20, 1.0));
+  EXPECT_EQ("0 B / 0 B  100%", formatTransfer(0, 0, 0.0));
+  // 99.99 % is not yet 100 %.
+  EXPECT_EQ("999 B / 1000 B  99%", formatTransfer(999, 1000, 0.05));
+
+  EXPECT_EQ("| waiting for M.m  1.0 s", formatWaiting("M.m", 1.0, 0));
+  EXPECT_EQ("/ waiting for M.m  1.2 s", formatWaiting("M.m", 1.2, 1));
+  EXPECT_EQ("- waiting for M.m  61.4 s", formatWaiting("M.m", 61.4, 2));
+  EXPECT_EQ("\\ waiting for M.m  1.0 s", formatWaiting("M.m", 1.0, 3));
+  EXPECT_EQ("| waiting for M.m  1.0 s", formatWaiting("M.m", 1.0, 4));
 }
