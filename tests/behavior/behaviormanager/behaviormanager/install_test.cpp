@@ -352,6 +352,36 @@ TEST_F(InstallResource, PackageToANewPlaceIsMovedOutOfTheTemporaryDirectory) {
   EXPECT_TRUE(manager->isBehaviorInstalled("media/sounds"));
 }
 
+TEST_F(InstallResource, PackageUnpackedOnAnotherFileSystemIsCopiedAndItsTemporaryDirectoryRemoved) {
+  const fs::path shm = fs::path("/dev/shm") / fs::unique_path("bmtest-%%%%-%%%%-%%%%");
+  boost::system::error_code error;
+  fs::create_directories(shm, error);
+  struct stat shmInfo, homeInfo;
+  if (error || ::stat(shm.c_str(), &shmInfo) != 0 || ::stat(home().c_str(), &homeInfo) != 0 ||
+      shmInfo.st_dev == homeInfo.st_dev) {
+    fs::remove_all(shm, error);
+    GTEST_SKIP() << "no second file system for the temporary directory";
+  }
+  struct Remove {
+    fs::path dir;
+    ~Remove() {
+      boost::system::error_code ignored;
+      fs::remove_all(dir, ignored);
+    }
+  } removeShm{shm};
+  setenv("TMPDIR", shm.c_str(), 1);  // the fixture puts the old value back
+  ASSERT_EQ(tmpDir(), shm);
+  start();
+  makeSounds(scratch() / "src", "far");
+  const auto content = readTree(scratch() / "src");
+  pack(scratch() / "src", scratch() / "sounds.tar.gz", false);
+
+  EXPECT_TRUE(install(scratch() / "sounds.tar.gz", "sounds", false));
+  EXPECT_EQ(readTree(userRoot() / "sounds"), content);
+  EXPECT_TRUE(tmpEntries().empty());  // the rename across file systems failed; copied
+  EXPECT_TRUE(installLogs().empty());
+}
+
 TEST_F(InstallResource, PackageOverAnExistingResourceWithoutOverwriteLeavesTheTemporaryDirectory) {
   start();
   makeSounds(userRoot() / "sounds", "old");
