@@ -90,6 +90,8 @@ public:
   void setBehaviorState(const std::string& name, BehaviorState state);
   bool waitBehaviorState(const std::string& name, BehaviorState state, int timeoutMs);
   bool waitBehaviorStateChange(const std::string& name, int timeoutMs);
+  // Polls like waitBehaviorState until the state is no longer `state`.
+  bool waitBehaviorStateLeaves(const std::string& name, BehaviorState state, int timeoutMs);
 
   // Loading and unloading.
   bool loadBehavior(const std::string& name);

@@ -18,25 +18,38 @@ bool ZRBehaviorManager::loadBehavior(const std::string& name) {
   if (n.empty()) {
     throw detail::error("loadBehavior", "behavior " + name + " is not installed.", __LINE__);
   }
-  if (behaviorState(n) == StateLoading) {
-    waitBehaviorStateChange(n, kLoadWaitMs);
-  }
-  const BehaviorState state = behaviorState(n);
-  if (state == StateLoaded || state == StateRunning) {
-    return true;
-  }
-  if (state == StateLoading || state > StateUnloading) {
-    throw detail::error("loadBehavior",
-                        "Could not load behavior, " + n + " was in an consistent state.", __LINE__);
-  }
-  if (state == StateUnloading && !waitBehaviorState(n, StateUnloaded, kLoadWaitMs)) {
-    throw detail::error("loadBehavior", "behavior was found in an inconsistent state.", __LINE__);
-  }
-
-  {
+  // The state is read without the registry lock, so another load may claim the behavior
+  // between this look and the claim; the claim looks again under the lock, and a load that
+  // lost looks at the state anew instead of creating a second instance.
+  for (;;) {
+    if (behaviorState(n) == StateLoading) {
+      waitBehaviorStateChange(n, kLoadWaitMs);
+    }
+    const BehaviorState state = behaviorState(n);
+    if (state == StateLoaded || state == StateRunning) {
+      return true;
+    }
+    if (state == StateLoading || state > StateUnloading) {
+      throw detail::error("loadBehavior",
+                          "Could not load behavior, " + n + " was in an consistent state.",
+                          __LINE__);
+    }
+    if (state == StateUnloading) {
+      // A run is cleaning up. What follows need not be "unloaded" when the wait looks: a
+      // system behavior, or another caller's load, is loaded again within one poll.
+      if (!waitBehaviorStateLeaves(n, StateUnloading, kLoadWaitMs)) {
+        throw detail::error("loadBehavior", "behavior was found in an inconsistent state.",
+                            __LINE__);
+      }
+      continue;
+    }
     ZRCriticalSection section(fRegistryLock);
-    fLoadedBehaviors[n].frameManagerId.clear();
-    setBehaviorState(n, StateLoading);
+    const BehaviorState now = behaviorState(n);
+    if (now == StateUnknown || now == StateUnloaded) {
+      fLoadedBehaviors[n].frameManagerId.clear();
+      setBehaviorState(n, StateLoading);
+      break;
+    }
   }
 
   const fs::path dir = xFindBehavior(n);

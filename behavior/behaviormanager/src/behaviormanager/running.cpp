@@ -86,8 +86,10 @@ void ZRBehaviorManager::stopBehavior(const std::string& name) {
   }
 
   if (unloading) {
+    // The run's clean-up is over once the state leaves "unloading": a system behavior
+    // passes "unloaded" on its way to "loaded" again too quickly for a poll to see it.
     vu::os::msleep(kUnloadingGraceMs);
-    if (!waitBehaviorState(n, StateUnloaded, kStateWaitMs)) {
+    if (!waitBehaviorStateLeaves(n, StateUnloading, kStateWaitMs)) {
       throw inconsistentStop(__LINE__);
     }
     return;

@@ -63,6 +63,21 @@ bool ZRBehaviorManager::waitBehaviorState(const std::string& name, BehaviorState
   }
 }
 
+bool ZRBehaviorManager::waitBehaviorStateLeaves(const std::string& name, BehaviorState state,
+                                                int timeoutMs) {
+  int remaining = timeoutMs;
+  for (;;) {
+    if (behaviorState(name) != state) {
+      return true;
+    }
+    vu::os::msleep(kPollMs);
+    remaining -= kPollMs;
+    if (remaining < 0) {
+      return false;
+    }
+  }
+}
+
 bool ZRBehaviorManager::waitBehaviorStateChange(const std::string& name, int timeoutMs) {
   const BehaviorState initial = behaviorState(name);
   int remaining = timeoutMs;
