@@ -302,6 +302,7 @@ int runPut(const Url& url, const std::vector<UploadItem>& items, Feedback& feedb
       return 1;
     }
     ++done;
+    feedback.clear();  // the path gets a line of its own when both streams are the terminal
     std::cout << item.remote << std::endl;
   }
   const double seconds = secondsSince(start);
