@@ -258,3 +258,13 @@ TEST(Cli, ProgressTexts) {
   EXPECT_EQ("\\ waiting for M.m  1.0 s", formatWaiting("M.m", 1.0, 3));
   EXPECT_EQ("| waiting for M.m  1.0 s", formatWaiting("M.m", 1.0, 4));
 }
+
+TEST(Cli, HelpFitsATerminalOfEightyColumns) {
+  const std::string help = cliHelpText();
+  std::size_t start = 0, end;
+  while ((end = help.find('\n', start)) != std::string::npos) {
+    EXPECT_LT(end - start, 80u) << help.substr(start, end - start);
+    start = end + 1;
+  }
+  EXPECT_EQ(help.size(), start);  // ends with a newline
+}
