@@ -278,7 +278,7 @@ class Client:
                 return
             name = self.rng.choice(names)
             behavior = self.world.behaviors[name]
-            expected = [content.tags_of(behavior.owner, behavior.kind), []]
+            expected = [content.tags_of(behavior.owner, behavior.kind)]
         else:
             name = self.rng.choice(self.world.system_behaviors)
             expected = [self.world.system_tags[name]]
