@@ -33,7 +33,9 @@ public:
   using Member = R (C::*)();
   ZRFunctor_0(C* object, Member member) : fObject(object), fMember(member) {}
   void call(const ZRValue&, ZRValue& result) override {
-    ResultStore<R>::invoke([&]() -> R { return (fObject->*fMember)(); }, result);
+    C* const object = fObject;  // locals, not members, in the lambdas: see ZRFunctor_1
+    const Member member = fMember;
+    ResultStore<R>::invoke([&]() -> R { return (object->*member)(); }, result);
   }
 
 private:
@@ -47,9 +49,13 @@ public:
   ZRFunctor_1(C* object, Member member) : fObject(object), fMember(member) {}
   void call(const ZRValue& args, ZRValue& result) override {
     // The converted temporaries live until the end of the full expression, that is
-    // until the member returns or throws.
+    // until the member returns or throws. The lambda calls through copies of the two
+    // members: GCC 12's -fsanitize=vptr checks a member reached through the captured
+    // this against the closure instead of the functor, reports it and crashes.
+    C* const object = fObject;
+    const Member member = fMember;
     ResultStore<R>::invoke(
-        [&]() -> R { return (fObject->*fMember)(convertArgument<P1>(args, 0)); }, result);
+        [&]() -> R { return (object->*member)(convertArgument<P1>(args, 0)); }, result);
   }
 
 private:
@@ -63,10 +69,12 @@ public:
   using Member = R (C::*)(P1, P2, P3);
   ZRFunctor_3(C* object, Member member) : fObject(object), fMember(member) {}
   void call(const ZRValue& args, ZRValue& result) override {
+    C* const object = fObject;  // locals, not members, in the lambdas: see ZRFunctor_1
+    const Member member = fMember;
     ResultStore<R>::invoke(
         [&]() -> R {
-          return (fObject->*fMember)(convertArgument<P1>(args, 0), convertArgument<P2>(args, 1),
-                                     convertArgument<P3>(args, 2));
+          return (object->*member)(convertArgument<P1>(args, 0), convertArgument<P2>(args, 1),
+                                   convertArgument<P3>(args, 2));
         },
         result);
   }
