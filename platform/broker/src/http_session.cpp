@@ -21,6 +21,7 @@ namespace {
 const char* const kCategory = "tuqvu.http";
 constexpr auto kIdleTimeout = std::chrono::seconds(60);   // waiting for a request
 constexpr auto kWriteTimeout = std::chrono::seconds(30);  // a client taking an answer
+constexpr auto kLingerTimeout = std::chrono::seconds(5);  // a closing client
 
 bool isParseError(const beast::error_code& error) {
   return error.category() == beast::http::make_error_code(http::error::bad_target).category();
@@ -171,6 +172,19 @@ void HttpSession::sendAndClose(http::status status, const std::string& text) {
 void HttpSession::doClose() {
   beast::error_code ignored;
   fStream.socket().shutdown(net::ip::tcp::socket::shutdown_send, ignored);
+  drainBeforeClose(0);
+}
+
+void HttpSession::drainBeforeClose(std::size_t drained) {
+  constexpr std::size_t kMaxDrained = 8 * 1024 * 1024;
+  if (drained > kMaxDrained) return;  // the socket closes with this session
+  fStream.expires_after(kLingerTimeout);
+  fStream.async_read_some(net::buffer(fDiscard),
+                          [self = shared_from_this(), drained](beast::error_code error,
+                                                               std::size_t bytes) {
+                            if (error) return;  // the client closed, or took too long
+                            self->drainBeforeClose(drained + bytes);
+                          });
 }
 
 }  // namespace broker

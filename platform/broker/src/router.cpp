@@ -96,7 +96,11 @@ std::string indexPage(const std::vector<std::string>& modules) {
 
 Routed route(Request& request, const std::shared_ptr<const RpcDispatcher>& rpc) {
   const http::verb verb = request.method();
-  if (verb != http::verb::get && verb != http::verb::post) return respond(methodNotAllowed("GET, POST"));
+  if (verb != http::verb::get && verb != http::verb::post) {
+    Response refused = methodNotAllowed("GET, POST");
+    if (verb == http::verb::head) refused.body().clear();  // an answer to HEAD has no body
+    return respond(std::move(refused));
+  }
   const Target target = splitTarget(std::string(request.target()));
   const std::optional<std::string> decoded = percentDecode(target.path);
   if (!decoded || decoded->empty() || (*decoded)[0] != '/') {

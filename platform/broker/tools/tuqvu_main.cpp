@@ -171,11 +171,11 @@ int main(int argc, char** argv) {
   std::cout << "tuqvu: listening on " << listening << std::endl;
 
   const int signal = shutdownRequested.get();
-  logLine(vu::log::info, "main", "signal " + std::to_string(signal) + ", shutting down");
   // Remote calls stop here; the modules keep calling one another until they are gone,
   // since a module's destructor may need another module (to stop what it started).
   server.stopAccepting();
   context->refusingCalls = true;
+  logLine(vu::log::info, "main", "signal " + std::to_string(signal) + ", shutting down");
   if (!server.drain(std::chrono::milliseconds(options.shutdownGraceMs))) {
     logLine(vu::log::warning, "main",
             "calls still running after the grace period; their modules end them");

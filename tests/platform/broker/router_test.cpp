@@ -116,6 +116,7 @@ TEST_F(RouterTest, UnknownPathsAre404AndOtherMethods405) {
     const Response response = answer(verb, "/rpc");
     EXPECT_EQ(http::status::method_not_allowed, response.result());
     EXPECT_EQ("GET, POST", response[http::field::allow]);
+    EXPECT_EQ(verb == http::verb::head, response.body().empty());
   }
   EXPECT_EQ(http::status::method_not_allowed, answer(http::verb::post, "/Echo/").result());
   EXPECT_EQ(http::status::bad_request, answer(http::verb::get, "/%zz").result());

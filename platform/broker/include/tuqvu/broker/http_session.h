@@ -34,12 +34,17 @@ private:
             std::shared_ptr<void> token = nullptr);
   void sendAndClose(http::status status, const std::string& text);
   void doClose();
+  // After the answer that ends a connection: what the client still sends is read and
+  // dropped for a while, so that closing does not reset the connection before the client
+  // has read the answer.
+  void drainBeforeClose(std::size_t drained);
 
   boost::beast::tcp_stream fStream;
   boost::beast::flat_buffer fBuffer;
   std::optional<http::request_parser<http::string_body>> fParser;
   std::shared_ptr<Response> fResponse;  // the response being written
   std::shared_ptr<ServerContext> fContext;
+  char fDiscard[16384];
 };
 
 }  // namespace broker
