@@ -72,8 +72,18 @@ TEST_F(DaemonEvents, WithoutKeysEveryKeyArrives) {
   EventStream stream(port(), "/events");
   raise("Any/One", "first");
   insert("Any/Two", json::array({1.5, true}));
-  EXPECT_EQ(event("Any/One", "first"), json::parse(stream.next()));
-  EXPECT_EQ(event("Any/Two", {1.5, true}), json::parse(stream.next()));
+  // The broker's own start-up data ("TUQvuReady") may still be on its way to a stream
+  // that opened early; only this test's keys are compared.
+  const auto nextOfTest = [&stream]() {
+    for (;;) {
+      const std::string got = stream.next();
+      if (got.empty()) return json();
+      json parsed = json::parse(got);
+      if (parsed.value("key", std::string()).rfind("Any/", 0) == 0) return parsed;
+    }
+  };
+  EXPECT_EQ(event("Any/One", "first"), nextOfTest());
+  EXPECT_EQ(event("Any/Two", {1.5, true}), nextOfTest());
 }
 
 TEST_F(DaemonEvents, EventsRaisedByModulesArriveToo) {
