@@ -100,7 +100,8 @@ TEST_F(BindFailure, ThrowsZRErrorNamingThePreferredPort) {
 
 TEST_F(BindFailure, NamesThePreferredPortEvenWhenTheProbeFoundAnother) {
   zrft_test::PortHolder taken(15000);
-  ASSERT_TRUE(taken.held());
+  // Held by us or by another program: either way the probe moves on.
+  ASSERT_TRUE(taken.held() || !zrft_test::portIsFree(15000));
   if (!zrft_test::portIsFree(15001)) {
     GTEST_SKIP() << "another program holds port 15001";
   }
