@@ -36,12 +36,19 @@ namespace faulttest {
 
 namespace fs = boost::filesystem;
 
-// Which calls fail: per method, the number of calls still to fail (-1: all of them).
+// Which calls fail: per method, the number of calls still to fail (-1: all of them),
+// optionally only the calls made on one thread.
 class FaultPlan {
 public:
   void fail(const std::string& method, int count = -1) {
     std::lock_guard<std::mutex> lock(fMutex);
-    fFailing[method] = count;
+    fFailing[method] = Fault{count, std::thread::id()};
+  }
+  // Fails only the calls that the calling thread makes (a remote call runs on the
+  // caller's thread), so that a concurrent call of the same method is left alone.
+  void failOnThisThread(const std::string& method, int count = -1) {
+    std::lock_guard<std::mutex> lock(fMutex);
+    fFailing[method] = Fault{count, std::this_thread::get_id()};
   }
   void heal(const std::string& method) {
     std::lock_guard<std::mutex> lock(fMutex);
@@ -56,8 +63,12 @@ public:
     std::lock_guard<std::mutex> lock(fMutex);
     ++fCalls[method];
     const auto found = fFailing.find(method);
-    if (found == fFailing.end() || found->second == 0) return;
-    if (found->second > 0) --found->second;
+    if (found == fFailing.end() || found->second.count == 0) return;
+    if (found->second.thread != std::thread::id() &&
+        found->second.thread != std::this_thread::get_id()) {
+      return;
+    }
+    if (found->second.count > 0) --found->second.count;
     ++fFailed[method];
     throw ZR::ZRError(module, method, description(method), __FILE__, __LINE__);
   }
@@ -76,8 +87,12 @@ public:
   }
 
 private:
+  struct Fault {
+    int count;
+    std::thread::id thread;  // no thread: every thread
+  };
   mutable std::mutex fMutex;  // guards the three maps
-  std::map<std::string, int> fFailing;
+  std::map<std::string, Fault> fFailing;
   std::map<std::string, int> fCalls;
   std::map<std::string, int> fFailed;
 };
