@@ -34,9 +34,9 @@ ModuleLoader::ModuleLoader(boost::shared_ptr<ZR::ZRBroker> broker) : fBroker(std
 
 ModuleLoader::~ModuleLoader() { destroyAll(); }
 
-ZR::ZRModule* ModuleLoader::load(const ModuleSpec& spec) {
-  const std::string what = "module library " + spec.path + " (module " + spec.name + ")";
-  void* library = ::dlopen(spec.path.c_str(), RTLD_NOW | RTLD_LOCAL);
+ZR::ZRModule* ModuleLoader::load(const ModuleSpec& moduleSpec) {
+  const std::string what = "module library " + moduleSpec.path + " (module " + moduleSpec.name + ")";
+  void* library = ::dlopen(moduleSpec.path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (library == nullptr) {
     const char* error = ::dlerror();
     throw ModuleLoadError("cannot open " + what + ": " + (error ? error : "unknown error"));
@@ -54,7 +54,7 @@ ZR::ZRModule* ModuleLoader::load(const ModuleSpec& spec) {
   const auto create = reinterpret_cast<ZR::ZRCreateModuleFunction>(symbol);
   ZR::ZRModule* module = nullptr;
   try {
-    module = create(fBroker, spec.name.c_str());
+    module = create(fBroker, moduleSpec.name.c_str());
   } catch (const std::exception& error) {
     throw ModuleLoadError("the constructor of " + what + " failed: " + error.what());
   } catch (...) {
@@ -66,7 +66,7 @@ ZR::ZRModule* ModuleLoader::load(const ModuleSpec& spec) {
   }
   fLoaded.push_back({module->getName(), library, module});
   vu::log::write(vu::log::info, kCategory, "load",
-                 "loaded module " + module->getName() + " from " + spec.path);
+                 "loaded module " + module->getName() + " from " + moduleSpec.path);
   return module;
 }
 

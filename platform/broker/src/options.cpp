@@ -44,20 +44,20 @@ std::string moduleNameForLibrary(const std::string& path) {
 }
 
 ModuleSpec parseModuleArgument(const std::string& argument, bool optional) {
-  ModuleSpec spec;
-  spec.optional = optional;
+  ModuleSpec moduleSpec;
+  moduleSpec.optional = optional;
   const std::size_t equals = argument.find('=');
   if (equals != std::string::npos && equals > 0 &&
       argument.substr(0, equals).find('/') == std::string::npos) {
-    spec.name = argument.substr(0, equals);
-    spec.path = argument.substr(equals + 1);
+    moduleSpec.name = argument.substr(0, equals);
+    moduleSpec.path = argument.substr(equals + 1);
   } else {
-    spec.path = argument;
-    spec.name = moduleNameForLibrary(argument);
+    moduleSpec.path = argument;
+    moduleSpec.name = moduleNameForLibrary(argument);
   }
-  if (spec.path.empty()) throw OptionsError("--module needs the path of a module library");
-  if (spec.name.empty()) throw OptionsError("no module name can be derived from " + spec.path);
-  return spec;
+  if (moduleSpec.path.empty()) throw OptionsError("--module needs the path of a module library");
+  if (moduleSpec.name.empty()) throw OptionsError("no module name can be derived from " + moduleSpec.path);
+  return moduleSpec;
 }
 
 Options parseOptions(int argc, const char* const* argv) {

@@ -129,11 +129,11 @@ int main(int argc, char** argv) {
   }
 
   tb::ModuleLoader loader(broker);
-  for (const tb::ModuleSpec& spec : modulesToLoad(options)) {
+  for (const tb::ModuleSpec& moduleSpec : modulesToLoad(options)) {
     try {
-      loader.load(spec);
+      loader.load(moduleSpec);
     } catch (const tb::ModuleLoadError& error) {
-      if (spec.optional) {
+      if (moduleSpec.optional) {
         logLine(vu::log::warning, "main", std::string(error.what()) + " (optional; going on)");
         continue;
       }

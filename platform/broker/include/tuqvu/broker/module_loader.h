@@ -37,7 +37,7 @@ public:
   ModuleLoader& operator=(const ModuleLoader&) = delete;
 
   // Opens the library, constructs its module and keeps it. Throws ModuleLoadError.
-  ZR::ZRModule* load(const ModuleSpec& spec);
+  ZR::ZRModule* load(const ModuleSpec& moduleSpec);
 
   // Names of the loaded modules, in load order.
   std::vector<std::string> loadedNames() const;
