@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "detail/filecopy.h"
+#include "detail/freshunpack.h"
 #include "detail/libraryindex.h"
 #include "detail/paths.h"
 
@@ -159,19 +160,29 @@ bool BehaviorLibraryProject::importBehavior(const std::string& sourceDir,
         detail::logError(kImport, "Cannot create " + parent + ": " + code.message());
         return false;
       }
-      // Copied beside the destination, then put in its place in one rename.
+      // Copied (or, for a package's fresh unpack, moved) beside the destination, then
+      // put in its place in one rename.
       const std::string staging = detail::stagingPath(parent, "");
+      const bool moved = detail::moveFreshUnpack(source, staging);
       std::string error;
-      if (!detail::copyTree(source, staging, error)) {
+      if (!moved && !detail::copyTree(source, staging, error)) {
         std::string ignored;
         detail::removeTree(staging, ignored);
         detail::logError(kImport, "Cannot import " + source + ": " + error);
         return false;
       }
+      // Undoes the staging after a failure: a moved unpack goes back where it was.
+      const auto abandonStaging = [&]() {
+        std::string ignored;
+        if (moved && std::rename(staging.c_str(), source.c_str()) == 0) {
+          detail::restoreFreshUnpack(source);
+        } else {
+          detail::removeTree(staging, ignored);
+        }
+      };
       if (destExists) {
         if (!detail::exchange(staging, dest, error)) {
-          std::string ignored;
-          detail::removeTree(staging, ignored);
+          abandonStaging();
           detail::logError(kImport, "Cannot import " + source + ": " + error);
           return false;
         }
@@ -180,8 +191,7 @@ bool BehaviorLibraryProject::importBehavior(const std::string& sourceDir,
         }
       } else if (std::rename(staging.c_str(), dest.c_str()) != 0) {
         error = std::strerror(errno);
-        std::string ignored;
-        detail::removeTree(staging, ignored);
+        abandonStaging();
         detail::logError(kImport,
                          "Cannot move " + source + " into place at " + dest + ": " + error);
         return false;

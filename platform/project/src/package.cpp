@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "detail/filecopy.h"
+#include "detail/freshunpack.h"
 #include "detail/paths.h"
 
 namespace fs = boost::filesystem;
@@ -306,6 +307,7 @@ ArchiveFormat unpack(const std::string& packagePath, const std::string& destDir,
         throw std::runtime_error("cannot move " + staging + " to " + dest + ": " +
                                  std::strerror(errno));
       }
+      detail::rememberFreshUnpack(dest);
     } else {
       mergeInto(staging, dest);
       std::string ignored;

@@ -528,7 +528,34 @@ protected:
     logs->clear();
   }
 
+  // Points TMPDIR at a fresh folder on a file system apart from the user library's, so
+  // that unpacked packages are copied into the library and their temporary directory is
+  // still there when the behavior is announced (on the library's own file system the
+  // unpacked directory is moved into place instead). False when there is no such place.
+  bool temporaryDirectoryOnAnotherFileSystem() {
+    const fs::path shm = "/dev/shm";
+    const fs::path testTmp = tmpDir();  // private to the test, beside the user library
+    struct stat shmInfo, libraryInfo;
+    if (::stat(shm.c_str(), &shmInfo) != 0 || ::access(shm.c_str(), W_OK) != 0 ||
+        ::stat(testTmp.c_str(), &libraryInfo) != 0 || shmInfo.st_dev == libraryInfo.st_dev) {
+      return false;
+    }
+    fOtherTmp = shm / fs::unique_path("bmtest-tmp-%%%%-%%%%-%%%%");
+    fs::create_directories(fOtherTmp);
+    setenv("TMPDIR", fOtherTmp.c_str(), 1);  // the fixture restores it
+    return true;
+  }
+
+  void TearDown() override {
+    Install::TearDown();
+    if (!fOtherTmp.empty()) {
+      boost::system::error_code ignored;
+      fs::remove_all(fOtherTmp, ignored);
+    }
+  }
+
   std::unique_ptr<Interposer> interposer;
+  fs::path fOtherTmp;
 };
 
 TEST_F(InstallObserved, TwoInstallationsAtTheSameTimeUseDifferentTemporaryDirectories) {
@@ -540,6 +567,9 @@ TEST_F(InstallObserved, TwoInstallationsAtTheSameTimeUseDifferentTemporaryDirect
   int arrivals = 0;
   std::vector<std::map<std::string, std::string>> listings;  // temporary dir -> behavior.xar
   const std::regex pattern("[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}");
+  if (!temporaryDirectoryOnAnotherFileSystem()) {
+    GTEST_SKIP() << "no file system apart from the library's for the temporary directory";
+  }
   startObserved([&](const std::string& method, const ZR::ZRValue& args) {
     if (method != "raiseMicroEvent" || args[0].toString() != kAdded) return;
     std::unique_lock<std::mutex> lock(mutex);
@@ -604,6 +634,24 @@ TEST_F(InstallObserved, BehaviorGoneRightAfterItsImportIsReportedAfterTheEvent) 
   EXPECT_TRUE(tmpEntries().empty());
 }
 
+TEST_F(InstallObserved, PackageUnpackedOnTheLibrarysFileSystemIsMovedIntoPlace) {
+  // When the behavior is announced, its temporary directory is already gone: the
+  // unpacked files were moved into the library, not copied.
+  std::vector<std::string> seenAtEvent = {"not called"};
+  startObserved([&](const std::string& method, const ZR::ZRValue& args) {
+    if (method == "raiseMicroEvent" && args[0].toString() == kAdded) seenAtEvent = tmpEntries();
+  });
+  makeBehavior(scratch() / "src");
+  writeFile(scratch() / "src" / "media" / "clip.raw", "clip");
+  pack(scratch() / "src", scratch() / "clip.tar.gz", false);
+
+  EXPECT_TRUE(install(scratch() / "clip.tar.gz", "clip", false));
+  EXPECT_EQ(seenAtEvent, std::vector<std::string>{});
+  EXPECT_EQ(readFile(userRoot() / "clip" / "media" / "clip.raw"), "clip");
+  EXPECT_EQ(libraryEvents(), std::vector<std::string>{std::string(kAdded) + " clip"});
+  EXPECT_TRUE(tmpEntries().empty());
+}
+
 // Sets or clears the immutable attribute of a directory; false where the file system or
 // the process does not allow it.
 bool setImmutable(const fs::path& path, bool on) {
@@ -624,6 +672,9 @@ TEST_F(InstallObserved, TemporaryDirectoryThatCannotBeRemovedIsLoggedAndTheInsta
   // immutable, so that its removal fails.
   fs::path locked;
   bool lockedOk = false;
+  if (!temporaryDirectoryOnAnotherFileSystem()) {
+    GTEST_SKIP() << "no file system apart from the library's for the temporary directory";
+  }
   startObserved([&](const std::string& method, const ZR::ZRValue& args) {
     if (method != "raiseMicroEvent" || args[0].toString() != kAdded) return;
     for (fs::directory_iterator it(tmpDir()), end; it != end; ++it) {

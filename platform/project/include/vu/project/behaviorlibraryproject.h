@@ -67,6 +67,11 @@ class BehaviorLibraryProject : public Project {
   // root or lies inside another behavior, something else exists at the destination and
   // overwrite is false, or the copy fails. An overwrite copies beside the destination and
   // swaps the two, so the path never shows a half-copied behavior.
+  //
+  // A sourceDir that importProject created and filled (and that still is that directory)
+  // is a scratch copy of a package: it is moved into the library instead of copied when
+  // it lies on the library's file system, and so is gone after a successful import. A
+  // failed import leaves it where it was.
   bool importBehavior(const std::string& sourceDir, const std::string& localPath, bool overwrite);
 
   // Deletes the behavior directory relPath and fires behaviorRemoved. False when relPath

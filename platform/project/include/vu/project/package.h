@@ -25,7 +25,9 @@ enum ArchiveFormat {
 // not a zip or tar archive, a truncated or damaged archive, and an entry that would
 // land outside destDir (absolute path, ".." component, link pointing outside). The
 // archive is unpacked beside destDir first, so a failure leaves nothing behind: what
-// the call created is removed and an existing destDir is not touched.
+// the call created is removed and an existing destDir is not touched. A destDir the
+// call created is taken by BehaviorLibraryProject::importBehavior as a scratch copy that
+// may be moved into the library rather than copied.
 void importProject(const std::string& packagePath, const std::string& destDir,
                    ArchiveFormat& format);
 
