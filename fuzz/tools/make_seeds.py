@@ -197,7 +197,7 @@ RPC = {
              '{"jsonrpc":"2.0","id":2,"method":"ZRMemory.getData","params":["k"]},'
              '{"jsonrpc":"2.0","method":"ZRMemory.raiseMicroEvent","params":["e",1]},5]',
     "subscribe": '{"jsonrpc":"2.0","id":9,"method":"ZRMemory.subscribeToMicroEvent","params":["e","Echo","","echo3"]}',
-    "introspect": '[{"jsonrpc":"2.0","id":1,"method":"ZRBroker.getModules"},'
+    "broker_listing": '[{"jsonrpc":"2.0","id":1,"method":"ZRBroker.getModules"},'
                   '{"jsonrpc":"2.0","id":2,"method":"ZRBroker.getMethods","params":["Echo"]}]',
     "unknown": '{"jsonrpc":"2.0","id":null,"method":"Nobody.nothing"}',
     "named_params": '{"jsonrpc":"2.0","id":1,"method":"Echo.echo","params":{"a":1}}',

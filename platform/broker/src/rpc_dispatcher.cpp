@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include <tuqvu/broker/introspection.h>
+#include <tuqvu/broker/registry_json.h>
 #include <tuqvu/broker/json_io.h>
 #include <zr/zrerror.h>
 #include <zr/zrvalue_json.h>

@@ -1,4 +1,4 @@
-#include <tuqvu/broker/introspection.h>
+#include <tuqvu/broker/registry_json.h>
 
 namespace tuqvu {
 namespace broker {
