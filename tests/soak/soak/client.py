@@ -370,8 +370,8 @@ class Client:
                 return
             ok, names = self.call("getDefaultBehaviors", BM + "getDefaultBehaviors")
             if ok and name not in names and not self.world.being_removed(name):
-                self.stats.note("default list: an addition lost to a concurrent "
-                                "read-modify-write")
+                self.stats.note("default list: an addition gone by the next read "
+                                "(another client took it off meanwhile)")
         else:
             ok, names = self.call("getDefaultBehaviors", BM + "getDefaultBehaviors")
             if not ok:

@@ -221,8 +221,8 @@ def check_defaults(world, end_client, checks):
         if unknown:
             problems.append("never added: " + short_list(unknown))
         if stale:
-            world.stats.note("default list: entry of a removed behavior put back by a concurrent "
-                             "read-modify-write", len(stale))
+            world.stats.note("default list: entry of a removed behavior, added between its "
+                             "removal from the list and from the library", len(stale))
         for name in names:
             strict_call(rpc, problems, BM + "removeDefaultBehavior", name)
         ok, after = strict_call(rpc, problems, BM + "getDefaultBehaviors")

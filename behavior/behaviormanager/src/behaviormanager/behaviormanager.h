@@ -12,7 +12,8 @@
 // mutex is held for a whole state change so that "BehaviorsRun" publications leave in the
 // order of the changes they describe. The state mutex is a leaf: nothing is called while
 // it is held. No lock is held across a frame-manager call that can block (create, run) nor
-// across the polling waits.
+// across the polling waits. The defaults mutex (fDefaultsMutex) stands apart: it is taken
+// with none of the others held and none is taken while it is.
 #pragma once
 
 #include <map>
@@ -160,6 +161,9 @@ private:
   boost::mutex fRunningMutex;
   // Guards fStates; a leaf lock.
   mutable boost::mutex fStateMutex;
+  // Serialises the read-modify-write of the default list's preference file, so that two
+  // changes made at once do not lose each other. Held across the preferences calls.
+  boost::mutex fDefaultsMutex;
   std::map<std::string, BehaviorState> fStates;
   std::set<std::string> fRunning;
   boost::shared_ptr<ZRMemoryProxy> fMemoryProxy;

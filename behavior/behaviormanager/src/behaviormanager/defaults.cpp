@@ -4,6 +4,7 @@
 
 #include <boost/algorithm/string/split.hpp>
 #include <boost/make_shared.hpp>
+#include <boost/thread/lock_guard.hpp>
 
 #include <zr/proxies/zrpreferencesproxy.h>
 #include <zr/zrproxy.h>
@@ -63,6 +64,7 @@ bool ZRBehaviorManager::xIsDefaultBehavior(const std::string& name) {
 }
 
 void ZRBehaviorManager::addDefaultBehavior(const std::string& behavior) {
+  boost::lock_guard<boost::mutex> lock(fDefaultsMutex);
   std::set<std::string> names;
   xReadDefaultBehaviors(names);
   const std::string normalized = xNormalizeLocalPath(behavior);
@@ -76,6 +78,7 @@ void ZRBehaviorManager::addDefaultBehavior(const std::string& behavior) {
 }
 
 void ZRBehaviorManager::removeDefaultBehavior(const std::string& behavior) {
+  boost::lock_guard<boost::mutex> lock(fDefaultsMutex);
   std::set<std::string> names;
   xReadDefaultBehaviors(names);
   if (!names.empty() && names.erase(behavior) == 0) {

@@ -206,6 +206,34 @@ TEST_F(Defaults, NamesAreStoredInTheirNormalisedForm) {
   EXPECT_EQ(readFile(), defaultsFile(""));
 }
 
+TEST_F(Defaults, ChangesMadeAtOnceFromManyCallersAreAllKept) {
+  // Eight callers each add six behaviors and take three of them off again, at the same
+  // time: every change survives, none overwrites another's.
+  constexpr int kCallers = 8, kEach = 6;
+  const auto name = [](int caller, int i) {
+    return "c" + std::to_string(caller) + "-" + std::to_string(i);
+  };
+  for (int c = 0; c < kCallers; ++c) {
+    for (int i = 0; i < kEach; ++i) makeBehavior(userRoot() / name(c, i));
+  }
+  start();
+  std::vector<std::thread> callers;
+  for (int c = 0; c < kCallers; ++c) {
+    callers.emplace_back([&, c] {
+      for (int i = 0; i < kEach; ++i) call("addDefaultBehavior", name(c, i));
+      for (int i = 0; i < kEach; i += 2) call("removeDefaultBehavior", name(c, i));
+    });
+  }
+  for (std::thread& caller : callers) caller.join();
+
+  std::vector<std::string> expected;
+  for (int c = 0; c < kCallers; ++c) {
+    for (int i = 1; i < kEach; i += 2) expected.push_back(name(c, i));
+  }
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(remoteDefaults(), expected);
+}
+
 TEST_F(Defaults, UnknownBehaviorIsAnErrorOfLoadBehaviorAndTheFileStays) {
   makeBehavior(userRoot() / "a");
   start();
