@@ -175,7 +175,7 @@ bool BehaviorLibraryProject::importBehavior(const std::string& sourceDir,
       const auto abandonStaging = [&]() {
         std::string ignored;
         if (moved && std::rename(staging.c_str(), source.c_str()) == 0) {
-          detail::restoreFreshUnpack(source);
+          detail::rememberFreshUnpack(source);  // moved back: still a fresh unpack
         } else {
           detail::removeTree(staging, ignored);
         }

@@ -78,8 +78,6 @@ bool moveFreshUnpack(const std::string& dir, const std::string& target) {
   return true;
 }
 
-void restoreFreshUnpack(const std::string& dir) { rememberFreshUnpack(dir); }
-
 }  // namespace detail
 }  // namespace project
 }  // namespace vu

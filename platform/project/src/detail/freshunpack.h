@@ -19,9 +19,6 @@ void rememberFreshUnpack(const std::string& dir);
 // because target lies on another file system).
 bool moveFreshUnpack(const std::string& dir, const std::string& target);
 
-// Remembers again a directory that moveFreshUnpack moved away and that was moved back.
-void restoreFreshUnpack(const std::string& dir);
-
 }  // namespace detail
 }  // namespace project
 }  // namespace vu
