@@ -11,7 +11,11 @@ here=scripts/test.d
 jobs=${TUQVU_JOBS:-2}
 start=$SECONDS
 
+# -O1 -g1: what the sanitizers need (line tables for the reports), and a third less
+# compile time than -O2 -g for the whole tree.
 cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1 -DNDEBUG" \
+  -DCMAKE_C_FLAGS_RELWITHDEBINFO="-O1 -g1 -DNDEBUG" \
   -DTUQVU_SANITIZE=address >/dev/null
 cmake --build build-asan -j "$jobs"
 built=$SECONDS
