@@ -27,15 +27,13 @@ cmake --build build-fuzz -j "$jobs" --target "${targets[@]/#/fuzz_}"
 
 export ASAN_OPTIONS=detect_leaks=1:halt_on_error=1:abort_on_error=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
-failed=()
-for target in "${targets[@]}"; do
-  corpus=build-fuzz/corpus/$target
-  findings=build-fuzz/findings/$target
-  log=build-fuzz/logs/$target.log
+# Each target in its own process, $jobs at a time; a target prints one line when done
+# (and its findings when it failed) and leaves build-fuzz/failed/<target> on failure.
+run_target() {
+  local target=$1 corpus=build-fuzz/corpus/$1 findings=build-fuzz/findings/$1
+  local log=build-fuzz/logs/$1.log started=$SECONDS dict=()
   mkdir -p "$corpus" "$findings" "$(dirname "$log")"
-  dict=()
   [ -f "fuzz/$target/fuzz.dict" ] && dict=(-dict="fuzz/$target/fuzz.dict")
-  started=$SECONDS
   if build-fuzz/bin/fuzz_"$target" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
       -max_len=65536 -print_final_stats=1 "${dict[@]}" -artifact_prefix="$findings/" \
       "$corpus" "fuzz/$target/corpus" >"$log" 2>&1; then
@@ -45,8 +43,17 @@ for target in "${targets[@]}"; do
     echo "fuzz $target: FAILED after $((SECONDS - started)) s; input in $findings/, log $log"
     grep -E 'ERROR|SUMMARY|fuzz sandbox|path mapping|behavior file:|project.xml:|package:|json-rpc:|eval:|http harness' \
       "$log" | head -20 || true
-    failed+=("$target")
+    touch "build-fuzz/failed/$target"
   fi
+}
+export -f run_target
+export seconds
+rm -rf build-fuzz/failed
+mkdir -p build-fuzz/failed
+printf '%s\n' "${targets[@]}" | xargs -P "$jobs" -I{} bash -c 'run_target "$1"' _ {}
+failed=()
+for target in "${targets[@]}"; do
+  [ -e "build-fuzz/failed/$target" ] && failed+=("$target")
 done
 if ((${#failed[@]})); then
   echo "fuzz: findings in ${failed[*]}" >&2
