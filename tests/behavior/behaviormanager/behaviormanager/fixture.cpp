@@ -1,5 +1,10 @@
 #include "fixture.h"
 
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <fstream>
 
@@ -151,6 +156,19 @@ void makeBehavior(const fs::path& dir, const std::string& xar, const std::vector
   std::string project = "<project>\n  <metadata key=\"Type\" value=\"" + type + "\"/>\n";
   for (const std::string& tag : tags) project += "  <tag>" + tag + "</tag>\n";
   writeFile(dir / "project.xml", project + "</project>\n");
+}
+
+bool setImmutable(const fs::path& dir, bool on) {
+  const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY);
+  if (fd < 0) return false;
+  int flags = 0;
+  bool ok = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+  if (ok) {
+    flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
+    ok = ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
+  }
+  ::close(fd);
+  return ok;
 }
 
 void makeResource(const fs::path& dir, const std::string& type) {

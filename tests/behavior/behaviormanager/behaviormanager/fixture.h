@@ -76,6 +76,9 @@ void makeBehavior(const fs::path& dir, const std::string& xar = "<behavior/>",
                   const std::vector<std::string>& tags = {}, const std::string& type = "Behavior");
 // Writes a resource directory (project.xml with Type = type, no behavior.xar).
 void makeResource(const fs::path& dir, const std::string& type = "Resources");
+// Sets or clears the immutable attribute of a directory; false where the file system or
+// the process does not allow it.
+bool setImmutable(const fs::path& dir, bool on);
 void writeFile(const fs::path& file, const std::string& content);
 
 // Base fixture. Each test gets a fresh home, prefix and broker; the manager is built by

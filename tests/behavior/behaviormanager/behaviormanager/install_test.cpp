@@ -12,9 +12,6 @@
 
 #include <boost/make_shared.hpp>
 
-#include <fcntl.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -650,21 +647,6 @@ TEST_F(InstallObserved, PackageUnpackedOnTheLibrarysFileSystemIsMovedIntoPlace) 
   EXPECT_EQ(readFile(userRoot() / "clip" / "media" / "clip.raw"), "clip");
   EXPECT_EQ(libraryEvents(), std::vector<std::string>{std::string(kAdded) + " clip"});
   EXPECT_TRUE(tmpEntries().empty());
-}
-
-// Sets or clears the immutable attribute of a directory; false where the file system or
-// the process does not allow it.
-bool setImmutable(const fs::path& path, bool on) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY);
-  if (fd < 0) return false;
-  int flags = 0;
-  bool ok = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
-  if (ok) {
-    flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
-    ok = ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
-  }
-  ::close(fd);
-  return ok;
 }
 
 TEST_F(InstallObserved, TemporaryDirectoryThatCannotBeRemovedIsLoggedAndTheInstallGoesOn) {

@@ -9,8 +9,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -53,21 +51,6 @@ private:
   int fEntered = 0;
   bool fReleased = false;
 };
-
-// Sets or clears the immutable attribute; false where the file system or the process
-// does not allow it.
-bool setImmutable(const fs::path& path, bool on) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY);
-  if (fd < 0) return false;
-  int flags = 0;
-  bool ok = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
-  if (ok) {
-    flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
-    ok = ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
-  }
-  ::close(fd);
-  return ok;
-}
 
 // A chain of directories below dir whose full path is longer than the system allows
 // for a path, built (and removed) step by step relative to open directories.
