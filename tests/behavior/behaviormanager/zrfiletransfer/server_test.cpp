@@ -1,6 +1,5 @@
 // The server's life: choosing its port, answering on it, and stopping. Each test builds
-// its own ZRFileTransfer (the program runs alone, so port 15000 is free unless another
-// program holds it).
+// its own ZRFileTransfer (the program holds the "port15000" lock).
 #include <chrono>
 #include <future>
 #include <memory>
