@@ -15,15 +15,7 @@ namespace fs = boost::filesystem;
 
 namespace {
 
-const std::vector<ArchiveEntry> kWave = {
-    {"project.xml", ArchiveEntry::File,
-     "<project><metadata key=\"Type\" value=\"Behavior\"/></project>"},
-    {"behavior.xar", ArchiveEntry::File, "<xar/>"},
-    {"data/", ArchiveEntry::Directory, ""},
-    {"data/anim.bin", ArchiveEntry::File, "frames"},
-    {"data/link", ArchiveEntry::Symlink, "anim.bin"},
-    {"data/up", ArchiveEntry::Symlink, "../behavior.xar"},
-};
+const std::vector<ArchiveEntry>& kWave = wavePackage();
 
 class PackageTest : public ::testing::Test {
  protected:

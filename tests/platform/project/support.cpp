@@ -169,4 +169,17 @@ std::string noise(std::size_t size) {
   return bytes;
 }
 
+const std::vector<ArchiveEntry>& wavePackage() {
+  static const std::vector<ArchiveEntry> entries = {
+      {"project.xml", ArchiveEntry::File,
+       "<project><metadata key=\"Type\" value=\"Behavior\"/></project>"},
+      {"behavior.xar", ArchiveEntry::File, "<xar/>"},
+      {"data/", ArchiveEntry::Directory, ""},
+      {"data/anim.bin", ArchiveEntry::File, "frames"},
+      {"data/link", ArchiveEntry::Symlink, "anim.bin"},
+      {"data/up", ArchiveEntry::Symlink, "../behavior.xar"},
+  };
+  return entries;
+}
+
 }  // namespace projecttest

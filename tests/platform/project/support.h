@@ -61,6 +61,11 @@ struct ArchiveEntry {
 
 enum class Container { Zip, Tar, TarGz };
 
+// A behavior package's entries: project.xml of type "Behavior", behavior.xar ("<xar/>"),
+// data/anim.bin ("frames"), and the links data/link -> anim.bin, data/up ->
+// ../behavior.xar.
+const std::vector<ArchiveEntry>& wavePackage();
+
 void writeArchive(const std::string& file, Container container,
                   const std::vector<ArchiveEntry>& entries);
 

@@ -16,13 +16,7 @@ namespace fs = boost::filesystem;
 
 namespace {
 
-const std::vector<ArchiveEntry> kWave = {
-    {"project.xml", ArchiveEntry::File,
-     "<project><metadata key=\"Type\" value=\"Behavior\"/></project>"},
-    {"behavior.xar", ArchiveEntry::File, "<xar/>"},
-    {"data/", ArchiveEntry::Directory, ""},
-    {"data/anim.bin", ArchiveEntry::File, "frames"},
-};
+const std::vector<ArchiveEntry>& kWave = wavePackage();
 
 ino_t inodeOf(const std::string& path) {
   struct stat info;
