@@ -80,6 +80,23 @@ void announceReady(const boost::shared_ptr<ZR::ZRBroker>& broker) {
   }
 }
 
+// Lets the calls in progress finish, up to the grace period. Calls that their own module
+// ends when it is destroyed (a behavior run that lasts until it is stopped) are not
+// waited for: destroying the module answers them at once.
+bool letCallsFinish(tb::HttpServer& server, const tb::ServerContext& context,
+                    const ZR::ZRBroker& broker, std::chrono::milliseconds grace) {
+  const auto deadline = std::chrono::steady_clock::now() + grace;
+  for (;;) {
+    if (server.drain(std::chrono::milliseconds(0))) return true;
+    const ZR::ZRBroker::CallCounts calls = broker.callsInProgress();
+    if (calls.all == calls.endedByTheirModules && context.pendingAnswers.load() <= calls.all) {
+      return true;
+    }
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -176,7 +193,8 @@ int main(int argc, char** argv) {
   server.stopAccepting();
   context->refusingCalls = true;
   logLine(vu::log::info, "main", "signal " + std::to_string(signal) + ", shutting down");
-  if (!server.drain(std::chrono::milliseconds(options.shutdownGraceMs))) {
+  if (!letCallsFinish(server, *context, *broker,
+                      std::chrono::milliseconds(options.shutdownGraceMs))) {
     logLine(vu::log::warning, "main",
             "calls still running after the grace period; their modules end them");
   }

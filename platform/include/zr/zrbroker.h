@@ -61,6 +61,14 @@ public:
   // Waits for a task; false on time-out (timeoutMs < 0 waits without limit).
   bool waitTask(int taskId, int timeoutMs);
 
+  // Calls in progress: all of them, and those in modules that end their calls
+  // themselves when they are destroyed (ZRModuleCore::endsItsCallsWhenDestroyed).
+  struct CallCounts {
+    int all = 0;
+    int endedByTheirModules = 0;
+  };
+  CallCounts callsInProgress() const;
+
   // Refuses new calls and posts, then waits up to graceMs for calls and tasks in
   // progress to end. Returns true when everything ended.
   bool shutdown(int graceMs);
@@ -88,6 +96,7 @@ private:
   std::map<int, bool> fTasksRunning;  // task id -> still running
   int fNextTaskId = 1;
   int fCallsInProgress = 0;
+  int fCallsEndedByTheirModules = 0;  // the part of fCallsInProgress their modules end
   int fTasksInProgress = 0;
 
   std::atomic<bool> fShuttingDown{false};

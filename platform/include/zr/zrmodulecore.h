@@ -10,7 +10,10 @@
 // registration order.
 #pragma once
 
+#include <atomic>
+#include <condition_variable>
 #include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -69,6 +72,30 @@ public:
   // the module's methods.
   virtual std::string httpGet();
 
+  // Calls running in this module now: remote, posted, or from other modules. The
+  // broker counts every call it dispatches here.
+  int callsInProgress() const;
+  // Waits until no call runs in this module; false when timeoutMs passed first.
+  bool waitForCallsToReturn(int timeoutMs) const;
+
+  // A module that ends whatever its calls wait for in its destructor, and then waits
+  // for them (waitForCallsToReturn), says so here: at shutdown the broker then goes on
+  // to destroy it without first waiting for its calls to finish on their own.
+  void setEndsItsCallsWhenDestroyed(bool ends) { fEndsItsCallsWhenDestroyed.store(ends); }
+  bool endsItsCallsWhenDestroyed() const { return fEndsItsCallsWhenDestroyed.load(); }
+
+  // Counts one call in the module for as long as it lives (used by the broker).
+  class CallInProgress {
+  public:
+    explicit CallInProgress(const ZRModuleCore& module);
+    ~CallInProgress();
+    CallInProgress(const CallInProgress&) = delete;
+    CallInProgress& operator=(const CallInProgress&) = delete;
+
+  private:
+    const ZRModuleCore& fModule;
+  };
+
 private:
   void bind(boost::shared_ptr<ZRFunctorBase> functor, bool overload);
 
@@ -82,6 +109,13 @@ private:
   std::vector<BoundMethod> fMethods;
   ZRMethodInfo fCurrent;
   bool fHasCurrent = false;
+
+  // Guards fCalls; fCallsReturned is notified when it drops. Never held while a
+  // method runs.
+  mutable std::mutex fCallsMutex;
+  mutable std::condition_variable fCallsReturned;
+  mutable int fCalls = 0;
+  std::atomic<bool> fEndsItsCallsWhenDestroyed{false};
 };
 
 }  // namespace ZR

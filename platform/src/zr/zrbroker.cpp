@@ -14,18 +14,36 @@ namespace {
 const char* const kLogCategory = "zr.broker";
 }
 
-// Counts one call in progress for as long as it lives, so shutdown() can wait for it.
+namespace {
+// Whether the outermost call on this thread is one its module ends when destroyed. A
+// call it makes into another module (a run waiting in the frame manager) ends with it.
+thread_local int tCallDepth = 0;
+thread_local bool tOutermostEndedByItsModule = false;
+}  // namespace
+
+// Counts one call in progress, in the broker and in its module, for as long as it
+// lives, so shutdown() and the module's destructor can wait for it.
 struct ZRBroker::CallScope {
-  explicit CallScope(ZRBroker& broker) : fBroker(broker) {
+  CallScope(ZRBroker& broker, const ZRModuleCore& module)
+      : fBroker(broker),
+        fInModule(module),
+        fEndedByItsModule(tCallDepth > 0 ? tOutermostEndedByItsModule
+                                         : module.endsItsCallsWhenDestroyed()) {
+    if (tCallDepth++ == 0) tOutermostEndedByItsModule = fEndedByItsModule;
     std::lock_guard<std::mutex> lock(fBroker.fActivityMutex);
     ++fBroker.fCallsInProgress;
+    if (fEndedByItsModule) ++fBroker.fCallsEndedByTheirModules;
   }
   ~CallScope() {
+    --tCallDepth;
     std::lock_guard<std::mutex> lock(fBroker.fActivityMutex);
     --fBroker.fCallsInProgress;
+    if (fEndedByItsModule) --fBroker.fCallsEndedByTheirModules;
     fBroker.fIdle.notify_all();
   }
   ZRBroker& fBroker;
+  ZRModuleCore::CallInProgress fInModule;
+  const bool fEndedByItsModule;
 };
 
 boost::shared_ptr<ZRBroker> ZRBroker::create(const std::string& name) {
@@ -85,7 +103,7 @@ std::string ZRBroker::modulePage(const std::string& module) {
     throw ZRError(fName, "modulePage", "module " + module + " is not registered", __FILE__,
                   __LINE__);
   }
-  CallScope scope(*this);
+  CallScope scope(*this, *target);
   return target->httpGet();
 }
 
@@ -115,7 +133,7 @@ ZRValue ZRBroker::call(const std::string& module, const std::string& method, con
     throw ZRError(fName, "call", "module " + module + " has no method " + method, __FILE__,
                   __LINE__);
   }
-  CallScope scope(*this);
+  CallScope scope(*this, *target);
   ZRValue result;
   bound.functor->call(args.isValid() ? args : ZRValue::array(), result);
   return result;
@@ -186,6 +204,11 @@ bool ZRBroker::waitTask(int taskId, int timeoutMs) {
     return true;
   }
   return fIdle.wait_for(lock, std::chrono::milliseconds(timeoutMs), done);
+}
+
+ZRBroker::CallCounts ZRBroker::callsInProgress() const {
+  std::lock_guard<std::mutex> lock(fActivityMutex);
+  return CallCounts{fCallsInProgress, fCallsEndedByTheirModules};
 }
 
 bool ZRBroker::shutdown(int graceMs) {

@@ -2,12 +2,37 @@
 
 #include <zr/zrerror.h>
 
+#include <algorithm>
+#include <chrono>
+
 namespace ZR {
 
 ZRModuleCore::ZRModuleCore(boost::shared_ptr<ZRBroker> broker, const std::string& name)
     : fName(name), fBroker(std::move(broker)) {}
 
 ZRModuleCore::~ZRModuleCore() = default;
+
+ZRModuleCore::CallInProgress::CallInProgress(const ZRModuleCore& module) : fModule(module) {
+  std::lock_guard<std::mutex> lock(fModule.fCallsMutex);
+  ++fModule.fCalls;
+}
+
+ZRModuleCore::CallInProgress::~CallInProgress() {
+  std::lock_guard<std::mutex> lock(fModule.fCallsMutex);
+  --fModule.fCalls;
+  fModule.fCallsReturned.notify_all();
+}
+
+int ZRModuleCore::callsInProgress() const {
+  std::lock_guard<std::mutex> lock(fCallsMutex);
+  return fCalls;
+}
+
+bool ZRModuleCore::waitForCallsToReturn(int timeoutMs) const {
+  std::unique_lock<std::mutex> lock(fCallsMutex);
+  return fCallsReturned.wait_for(lock, std::chrono::milliseconds(std::max(timeoutMs, 0)),
+                                 [this] { return fCalls == 0; });
+}
 
 void ZRModuleCore::setModuleDescription(const std::string& description) {
   boost::mutex::scoped_lock lock(fTableMutex);

@@ -156,6 +156,24 @@ TEST_F(FrameManagerTest, DeletingARunningInstanceEndsItsRun) {
   EXPECT_THROW(frames->completeBehavior(id), ZRError);
 }
 
+TEST_F(FrameManagerTest, CleaningDropsWhatRanAndKeepsInstancesWaitingForTheirFirstRun) {
+  const std::string ran = load(R"(<wait ms="0"/>)");
+  frames->completeBehavior(ran);
+  const std::string running = load(R"(<wait ms="600000"/>)");
+  auto run = start(running);
+  const std::string exited = load(R"(<wait ms="0"/>)");
+  frames->exitBehavior(exited);
+  const std::string preloaded = load(R"(<wait ms="0"/>)");
+
+  frames->cleanBehaviors();
+  ASSERT_EQ(run.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  run.get();
+  EXPECT_EQ(frames->getBehaviorInstances(), std::vector<std::string>{preloaded});
+  frames->completeBehavior(preloaded);  // still there, and it runs
+  EXPECT_THROW(frames->completeBehavior(ran), ZRError);
+  EXPECT_THROW(frames->completeBehavior(exited), ZRError);
+}
+
 TEST_F(FrameManagerTest, UnknownIdsAreHarmlessExceptForARun) {
   frames->exitBehavior("no-such-id");
   frames->deleteBehavior("no-such-id");

@@ -59,6 +59,9 @@ ZRBehaviorManager::ZRBehaviorManager(boost::shared_ptr<ZRBroker> broker, const s
   setModuleDescription(
       "This module is intended to manage behaviors. With this module, you can load, start, stop "
       "behaviors, add default behaviors or remove them. \n");
+  // The destructor stops every behavior, which ends the runs that hold calls here, and
+  // waits for those calls: the broker need not wait for them before destroying us.
+  setEndsItsCallsWhenDestroyed(true);
   registerMethods();
 
   try {
@@ -114,6 +117,11 @@ template <typename Step> void destructionStep(const std::string& what, Step step
   }
 }
 
+// How long the destructor waits for calls still in the module: 20 slices of 250 ms,
+// stopping what runs again after each.
+constexpr int kCallReturnAttempts = 20;
+constexpr int kCallReturnSliceMs = 250;
+
 }  // namespace
 
 ZRBehaviorManager::~ZRBehaviorManager() {
@@ -128,7 +136,19 @@ ZRBehaviorManager::~ZRBehaviorManager() {
   }
   for (const std::string& name : loaded) {
     destructionStep("Could not unload behavior " + name + " while shutting down",
-                    [this, &name] { unloadBehavior(name); });
+                    [this, &name] { xStopAndUnloadBehavior(name, name); });
+  }
+  // A stopped run still returns through the module after its last state change, and a
+  // run that was loading when the stop came starts only now: no call may still be in a
+  // member when the members go, so wait for them, stopping again what started since.
+  for (int attempt = 0; attempt < kCallReturnAttempts; ++attempt) {
+    if (waitForCallsToReturn(kCallReturnSliceMs)) break;
+    destructionStep("Could not stop the behaviors while shutting down",
+                    [this] { stopAllBehaviors(); });
+  }
+  if (callsInProgress() > 0) {
+    detail::log(vu::log::error, "~ZRBehaviorManager",
+                std::to_string(callsInProgress()) + " calls still running at destruction");
   }
   // A run stopped above makes its last state change (unloaded, or loaded again for a
   // system behavior) inside the registry lock, and the stop returns as soon as it sees

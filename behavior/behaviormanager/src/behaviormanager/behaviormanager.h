@@ -133,6 +133,17 @@ public:
   boost::filesystem::path xFindBehavior(const std::string& name);
   std::string xBehaviorNameFromPath(const boost::filesystem::path& path);
   std::string xNormalizeLocalPath(const std::string& name);
+  // The form of a behavior name that names that very behavior whatever the libraries
+  // hold: a user behavior's name with "User/" in front (a bare name means the system
+  // copy when both libraries hold it), a system behavior's name as it is. Normalising
+  // it gives the name back.
+  std::string xQualifiedName(const std::string& normalizedName) const;
+  // Load, stop and stop-then-unload of a behavior known by its normalised name; the
+  // public methods normalise the caller's name and come here. `callerName` is the name
+  // their messages and the "System/" test use.
+  bool xLoadBehavior(const std::string& normalizedName);
+  void xStopBehavior(const std::string& normalizedName, const std::string& callerName);
+  bool xStopAndUnloadBehavior(const std::string& normalizedName, const std::string& callerName);
   // The user library object, whose notifications other code may also be connected to.
   vu::project::BehaviorLibraryProject& xUserLibrary() { return fUserLibrary; }
   void xReadDefaultBehaviors(std::set<std::string>& names) const;

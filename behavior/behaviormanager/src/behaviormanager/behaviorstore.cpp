@@ -89,5 +89,12 @@ std::string ZRBehaviorManager::xNormalizeLocalPath(const std::string& name) {
   return xBehaviorNameFromPath(xFindBehavior(name));
 }
 
+std::string ZRBehaviorManager::xQualifiedName(const std::string& normalizedName) const {
+  if (boost::algorithm::starts_with(normalizedName, systemBehaviorPrefix)) {
+    return normalizedName;
+  }
+  return userBehaviorPrefix + normalizedName;
+}
+
 }  // namespace BehaviorManager
 }  // namespace ZR

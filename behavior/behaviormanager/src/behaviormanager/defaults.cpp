@@ -101,9 +101,12 @@ void ZRBehaviorManager::playDefaultProject() {
   std::set<std::string> names;
   xReadDefaultBehaviors(names);
   names.erase(kDefaultBehavior);
+  // The list holds normalised names: a user behavior's bare name would start the system
+  // copy when the system library holds the same name.
   for (const std::string& name : names) {
-    if (isBehaviorInstalled(name)) {
-      self.pCall<std::string>("runBehavior", name);
+    const std::string qualified = xQualifiedName(name);
+    if (isBehaviorInstalled(qualified)) {
+      self.pCall<std::string>("runBehavior", qualified);
     }
   }
 }

@@ -18,6 +18,10 @@ bool ZRBehaviorManager::loadBehavior(const std::string& name) {
   if (n.empty()) {
     throw detail::error("loadBehavior", "behavior " + name + " is not installed.", __LINE__);
   }
+  return xLoadBehavior(n);
+}
+
+bool ZRBehaviorManager::xLoadBehavior(const std::string& n) {
   // The state is read without the registry lock, so another load may claim the behavior
   // between this look and the claim; the claim looks again under the lock, and a load that
   // lost looks at the state anew instead of creating a second instance.
@@ -52,7 +56,9 @@ bool ZRBehaviorManager::loadBehavior(const std::string& name) {
     }
   }
 
-  const fs::path dir = xFindBehavior(n);
+  // The qualified form, so that a user behavior that the system library also holds is
+  // read from the user library.
+  const fs::path dir = xFindBehavior(xQualifiedName(n));
   try {
     const std::string xarPath = (dir / fxarFileName).string();
     const std::string id = fFrameManagerProxy->newBehaviorFromFile(xarPath, n);
@@ -87,14 +93,25 @@ void ZRBehaviorManager::xUnloadBehavior(const std::string& name) {
 }
 
 bool ZRBehaviorManager::unloadBehavior(const std::string& name) {
+  const std::string n = xNormalizeLocalPath(name);
+  if (n.empty()) {
+    detail::log(vu::log::verbose, "unloadBehavior",
+                "Could not stop behavior: behavior " + name + " is not installed.");
+    return false;
+  }
+  return xStopAndUnloadBehavior(n, name);
+}
+
+bool ZRBehaviorManager::xStopAndUnloadBehavior(const std::string& n,
+                                               const std::string& callerName) {
   try {
-    stopBehavior(name);
+    xStopBehavior(n, callerName);
   } catch (const ZRError& error) {
     detail::log(vu::log::verbose, "unloadBehavior",
                 "Could not stop behavior: " + error.description());
     return false;
   }
-  xUnloadBehavior(xNormalizeLocalPath(name));
+  xUnloadBehavior(n);
   return true;
 }
 

@@ -37,7 +37,7 @@ bool ZRBehaviorManager::removeBehavior(const std::string& behavior) {
     bool result = true;
     for (const std::string& path : paths) {
       try {
-        stopBehavior(path);
+        xStopBehavior(path, path);
       } catch (...) {
         detail::log(vu::log::verbose, "removeBehavior",
                     "Could not stop the behavior " + path + " properly.");

@@ -33,7 +33,7 @@ void ZRBehaviorManager::runBehavior(const std::string& name) {
   if (behaviorState(n) == StateRunning) {
     throw detail::error("runBehavior", "behavior " + n + " is already running.", __LINE__);
   }
-  loadBehavior(n);
+  xLoadBehavior(n);
 
   std::string id;
   {
@@ -67,7 +67,10 @@ void ZRBehaviorManager::stopBehavior(const std::string& name) {
   if (n.empty()) {
     throw detail::error("stopBehavior", "behavior " + name + " is not installed.", __LINE__);
   }
+  xStopBehavior(n, name);
+}
 
+void ZRBehaviorManager::xStopBehavior(const std::string& n, const std::string& name) {
   bool unloading = false;
   switch (behaviorState(n)) {
     case StateRunning:
@@ -95,7 +98,7 @@ void ZRBehaviorManager::stopBehavior(const std::string& name) {
     return;
   }
 
-  if (!isBehaviorRunning(name)) {
+  if (behaviorState(n) != StateRunning) {
     throw inconsistentStop(__LINE__);
   }
   std::string id;
@@ -123,8 +126,10 @@ void ZRBehaviorManager::stopBehavior(const std::string& name) {
 void ZRBehaviorManager::stopAllBehaviors() {
   const std::vector<std::string> names = getRunningBehaviors();
   try {
+    // The running set holds normalised names; a user behavior's bare name would name
+    // the system copy if the system library holds the same name.
     for (const std::string& name : names) {
-      stopBehavior(name);
+      xStopBehavior(name, name);
     }
     fFrameManagerProxy->cleanBehaviors();
   } catch (const ZRError& error) {

@@ -39,6 +39,11 @@ bool BehaviorInstance::isRunning() const {
   return fRunning;
 }
 
+bool BehaviorInstance::isWaitingForFirstRun() const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  return !fStarted && !exitRequested();
+}
+
 void BehaviorInstance::run(std::string module, boost::shared_ptr<ZRBroker> broker) {
   {
     std::lock_guard<std::mutex> lock(fMutex);
@@ -47,6 +52,7 @@ void BehaviorInstance::run(std::string module, boost::shared_ptr<ZRBroker> broke
                     "behavior instance " + fId + " (" + fName + ") is already running", __FILE__,
                     __LINE__);
     }
+    fStarted = true;
     if (fExitRequested.exchange(false)) return;  // stopped before it started
     fRunning = true;
   }

@@ -36,6 +36,9 @@ class BehaviorInstance {
   void run(std::string module, boost::shared_ptr<ZRBroker> broker);
   void requestExit();
   bool isRunning() const;
+  // True until the first run begins or an exit is requested: an instance made ready
+  // ahead of its run (a preload) that nobody has used yet.
+  bool isWaitingForFirstRun() const;
 
  private:
   struct Context;
@@ -50,12 +53,13 @@ class BehaviorInstance {
   const std::string fName;
   const std::shared_ptr<const BehaviorProgram> fProgram;
 
-  // Guards fRunning and the waits on fWake; fExitRequested is also read without it
+  // Guards fRunning, fStarted and the waits on fWake; fExitRequested is also read without it
   // between steps, and written under it so that a waiting run cannot miss it.
   mutable std::mutex fMutex;
   std::condition_variable fWake;
   std::atomic<bool> fExitRequested{false};
   bool fRunning = false;
+  bool fStarted = false;  // a run has begun at least once
 };
 
 }  // namespace detail

@@ -38,7 +38,12 @@ ZRFrameManager::ZRFrameManager(boost::shared_ptr<ZRBroker> broker, const std::st
 
 ZRFrameManager::~ZRFrameManager() {
   if (getParentBroker()) getParentBroker()->unregisterModule(this);
-  cleanBehaviors();
+  std::map<std::string, std::shared_ptr<detail::BehaviorInstance>> instances;
+  {
+    std::lock_guard<std::mutex> lock(fInstancesMutex);
+    instances.swap(fInstances);
+  }
+  for (const auto& entry : instances) entry.second->requestExit();
 }
 
 void ZRFrameManager::bindMethods() {
@@ -65,7 +70,10 @@ void ZRFrameManager::bindMethods() {
               "Destroy an instance, exiting it first if it runs. Ignored for an unknown id.",
               {{"id", "the instance id"}}});
   bindMember(this, &ZRFrameManager::cleanBehaviors,
-             {"cleanBehaviors", "Exit and destroy every instance.", {}});
+             {"cleanBehaviors",
+              "Exit and destroy every instance that runs or has run. Instances that wait "
+              "for their first run stay.",
+              {}});
   bindMember(this, &ZRFrameManager::isBehaviorRunning,
              {"isBehaviorRunning",
               "Tell whether an instance is running. False for an unknown id.",
@@ -141,12 +149,21 @@ void ZRFrameManager::deleteBehavior(const std::string& id) {
 }
 
 void ZRFrameManager::cleanBehaviors() {
-  std::map<std::string, std::shared_ptr<detail::BehaviorInstance>> instances;
+  // An instance made ready ahead of its run belongs to whoever loaded it and still
+  // holds its id; dropping it would turn that owner's next run into an error.
+  std::vector<std::shared_ptr<detail::BehaviorInstance>> dropped;
   {
     std::lock_guard<std::mutex> lock(fInstancesMutex);
-    instances.swap(fInstances);
+    for (auto entry = fInstances.begin(); entry != fInstances.end();) {
+      if (entry->second->isWaitingForFirstRun()) {
+        ++entry;
+      } else {
+        dropped.push_back(entry->second);
+        entry = fInstances.erase(entry);
+      }
+    }
   }
-  for (const auto& entry : instances) entry.second->requestExit();
+  for (const auto& instance : dropped) instance->requestExit();
 }
 
 bool ZRFrameManager::isBehaviorRunning(const std::string& id) {

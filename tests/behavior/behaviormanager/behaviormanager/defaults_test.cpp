@@ -476,6 +476,16 @@ TEST_F(DefaultsStart, DotDefaultIsStartedOnceAndBeforeTheListIsEvenRead) {
   }
 }
 
+TEST_F(Defaults, AUserDefaultThatTheSystemLibraryAlsoHoldsStartsTheUserCopy) {
+  makeBehavior(systemRoot() / "twin", gateBehavior("system twin"));
+  makeBehavior(userRoot() / "twin", gateBehavior("user twin"));
+  start();
+  call("addDefaultBehavior", "User/twin");
+  EXPECT_EQ(remoteDefaults(), std::vector<std::string>{"twin"});
+  EXPECT_EQ(announceReady(ZR::ZRValue(1)), 1);
+  EXPECT_EQ(gate->entered(), std::vector<std::string>{"user twin"});
+}
+
 TEST_F(Defaults, DotDefaultStartsWhenInstalledEvenIfNotListedAndNotWhenOnlyListed) {
   makeBehavior(userRoot() / ".default", gateBehavior(".default"));
   makeBehavior(userRoot() / "a", gateBehavior("a"));

@@ -4,7 +4,8 @@
 // run that ignores exit requests, an exit request that throws, a run that fails. Header-only: each suite
 // is its own executable.
 //
-// An instance runs until it is exited (exitBehavior, deleteBehavior or cleanBehaviors),
+// An instance runs until it is exited (exitBehavior, deleteBehavior or cleanBehaviors,
+// which like the real one keeps instances that have not run yet),
 // like a behavior that repeats until stopped, unless the name was marked quick. As with
 // the real module, an exit requested before the run starts ends the next run at once.
 #pragma once
@@ -12,6 +13,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <mutex>
 #include <set>
@@ -150,6 +152,7 @@ private:
   struct Instance {
     std::string name;
     bool exitRequested = false;
+    bool started = false;  // completeBehavior has been called for it
   };
 
   void bind(const std::string& method, const std::vector<std::string>& params, int resultCode,
@@ -199,6 +202,7 @@ private:
                         __LINE__);
     }
     const std::string name = found->second.name;
+    found->second.started = true;
     const auto runFault = fRunFaults.find(name);
     if (runFault != fRunFaults.end()) {
       throw ZR::ZRError("ZRFrameManager", "completeBehavior", runFault->second, __FILE__,
@@ -240,7 +244,11 @@ private:
   void cleanBehaviors() {
     std::lock_guard<std::mutex> lock(fMutex);
     record("cleanBehaviors()");
-    fInstances.clear();
+    // As the real module does: instances still waiting for their first run stay.
+    for (auto entry = fInstances.begin(); entry != fInstances.end();) {
+      const bool left = entry->second.started || entry->second.exitRequested;
+      entry = left ? fInstances.erase(entry) : std::next(entry);
+    }
     fChanged.notify_all();
   }
 

@@ -203,6 +203,57 @@ TEST_F(Running, StoppingABehaviorThatIsNotRunningDoesNothing) {
   EXPECT_EQ(frameManager->getBehaviorInstances().size(), 1u);
 }
 
+// A user behavior and a system behavior of the same name.
+class ShadowedName : public LifecycleTest {
+protected:
+  void SetUp() override {
+    LifecycleTest::SetUp();
+    userBehavior("twin", untilStoppedXar());
+    systemBehavior("twin", endsAtOnceXar());
+  }
+};
+
+TEST_F(ShadowedName, TheUserCopyIsReadFromTheUserLibraryWhenLoadedByItsUserName) {
+  startReal();
+  ASSERT_TRUE(manager->loadBehavior("User/twin"));
+  EXPECT_EQ(manager->behaviorState("twin"), StateLoaded);
+  EXPECT_TRUE(manager->isBehaviorLoaded("twin"));
+  EXPECT_FALSE(manager->isBehaviorLoaded("System/twin"));
+}
+
+TEST_F(ShadowedName, TheUserCopyRunsByItsUserNameAndStopAllStopsIt) {
+  startReal();
+  std::future<CallResult> run = callAsync("runBehavior", {"User/twin"});
+  ASSERT_TRUE(eventually([&] { return manager->behaviorState("twin") == StateRunning; }));
+  EXPECT_EQ(manager->getRunningBehaviors(), Names{"twin"});
+  manager->stopAllBehaviors();
+  const CallResult result = run.get();
+  EXPECT_FALSE(result.threw) << result.description;
+  EXPECT_EQ(manager->behaviorState("twin"), StateUnloaded);
+  EXPECT_TRUE(manager->getRunningBehaviors().empty());
+}
+
+TEST_F(ShadowedName, TheSystemCopyRunsByItsBareName) {
+  startReal();
+  // The system copy ends at once; the user copy would run until stopped.
+  std::future<CallResult> run = callAsync("runBehavior", {"twin"});
+  ASSERT_EQ(run.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  const CallResult result = run.get();
+  EXPECT_FALSE(result.threw) << result.description;
+  EXPECT_EQ(manager->behaviorState("System/twin"), StateUnloaded);
+  EXPECT_EQ(manager->behaviorState("twin"), StateUnloaded);
+}
+
+TEST_F(Running, StopAllKeepsPreloadedSystemBehaviorsRunnable) {
+  startReal();
+  ASSERT_TRUE(manager->loadBehavior("System/stand"));
+  manager->stopAllBehaviors();
+  EXPECT_TRUE(manager->isBehaviorLoaded("System/stand"));
+  const CallResult result = call("runBehavior", {"System/stand"});
+  EXPECT_FALSE(result.threw) << result.description;
+  EXPECT_EQ(manager->behaviorState("System/stand"), StateLoaded);
+}
+
 TEST_F(Running, IsBehaviorRunningOfAnUnknownNameIsFalse) {
   startReal();
   EXPECT_FALSE(manager->isBehaviorRunning("ghost"));

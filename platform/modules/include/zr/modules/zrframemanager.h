@@ -32,7 +32,7 @@ class ZRFrameManager : public ZRModule {
  public:
   explicit ZRFrameManager(boost::shared_ptr<ZRBroker> broker,
                           const std::string& name = "ZRFrameManager");
-  ~ZRFrameManager() override;  // exits every running instance
+  ~ZRFrameManager() override;  // exits and drops every instance
 
   // Reads and checks the file (a folder stands for its behavior.xar) and creates an
   // instance. The id is unique for the life of the process. ZRError for a missing,
@@ -51,7 +51,9 @@ class ZRFrameManager : public ZRModule {
   // Destroys the instance, exiting it first if it runs. Unknown ids are ignored.
   void deleteBehavior(const std::string& id);
 
-  // Exits and deletes every instance.
+  // Exits and deletes every instance that runs, has run or was asked to exit: what is
+  // left over once runs are over. Instances created and not yet run (preloaded) stay,
+  // since their owners still hold their ids. The destructor drops every instance.
   void cleanBehaviors();
 
   bool isBehaviorRunning(const std::string& id);
