@@ -11,9 +11,8 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <map>
-#include <mutex>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -84,7 +83,9 @@ public:
   void setEndsItsCallsWhenDestroyed(bool ends) { fEndsItsCallsWhenDestroyed.store(ends); }
   bool endsItsCallsWhenDestroyed() const { return fEndsItsCallsWhenDestroyed.load(); }
 
-  // Counts one call in the module for as long as it lives (used by the broker).
+  // Counts one call in the module for as long as it lives (used by the broker). It
+  // holds the count itself, not the module: a module may be destroyed as soon as its
+  // method has done its work, while the call is still returning.
   class CallInProgress {
   public:
     explicit CallInProgress(const ZRModuleCore& module);
@@ -93,7 +94,9 @@ public:
     CallInProgress& operator=(const CallInProgress&) = delete;
 
   private:
-    const ZRModuleCore& fModule;
+    struct Count;
+    friend class ZRModuleCore;
+    std::shared_ptr<Count> fCount;
   };
 
 private:
@@ -110,11 +113,8 @@ private:
   ZRMethodInfo fCurrent;
   bool fHasCurrent = false;
 
-  // Guards fCalls; fCallsReturned is notified when it drops. Never held while a
-  // method runs.
-  mutable std::mutex fCallsMutex;
-  mutable std::condition_variable fCallsReturned;
-  mutable int fCalls = 0;
+  // The calls running in the module; shared with them (see CallInProgress).
+  const std::shared_ptr<CallInProgress::Count> fCalls;
   std::atomic<bool> fEndsItsCallsWhenDestroyed{false};
 };
 

@@ -4,34 +4,44 @@
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
 
 namespace ZR {
 
+struct ZRModuleCore::CallInProgress::Count {
+  // Guards calls; returned is notified when it drops. Never held while a method runs.
+  std::mutex mutex;
+  std::condition_variable returned;
+  int calls = 0;
+};
+
 ZRModuleCore::ZRModuleCore(boost::shared_ptr<ZRBroker> broker, const std::string& name)
-    : fName(name), fBroker(std::move(broker)) {}
+    : fName(name), fBroker(std::move(broker)), fCalls(std::make_shared<CallInProgress::Count>()) {}
 
 ZRModuleCore::~ZRModuleCore() = default;
 
-ZRModuleCore::CallInProgress::CallInProgress(const ZRModuleCore& module) : fModule(module) {
-  std::lock_guard<std::mutex> lock(fModule.fCallsMutex);
-  ++fModule.fCalls;
+ZRModuleCore::CallInProgress::CallInProgress(const ZRModuleCore& module)
+    : fCount(module.fCalls) {
+  std::lock_guard<std::mutex> lock(fCount->mutex);
+  ++fCount->calls;
 }
 
 ZRModuleCore::CallInProgress::~CallInProgress() {
-  std::lock_guard<std::mutex> lock(fModule.fCallsMutex);
-  --fModule.fCalls;
-  fModule.fCallsReturned.notify_all();
+  std::lock_guard<std::mutex> lock(fCount->mutex);
+  --fCount->calls;
+  fCount->returned.notify_all();
 }
 
 int ZRModuleCore::callsInProgress() const {
-  std::lock_guard<std::mutex> lock(fCallsMutex);
-  return fCalls;
+  std::lock_guard<std::mutex> lock(fCalls->mutex);
+  return fCalls->calls;
 }
 
 bool ZRModuleCore::waitForCallsToReturn(int timeoutMs) const {
-  std::unique_lock<std::mutex> lock(fCallsMutex);
-  return fCallsReturned.wait_for(lock, std::chrono::milliseconds(std::max(timeoutMs, 0)),
-                                 [this] { return fCalls == 0; });
+  std::unique_lock<std::mutex> lock(fCalls->mutex);
+  return fCalls->returned.wait_for(lock, std::chrono::milliseconds(std::max(timeoutMs, 0)),
+                                   [this] { return fCalls->calls == 0; });
 }
 
 void ZRModuleCore::setModuleDescription(const std::string& description) {

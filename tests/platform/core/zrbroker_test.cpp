@@ -147,3 +147,77 @@ TEST(ZRBroker, ShutdownRefusesNewCallsAndWaitsForCallsInProgress) {
   EXPECT_THROW(broker->call("M", "slow", args({})), ZRError);
   caller.join();
 }
+
+// A module whose "outer" method calls "inner" of another module and waits there until the
+// test lets it go, as a behavior run waits in the frame manager.
+struct NestedCalls {
+  NestedCalls() {
+    inner.add("inner", {}, ZR::TypeCodeVoid, [this](const ZRValue&, ZRValue&) {
+      std::unique_lock<std::mutex> lock(mutex);
+      waiting = true;
+      changed.notify_all();
+      changed.wait(lock, [&] { return released; });
+    });
+    outer.add("outer", {}, ZR::TypeCodeVoid, [this](const ZRValue&, ZRValue&) {
+      broker->call("Inner", "inner", args({}));
+    });
+  }
+  void waitUntilWaiting() {
+    std::unique_lock<std::mutex> lock(mutex);
+    changed.wait(lock, [&] { return waiting; });
+  }
+  void release() {
+    std::lock_guard<std::mutex> lock(mutex);
+    released = true;
+    changed.notify_all();
+  }
+
+  boost::shared_ptr<ZR::ZRBroker> broker = ZR::ZRBroker::create();
+  TestModule outer{broker, "Outer"};
+  TestModule inner{broker, "Inner"};
+  std::mutex mutex;  // guards waiting and released
+  std::condition_variable changed;
+  bool waiting = false;
+  bool released = false;
+};
+
+TEST(ZRBroker, EachModuleCountsTheCallsRunningInIt) {
+  NestedCalls modules;
+  EXPECT_EQ(0, modules.outer.callsInProgress());
+  std::thread caller([&] { modules.broker->call("Outer", "outer", args({})); });
+  modules.waitUntilWaiting();
+  EXPECT_EQ(1, modules.outer.callsInProgress());
+  EXPECT_EQ(1, modules.inner.callsInProgress());
+  EXPECT_FALSE(modules.outer.waitForCallsToReturn(0));
+  modules.release();
+  EXPECT_TRUE(modules.outer.waitForCallsToReturn(60000));
+  EXPECT_TRUE(modules.inner.waitForCallsToReturn(60000));
+  caller.join();
+  EXPECT_EQ(0, modules.outer.callsInProgress());
+}
+
+TEST(ZRBroker, ACallIntoAnotherModuleCountsAsEndedByTheModuleOfTheOutermostCall) {
+  NestedCalls modules;
+  modules.outer.setEndsItsCallsWhenDestroyed(true);
+  std::thread caller([&] { modules.broker->call("Outer", "outer", args({})); });
+  modules.waitUntilWaiting();
+  const ZR::ZRBroker::CallCounts counts = modules.broker->callsInProgress();
+  EXPECT_EQ(2, counts.all);
+  EXPECT_EQ(2, counts.endedByTheirModules);
+  modules.release();
+  caller.join();
+  EXPECT_EQ(0, modules.broker->callsInProgress().all);
+  EXPECT_EQ(0, modules.broker->callsInProgress().endedByTheirModules);
+}
+
+TEST(ZRBroker, CallsOfOrdinaryModulesAreNotEndedByTheirModules) {
+  NestedCalls modules;
+  modules.inner.setEndsItsCallsWhenDestroyed(true);  // only the outermost module counts
+  std::thread caller([&] { modules.broker->call("Outer", "outer", args({})); });
+  modules.waitUntilWaiting();
+  const ZR::ZRBroker::CallCounts counts = modules.broker->callsInProgress();
+  EXPECT_EQ(2, counts.all);
+  EXPECT_EQ(0, counts.endedByTheirModules);
+  modules.release();
+  caller.join();
+}

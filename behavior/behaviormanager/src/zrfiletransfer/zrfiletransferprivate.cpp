@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include <stdsoap2.h>
@@ -24,6 +25,8 @@ constexpr int kIoTimeout = 15;
 // soap_accept returns at least this often (seconds), so the listener sees the stop flag.
 constexpr int kAcceptTimeout = 1;
 constexpr int kBacklog = 1000;
+// Binds tried when the probed port is taken by another process before the server binds it.
+constexpr int kBindAttempts = 16;
 
 void finalise(soap* context) {
   soap_destroy(context);
@@ -72,29 +75,45 @@ int ZRFileTransferPrivate::findFreePort(int port) {
 
 int ZRFileTransferPrivate::newServer(const std::string& host, int port) {
   fPort = findFreePort(port);
-  fServer = soap_new();
-  soap_init2(fServer, SOAP_IO_KEEPALIVE, 0);
-  // Naming the table also links the generated runtime (zrgsoaptables.cpp) into the program.
-  soap_set_namespaces(fServer, namespaces);
-  fServer->send_timeout = kIoTimeout;
-  fServer->recv_timeout = kIoTimeout;
-  fServer->accept_timeout = kAcceptTimeout;
-  fServer->max_keep_alive = -1;
-  fServer->fget = httpGet;
-  fServer->fput = httpPut;
-  fServer->fdel = httpDel;
-  // A client that disconnects during a reply must not raise SIGPIPE in the process.
-  fServer->socket_flags = MSG_NOSIGNAL;
-  fServer->bind_flags = SO_REUSEADDR;
-
-  const SOAP_SOCKET socket = soap_bind(fServer, host.c_str(), fPort, kBacklog);
-  if (!soap_valid_socket(socket)) {
+  // The probe frees the port again before the server binds it, so another process that
+  // probed at the same moment may take it first: then look again above it.
+  for (int attempt = 1;; ++attempt) {
+    fServer = newContext();
+    const SOAP_SOCKET socket = soap_bind(fServer, host.c_str(), fPort, kBacklog);
+    if (soap_valid_socket(socket)) {
+      return socket;
+    }
+    // An address this machine does not have fails on every port alike.
+    const bool addressUnusable =
+        fServer->errnum == EADDRNOTAVAIL || fServer->errnum == EAFNOSUPPORT;
     finalise(fServer);
-    throw ZRError("ZRFileTransfer", "Run server",
-                  "Port " + std::to_string(port) + " is not free. Could not bind to this port.",
-                  "behavior/behaviormanager/src/zrfiletransfer", __LINE__);
+    soap_free(fServer);
+    fServer = nullptr;
+    if (addressUnusable || attempt == kBindAttempts || fPort >= 65535) {
+      throw ZRError("ZRFileTransfer", "Run server",
+                    "Port " + std::to_string(port) + " is not free. Could not bind to this port.",
+                    "behavior/behaviormanager/src/zrfiletransfer", __LINE__);
+    }
+    fPort = findFreePort(fPort + 1);
   }
-  return socket;
+}
+
+soap* ZRFileTransferPrivate::newContext() {
+  soap* context = soap_new();
+  soap_init2(context, SOAP_IO_KEEPALIVE, 0);
+  // Naming the table also links the generated runtime (zrgsoaptables.cpp) into the program.
+  soap_set_namespaces(context, namespaces);
+  context->send_timeout = kIoTimeout;
+  context->recv_timeout = kIoTimeout;
+  context->accept_timeout = kAcceptTimeout;
+  context->max_keep_alive = -1;
+  context->fget = httpGet;
+  context->fput = httpPut;
+  context->fdel = httpDel;
+  // A client that disconnects during a reply must not raise SIGPIPE in the process.
+  context->socket_flags = MSG_NOSIGNAL;
+  context->bind_flags = SO_REUSEADDR;
+  return context;
 }
 
 void ZRFileTransferPrivate::start() {

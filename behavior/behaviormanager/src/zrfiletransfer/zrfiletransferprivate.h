@@ -26,6 +26,8 @@ public:
   // Creates, configures and binds the listening context on `host` and the first free
   // port at or above `port`; returns the bound socket. Throws ZRError when binding fails.
   int newServer(const std::string& host, int port);
+  // A gSOAP context configured for this server (time-outs, hooks, flags), not yet bound.
+  soap* newContext();
 
   // Starts the listener thread. Call once, after newServer.
   void start();
