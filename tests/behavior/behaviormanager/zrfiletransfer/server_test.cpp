@@ -1,5 +1,6 @@
 // The server's life: choosing its port, answering on it, and stopping. Each test builds
-// its own ZRFileTransfer (the program holds the "port15000" lock).
+// its own ZRFileTransfer (the program runs alone, so port 15000 is free unless another
+// program holds it).
 #include <chrono>
 #include <future>
 #include <memory>
