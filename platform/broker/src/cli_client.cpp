@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -14,9 +15,11 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
+#include <boost/beast/core/detail/base64.hpp>
 #include <boost/beast/http.hpp>
 
 #include <tuqvu/broker/json_io.h>
+#include <tuqvu/broker/secret_file.h>
 
 namespace tuqvu {
 namespace broker {
@@ -44,6 +47,33 @@ void connectTo(Socket& socket, const Url& url) {
   net::connect(socket, resolver.resolve(url.host, url.port));
 }
 
+// "Basic ..." with the installation's secret ($TUQVU_SECRET, else the secret file of
+// this user), for brokers that listen beyond loopback; "" when there is none.
+std::string authorization() {
+  std::string secret;
+  if (const char* fromEnvironment = std::getenv("TUQVU_SECRET")) {
+    secret = fromEnvironment;
+  } else {
+    try {
+      secret = readSecret(defaultSecretFile());
+    } catch (const SecretFileError&) {
+      secret.clear();  // a broker on loopback asks for none
+    }
+  }
+  if (secret.empty()) return "";
+  const std::string credentials = "tuqvu:" + secret;
+  std::string encoded(beast::detail::base64::encoded_size(credentials.size()), '\0');
+  encoded.resize(
+      beast::detail::base64::encode(encoded.data(), credentials.data(), credentials.size()));
+  return "Basic " + encoded;
+}
+
+template <typename Body>
+void setAuthorization(http::request<Body>& message) {
+  const std::string credentials = authorization();
+  if (!credentials.empty()) message.set(http::field::authorization, credentials);
+}
+
 struct RpcResponse {
   unsigned status = 0;
   std::string reason;
@@ -60,6 +90,7 @@ RpcResponse postRpc(const Url& url, const std::string& request, const std::strin
   http::request<http::string_body> message{http::verb::post, url.basePath + "/rpc", 11};
   message.set(http::field::host, hostField(url));
   message.set(http::field::content_type, "application/json");
+  setAuthorization(message);
   message.body() = request;
   message.prepare_payload();
   http::write(stream, message);
@@ -128,7 +159,9 @@ void putFile(const Url& server, const UploadItem& item,
   net::io_context ioc;
   tcp::socket socket(ioc);
   connectTo(socket, server);
+  const std::string credentials = authorization();
   const std::string head = "PUT " + item.remote + " HTTP/1.1\r\nHost: " + hostField(server) +
+                           (credentials.empty() ? "" : "\r\nAuthorization: " + credentials) +
                            "\r\nContent-Type: application/octet-stream\r\nContent-Length: " +
                            std::to_string(item.size) + "\r\n\r\n";
   beast::error_code error;
@@ -232,6 +265,7 @@ int runWatch(const Url& url, const std::vector<std::string>& keys) {
   connectTo(stream.socket(), url);
   http::request<http::empty_body> request{http::verb::get, eventsTarget(url.basePath, keys), 11};
   request.set(http::field::host, hostField(url));
+  setAuthorization(request);
   request.set(http::field::accept, "text/event-stream");
   http::write(stream, request);
 

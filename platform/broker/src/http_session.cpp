@@ -1,14 +1,17 @@
 #include <tuqvu/broker/http_session.h>
 
 #include <chrono>
+#include <optional>
 
 #include <boost/asio/dispatch.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/beast/core/string.hpp>
 
+#include <tuqvu/broker/request_guard.h>
 #include <tuqvu/broker/router.h>
 #include <tuqvu/broker/sse_session.h>
 #include <vu/log.h>
+#include <zr/zrnetworkaccess.h>
 
 namespace tuqvu {
 namespace broker {
@@ -99,6 +102,9 @@ void HttpSession::onRead(beast::error_code error, std::size_t) {
 void HttpSession::handle(Request&& request) {
   const unsigned version = request.version();
   const bool keepAlive = request.keep_alive();
+  GuardVerdict verdict = guardRequest(request, ZR::networkAccess(), fContext->sessionToken);
+  if (verdict.refusal) return send(std::move(*verdict.refusal), version, keepAlive);
+  fHandOutSessionCookie = verdict.signedIn;
   Routed routed = route(request, fContext->rpc);
   switch (routed.kind) {
     case Routed::Kind::Respond:
@@ -149,6 +155,10 @@ void HttpSession::startCall(std::function<Response()> call, unsigned version, bo
 
 void HttpSession::send(Response&& response, unsigned version, bool keepAlive,
                        std::shared_ptr<void> token) {
+  if (fHandOutSessionCookie) {
+    response.set(http::field::set_cookie, sessionCookieHeader(fContext->sessionToken));
+    fHandOutSessionCookie = false;
+  }
   response.version(version);
   response.keep_alive(keepAlive);
   response.prepare_payload();

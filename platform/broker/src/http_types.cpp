@@ -1,5 +1,7 @@
 #include <tuqvu/broker/http_types.h>
 
+#include <tuqvu/broker/request_guard.h>
+
 #ifndef TUQVU_VERSION
 #define TUQVU_VERSION "unknown"
 #endif
@@ -12,6 +14,7 @@ Response makeResponse(http::status status, const std::string& contentType, std::
   response.set(http::field::server, "tuqvu/" TUQVU_VERSION);
   response.set(http::field::content_type, contentType);
   response.set(http::field::cache_control, "no-store");
+  response.set("X-Content-Type-Options", "nosniff");
   response.body() = std::move(body);
   return response;
 }
@@ -25,7 +28,9 @@ Response jsonResponse(http::status status, std::string json) {
 }
 
 Response htmlResponse(http::status status, std::string html) {
-  return makeResponse(status, "text/html; charset=utf-8", std::move(html));
+  Response response = makeResponse(status, "text/html; charset=utf-8", std::move(html));
+  addPageSecurityHeaders(response);
+  return response;
 }
 
 Response methodNotAllowed(const std::string& allowed) {

@@ -85,6 +85,7 @@ Options parseOptions(int argc, const char* const* argv) {
       options.port = parseInteger(option, takeValue(), 0, 65535);
     } else if (option == "--bind") {
       options.bind = takeValue();
+      options.bindGiven = true;
       boost::system::error_code error;
       boost::asio::ip::make_address(options.bind, error);
       if (error) throw OptionsError("--bind expects an IP address, not \"" + options.bind + "\"");
@@ -95,6 +96,10 @@ Options parseOptions(int argc, const char* const* argv) {
       options.logLevel = parseInteger(option, takeValue(), 1, 6);
     } else if (option == "--shutdown-grace") {
       options.shutdownGraceMs = parseInteger(option, takeValue(), 0, INT_MAX);
+    } else if (option == "--host-name") {
+      options.hostNames.push_back(takeValue());
+    } else if (option == "--secret-file") {
+      options.secretFile = takeValue();
     } else {
       throw OptionsError("unknown option \"" + option + "\" (try --help)");
     }
@@ -112,7 +117,13 @@ std::string helpText() {
          "\n"
          "Options:\n"
          "  --port PORT          TCP port to listen on (default 9600; 0 takes any free port)\n"
-         "  --bind ADDRESS       address to listen on (default 0.0.0.0)\n"
+         "  --bind ADDRESS       address to listen on (default 127.0.0.1). Any other address\n"
+         "                       requires the installation's secret from every client\n"
+         "  --host-name NAME     a name browsers may use for the robot besides its addresses\n"
+         "                       and localhost (repeatable)\n"
+         "  --secret-file PATH   the installation's secret, made at the first start (mode\n"
+         "                       0600; default $XDG_DATA_HOME/tuqvu/secret, else\n"
+         "                       ~/.local/share/tuqvu/secret)\n"
          "  --module [NAME=]PATH load a module library (repeatable, in this order); NAME\n"
          "                       defaults to the library's module name. Without --module the\n"
          "                       behavior manager library of the build or installation is loaded.\n"
@@ -126,7 +137,8 @@ std::string helpText() {
          "  --version            show the version\n"
          "\n"
          "Environment:\n"
-         "  HOME                 the user's home (user behaviors, preferences)\n"
+         "  HOME                 the user's home (user behaviors, preferences, secret)\n"
+         "  TUQVU_BIND           the address to listen on when --bind is not given\n"
          "  TUQVU_SDK_PREFIX     the installation prefix (system data, default module library)\n"
          "\n"
          "Once listening it prints \"tuqvu: listening on ADDRESS:PORT\" on standard output.\n"

@@ -2,7 +2,9 @@
 
 #include <tuqvu/broker/eval_parser.h>
 #include <tuqvu/broker/json_io.h>
+#include <tuqvu/broker/request_guard.h>
 #include <tuqvu/broker/url.h>
+#include <vu/html.h>
 #include <zr/zrerror.h>
 
 namespace tuqvu {
@@ -64,21 +66,7 @@ Routed modulePage(const std::string& module, const std::shared_ptr<const RpcDisp
 
 }  // namespace
 
-std::string escapeHtml(const std::string& text) {
-  std::string out;
-  out.reserve(text.size());
-  for (const char c : text) {
-    switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      case '\'': out += "&#39;"; break;
-      default: out += c;
-    }
-  }
-  return out;
-}
+std::string escapeHtml(const std::string& text) { return vu::html::escape(text); }
 
 std::string indexPage(const std::vector<std::string>& modules) {
   std::string page =
@@ -110,6 +98,10 @@ Routed route(Request& request, const std::shared_ptr<const RpcDispatcher>& rpc) 
 
   if (path == "/rpc") {
     if (verb != http::verb::post) return respond(methodNotAllowed("POST"));
+    if (!isJsonContentType(request)) {
+      return respond(textResponse(http::status::unsupported_media_type,
+                                  "calls to /rpc must be sent as Content-Type: application/json"));
+    }
     return runCall([rpc, body = std::move(request.body())]() {
       std::string reply = rpc->handle(body);
       if (reply.empty()) return makeResponse(http::status::no_content, "application/json", "");

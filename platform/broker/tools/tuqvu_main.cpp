@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <cstdio>
 #include <future>
 #include <iostream>
@@ -14,15 +15,19 @@
 #include <sys/stat.h>
 #include <thread>
 
+#include <boost/asio/ip/address.hpp>
+
 #include <tuqvu/broker/call_executor.h>
 #include <tuqvu/broker/http_server.h>
 #include <tuqvu/broker/module_loader.h>
 #include <tuqvu/broker/options.h>
 #include <tuqvu/broker/rpc_dispatcher.h>
+#include <tuqvu/broker/secret_file.h>
 #include <tuqvu/broker/server_context.h>
 #include <tuqvu/broker/sse_hub.h>
 #include <vu/log.h>
 #include <zr/zrbroker.h>
+#include <zr/zrnetworkaccess.h>
 
 #include "platform_modules.h"
 
@@ -116,6 +121,34 @@ int main(int argc, char** argv) {
     return 0;
   }
   vu::log::setMaxLevel(options.logLevel);
+  // The service's configuration file sets the address through the environment.
+  if (const char* bind = std::getenv("TUQVU_BIND"); bind != nullptr && !options.bindGiven) {
+    boost::system::error_code error;
+    boost::asio::ip::make_address(bind, error);
+    if (error) {
+      std::cerr << "tuqvu: TUQVU_BIND must be an IP address, not \"" << bind << "\"\n";
+      return 2;
+    }
+    options.bind = bind;
+  }
+
+  // Who may reach the servers of this process: set before any module starts one.
+  ZR::ZRNetworkAccess access;
+  access.bindAddress = options.bind;
+  access.hostNames = options.hostNames;
+  const std::string secretFile =
+      options.secretFile.empty() ? tb::defaultSecretFile() : options.secretFile;
+  try {
+    access.secret = tb::loadOrCreateSecret(secretFile);
+  } catch (const tb::SecretFileError& error) {
+    if (access.requiresCredentials()) {
+      logLine(vu::log::error, "main",
+              std::string("cannot listen beyond loopback without the secret: ") + error.what());
+      return 1;
+    }
+    logLine(vu::log::warning, "main", std::string("no secret: ") + error.what());
+  }
+  ZR::setNetworkAccess(access);
 
   // Every connection and every call in progress takes a descriptor or a thread: allow
   // as many descriptors as the system lets this process have.
@@ -165,6 +198,7 @@ int main(int argc, char** argv) {
   context->rpc = std::make_shared<tb::RpcDispatcher>(broker);
   context->executor = std::make_shared<tb::CallExecutor>();
   context->hub = std::make_shared<tb::SseHub>();
+  context->sessionToken = tb::randomHex(16);
   std::shared_ptr<tb::SseHub> hub = context->hub;
   platform->observeMemory(
       [hub](const std::string& key, const ZR::ZRValue& value) { hub->publish(key, value); });

@@ -90,7 +90,7 @@ TEST_F(DaemonBadInput, OtherMethodsAre405) {
   // An answer to HEAD carries no body, so the next answer on the connection follows it
   // directly.
   const std::string raw = rawExchange(
-      port(), "HEAD / HTTP/1.1\r\nHost: x\r\n\r\nGET / HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n");
+      port(), "HEAD / HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\nGET / HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
   EXPECT_EQ(405, statusOf(raw)) << raw;
   const std::size_t second = raw.find("\r\n\r\n") + 4;
   EXPECT_EQ(200, statusOf(raw.substr(second))) << raw;
@@ -117,7 +117,8 @@ TEST_F(DaemonBadInput, AClientThatSendsHalfARequestDoesNotBlockOthers) {
 TEST_F(DaemonBadInput, ExpectContinueIsHonoured) {
   const std::string body = rpcRequest("TestModule.add", {20, 22});
   RawConnection connection(port());
-  connection.send("POST /rpc HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\nContent-Length: " +
+  connection.send("POST /rpc HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: application/json\r\n"
+                  "Expect: 100-continue\r\nContent-Length: " +
                   std::to_string(body.size()) + "\r\n\r\n");
   EXPECT_EQ(0u, connection.receiveUntil("\r\n\r\n").find("HTTP/1.1 100 Continue\r\n"));
   connection.send(body);

@@ -49,6 +49,27 @@ TEST_F(DaemonRpc, AZRErrorIsMinus32000WithModuleMethodDescriptionSourceAndLine) 
             error["data"]);
 }
 
+TEST_F(DaemonRpc, ErrorDataNameSourceFilesRelativeToTheRepository) {
+  const json reply = rpc(port(), "ZRFrameManager.completeBehavior", {"no-such-id"});
+  ASSERT_TRUE(reply.contains("error")) << reply;
+  const std::string source = reply["error"]["data"]["source"];
+  // Relative to the repository (a compiler cache may have made it relative to the build
+  // folder instead): never a path of the machine that built it.
+  EXPECT_NE('/', source.front()) << source;
+  const std::string file = "platform/modules/src/framemanager/zrframemanager.cpp";
+  ASSERT_GE(source.size(), file.size());
+  EXPECT_EQ(file, source.substr(source.size() - file.size())) << source;
+  EXPECT_EQ(std::string::npos, reply.dump().find(sourceDir())) << reply;
+}
+
+TEST_F(DaemonRpc, TheFrameManagerReadsNoFileButBehaviorFiles) {
+  const json reply = rpc(port(), "ZRFrameManager.newBehaviorFromFile", {"/etc/passwd", "x"});
+  ASSERT_TRUE(reply.contains("error")) << reply;
+  EXPECT_EQ("refused to read /etc/passwd: a behavior file is named behavior.xar",
+            reply["error"]["data"]["description"]);
+  EXPECT_EQ(std::string::npos, reply.dump().find("root:")) << reply;
+}
+
 TEST_F(DaemonRpc, ErrorCodes) {
   EXPECT_EQ(-32601, rpc(port(), "NoModule.echo", {1})["error"]["code"]);
   EXPECT_EQ(-32601, rpc(port(), "TestModule.noSuchMethod", {1})["error"]["code"]);

@@ -14,7 +14,9 @@ Options parse(std::vector<const char*> args) {
 TEST(Options, Defaults) {
   const Options options = parse({});
   EXPECT_EQ(9600, options.port);
-  EXPECT_EQ("0.0.0.0", options.bind);
+  EXPECT_EQ("127.0.0.1", options.bind);  // loopback until the administrator opens it
+  EXPECT_TRUE(options.hostNames.empty());
+  EXPECT_EQ("", options.secretFile);
   EXPECT_EQ(4, options.logLevel);
   EXPECT_FALSE(options.modulesGiven);
   EXPECT_TRUE(options.modules.empty());
@@ -42,6 +44,13 @@ TEST(Options, ReadsEveryOptionInBothForms) {
   EXPECT_EQ(250, options.shutdownGraceMs);
   EXPECT_TRUE(options.showHelp);
   EXPECT_TRUE(options.showVersion);
+}
+
+TEST(Options, HostNamesAndTheSecretFileAreRead) {
+  const Options options = parse({"--host-name", "robot.local", "--host-name=nao",
+                                 "--secret-file", "/etc/tuqvu/secret"});
+  EXPECT_EQ((std::vector<std::string>{"robot.local", "nao"}), options.hostNames);
+  EXPECT_EQ("/etc/tuqvu/secret", options.secretFile);
 }
 
 TEST(Options, RefusesBadValuesWithAReason) {
@@ -74,7 +83,7 @@ TEST(Options, ModuleNamesComeFromTheLibraryFileUnlessGiven) {
 TEST(Options, HelpNamesEveryOption) {
   const std::string help = helpText();
   for (const char* option : {"--port", "--bind", "--module", "--log-level", "--help", "--version",
-                             "HOME", "TUQVU_SDK_PREFIX"}) {
+                             "--host-name", "--secret-file", "HOME", "TUQVU_SDK_PREFIX"}) {
     EXPECT_NE(std::string::npos, help.find(option)) << option;
   }
   EXPECT_EQ(0u, versionText().find("tuqvu "));

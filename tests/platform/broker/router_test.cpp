@@ -22,6 +22,7 @@ protected:
 
   Routed routeOf(http::verb verb, const std::string& target, const std::string& body = "") {
     Request request{verb, target, 11};
+    if (verb == http::verb::post) request.set(http::field::content_type, "application/json");
     request.body() = body;
     return route(request, rpc);
   }
@@ -54,6 +55,22 @@ TEST_F(RouterTest, RpcIsAPostCall) {
   const Response get = answer(http::verb::get, "/rpc");
   EXPECT_EQ(http::status::method_not_allowed, get.result());
   EXPECT_EQ("POST", get[http::field::allow]);
+}
+
+TEST_F(RouterTest, CallsMustBeSentAsJson) {
+  for (const char* type : {"", "text/plain", "application/x-www-form-urlencoded",
+                           "multipart/form-data; boundary=x"}) {
+    Request request{http::verb::post, "/rpc", 11};
+    if (*type != '\0') request.set(http::field::content_type, type);
+    request.body() = R"({"jsonrpc":"2.0","id":1,"method":"Echo.echo","params":[4]})";
+    Routed routed = route(request, rpc);
+    ASSERT_EQ(Routed::Kind::Respond, routed.kind) << type;
+    EXPECT_EQ(http::status::unsupported_media_type, routed.response.result()) << type;
+  }
+  Request charset{http::verb::post, "/rpc", 11};
+  charset.set(http::field::content_type, "Application/JSON; charset=utf-8");
+  charset.body() = R"({"jsonrpc":"2.0","id":1,"method":"Echo.echo","params":[4]})";
+  EXPECT_EQ(Routed::Kind::Call, route(charset, rpc).kind);
 }
 
 TEST_F(RouterTest, EventsTakeDecodedKeys) {

@@ -5,6 +5,7 @@
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
+#include <vu/html.h>
 #include <vu/log.h>
 #include <vu/os.h>
 #include <vu/path.h>
@@ -113,4 +114,10 @@ TEST(VuOs, MsleepIsCountedPerThread) {
   std::thread([&] { other = vu::os::msleepCountOnThisThread(); }).join();
   EXPECT_EQ(vu::os::msleepCountOnThisThread(), before + 2);
   EXPECT_EQ(other, 0u);
+}
+
+TEST(VuHtml, TheFiveCharactersWithAMeaningInHtmlAreEscapedAndOthersKept) {
+  EXPECT_EQ("&lt;img src=&quot;x&quot; onerror=&#39;a&#39;&gt; &amp;amp; é/b_c",
+            vu::html::escape("<img src=\"x\" onerror='a'> &amp; é/b_c"));
+  EXPECT_EQ("", vu::html::escape(""));
 }

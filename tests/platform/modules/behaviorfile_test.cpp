@@ -53,6 +53,15 @@ TEST_F(BehaviorFileTest, AFolderStandsForItsBehaviorFile) {
   EXPECT_EQ(errorOf(empty.str()), "behavior file " + (empty / "behavior.xar") + " does not exist");
 }
 
+TEST_F(BehaviorFileTest, AFileNotNamedBehaviorXarIsRefusedWithoutReadingIt) {
+  const std::string other = write("root:x:0:0:root:/root:/bin/bash\nline two\n", "passwd");
+  const std::string description = errorOf(other);
+  EXPECT_EQ(description, "refused to read " + other + ": a behavior file is named behavior.xar");
+  EXPECT_EQ(errorOf("/etc/passwd"), "refused to read /etc/passwd: a behavior file is named behavior.xar");
+  // A folder holding no behavior.xar but other files is not read either.
+  EXPECT_EQ(errorOf(dir.str()), "behavior file " + (dir / "behavior.xar") + " does not exist");
+}
+
 TEST_F(BehaviorFileTest, AnUnreadableFileIsNamed) {
   // A folder where the file should be cannot be read as a file, whoever runs the test.
   boost::filesystem::create_directories(dir / "odd/behavior.xar");

@@ -36,7 +36,9 @@ class FrameManagerTest : public ::testing::Test {
   int files = 0;
 
   std::string load(const std::string& steps, const std::string& name = "test") {
-    const std::string path = dir / ("b" + std::to_string(++files) + ".xar");
+    const std::string folder = dir / ("b" + std::to_string(++files));
+    boost::filesystem::create_directories(folder);
+    const std::string path = folder + "/behavior.xar";
     std::ofstream(path) << "<behavior>\n" << steps << "\n</behavior>\n";
     return frames->newBehaviorFromFile(path, name);
   }
@@ -250,8 +252,9 @@ TEST_F(FrameManagerTest, IdsAreUniqueAcrossFrameManagers) {
   std::set<std::string> ids;
   for (int i = 0; i < 20; ++i) {
     ids.insert(load(R"(<log text="x"/>)"));
-    std::ofstream(dir / "o.xar") << "<behavior/>";
-    ids.insert(second.newBehaviorFromFile(dir / "o.xar", "o"));
+    boost::filesystem::create_directories(dir / "o");
+    std::ofstream(dir / "o/behavior.xar") << "<behavior/>";
+    ids.insert(second.newBehaviorFromFile(dir / "o/behavior.xar", "o"));
   }
   EXPECT_EQ(ids.size(), 40u);
 }
@@ -294,9 +297,10 @@ TEST_F(FrameManagerTest, TwoHundredInstancesRunAtOnceAndAllStopOnClean) {
 
 TEST_F(FrameManagerTest, TheProxyReachesTheModuleThroughTheBroker) {
   ZRFrameManagerProxy proxy(broker);
-  std::ofstream(dir / "p.xar") << R"(<behavior><set key="ViaProxy" type="int" value="2"/>
+  boost::filesystem::create_directories(dir / "p");
+  std::ofstream(dir / "p/behavior.xar") << R"(<behavior><set key="ViaProxy" type="int" value="2"/>
     <wait ms="600000"/></behavior>)";
-  const std::string id = proxy.newBehaviorFromFile(dir / "p.xar", "proxied");
+  const std::string id = proxy.newBehaviorFromFile(dir / "p/behavior.xar", "proxied");
   auto run = std::async(std::launch::async, [&] { proxy.completeBehavior(id); });
   while (!proxy.isBehaviorRunning(id)) std::this_thread::yield();
   EXPECT_EQ(proxy.getBehaviorInstances(), std::vector<std::string>{id});
@@ -305,7 +309,7 @@ TEST_F(FrameManagerTest, TheProxyReachesTheModuleThroughTheBroker) {
   EXPECT_EQ(memory->getData("ViaProxy"), ZRValue(2));
   proxy.deleteBehavior(id);
   proxy.cleanBehaviors();
-  EXPECT_THROW(proxy.newBehaviorFromFile(dir / "none.xar", "x"), ZRError);
+  EXPECT_THROW(proxy.newBehaviorFromFile(dir / "none/behavior.xar", "x"), ZRError);
 }
 
 TEST_F(FrameManagerTest, TheSampleBehaviorsLoadAndRun) {

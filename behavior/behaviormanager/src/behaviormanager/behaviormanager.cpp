@@ -200,7 +200,7 @@ void ZRBehaviorManager::registerMethods() {
   const char* behaviorParam = "Behavior name ";
   bindRow(this, "_setBehaviorsPath", "Set the user behaviors path.",
           {{"path", "the desired behaviors path, as an utf8 std::string."}}, nullptr, nullptr,
-          &M::setBehaviorsPath);
+          &M::xSetBehaviorsPathForRemoteCaller);
   bindRow(this, "installBehavior",
           "Install a behavior.\nCheck the given local path for a valid behavior or package.\nOn "
           "success, behavior added or updated signal is emitted.",

@@ -138,6 +138,11 @@ public:
   // copy when both libraries hold it), a system behavior's name as it is. Normalising
   // it gives the name back.
   std::string xQualifiedName(const std::string& normalizedName) const;
+  // Throws ZRError when the path may not become the user library (see behaviorstore.cpp).
+  void xCheckUserLibraryPath(const std::string& path);
+  // "_setBehaviorsPath": setBehaviorsPath for remote callers, who may not point the user
+  // library at the installation, the system library, the root or the home directory.
+  void xSetBehaviorsPathForRemoteCaller(const std::string& path);
   // Load, stop and stop-then-unload of a behavior known by its normalised name; the
   // public methods normalise the caller's name and come here. `callerName` is the name
   // their messages and the "System/" test use.

@@ -2,16 +2,72 @@
 #include <boost/algorithm/string/erase.hpp>
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/bind/bind.hpp>
+#include <boost/filesystem.hpp>
 
+#include <vu/os.h>
+#include <vu/path.h>
 #include <vu/project/project.h>
 
 #include "behaviormanager.h"
 #include "detail.h"
 
+namespace fs = boost::filesystem;
+
 namespace ZR {
 namespace BehaviorManager {
 
 using boost::placeholders::_1;
+
+namespace {
+
+// The path with every link resolved, as far as it exists; empty when it cannot be told.
+fs::path resolved(const fs::path& path) {
+  boost::system::error_code error;
+  const fs::path result = fs::weakly_canonical(fs::absolute(path), error);
+  return error ? fs::path() : result;
+}
+
+bool isWithin(const fs::path& inner, const fs::path& outer) {
+  auto a = inner.begin();
+  for (auto b = outer.begin(); b != outer.end(); ++b, ++a) {
+    if (a == inner.end() || *a != *b) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+// A user library receives uploads and installs, and removals delete inside it: it must not
+// be, hold or lie inside what the installation, the system or the home directory needs.
+void ZRBehaviorManager::xCheckUserLibraryPath(const std::string& path) {
+  if (path.empty()) return;  // no library at all
+  const fs::path candidate = resolved(path);
+  if (candidate.empty()) {
+    throw detail::error("setBehaviorsPath",
+                        "the behaviors path " + path + " cannot be resolved", __LINE__);
+  }
+  const auto refuse = [&](const std::string& what) {
+    throw detail::error("setBehaviorsPath",
+                        "the behaviors path " + path + " is refused: it is, holds or lies "
+                        "inside " + what, __LINE__);
+  };
+  if (candidate == candidate.root_path()) refuse("the root directory");
+  const fs::path home = resolved(vu::os::home());
+  if (!home.empty() && isWithin(home, candidate)) refuse("the home directory itself");
+  for (const auto& [raw, what] :
+       {std::make_pair(vu::path::sdkPrefix(), std::string("the installation prefix")),
+        std::make_pair(fSystemLibrary.projectPath(), std::string("the system library"))}) {
+    if (raw.empty()) continue;
+    const fs::path place = resolved(raw);
+    if (place.empty() || place == place.root_path()) continue;
+    if (isWithin(candidate, place) || isWithin(place, candidate)) refuse(what);
+  }
+}
+
+void ZRBehaviorManager::xSetBehaviorsPathForRemoteCaller(const std::string& path) {
+  xCheckUserLibraryPath(path);
+  setBehaviorsPath(path);
+}
 
 void ZRBehaviorManager::setBehaviorsPath(const std::string& path) {
   stopAllBehaviors();

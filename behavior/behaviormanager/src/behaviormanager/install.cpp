@@ -7,6 +7,7 @@
 
 #include <boost/filesystem.hpp>
 
+#include <vu/path.h>
 #include <vu/project/package.h>
 #include <vu/project/project.h>
 
@@ -144,7 +145,10 @@ bool ZRBehaviorManager::installBehavior(const std::string& absolutePath,
       // would lose data: refused.
       const fs::path from = fs::weakly_canonical(project.projectPath());
       const fs::path to = fs::weakly_canonical(dest);
-      if (!namesAPlaceBelowRoot(localPath) ||
+      // Nor may it replace anything of the installation, wherever the library lies.
+      const std::string prefix = vu::path::sdkPrefix();
+      if ((!prefix.empty() && isWithin(to, fs::weakly_canonical(prefix))) ||
+          !namesAPlaceBelowRoot(localPath) ||
           !isWithin(to, fs::weakly_canonical(fUserLibrary.projectPath())) ||
           (from != to && (isWithin(from, to) || isWithin(to, from)))) {
         throw std::runtime_error("\"" + localPath +

@@ -1,5 +1,9 @@
 // The module's page in the broker's web interface: loaded, running and installed
 // behaviors, with links that play or stop one through "?eval=" requests.
+#include <cctype>
+
+#include <vu/html.h>
+
 #include "behaviormanager.h"
 #include "detail.h"
 
@@ -41,6 +45,28 @@ std::string requestPair(const std::string& function, const std::string& first,
 
 const char* const kTableOpen = "<table cellspacing=\"5\" cellpadding=\"5\">";
 
+// A name inside the quoted string of a "javascript:" link. The attribute is decoded as
+// HTML, then as a URL (%XX), then run as a script: every ASCII character outside letters,
+// digits and " _-./" becomes a \xHH escape, which none of the three decodings touches.
+// Bytes of multi-byte UTF-8 characters pass unchanged.
+std::string scriptString(const std::string& name) {
+  static const char* const kHex = "0123456789abcdef";
+  std::string out;
+  out.reserve(name.size());
+  for (const char c : name) {
+    const unsigned char byte = static_cast<unsigned char>(c);
+    if (byte >= 0x80 || std::isalnum(byte) || c == ' ' || c == '_' || c == '-' || c == '.' ||
+        c == '/') {
+      out += c;
+    } else {
+      out += "\\x";
+      out += kHex[byte >> 4];
+      out += kHex[byte & 0xF];
+    }
+  }
+  return out;
+}
+
 }  // namespace
 
 std::string ZRBehaviorManager::javaScriptCode() const {
@@ -56,7 +82,7 @@ std::string ZRBehaviorManager::httpGet() {
       page += std::string("<i><u>Loaded behaviors</u></i><br>") + kTableOpen +
               "<tr><td><b>Name</b></td><td><b>Loaded by dependency</b></td></tr>";
       for (const auto& entry : fLoadedBehaviors) {
-        page += "<tr><td>" + entry.first + "</td><td>" + "</td></tr>";
+        page += "<tr><td>" + vu::html::escape(entry.first) + "</td><td>" + "</td></tr>";
       }
       page += "</table><br><br><br>";
     }
@@ -67,8 +93,8 @@ std::string ZRBehaviorManager::httpGet() {
       page += std::string("<i><u>Running behaviors</u></i><br>") + kTableOpen +
               "<tr><td><b>Name</b></td></tr>";
       for (const std::string& name : fRunning) {
-        page += "<tr><td><a href=\"javascript:stopBehavior('" + name + "');\">" + name +
-                "</a></td></tr>";
+        page += "<tr><td><a href=\"javascript:stopBehavior('" + scriptString(name) + "');\">" +
+                vu::html::escape(name) + "</a></td></tr>";
       }
       page += "</table><br><br><br>";
     }
@@ -78,8 +104,8 @@ std::string ZRBehaviorManager::httpGet() {
     page += std::string("<i><u>Installed behaviors</u></i><br>") + kTableOpen +
             "<tr><td><b>Name</b></td></tr>";
     for (const std::string& name : installed) {
-      page += "<tr><td><a href=\"javascript:playBehavior('" + name + "');\">" + name +
-              "</a></td></tr>";
+      page += "<tr><td><a href=\"javascript:playBehavior('" + scriptString(name) + "');\">" +
+              vu::html::escape(name) + "</a></td></tr>";
     }
     page += "</table>";
   }

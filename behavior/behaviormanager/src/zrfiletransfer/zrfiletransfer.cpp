@@ -1,6 +1,7 @@
 #include <zrfiletransfer/zrfiletransfer.h>
 
 #include <vu/os.h>
+#include <zr/zrnetworkaccess.h>
 
 #include <zrfiletransfer/zrhttphandlers.h>
 
@@ -9,7 +10,6 @@
 namespace ZR {
 namespace {
 
-constexpr const char* kHost = "0.0.0.0";  // every IPv4 interface
 constexpr int kPreferredPort = 15000;
 // Pause between binding and serving.
 constexpr unsigned int kStartDelayMs = 400;
@@ -18,7 +18,8 @@ constexpr unsigned int kStartDelayMs = 400;
 
 ZRFileTransfer::ZRFileTransfer() : _p(new ZRFileTransferPrivate) {
   try {
-    _p->newServer(kHost, kPreferredPort);
+    // The address the broker listens on (loopback unless the administrator opened it).
+    _p->newServer(networkAccess().bindAddress, kPreferredPort);
   } catch (...) {
     delete _p;
     throw;

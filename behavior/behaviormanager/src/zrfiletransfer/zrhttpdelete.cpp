@@ -13,6 +13,9 @@ namespace fs = boost::filesystem;
 namespace ZR {
 
 int httpDel(soap* connection) {
+  if (detail::refusedWithoutSecret(connection)) {
+    return 0;
+  }
   const fs::path relative = detail::relativeRequestPath(connection, true);
   if (relative.empty()) {
     return -1;

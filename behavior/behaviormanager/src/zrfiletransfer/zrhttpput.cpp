@@ -97,6 +97,9 @@ bool receiveBody(soap* connection, std::FILE* stream, const fs::path& target) {
 }  // namespace
 
 int httpPut(soap* connection) {
+  if (detail::refusedWithoutSecret(connection)) {
+    return 0;
+  }
   const fs::path relative = detail::relativeRequestPath(connection, true);
   if (relative.empty()) {
     return -1;

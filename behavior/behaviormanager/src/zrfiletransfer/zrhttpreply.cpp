@@ -1,6 +1,7 @@
 #include "zrhttpreply.h"
 
 #include <vu/unicode.h>
+#include <zr/zrnetworkaccess.h>
 
 #include <zrfiletransfer/zrhttphandlers.h>
 
@@ -23,6 +24,22 @@ std::string statusLine(const soap* connection, const std::string& status) {
 int sendNow(soap* connection, const std::string& text) {
   connection->mode &= ~SOAP_IO;
   return soap_send(connection, text.c_str());
+}
+
+bool refusedWithoutSecret(soap* connection) {
+  const ZRNetworkAccess access = networkAccess();
+  if (!access.requiresCredentials()) return false;
+  if (connection->passwd != nullptr && access.acceptsSecret(connection->passwd)) return false;
+  const std::string body = "401 - Unauthorized: this robot asks for its secret\n";
+  sendNow(connection, statusLine(connection, "401 Unauthorized") +
+                          "Server: TuqVu\n"
+                          "WWW-Authenticate: Basic realm=\"tuqvu\"\n"
+                          "Content-Type: text/plain\n"
+                          "Content-Length: " + std::to_string(body.size()) + "\n"
+                          "Connection: close\n"
+                          "\n" + body);
+  connection->keep_alive = 0;  // the body that may follow is not read
+  return true;
 }
 
 }  // namespace detail

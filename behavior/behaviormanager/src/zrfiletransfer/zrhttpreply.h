@@ -27,5 +27,10 @@ std::string statusLine(const soap* connection, const std::string& status);
 // only buffer the reply.
 int sendNow(soap* connection, const std::string& text);
 
+// Once the server listens beyond loopback, a request that changes files must present the
+// installation's secret (HTTP Basic, any user name). Without it this answers 401, ends
+// the connection and returns true; the hook then returns 0 without acting.
+bool refusedWithoutSecret(soap* connection);
+
 }  // namespace detail
 }  // namespace ZR

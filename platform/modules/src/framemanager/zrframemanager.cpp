@@ -15,6 +15,7 @@ namespace ZR {
 namespace {
 
 const char* const kCategory = "zr.framemanager";
+const char* const kBehaviorFileName = "behavior.xar";
 
 // Ids are unique in the process, across frame managers.
 std::string nextInstanceId() {
@@ -97,7 +98,14 @@ std::string ZRFrameManager::newBehaviorFromFile(const std::string& xarPath,
   std::string path = xarPath;
   boost::system::error_code error;
   if (boost::filesystem::is_directory(path, error)) {
-    path = (boost::filesystem::path(path) / "behavior.xar").string();
+    path = (boost::filesystem::path(path) / kBehaviorFileName).string();
+  }
+  // Only behavior files are read: a remote caller must not learn anything about other
+  // files of the robot from the errors a parse of them would give.
+  if (boost::filesystem::path(path).filename() != kBehaviorFileName) {
+    throw ZRError(getName(), "newBehaviorFromFile",
+                  "refused to read " + path + ": a behavior file is named " + kBehaviorFileName,
+                  __FILE__, __LINE__);
   }
   std::shared_ptr<const detail::BehaviorProgram> program =
       detail::loadBehaviorProgram(getName(), path);

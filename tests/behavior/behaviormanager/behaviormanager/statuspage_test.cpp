@@ -92,15 +92,34 @@ TEST_F(StatusPage, LoadedRunningAndInstalledSectionsHaveTheirExactRows) {
   EXPECT_EQ(page, expected);
 }
 
-TEST_F(StatusPage, RowsCarryNamesAsTheyAreWithoutEscaping) {
+TEST_F(StatusPage, RowsCarryPlainNamesUnchanged) {
   startPlatform();
   startManager();
-  // A name as the registry might hold it: the page prints it untouched.
+  // A name without special characters is printed untouched.
   manager->setBehaviorState("User/a", ZR::BehaviorManager::StateRunning);
   const std::string page = manager->httpGet();
   EXPECT_NE(page.find("<tr><td><a href=\"javascript:stopBehavior('User/a');\">User/a</a></td></tr>"),
             std::string::npos);
   manager->setBehaviorState("User/a", ZR::BehaviorManager::StateUnloaded);
+}
+
+TEST_F(StatusPage, AHostileNameIsEscapedInTheTextAndInTheScriptOfItsLink) {
+  startPlatform();
+  startManager();
+  const std::string name = "x<img src=x onerror=alert(1)>'\");alert(2)//%27&amp;";
+  manager->setBehaviorState(name, ZR::BehaviorManager::StateRunning);
+  const std::string page = manager->httpGet();
+  manager->setBehaviorState(name, ZR::BehaviorManager::StateUnloaded);
+  EXPECT_EQ(page.find("<img"), std::string::npos) << page;
+  EXPECT_EQ(page.find("alert(1)>"), std::string::npos);
+  const std::string text = "x&lt;img src=x onerror=alert(1)&gt;&#39;&quot;);alert(2)//%27&amp;amp;";
+  const std::string script =
+      "x\\x3cimg src\\x3dx onerror\\x3dalert\\x281\\x29\\x3e\\x27\\x22\\x29\\x3balert\\x282\\x29//"
+      "\\x2527\\x26amp\\x3b";
+  EXPECT_NE(page.find("<tr><td><a href=\"javascript:stopBehavior('" + script + "');\">" + text +
+                      "</a></td></tr>"),
+            std::string::npos)
+      << page;
 }
 
 TEST_F(StatusPage, FileTransferPortIsTheServersPort) {

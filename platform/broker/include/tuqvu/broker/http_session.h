@@ -43,6 +43,9 @@ private:
   boost::beast::flat_buffer fBuffer;
   std::optional<http::request_parser<http::string_body>> fParser;
   std::shared_ptr<Response> fResponse;  // the response being written
+  // The request being answered came with the secret: its answer sets the session cookie.
+  // Touched only by this session's handlers, one request at a time.
+  bool fHandOutSessionCookie = false;
   std::shared_ptr<ServerContext> fContext;
   char fDiscard[16384];
 };

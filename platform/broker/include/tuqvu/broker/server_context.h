@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <memory>
+#include <string>
 
 #include <tuqvu/broker/call_executor.h>
 #include <tuqvu/broker/rpc_dispatcher.h>
@@ -21,6 +22,9 @@ struct ServerContext {
   // Set when the broker shuts down: new calls are answered 503 and not made, while the
   // modules themselves may still call one another.
   std::atomic<bool> refusingCalls{false};
+  // The value of the session cookie handed to clients that presented the secret; made
+  // at start-up, never the secret itself.
+  std::string sessionToken;
 };
 
 }  // namespace broker
