@@ -307,7 +307,7 @@ def main():
             final.check_ledger(world, clients, end_client, checks)
             final.check_usable(world, clients, ports, checks)
             final.check_defaults(world, end_client, checks)
-            final.stop_all(end_client, checks)
+            final.stop_all(world, end_client, checks)
         except Exception as error:  # a transport failure while checking
             checks.add("end checks ran to completion", False, f"{type(error).__name__}: {error}")
     checks.add("tuqvu still running after the load and the checks", broker.alive())

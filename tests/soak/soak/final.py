@@ -188,7 +188,9 @@ def check_nothing_runs(end_client, checks, label):
     return checks.add(label, not problems, "; ".join(problems))
 
 
-def stop_all(end_client, checks):
+def stop_all(world, end_client, checks):
+    """stopAllBehaviors ends every run; the frame manager keeps only the instances of
+    behaviors that are loaded and waiting for their next run (preloads)."""
     rpc = end_client.rpc
     problems = []
     ok, instances = strict_call(rpc, problems, "ZRFrameManager.getBehaviorInstances")
@@ -202,11 +204,28 @@ def stop_all(end_client, checks):
     if ok and published != []:
         problems.append(f"BehaviorsRun = {published}")
     ok, instances = strict_call(rpc, problems, "ZRFrameManager.getBehaviorInstances")
-    if ok and instances != []:
-        problems.append(f"frame-manager instances left: {short_list(instances)}")
-    return checks.add("stopAllBehaviors: nothing running, \"BehaviorsRun\" is [], "
-                      "no frame-manager instance left", not problems,
-                      f"{before} instances before" + ("; " + "; ".join(problems) if problems else ""))
+    kept = 0
+    if ok and instances:
+        with world.lock:
+            names = [n for n, b in world.behaviors.items() if not b.removed]
+        names = ["User/" + n for n in names] + list(world.system_behaviors)
+        loaded = set()
+        for name in names:
+            got, instance = strict_call(rpc, problems, BM + "_getBehaviorFrameManagerId", name)
+            if got and instance:
+                loaded.add(instance)
+        strays = [i for i in instances if i not in loaded]
+        if strays:
+            problems.append(f"frame-manager instances of no loaded behavior: {short_list(strays)}")
+        for instance in instances:
+            got, runs = strict_call(rpc, problems, "ZRFrameManager.isBehaviorRunning", instance)
+            if got and runs:
+                problems.append(f"instance {instance} still running")
+        kept = len(instances) - len(strays)
+    return checks.add("stopAllBehaviors: nothing running, \"BehaviorsRun\" is [], only the "
+                      "instances of loaded behaviors left", not problems,
+                      f"{before} instances before, {kept} preloaded kept" +
+                      ("; " + "; ".join(problems) if problems else ""))
 
 
 def check_defaults(world, end_client, checks):
