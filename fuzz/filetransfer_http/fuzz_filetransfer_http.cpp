@@ -24,6 +24,7 @@
 
 #include <stdsoap2.h>
 
+#include <zr/zrnetworkaccess.h>
 #include <zrfiletransfer/zrfiletransferprivate.h>
 #include <zrfiletransfer/zrhttphandlers.h>
 
@@ -93,6 +94,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   fuzzsupport::silenceLog();
   fuzzsupport::Sandbox::instance();
   ZR::fillContentTypeTable();
+  // The seed inputs call the robot "robot", a name it would be configured with.
+  ZR::ZRNetworkAccess access;
+  access.hostNames = {"robot"};
+  ZR::setNetworkAccess(access);
   ::signal(SIGPIPE, SIG_IGN);
   return 0;
 }

@@ -26,6 +26,7 @@ ZRFileTransfer::ZRFileTransfer() : _p(new ZRFileTransferPrivate) {
   }
   // Filled before the listener runs, so no request ever sees a partial table.
   fillContentTypeTable();
+  loadPutSizeLimit();
   vu::os::msleep(kStartDelayMs);
   _p->start();
 }

@@ -10,16 +10,20 @@
 //   <file bytes>                         b/
 #include <zrfiletransfer/zrhttphandlers.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
-#include <cstdio>
+#include <cerrno>
+#include <cstring>
 #include <vector>
 
-#include <boost/filesystem/operations.hpp>
-
 #include <vu/log.h>
-#include <vu/os.h>
 
+#include "zrbeneath.h"
 #include "zrhttpreply.h"
+#include "zrrequestguard.h"
+#include "zrwriteguard.h"
 
 namespace fs = boost::filesystem;
 
@@ -45,18 +49,31 @@ void sendNotFound(soap* connection) {
   detail::sendNow(connection, reply);
 }
 
-void sendListing(soap* connection, const fs::path& directory) {
+// One line per entry, "/" after directories. A name holding a line feed or another
+// control character would not fit on one line: such names are left out (and logged), as
+// no request could name them anyway.
+void sendListing(soap* connection, int directory, const fs::path& requestPath) {
+  std::vector<detail::DirectoryEntry> entries;
+  if (!detail::listDirectory(directory, &entries)) {
+    logError(requestPath.string() + ": " + std::strerror(errno));
+  }
   std::string listing;
-  try {
-    for (fs::directory_iterator it(directory), end; it != end; ++it) {
-      listing += it->path().filename().string();
-      if (fs::is_directory(it->status())) {
-        listing += "/";
-      }
-      listing += "\n";
+  std::size_t skipped = 0;
+  for (const detail::DirectoryEntry& entry : entries) {
+    if (detail::holdsControlCharacter(entry.name)) {
+      ++skipped;
+      continue;
     }
-  } catch (const fs::filesystem_error& e) {
-    logError(e.what());
+    listing += entry.name;
+    if (entry.isDirectory) {
+      listing += "/";
+    }
+    listing += "\n";
+  }
+  if (skipped > 0) {
+    vu::log::write(vu::log::warning, detail::kNetworkLog, "httpGetFile",
+                   "Not listed in " + requestPath.string() + ": " + std::to_string(skipped) +
+                       " name(s) holding control characters");
   }
   const std::string reply = detail::statusLine(connection, "200 OK") +
                             "Server: TuqVu\n"
@@ -67,24 +84,7 @@ void sendListing(soap* connection, const fs::path& directory) {
   detail::sendNow(connection, reply);
 }
 
-void sendFile(soap* connection, const fs::path& file) {
-  std::FILE* stream = vu::os::fopen(file.string().c_str(), "rb");
-  if (stream == nullptr) {
-    sendNotFound(connection);
-    return;
-  }
-  // Blocks are as large as stdio's buffer would be: read straight into them.
-  std::setvbuf(stream, nullptr, _IONBF, 0);
-  long size = -1;
-  if (std::fseek(stream, 0, SEEK_END) == 0) {
-    size = std::ftell(stream);
-  }
-  if (size < 0 || std::fseek(stream, 0, SEEK_SET) != 0) {
-    std::fclose(stream);
-    sendNotFound(connection);
-    return;
-  }
-
+void sendFile(soap* connection, int file, off_t size, const std::string& extension) {
   const std::string head = detail::statusLine(connection, "200 OK") +
                            "Server: TuqVu\n"
                            "Tuqvu-File-Type: regular-file\n"
@@ -92,23 +92,26 @@ void sendFile(soap* connection, const fs::path& file) {
                            std::to_string(size) +
                            "\n"
                            "Content-Type: " +
-                           contentTypeFor(file.extension().string()) +
+                           contentTypeFor(extension) +
                            "\n"
                            "Connection: keep-alive\n\n";
-  long remaining = size;
+  off_t remaining = size;
   if (detail::sendNow(connection, head) == SOAP_OK) {
     std::vector<char> block(kBlockSize);
     // Never more than the announced length, even if the file grows meanwhile.
     while (remaining > 0) {
       const std::size_t wanted = std::min<std::size_t>(kBlockSize, remaining);
-      const std::size_t read = std::fread(block.data(), 1, wanted, stream);
-      if (read == 0 || soap_send_raw(connection, block.data(), read) != SOAP_OK) {
+      const ssize_t read = ::read(file, block.data(), wanted);
+      if (read < 0 && errno == EINTR) {
+        continue;
+      }
+      if (read <= 0 ||
+          soap_send_raw(connection, block.data(), static_cast<std::size_t>(read)) != SOAP_OK) {
         break;
       }
-      remaining -= static_cast<long>(read);
+      remaining -= read;
     }
   }
-  std::fclose(stream);
   if (remaining > 0) {
     // The body is shorter than announced: the client can only tell by the close.
     connection->keep_alive = 0;
@@ -118,38 +121,52 @@ void sendFile(soap* connection, const fs::path& file) {
 }  // namespace
 
 bool httpGetFile(soap* connection) {
+  if (detail::refuseRequest(connection, detail::Access::Read)) {
+    return true;
+  }
   const fs::path relative = detail::relativeRequestPath(connection, false);
   if (relative.empty()) {
     return false;
   }
-  const fs::path target = translateHttp(relative);
-  if (target.empty()) {
+  MappedPath mapped;
+  if (!mapRequestPath(relative, &mapped)) {
     return false;
   }
+  const std::vector<std::string> components = pathComponents(mapped.relative);
+  // "dir/" names a directory: a file of that name is not found.
+  const bool directoryOnly = !mapped.relative.empty() && mapped.relative.filename() == ".";
 
-  bool exists = false;
-  try {
-    const fs::file_type type = fs::status(target).type();
-    exists = type != fs::file_not_found && type != fs::status_error;
-  } catch (const fs::filesystem_error& e) {
-    logError(e.what());
+  // Opened beneath the root, never through a link. O_NONBLOCK: opening a FIFO must not
+  // wait for a writer (it is answered 404 below).
+  detail::UniqueFd target;
+  detail::UniqueFd root(detail::openDirectory(mapped.root.string()));
+  if (root) {
+    target.reset(detail::openBeneath(root.get(), detail::joinComponents(components),
+                                     O_RDONLY | O_NONBLOCK | O_NOCTTY |
+                                         (directoryOnly ? O_DIRECTORY : 0)));
   }
-  if (!exists) {
+  if (!target) {
+    const int error = errno;
+    if (error == ELOOP || error == EXDEV) {
+      detail::logRefusedPath("httpGetFile", relative, "a symbolic link on the way");
+      return false;
+    }
+    if (error != ENOENT && error != ENOTDIR) {
+      logError(relative.string() + ": " + std::strerror(error));
+    }
     sendNotFound(connection);
   } else {
-    fs::file_type type = fs::regular_file;  // what cannot be queried is tried as a file
-    try {
-      type = fs::status(target).type();
-    } catch (const fs::filesystem_error& e) {
-      logError(e.what());
-    }
-    if (type == fs::directory_file) {
-      sendListing(connection, target);
-    } else if (type == fs::regular_file) {
-      sendFile(connection, target);
+    struct stat status;
+    if (::fstat(target.get(), &status) != 0) {
+      logError(relative.string() + ": " + std::strerror(errno));
+      sendNotFound(connection);
+    } else if (S_ISDIR(status.st_mode)) {
+      sendListing(connection, target.get(), relative);
+    } else if (S_ISREG(status.st_mode)) {
+      const std::string name = components.empty() ? std::string() : components.back();
+      sendFile(connection, target.get(), status.st_size, fs::path(name).extension().string());
     } else {
-      // A FIFO, socket or device has no length to announce, and opening a FIFO would
-      // block the listener until some writer came.
+      // A FIFO, socket or device has no length to announce.
       sendNotFound(connection);
     }
   }

@@ -11,8 +11,10 @@
 // reply at all.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 #include <boost/filesystem/path.hpp>
 
@@ -40,12 +42,34 @@ int soap_serve(soap* connection);
 // is not served.
 boost::filesystem::path translateHttp(const boost::filesystem::path& requestPath);
 
+// Where a request path leads: the root directory of its mapping and the path below it,
+// as the request named it ("" for the root itself). translateHttp() is root / relative.
+struct MappedPath {
+  boost::filesystem::path root;
+  boost::filesystem::path relative;
+};
+
+// Maps like translateHttp, keeping the root apart; false where translateHttp answers an
+// empty path (and with the same log lines).
+bool mapRequestPath(const boost::filesystem::path& requestPath, MappedPath* mapped);
+
+// The components of a relative path, without "." and empty ones: "a/./b/" gives a, b.
+std::vector<std::string> pathComponents(const boost::filesystem::path& relative);
+
 // "<home>/.tuqvu/<name>", created with its parents when missing.
 std::string behaviorsPath(const std::string& name);
 
 // `s` with every occurrence of `from` replaced by `to` (inserted text is not rescanned).
 std::string replaceSpecialChar(const std::string& s, const std::string& from,
                                const std::string& to);
+
+// The largest body a PUT may have, in bytes. loadPutSizeLimit() reads it from the
+// environment variable TUQVU_FILE_PUT_MAX_BYTES (a positive decimal number; anything else
+// is logged and ignored); until then, and when the variable is not set, it is
+// kDefaultPutSizeLimit. Every ZRFileTransfer constructor loads it.
+constexpr std::uint64_t kDefaultPutSizeLimit = 512ULL * 1024 * 1024;
+void loadPutSizeLimit();
+std::uint64_t putSizeLimit();
 
 // The process-wide content-type table: extension with its dot, lower case, to MIME type.
 // fillContentTypeTable() (re)writes its rows; contentTypeFor() looks an extension up in

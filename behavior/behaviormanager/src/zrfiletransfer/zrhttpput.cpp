@@ -1,50 +1,63 @@
 // PUT: writes the request body to the mapped file, creating missing parent directories,
-// and answers "ok". The body streams through the context's 64 KiB input buffer, so
-// memory use does not depend on the file size. A body without a Content-Length gets 411.
+// and answers "ok". The body streams through the context's 64 KiB input buffer into a
+// temporary file beside the target, which then takes the target's name: a body that
+// breaks off leaves nothing behind, and a reader never sees half a file. A body without
+// a Content-Length gets 411, one above the size limit 413, before anything is written.
 // When the body cannot be received or written completely, no reply is sent: the client
 // never sees "ok" for a file that is not all on disk.
 #include <zrfiletransfer/zrhttphandlers.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
-#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <random>
 
 #include <boost/filesystem/operations.hpp>
 
 #include <vu/log.h>
-#include <vu/os.h>
 
+#include "zrbeneath.h"
 #include "zrhttpreply.h"
+#include "zrrequestguard.h"
+#include "zrwriteguard.h"
 
 namespace fs = boost::filesystem;
 
 namespace ZR {
 namespace {
 
+// The PUT size limit in bytes; written by loadPutSizeLimit (a server's constructor),
+// read by the listener threads.
+std::atomic<std::uint64_t> gPutSizeLimit{kDefaultPutSizeLimit};
+
+// Temporary files of PUTs in progress are named with this prefix and a random part.
+const char* const kTemporaryPrefix = ".tuqvu-put-";
+constexpr int kTemporaryAttempts = 64;
+
 void logError(const std::string& text) {
   vu::log::write(vu::log::warning, detail::kNetworkLog, "httpPut", "Write file error: " + text);
 }
 
-// Creates the parent directories of `target` when they are missing; false when that fails.
-bool prepareParent(const fs::path& target) {
-  const fs::path parent = target.parent_path();
-  bool missing = false;
-  try {
-    const fs::file_type type = fs::status(parent).type();
-    missing = type == fs::file_not_found || type == fs::status_error;
-  } catch (const fs::filesystem_error& e) {
-    logError(e.what());
-  }
-  if (missing) {
-    try {
-      fs::create_directories(parent);
-    } catch (const fs::filesystem_error& e) {
-      logError(e.what());
-      return false;
+// `text` with its control characters written as \xHH, for a log line.
+std::string printable(const std::string& text) {
+  static const char* const kDigits = "0123456789abcdef";
+  std::string result;
+  for (const char c : text) {
+    const unsigned char byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7f) {
+      result += "\\x";
+      result += kDigits[byte >> 4];
+      result += kDigits[byte & 0xf];
+    } else {
+      result += c;
     }
   }
-  return true;
+  return result;
 }
 
 void sendLengthRequired(soap* connection) {
@@ -56,23 +69,31 @@ void sendLengthRequired(soap* connection) {
                                   std::to_string(body.size()) + "\n\n" + body);
 }
 
-bool writeAll(std::FILE* stream, const char* data, std::size_t size, const fs::path& target) {
-  if (size == 0 || std::fwrite(data, 1, size, stream) == size) {
-    return true;
+bool writeAll(int file, const char* data, std::size_t size, const fs::path& target) {
+  while (size > 0) {
+    const ssize_t written = ::write(file, data, size);
+    if (written < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      logError(target.string() + ": " + std::strerror(errno));
+      return false;
+    }
+    data += written;
+    size -= static_cast<std::size_t>(written);
   }
-  logError(target.string() + ": " + std::strerror(errno));
-  return false;
+  return true;
 }
 
 // Writes the body: what already sits in the input buffer, then block by block from the
 // socket. False when the client went away or the file could not be written.
-bool receiveBody(soap* connection, std::FILE* stream, const fs::path& target) {
+bool receiveBody(soap* connection, int file, const fs::path& target) {
   ULONG64 remaining = connection->length;
   if (connection->bufidx < connection->buflen) {
     // Bytes beyond the body (a pipelined next request) stay in the buffer.
     const std::size_t buffered = connection->buflen - connection->bufidx;
     const std::size_t first = static_cast<std::size_t>(std::min<ULONG64>(buffered, remaining));
-    if (!writeAll(stream, connection->buf + connection->bufidx, first, target)) {
+    if (!writeAll(file, connection->buf + connection->bufidx, first, target)) {
       return false;
     }
     connection->bufidx += first;
@@ -85,7 +106,7 @@ bool receiveBody(soap* connection, std::FILE* stream, const fs::path& target) {
     }
     const std::size_t count =
         static_cast<std::size_t>(std::min<ULONG64>(remaining, connection->buflen));
-    if (!writeAll(stream, connection->buf, count, target)) {
+    if (!writeAll(file, connection->buf, count, target)) {
       return false;
     }
     connection->bufidx += count;
@@ -94,22 +115,96 @@ bool receiveBody(soap* connection, std::FILE* stream, const fs::path& target) {
   return true;
 }
 
+// Creates a new, empty temporary file in `directory`; its name goes to `name`.
+int createTemporary(int directory, std::string* name) {
+  static const char* const kDigits = "0123456789abcdef";
+  // Only the listener thread of each server creates temporaries; one generator per thread.
+  thread_local std::mt19937_64 generator{std::random_device{}()};
+  for (int attempt = 0; attempt < kTemporaryAttempts; ++attempt) {
+    std::uint64_t bits = generator();
+    std::string candidate = kTemporaryPrefix;
+    for (int i = 0; i < 12; ++i, bits >>= 4) {
+      candidate += kDigits[bits & 0xf];
+    }
+    const int fd = detail::openBeneath(directory, candidate, O_WRONLY | O_CREAT | O_EXCL, 0666);
+    if (fd >= 0 || errno != EEXIST) {
+      *name = candidate;
+      return fd;
+    }
+  }
+  errno = EEXIST;
+  return -1;
+}
+
+// Refuses, with a 403 that says why, a request that would change what it must not.
+bool refusedWrite(soap* connection, const fs::path& requestPath, const fs::path& root,
+                  const std::vector<std::string>& components) {
+  const std::string why =
+      detail::writeRefusal(root, components, detail::WriteKind::Create, {});
+  if (why.empty()) {
+    return false;
+  }
+  detail::logRefusedPath("httpPut", requestPath, why);
+  detail::sendRefusal(connection, "403 Forbidden", why);
+  return true;
+}
+
 }  // namespace
 
+void loadPutSizeLimit() {
+  std::uint64_t limit = kDefaultPutSizeLimit;
+  if (const char* value = std::getenv("TUQVU_FILE_PUT_MAX_BYTES")) {
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long long parsed = std::strtoull(value, &end, 10);
+    if (*value >= '0' && *value <= '9' && end != value && *end == '\0' && errno == 0 &&
+        parsed > 0) {
+      limit = parsed;
+    } else {
+      vu::log::write(vu::log::warning, detail::kNetworkLog, "loadPutSizeLimit",
+                     std::string("TUQVU_FILE_PUT_MAX_BYTES is not a positive number of bytes: ") +
+                         value + "; the limit stays " + std::to_string(limit));
+    }
+  }
+  gPutSizeLimit.store(limit);
+}
+
+std::uint64_t putSizeLimit() { return gPutSizeLimit.load(); }
+
 int httpPut(soap* connection) {
-  if (detail::refusedWithoutSecret(connection)) {
+  if (detail::refuseRequest(connection, detail::Access::Write)) {
     return 0;
   }
   const fs::path relative = detail::relativeRequestPath(connection, true);
   if (relative.empty()) {
     return -1;
   }
-  const fs::path target = translateHttp(relative);
-  if (target.empty()) {
+  // Such names break listings and logs; nothing is created with them.
+  if (detail::holdsControlCharacter(relative.string())) {
+    detail::logRefusedPath("httpPut", printable(relative.string()), "a control character");
+    detail::sendRefusal(connection, "400 Bad Request",
+                        "a name in the path holds a control character");
+    return 0;
+  }
+  MappedPath mapped;
+  if (!mapRequestPath(relative, &mapped)) {
     return -1;
   }
-  if (!prepareParent(target)) {
-    return -1;
+  const std::vector<std::string> components = pathComponents(mapped.relative);
+  if (components.empty()) {
+    return refusedWrite(connection, relative, mapped.root, components) ? 0 : -1;
+  }
+  // A root that does not exist yet (a new application's data folder) is made first.
+  boost::system::error_code error;
+  if (!fs::exists(mapped.root, error)) {
+    fs::create_directories(mapped.root, error);
+    if (error) {
+      logError(mapped.root.string() + ": " + error.message());
+      return -1;
+    }
+  }
+  if (refusedWrite(connection, relative, mapped.root, components)) {
+    return 0;
   }
 
   // A body without a length: unread bytes in the buffer, or chunked framing whose data
@@ -121,26 +216,66 @@ int httpPut(soap* connection) {
     connection->keep_alive = 0;
     return 0;
   }
+  const std::uint64_t limit = putSizeLimit();
+  if (connection->length > limit) {
+    detail::logRefusedPath("httpPut", relative,
+                           std::to_string(connection->length) + " bytes, above the limit");
+    detail::sendRefusal(connection, "413 Payload Too Large",
+                        "the body has " + std::to_string(connection->length) +
+                            " bytes; this robot takes at most " + std::to_string(limit) +
+                            " (TUQVU_FILE_PUT_MAX_BYTES)");
+    return 0;
+  }
 
-  // Only regular files are written: opening a FIFO would block the listener.
-  boost::system::error_code error;
-  const fs::file_status existing = fs::status(target, error);
-  if (fs::exists(existing) && !fs::is_regular_file(existing)) {
-    logError(target.string() + ": not a regular file");
+  // Every directory is opened beneath the root, never through a link, and the missing
+  // ones are made there.
+  detail::UniqueFd root(detail::openDirectory(mapped.root.string()));
+  detail::UniqueFd parent;
+  if (root) {
+    const std::vector<std::string> parents(components.begin(), components.end() - 1);
+    parent.reset(detail::makeDirectoriesBeneath(root.get(), parents));
+  }
+  if (!parent) {
+    if (errno == ELOOP || errno == EXDEV) {
+      detail::logRefusedPath("httpPut", relative, "a symbolic link on the way");
+    } else {
+      logError(relative.string() + ": " + std::strerror(errno));
+    }
     return -1;
   }
-  std::FILE* stream = vu::os::fopen(target.string().c_str(), "wb");
-  if (stream == nullptr) {
-    logError(target.string() + ": " + std::strerror(errno));
+
+  // Only regular files are replaced: not a directory, a FIFO, a link.
+  const std::string& name = components.back();
+  struct stat existing;
+  const bool exists = ::fstatat(parent.get(), name.c_str(), &existing, AT_SYMLINK_NOFOLLOW) == 0;
+  if (exists && !S_ISREG(existing.st_mode)) {
+    logError(relative.string() + ": not a regular file");
     return -1;
   }
-  const bool received = receiveBody(connection, stream, target);
-  const bool closed = std::fclose(stream) == 0;
-  if (!received) {
+  if (exists && ::faccessat(parent.get(), name.c_str(), W_OK, 0) != 0) {
+    logError(relative.string() + ": " + std::strerror(errno));
     return -1;
   }
-  if (!closed) {
-    logError(target.string() + ": " + std::strerror(errno));
+  std::string temporary;
+  detail::UniqueFd file(createTemporary(parent.get(), &temporary));
+  if (!file) {
+    logError(relative.string() + ": " + std::strerror(errno));
+    return -1;
+  }
+  if (exists) {
+    ::fchmod(file.get(), existing.st_mode & 07777);  // the replaced file's permissions stay
+  }
+  const bool received = receiveBody(connection, file.get(), relative);
+  const bool closed = ::close(file.release()) == 0;
+  if (received && !closed) {
+    logError(relative.string() + ": " + std::strerror(errno));
+  }
+  if (!received || !closed ||
+      ::renameat(parent.get(), temporary.c_str(), parent.get(), name.c_str()) != 0) {
+    if (received && closed) {
+      logError(relative.string() + ": " + std::strerror(errno));
+    }
+    ::unlinkat(parent.get(), temporary.c_str(), 0);
     return -1;
   }
 

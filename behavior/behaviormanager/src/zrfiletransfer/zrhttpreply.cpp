@@ -1,7 +1,7 @@
 #include "zrhttpreply.h"
 
+#include <vu/log.h>
 #include <vu/unicode.h>
-#include <zr/zrnetworkaccess.h>
 
 #include <zrfiletransfer/zrhttphandlers.h>
 
@@ -16,6 +16,23 @@ boost::filesystem::path relativeRequestPath(const soap* connection, bool decodeD
   return boost::filesystem::path(path, vu::unicodeFacet()).relative_path();
 }
 
+void logRefusedPath(const char* function, const boost::filesystem::path& requestPath,
+                    const std::string& reason) {
+  vu::log::write(vu::log::warning, kNetworkLog, function,
+                 "Refused request path: " + requestPath.string() + " (" + reason + ")");
+}
+
+std::string joinComponents(const std::vector<std::string>& components, std::size_t count) {
+  std::string joined;
+  for (std::size_t i = 0; i < components.size() && i < count; ++i) {
+    if (i > 0) {
+      joined += '/';
+    }
+    joined += components[i];
+  }
+  return joined;
+}
+
 std::string statusLine(const soap* connection, const std::string& status) {
   const char* version = connection->http_version != nullptr ? connection->http_version : "1.1";
   return std::string("HTTP/") + version + " " + status + "\n";
@@ -24,22 +41,6 @@ std::string statusLine(const soap* connection, const std::string& status) {
 int sendNow(soap* connection, const std::string& text) {
   connection->mode &= ~SOAP_IO;
   return soap_send(connection, text.c_str());
-}
-
-bool refusedWithoutSecret(soap* connection) {
-  const ZRNetworkAccess access = networkAccess();
-  if (!access.requiresCredentials()) return false;
-  if (connection->passwd != nullptr && access.acceptsSecret(connection->passwd)) return false;
-  const std::string body = "401 - Unauthorized: this robot asks for its secret\n";
-  sendNow(connection, statusLine(connection, "401 Unauthorized") +
-                          "Server: TuqVu\n"
-                          "WWW-Authenticate: Basic realm=\"tuqvu\"\n"
-                          "Content-Type: text/plain\n"
-                          "Content-Length: " + std::to_string(body.size()) + "\n"
-                          "Connection: close\n"
-                          "\n" + body);
-  connection->keep_alive = 0;  // the body that may follow is not read
-  return true;
 }
 
 }  // namespace detail

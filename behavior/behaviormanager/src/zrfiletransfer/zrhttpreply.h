@@ -4,6 +4,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include <boost/filesystem/path.hpp>
 
@@ -19,6 +20,14 @@ constexpr const char* kNetworkLog = "core.common.network";
 // without its leading "/". `decodeDots` first turns "%2E" into ".".
 boost::filesystem::path relativeRequestPath(const soap* connection, bool decodeDots);
 
+// Logs "Refused request path: <path> (<reason>)" at level 3 for the hook `function`.
+void logRefusedPath(const char* function, const boost::filesystem::path& requestPath,
+                    const std::string& reason);
+
+// The components joined with "/" (the first `count` of them, all by default).
+std::string joinComponents(const std::vector<std::string>& components,
+                           std::size_t count = static_cast<std::size_t>(-1));
+
 // "HTTP/<the context's HTTP version> <status>\n".
 std::string statusLine(const soap* connection, const std::string& status);
 
@@ -26,11 +35,6 @@ std::string statusLine(const soap* connection, const std::string& status);
 // chunked request leaves chunked output on; that is switched off first, since it would
 // only buffer the reply.
 int sendNow(soap* connection, const std::string& text);
-
-// Once the server listens beyond loopback, a request that changes files must present the
-// installation's secret (HTTP Basic, any user name). Without it this answers 401, ends
-// the connection and returns true; the hook then returns 0 without acting.
-bool refusedWithoutSecret(soap* connection);
 
 }  // namespace detail
 }  // namespace ZR

@@ -7,10 +7,13 @@
 //   tmp/<rest>               <tmp>/<rest>
 //   share/<app>/<rest>       the user-writable data path of <app>
 //   anything else            <sdk prefix>/<path>, except paths without an extension and
-//                            ".xsl", ".xml", ".css", ".js", ".html" files
+//                            ".xsl", ".xml", ".css", ".js", ".html" files, and nothing at
+//                            all when the prefix is a source tree (a build-tree run)
 //
 // A path with a ".." component, or one whose target (symbolic links resolved) lies
-// outside the root it was mapped under, is refused and logged.
+// outside the root it was mapped under, is refused and logged. This is the first check
+// only: the hooks then open every target beneath its root by descriptor (zrbeneath.h),
+// which no link or rename can get around.
 #include <zrfiletransfer/zrhttphandlers.h>
 
 #include <boost/filesystem/operations.hpp>
@@ -118,62 +121,97 @@ std::string behaviorsPath(const std::string& name) {
   return result.string();
 }
 
-fs::path translateHttp(const fs::path& requestPath) {
+bool mapRequestPath(const fs::path& requestPath, MappedPath* mapped) {
   if (requestPath.empty()) {
-    return requestPath;
+    return false;
   }
   if (requestPath.string().find("?eval") != std::string::npos) {
-    return fs::path();
+    return false;
   }
   if (hasParentComponent(requestPath)) {
     logRefused(requestPath, "a \"..\" component");
-    return fs::path();
+    return false;
   }
 
   const fs::path first = component(requestPath, 0);
   fs::path root;
-  fs::path result;
+  fs::path relative;
   if (first == "behaviors") {
     const fs::path rest = componentsFrom(requestPath, 1);
     const fs::path tail = componentsFrom(rest, 1);
     const fs::path library = component(rest, 0);
     if (library == "User") {
       root = toPath(behaviorsPath("behaviors"));
-      result = root / tail;
+      relative = tail;
     } else if (library == "System") {
+      // Served only when it exists, like every data file of the installation.
       root = toPath(vu::path::findData("behaviors", ""));
-      result = toPath(vu::path::findData("behaviors", tail.string()));
+      if (root.empty() || vu::path::findData("behaviors", tail.string()).empty()) {
+        return false;
+      }
+      relative = tail;
     } else {
       root = toPath(behaviorsPath("behaviors"));
-      result = root / rest;
+      relative = rest;
     }
   } else if (first == "boxlibraries") {
     root = toPath(behaviorsPath("boxlibraries"));
-    result = root / componentsFrom(requestPath, 1);
+    relative = componentsFrom(requestPath, 1);
   } else if (first == "tmp") {
     root = toPath(vu::os::tmp());
-    result = root / componentsFrom(requestPath, 1);
+    relative = componentsFrom(requestPath, 1);
   } else if (first == "share") {
     const std::string application = component(requestPath, 1).string();
     root = toPath(vu::path::userWritableDataPath(application, ""));
-    result = toPath(
-        vu::path::userWritableDataPath(application, componentsFrom(requestPath, 2).string()));
+    relative = componentsFrom(requestPath, 2);
   } else {
     if (isRefusedExtension(requestPath.extension().string())) {
-      return fs::path();
+      return false;
     }
     root = toPath(vu::path::sdkPrefix());
-    result = root / requestPath;
+    // Run from a build tree, the prefix is the source tree, which holds the build
+    // configuration, the scripts and often the build itself: none of it is data.
+    boost::system::error_code error;
+    if (fs::exists(root / "CMakeLists.txt", error)) {
+      logRefused(requestPath, "the installation is a source tree");
+      return false;
+    }
+    relative = requestPath;
   }
 
-  if (result.empty()) {
-    return result;
+  if (root.empty()) {
+    return false;
   }
+  const fs::path result = relative.empty() ? root : root / relative;
   if (!isInside(root, result)) {
     logRefused(requestPath, "outside " + root.string());
+    return false;
+  }
+  mapped->root = root;
+  mapped->relative = relative;
+  return true;
+}
+
+fs::path translateHttp(const fs::path& requestPath) {
+  if (requestPath.empty()) {
+    return requestPath;
+  }
+  MappedPath mapped;
+  if (!mapRequestPath(requestPath, &mapped)) {
     return fs::path();
   }
-  return result;
+  return mapped.relative.empty() ? mapped.root : mapped.root / mapped.relative;
+}
+
+std::vector<std::string> pathComponents(const fs::path& relative) {
+  std::vector<std::string> components;
+  for (const fs::path& part : relative) {
+    const std::string text = part.string();
+    if (!text.empty() && text != "." && text != "/") {
+      components.push_back(text);
+    }
+  }
+  return components;
 }
 
 std::string replaceSpecialChar(const std::string& s, const std::string& from,

@@ -1,32 +1,22 @@
 // The dispatcher of one accepted connection. gSOAP reads each request and hands GET,
 // PUT and DELETE to the hooks; the service has no SOAP operations, so anything else that
-// reaches this loop (a POST or a SOAP request) is answered 405 and ends the connection.
+// reaches this loop (a POST or a SOAP request) is answered 405 and ends the connection,
+// and so are OPTIONS, HEAD and PATCH (see zrrequestguard.h).
 #include <zrfiletransfer/zrhttphandlers.h>
 
-#include "zrhttpreply.h"
+#include "zrrequestguard.h"
 
 namespace ZR {
-namespace {
-
-void sendMethodNotAllowed(soap* connection) {
-  const std::string body = "405 - Method Not Allowed\n";
-  detail::sendNow(connection, detail::statusLine(connection, "405 Method Not Allowed") +
-                                  "Server: TuqVu\n"
-                                  "Allow: GET, PUT, DELETE\n"
-                                  "Content-Type: text/plain\n"
-                                  "Content-Length: " +
-                                  std::to_string(body.size()) + "\n\n" + body);
-}
-
-}  // namespace
 
 int soap_serve(soap* connection) {
+  detail::ConnectionGuard guard(connection);
   // A negative limit means any number of requests per connection.
   connection->keep_alive = connection->max_keep_alive < 0 ? -1 : connection->max_keep_alive + 1;
   do {
     if (connection->keep_alive > 0 && connection->max_keep_alive > 0) {
       --connection->keep_alive;
     }
+    guard.beginRequest();
     if (soap_begin_serve(connection) != SOAP_OK) {
       const int error = connection->error;
       if (error >= SOAP_STOP && error < SOAP_POST) {
@@ -37,8 +27,7 @@ int soap_serve(soap* connection) {
       }
     }
     // A request no hook serves; its body is unread, so the connection cannot go on.
-    sendMethodNotAllowed(connection);
-    connection->keep_alive = 0;
+    detail::sendMethodNotAllowed(connection);
     return SOAP_OK;
   } while (connection->keep_alive != 0);
   return SOAP_OK;

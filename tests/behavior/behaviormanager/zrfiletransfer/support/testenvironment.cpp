@@ -7,6 +7,7 @@
 #include <boost/filesystem/operations.hpp>
 #include <gtest/gtest.h>
 
+#include <zr/zrnetworkaccess.h>
 #include <zrfiletransfer/zrfiletransfer.h>
 
 namespace fs = boost::filesystem;
@@ -34,6 +35,11 @@ public:
     setenv("TMPDIR", gPaths.tmp.c_str(), 1);
     setenv("XDG_DATA_HOME", gPaths.dataHome.c_str(), 1);
     setenv("TUQVU_SDK_PREFIX", gPaths.prefix.c_str(), 1);
+    // The tests' requests name the robot "robot", as a robot known by that name would be
+    // configured (--host-name robot).
+    ZR::ZRNetworkAccess access;
+    access.hostNames = {"robot"};
+    ZR::setNetworkAccess(access);
   }
 
   void TearDown() override {

@@ -1,7 +1,8 @@
 // The temporary world every file-transfer test program runs in: HOME, TMPDIR,
 // XDG_DATA_HOME and TUQVU_SDK_PREFIX point into one fresh directory, set before any
-// server exists. A program that needs a running server asks for sharedServerPort(); the
-// server is created on first use and destroyed after the last test.
+// server exists, and the network access is loopback with the host name "robot" allowed.
+// A program that needs a running server asks for sharedServerPort(); the server is
+// created on first use and destroyed after the last test.
 #pragma once
 
 #include <boost/filesystem/path.hpp>

@@ -1,0 +1,218 @@
+#include "zrrequestguard.h"
+
+#include <arpa/inet.h>
+#include <strings.h>
+
+#include <algorithm>
+#include <cctype>
+
+#include <vu/log.h>
+#include <zr/zrnetworkaccess.h>
+
+#include "zrhttpreply.h"
+
+namespace ZR {
+namespace detail {
+namespace {
+
+bool named(const char* key, const char* name) { return ::strcasecmp(key, name) == 0; }
+
+std::string lowerCase(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return text;
+}
+
+// The host of a Host header value: "[::1]:15000" gives "::1", "robot:15000" gives "robot".
+std::string hostOfHostHeader(const std::string& value) {
+  if (!value.empty() && value[0] == '[') {
+    const std::size_t close = value.find(']');
+    return close == std::string::npos ? value : value.substr(1, close - 1);
+  }
+  const std::size_t colon = value.rfind(':');
+  if (colon != std::string::npos && value.find(':') == colon) {
+    const std::string port = value.substr(colon + 1);
+    if (!port.empty() && std::all_of(port.begin(), port.end(),
+                                     [](unsigned char c) { return std::isdigit(c) != 0; })) {
+      return value.substr(0, colon);
+    }
+  }
+  return value;
+}
+
+bool isIpLiteral(const std::string& host) {
+  unsigned char address[16];
+  return ::inet_pton(AF_INET, host.c_str(), address) == 1 ||
+         ::inet_pton(AF_INET6, host.c_str(), address) == 1;
+}
+
+bool isAllowedHost(const std::string& host, const ZRNetworkAccess& access) {
+  const std::string name = lowerCase(host);
+  if (name == "localhost" || isIpLiteral(name)) {
+    return true;
+  }
+  for (const std::string& allowed : access.hostNames) {
+    if (lowerCase(allowed) == name) {
+      return true;
+    }
+  }
+  return false;
+}
+
+void logRefusal(const soap* connection, const std::string& why) {
+  vu::log::write(vu::log::warning, kNetworkLog, "refuseRequest",
+                 std::string("Refused request: ") + connection->path +
+                     " (" + why + ")");
+}
+
+void sendUnauthorized(soap* connection) {
+  const std::string body = "401 - Unauthorized: this robot asks for its secret\n";
+  sendNow(connection, statusLine(connection, "401 Unauthorized") +
+                          "Server: TuqVu\n"
+                          "WWW-Authenticate: Basic realm=\"tuqvu\"\n"
+                          "Content-Type: text/plain\n"
+                          "Content-Length: " +
+                          std::to_string(body.size()) +
+                          "\n"
+                          "Connection: close\n"
+                          "\n" +
+                          body);
+  connection->keep_alive = 0;  // the body that may follow is not read
+}
+
+}  // namespace
+
+ConnectionGuard::ConnectionGuard(soap* connection)
+    : fConnection(connection),
+      fPreviousUser(connection->user),
+      fPreviousParseHeader(connection->fparsehdr) {
+  connection->user = this;
+  connection->fparsehdr = &ConnectionGuard::parseHeader;
+  // gSOAP's own answers to these carry "Access-Control-Allow-Origin: *" and claim PUT,
+  // PATCH and POST; the service has none of that.
+  connection->fopt = [](soap* c) {
+    sendMethodNotAllowed(c);
+    return static_cast<int>(SOAP_OK);
+  };
+  connection->fhead = connection->fopt;
+  connection->fpatch = connection->fopt;
+}
+
+ConnectionGuard::~ConnectionGuard() {
+  fConnection->user = fPreviousUser;
+  fConnection->fparsehdr = fPreviousParseHeader;
+}
+
+void ConnectionGuard::beginRequest() {
+  fHeaders = RequestHeaders();
+  // Credentials belong to the request that carried them.
+  fConnection->userid = nullptr;
+  fConnection->passwd = nullptr;
+  fConnection->origin = nullptr;
+}
+
+const RequestHeaders* ConnectionGuard::headersOf(const soap* connection) {
+  if (connection->fparsehdr != &ConnectionGuard::parseHeader || connection->user == nullptr) {
+    return nullptr;
+  }
+  return &static_cast<const ConnectionGuard*>(connection->user)->fHeaders;
+}
+
+int ConnectionGuard::parseHeader(soap* connection, const char* key, const char* value) {
+  ConnectionGuard* guard = static_cast<ConnectionGuard*>(connection->user);
+  const std::string text = value != nullptr ? value : "";
+  if (named(key, "Origin")) {
+    guard->fHeaders.hasOrigin = true;
+    guard->fHeaders.origin = text;
+    return SOAP_OK;  // not for gSOAP: it would answer with CORS headers
+  }
+  if (named(key, "Access-Control-Request-Method") ||
+      named(key, "Access-Control-Request-Headers")) {
+    return SOAP_OK;
+  }
+  if (named(key, "Sec-Fetch-Site")) {
+    guard->fHeaders.fetchSite = text;
+    return SOAP_OK;
+  }
+  if (named(key, "Host")) {
+    guard->fHeaders.hasHost = true;
+    guard->fHeaders.host = text;
+  }
+  return guard->fPreviousParseHeader(connection, key, value);
+}
+
+bool refuseRequest(soap* connection, Access access) {
+  const ZRNetworkAccess network = networkAccess();
+  RequestHeaders headers;
+  if (const RequestHeaders* captured = ConnectionGuard::headersOf(connection)) {
+    headers = *captured;
+  } else if (connection->origin != nullptr) {
+    // Without a guard on the connection gSOAP parsed the Origin itself.
+    headers.hasOrigin = true;
+    headers.origin = connection->origin;
+  }
+
+  if (headers.hasHost && !isAllowedHost(hostOfHostHeader(headers.host), network)) {
+    logRefusal(connection, "host name " + headers.host);
+    sendRefusal(connection, "403 Forbidden",
+                "this host name is not one of this robot's; allow it with --host-name");
+    return true;
+  }
+  if (access == Access::Write) {
+    const bool ownOrigin =
+        headers.hasHost &&
+        ::strcasecmp(headers.origin.c_str(), ("http://" + headers.host).c_str()) == 0;
+    if (headers.hasOrigin && !ownOrigin) {
+      logRefusal(connection, "origin " + headers.origin);
+      sendRefusal(connection, "403 Forbidden",
+                  "requests from pages of other origins are refused; only pages of this robot "
+                  "may change its files");
+      return true;
+    }
+    const std::string site = lowerCase(headers.fetchSite);
+    if (site == "cross-site" || site == "same-site") {
+      logRefusal(connection, "Sec-Fetch-Site " + headers.fetchSite);
+      sendRefusal(connection, "403 Forbidden",
+                  "requests from other sites are refused; only pages of this robot may change "
+                  "its files");
+      return true;
+    }
+  }
+  if (network.requiresCredentials() &&
+      !(connection->passwd != nullptr && network.acceptsSecret(connection->passwd))) {
+    sendUnauthorized(connection);
+    return true;
+  }
+  return false;
+}
+
+void sendRefusal(soap* connection, const std::string& status, const std::string& why) {
+  const std::size_t blank = status.find(' ');
+  const std::string body = status.substr(0, blank) + " -" +
+                           (blank == std::string::npos ? "" : status.substr(blank)) + ": " +
+                           why + "\n";
+  sendNow(connection, statusLine(connection, status) +
+                          "Server: TuqVu\n"
+                          "Content-Type: text/plain\n"
+                          "Content-Length: " +
+                          std::to_string(body.size()) +
+                          "\n"
+                          "Connection: close\n"
+                          "\n" +
+                          body);
+  connection->keep_alive = 0;
+}
+
+void sendMethodNotAllowed(soap* connection) {
+  const std::string body = "405 - Method Not Allowed\n";
+  sendNow(connection, statusLine(connection, "405 Method Not Allowed") +
+                          "Server: TuqVu\n"
+                          "Allow: GET, PUT, DELETE\n"
+                          "Content-Type: text/plain\n"
+                          "Content-Length: " +
+                          std::to_string(body.size()) + "\n\n" + body);
+  connection->keep_alive = 0;
+}
+
+}  // namespace detail
+}  // namespace ZR

@@ -1,0 +1,73 @@
+// What a request must pass before a hook acts on it, and the replies that refuse it.
+//
+//   ConnectionGuard guard(connection);        // in the dispatcher, for one connection
+//   guard.beginRequest();                     // before each request is read
+//   ...
+//   if (refuseRequest(connection, Access::Write)) return 0;   // in a hook: already answered
+//
+// The guard captures the headers browsers send (Host, Origin, Sec-Fetch-Site) as gSOAP
+// parses them, and keeps Origin and the CORS request headers from gSOAP itself, so that
+// gSOAP never adds Access-Control-* headers to a reply of its own. It also answers OPTIONS,
+// HEAD and PATCH with 405 instead of gSOAP's permissive defaults.
+#pragma once
+
+#include <string>
+
+#include <stdsoap2.h>
+
+namespace ZR {
+namespace detail {
+
+// The headers of one request that the checks look at.
+struct RequestHeaders {
+  bool hasHost = false;
+  std::string host;
+  bool hasOrigin = false;
+  std::string origin;
+  std::string fetchSite;  // Sec-Fetch-Site, "" when absent
+};
+
+class ConnectionGuard {
+public:
+  explicit ConnectionGuard(soap* connection);
+  ~ConnectionGuard();
+  ConnectionGuard(const ConnectionGuard&) = delete;
+  ConnectionGuard& operator=(const ConnectionGuard&) = delete;
+
+  // Forgets the headers and credentials of the previous request on the connection.
+  void beginRequest();
+
+  // The headers of the request being served; null when the connection has no guard.
+  static const RequestHeaders* headersOf(const soap* connection);
+
+private:
+  static int parseHeader(soap* connection, const char* key, const char* value);
+
+  soap* fConnection;
+  void* fPreviousUser;
+  int (*fPreviousParseHeader)(soap*, const char*, const char*);
+  RequestHeaders fHeaders;
+};
+
+enum class Access { Read, Write };
+
+// The checks of a request, in this order:
+// - Host must be an IP literal, "localhost" or a name of ZRNetworkAccess::hostNames (a
+//   rebound DNS name is refused): 403.
+// - For writes, an Origin other than "http://" + Host and Sec-Fetch-Site "cross-site" or
+//   "same-site" (a page of another site) are refused: 403.
+// - Once the server listens beyond loopback, the installation's secret must come as the
+//   password of HTTP Basic (any user name): 401 with WWW-Authenticate: Basic realm="tuqvu".
+// Returns true when the request was refused; the reply is sent and the connection ends.
+bool refuseRequest(soap* connection, Access access);
+
+// "<code> <reason>" replies of refused requests: a text/plain body "<code> - <reason>:
+// <why>\n", and the connection ends (the body of the request, if any, is not read).
+void sendRefusal(soap* connection, const std::string& status, const std::string& why);
+
+// The 405 of methods the service does not have: "Allow: GET, PUT, DELETE"; the connection
+// ends.
+void sendMethodNotAllowed(soap* connection);
+
+}  // namespace detail
+}  // namespace ZR

@@ -1,0 +1,236 @@
+// The descriptor-based operations the hooks use to stay beneath a root (zrbeneath.h),
+// called directly: links, dangling links and ".." never lead out, and removals keep what
+// must be kept. openBeneath and its fallback walk are held to the same cases.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <boost/filesystem/operations.hpp>
+#include <gtest/gtest.h>
+
+#include <zrfiletransfer/zrbeneath.h>
+
+#include "support/files.h"
+#include "support/testenvironment.h"
+
+namespace fs = boost::filesystem;
+using ZR::detail::UniqueFd;
+using zrft_test::paths;
+using zrft_test::readFile;
+using zrft_test::writeFile;
+
+namespace {
+
+// A fresh tree per test: <scratch>/<test>/root (the root) and <scratch>/<test>/outside.
+class BeneathTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    const std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    std::string folder = name;
+    std::replace(folder.begin(), folder.end(), '/', '-');
+    fBase = paths().scratch / "beneath" / folder;
+    fs::remove_all(fBase);
+    fs::create_directories(root());
+    fs::create_directories(outside());
+    fRoot.reset(ZR::detail::openDirectory(root().string()));
+    ASSERT_TRUE(fRoot) << root();
+  }
+
+  fs::path root() const { return fBase / "root"; }
+  fs::path outside() const { return fBase / "outside"; }
+  int rootFd() const { return fRoot.get(); }
+
+  fs::path fBase;
+  UniqueFd fRoot;
+};
+
+using OpenFunction = int (*)(int, const std::string&, int, mode_t);
+
+// Both ways to open beneath a directory.
+class OpenBeneath : public BeneathTest, public ::testing::WithParamInterface<OpenFunction> {
+protected:
+  int open(const std::string& relative, int flags, mode_t mode = 0) {
+    return GetParam()(rootFd(), relative, flags, mode);
+  }
+};
+
+std::string contentOf(int fd) {
+  std::string content;
+  char buffer[256];
+  ssize_t read;
+  while ((read = ::read(fd, buffer, sizeof(buffer))) > 0) {
+    content.append(buffer, static_cast<std::size_t>(read));
+  }
+  return content;
+}
+
+}  // namespace
+
+TEST_P(OpenBeneath, OpensAFileBelowTheDirectory) {
+  writeFile(root() / "a" / "b.txt", "inside");
+  UniqueFd file(open("a/b.txt", O_RDONLY));
+  ASSERT_TRUE(file) << std::strerror(errno);
+  EXPECT_EQ(contentOf(file.get()), "inside");
+}
+
+TEST_P(OpenBeneath, AnEmptyPathOrDotIsTheDirectoryItself) {
+  for (const char* relative : {"", ".", "./"}) {
+    UniqueFd directory(open(relative, O_RDONLY | O_DIRECTORY));
+    ASSERT_TRUE(directory) << relative;
+    struct stat opened, expected;
+    ASSERT_EQ(::fstat(directory.get(), &opened), 0);
+    ASSERT_EQ(::stat(root().c_str(), &expected), 0);
+    EXPECT_TRUE(ZR::detail::identityOf(opened) == ZR::detail::identityOf(expected)) << relative;
+  }
+}
+
+TEST_P(OpenBeneath, ALinkAsTheLastComponentIsRefusedEvenWhenItStaysInside) {
+  writeFile(root() / "real.txt", "real");
+  fs::create_symlink("real.txt", root() / "alias.txt");
+  writeFile(outside() / "secret.txt", "secret");
+  fs::create_symlink(outside() / "secret.txt", root() / "out.txt");
+  for (const char* relative : {"alias.txt", "out.txt"}) {
+    errno = 0;
+    EXPECT_EQ(open(relative, O_RDONLY), -1) << relative;
+    EXPECT_EQ(errno, ELOOP) << relative;
+  }
+}
+
+TEST_P(OpenBeneath, ALinkOnTheWayIsRefused) {
+  writeFile(outside() / "d" / "secret.txt", "secret");
+  fs::create_directory_symlink(outside() / "d", root() / "d");
+  writeFile(root() / "real" / "x.txt", "x");
+  fs::create_directory_symlink("real", root() / "inner");
+  for (const char* relative : {"d/secret.txt", "inner/x.txt"}) {
+    errno = 0;
+    EXPECT_EQ(open(relative, O_RDONLY), -1) << relative;
+    EXPECT_EQ(errno, ELOOP) << relative << ": " << std::strerror(errno);
+  }
+}
+
+TEST_P(OpenBeneath, ParentComponentsAreRefused) {
+  writeFile(outside() / "secret.txt", "secret");
+  fs::create_directories(root() / "a");
+  for (const char* relative : {"../outside/secret.txt", "a/../../outside/secret.txt", ".."}) {
+    errno = 0;
+    EXPECT_EQ(open(relative, O_RDONLY), -1) << relative;
+    EXPECT_EQ(errno, EXDEV) << relative;
+  }
+}
+
+TEST_P(OpenBeneath, CreatingThroughADanglingLinkCreatesNothingOutside) {
+  fs::create_symlink(outside() / "planted.txt", root() / "dangling");
+  EXPECT_EQ(open("dangling", O_WRONLY | O_CREAT, 0644), -1);
+  EXPECT_EQ(open("dangling", O_WRONLY | O_CREAT | O_EXCL, 0644), -1);
+  EXPECT_FALSE(fs::exists(outside() / "planted.txt"));
+  EXPECT_TRUE(fs::is_symlink(root() / "dangling"));
+}
+
+TEST_P(OpenBeneath, CreatesANewFileBelowTheDirectory) {
+  fs::create_directories(root() / "sub");
+  UniqueFd file(open("sub/new.txt", O_WRONLY | O_CREAT | O_EXCL, 0600));
+  ASSERT_TRUE(file) << std::strerror(errno);
+  ASSERT_EQ(::write(file.get(), "new", 3), 3);
+  file.reset();
+  EXPECT_EQ(readFile(root() / "sub" / "new.txt"), "new");
+  EXPECT_EQ(fs::status(root() / "sub" / "new.txt").permissions() & 0777, 0600);
+}
+
+INSTANTIATE_TEST_SUITE_P(Openat2AndWalk, OpenBeneath,
+                         ::testing::Values(&ZR::detail::openBeneath,
+                                           &ZR::detail::openBeneathByWalk),
+                         [](const ::testing::TestParamInfo<OpenFunction>& info) {
+                           return info.index == 0 ? std::string("Openat2")
+                                                  : std::string("Walk");
+                         });
+
+TEST_F(BeneathTest, MakeDirectoriesCreatesWhatIsMissingAndReturnsTheLast) {
+  fs::create_directories(root() / "a");
+  UniqueFd last(ZR::detail::makeDirectoriesBeneath(rootFd(), {"a", "b", ".", "c"}));
+  ASSERT_TRUE(last) << std::strerror(errno);
+  EXPECT_TRUE(fs::is_directory(root() / "a" / "b" / "c"));
+  UniqueFd file(ZR::detail::openBeneath(last.get(), "f.txt", O_WRONLY | O_CREAT, 0644));
+  ASSERT_TRUE(file);
+  file.reset();
+  EXPECT_TRUE(fs::exists(root() / "a" / "b" / "c" / "f.txt"));
+}
+
+TEST_F(BeneathTest, MakeDirectoriesStopsAtALinkAndCreatesNothingOutside) {
+  fs::create_directory_symlink(outside() / "missing", root() / "dangling");
+  fs::create_directory_symlink(outside(), root() / "existing");
+  errno = 0;
+  EXPECT_EQ(ZR::detail::makeDirectoriesBeneath(rootFd(), {"dangling", "x"}), -1);
+  EXPECT_EQ(errno, ELOOP);
+  EXPECT_EQ(ZR::detail::makeDirectoriesBeneath(rootFd(), {"existing", "x"}), -1);
+  EXPECT_FALSE(fs::exists(outside() / "missing"));
+  EXPECT_FALSE(fs::exists(outside() / "x"));
+  EXPECT_EQ(ZR::detail::makeDirectoriesBeneath(rootFd(), {"..", "x"}), -1);
+  EXPECT_EQ(errno, EXDEV);
+}
+
+TEST_F(BeneathTest, MakeDirectoriesFailsOnAFileInTheWay) {
+  writeFile(root() / "file", "a file where a directory is needed");
+  errno = 0;
+  EXPECT_EQ(ZR::detail::makeDirectoriesBeneath(rootFd(), {"file", "x"}), -1);
+  EXPECT_EQ(errno, ENOTDIR);
+}
+
+TEST_F(BeneathTest, ListingMarksDirectoriesButNotLinksToThem) {
+  writeFile(root() / "file", "f");
+  fs::create_directories(root() / "dir");
+  fs::create_directory_symlink(root() / "dir", root() / "link");
+  std::vector<ZR::detail::DirectoryEntry> entries;
+  ASSERT_TRUE(ZR::detail::listDirectory(rootFd(), &entries));
+  std::vector<std::string> listed;
+  for (const auto& entry : entries) {
+    listed.push_back(entry.name + (entry.isDirectory ? "/" : ""));
+  }
+  std::sort(listed.begin(), listed.end());
+  EXPECT_EQ(listed, (std::vector<std::string>{"dir/", "file", "link"}));
+}
+
+TEST_F(BeneathTest, RemoveTreeRemovesEverythingBelowWithoutFollowingLinks) {
+  writeFile(outside() / "kept" / "file.txt", "outside");
+  writeFile(root() / "tree" / "a" / "b.txt", "b");
+  writeFile(root() / "tree" / "c.txt", "c");
+  fs::create_directory_symlink(outside() / "kept", root() / "tree" / "a" / "out");
+  fs::create_symlink(outside() / "kept" / "file.txt", root() / "tree" / "file-link");
+  EXPECT_EQ(ZR::detail::removeTree(rootFd(), "tree", {}), 0);
+  EXPECT_FALSE(fs::exists(fs::symlink_status(root() / "tree")));
+  EXPECT_EQ(readFile(outside() / "kept" / "file.txt"), "outside");
+}
+
+TEST_F(BeneathTest, RemoveTreeRemovesALinkItselfAndNotItsTarget) {
+  fs::create_directory_symlink(outside(), root() / "link");
+  writeFile(outside() / "file.txt", "outside");
+  EXPECT_EQ(ZR::detail::removeTree(rootFd(), "link", {}), 0);
+  EXPECT_FALSE(fs::exists(fs::symlink_status(root() / "link")));
+  EXPECT_EQ(readFile(outside() / "file.txt"), "outside");
+}
+
+TEST_F(BeneathTest, RemoveTreeOfNothingSucceeds) {
+  EXPECT_EQ(ZR::detail::removeTree(rootFd(), "never-there", {}), 0);
+}
+
+TEST_F(BeneathTest, RemoveTreeLeavesAKeptDirectoryAndWhatLeadsToIt) {
+  writeFile(root() / "tree" / "kept" / "inner.txt", "kept");
+  writeFile(root() / "tree" / "other" / "x.txt", "x");
+  struct stat kept;
+  ASSERT_EQ(::stat((root() / "tree" / "kept").c_str(), &kept), 0);
+  EXPECT_EQ(ZR::detail::removeTree(rootFd(), "tree", {ZR::detail::identityOf(kept)}), EBUSY);
+  EXPECT_EQ(readFile(root() / "tree" / "kept" / "inner.txt"), "kept");
+  EXPECT_FALSE(fs::exists(root() / "tree" / "other"));
+}
+
+TEST_F(BeneathTest, RemoveTreeRefusesNamesThatAreNotOneEntry) {
+  writeFile(root() / "a" / "b.txt", "b");
+  for (const char* name : {"", ".", "..", "a/b.txt"}) {
+    EXPECT_EQ(ZR::detail::removeTree(rootFd(), name, {}), EINVAL) << name;
+  }
+  EXPECT_TRUE(fs::exists(root() / "a" / "b.txt"));
+}
