@@ -65,7 +65,7 @@ std::string replaceSpecialChar(const std::string& s, const std::string& from,
 
 // The largest body a PUT may have, in bytes. loadPutSizeLimit() reads it from the
 // environment variable TUQVU_FILE_PUT_MAX_BYTES (a positive decimal number; anything else
-// is logged and ignored); until then, and when the variable is not set, it is
+// is logged and ignored); until then, and when the variable is not set or empty, it is
 // kDefaultPutSizeLimit. Every ZRFileTransfer constructor loads it.
 constexpr std::uint64_t kDefaultPutSizeLimit = 512ULL * 1024 * 1024;
 void loadPutSizeLimit();

@@ -1,10 +1,9 @@
 // PUT: writes the request body to the mapped file, creating missing parent directories,
-// and answers "ok". The body streams through the context's 64 KiB input buffer into a
-// temporary file beside the target, which then takes the target's name: a body that
-// breaks off leaves nothing behind, and a reader never sees half a file. A body without
-// a Content-Length gets 411, one above the size limit 413, before anything is written.
+// and answers "ok". The body streams through the context's 64 KiB input buffer straight
+// into the target, so memory use does not depend on the file size. A body without a
+// Content-Length gets 411, one above the size limit 413, before anything is written.
 // When the body cannot be received or written completely, no reply is sent: the client
-// never sees "ok" for a file that is not all on disk.
+// never sees "ok" for a file that is not all on disk (the bytes that did arrive stay).
 #include <zrfiletransfer/zrhttphandlers.h>
 
 #include <sys/stat.h>
@@ -15,7 +14,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <random>
 
 #include <boost/filesystem/operations.hpp>
 
@@ -35,9 +33,6 @@ namespace {
 // read by the listener threads.
 std::atomic<std::uint64_t> gPutSizeLimit{kDefaultPutSizeLimit};
 
-// Temporary files of PUTs in progress are named with this prefix and a random part.
-const char* const kTemporaryPrefix = ".tuqvu-put-";
-constexpr int kTemporaryAttempts = 64;
 
 void logError(const std::string& text) {
   vu::log::write(vu::log::warning, detail::kNetworkLog, "httpPut", "Write file error: " + text);
@@ -115,25 +110,31 @@ bool receiveBody(soap* connection, int file, const fs::path& target) {
   return true;
 }
 
-// Creates a new, empty temporary file in `directory`; its name goes to `name`.
-int createTemporary(int directory, std::string* name) {
-  static const char* const kDigits = "0123456789abcdef";
-  // Only the listener thread of each server creates temporaries; one generator per thread.
-  thread_local std::mt19937_64 generator{std::random_device{}()};
-  for (int attempt = 0; attempt < kTemporaryAttempts; ++attempt) {
-    std::uint64_t bits = generator();
-    std::string candidate = kTemporaryPrefix;
-    for (int i = 0; i < 12; ++i, bits >>= 4) {
-      candidate += kDigits[bits & 0xf];
-    }
-    const int fd = detail::openBeneath(directory, candidate, O_WRONLY | O_CREAT | O_EXCL, 0666);
-    if (fd >= 0 || errno != EEXIST) {
-      *name = candidate;
-      return fd;
-    }
+// Opens the regular file `name` of `directory` for writing, created or truncated, never
+// through a link. O_NONBLOCK keeps a FIFO put there meanwhile from blocking the listener;
+// anything but a regular file is closed again and refused with EINVAL.
+int openForWriting(int directory, const std::string& name) {
+  detail::UniqueFd file(
+      detail::openBeneath(directory, name, O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY, 0666));
+  if (!file) {
+    return -1;
   }
-  errno = EEXIST;
-  return -1;
+  struct stat status;
+  if (::fstat(file.get(), &status) != 0) {
+    return -1;
+  }
+  if (!S_ISREG(status.st_mode)) {
+    errno = EINVAL;
+    return -1;
+  }
+  if (::ftruncate(file.get(), 0) != 0) {
+    return -1;
+  }
+  const int flags = ::fcntl(file.get(), F_GETFL);
+  if (flags < 0 || ::fcntl(file.get(), F_SETFL, flags & ~O_NONBLOCK) != 0) {
+    return -1;
+  }
+  return file.release();
 }
 
 // Refuses, with a 403 that says why, a request that would change what it must not.
@@ -153,7 +154,8 @@ bool refusedWrite(soap* connection, const fs::path& requestPath, const fs::path&
 
 void loadPutSizeLimit() {
   std::uint64_t limit = kDefaultPutSizeLimit;
-  if (const char* value = std::getenv("TUQVU_FILE_PUT_MAX_BYTES")) {
+  const char* value = std::getenv("TUQVU_FILE_PUT_MAX_BYTES");
+  if (value != nullptr && *value != '\0') {
     char* end = nullptr;
     errno = 0;
     const unsigned long long parsed = std::strtoull(value, &end, 10);
@@ -252,30 +254,17 @@ int httpPut(soap* connection) {
     logError(relative.string() + ": not a regular file");
     return -1;
   }
-  if (exists && ::faccessat(parent.get(), name.c_str(), W_OK, 0) != 0) {
-    logError(relative.string() + ": " + std::strerror(errno));
-    return -1;
-  }
-  std::string temporary;
-  detail::UniqueFd file(createTemporary(parent.get(), &temporary));
+  detail::UniqueFd file(openForWriting(parent.get(), name));
   if (!file) {
     logError(relative.string() + ": " + std::strerror(errno));
     return -1;
   }
-  if (exists) {
-    ::fchmod(file.get(), existing.st_mode & 07777);  // the replaced file's permissions stay
-  }
   const bool received = receiveBody(connection, file.get(), relative);
-  const bool closed = ::close(file.release()) == 0;
-  if (received && !closed) {
+  if (::close(file.release()) != 0 && received) {
     logError(relative.string() + ": " + std::strerror(errno));
+    return -1;
   }
-  if (!received || !closed ||
-      ::renameat(parent.get(), temporary.c_str(), parent.get(), name.c_str()) != 0) {
-    if (received && closed) {
-      logError(relative.string() + ": " + std::strerror(errno));
-    }
-    ::unlinkat(parent.get(), temporary.c_str(), 0);
+  if (!received) {
     return -1;
   }
 
