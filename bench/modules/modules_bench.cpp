@@ -1,6 +1,6 @@
-// Platform modules: parsing and instancing a 1 MB behavior file, the latency from
-// exitBehavior to the return of completeBehavior, and raiseMicroEvent with 10
-// subscribers.
+// Platform modules: parsing and instancing behavior files of 1 and 32 MiB (steps on lines
+// of their own or all on one line), the latency from exitBehavior to the return of
+// completeBehavior, and raiseMicroEvent with 10 subscribers.
 #include <benchmark/benchmark.h>
 #include <vu/log.h>
 #include <zr/modules/zrframemanager.h>
@@ -32,8 +32,9 @@ std::string temporaryFile(const std::string& name) {
   return (dir / name).string();
 }
 
-// A behavior file of about `bytes` bytes, every kind of step, nested repeats.
-std::string writeLargeBehavior(std::size_t bytes) {
+// A behavior file of about `bytes` bytes, every kind of step, nested repeats; with
+// `oneLine` the steps follow each other on a single line, without indentation.
+std::string writeLargeBehavior(std::size_t bytes, bool oneLine = false) {
   const std::string path = temporaryFile("behavior.xar");
   std::ofstream out(path);
   out << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<behavior>\n";
@@ -49,6 +50,11 @@ std::string writeLargeBehavior(std::size_t bytes) {
     text +=
         "      <arg type=\"string\" value=\"Bench/Last\"/><arg type=\"bool\" value=\"true\"/>\n";
     text += "    </call>\n  </repeat>\n";
+    if (oneLine) {
+      text.erase(std::remove(text.begin(), text.end(), '\n'), text.end());
+      text.erase(0, text.find_first_not_of(' '));
+      for (std::size_t at; (at = text.find("  ")) != std::string::npos;) text.erase(at, 1);
+    }
     out << text;
     written += text.size();
   }
@@ -56,9 +62,10 @@ std::string writeLargeBehavior(std::size_t bytes) {
   return path;
 }
 
+// range(0): the size in KiB; range(1): 1 when every step is on one line.
 void BM_ParseAndInstanceLargeFile(benchmark::State& state) {
   const std::size_t bytes = static_cast<std::size_t>(state.range(0)) << 10;
-  const std::string path = writeLargeBehavior(bytes);
+  const std::string path = writeLargeBehavior(bytes, state.range(1) != 0);
   const auto size = boost::filesystem::file_size(path);
   auto broker = ZRBroker::create();
   ZRFrameManager frames(broker);
@@ -71,7 +78,13 @@ void BM_ParseAndInstanceLargeFile(benchmark::State& state) {
   state.counters["file_bytes"] = static_cast<double>(size);
   boost::filesystem::remove_all(boost::filesystem::path(path).parent_path());
 }
-BENCHMARK(BM_ParseAndInstanceLargeFile)->Arg(1024)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ParseAndInstanceLargeFile)
+    ->ArgNames({"KiB", "one_line"})
+    ->Args({1024, 0})
+    ->Args({1024, 1})
+    ->Args({32 * 1024 - 64, 0})
+    ->Args({32 * 1024 - 64, 1})
+    ->Unit(benchmark::kMillisecond);
 
 // Runs completeBehavior on its own thread, one run per request, and records when it
 // returned.

@@ -92,6 +92,32 @@ TEST_F(BehaviorFileTest, AnUnknownStepGivesItsLineAndColumn) {
                                "raise, call, repeat, fail)");
 }
 
+TEST_F(BehaviorFileTest, AStepFarAlongOneLongLineGetsItsColumnInCharacters) {
+  // 400 two-byte characters cross several blocks of the position index before the step.
+  std::string steps;
+  for (int i = 0; i < 200; ++i) steps += "<log text=\"\xc3\xa9\xc3\xa9\"/>";  // 16 characters
+  const std::string path = write("<behavior>\n " + steps + "<dance/></behavior>\n");
+  const std::string description = errorOf(path);
+  EXPECT_EQ(description.rfind("behavior file " + path + ", line 2, column " +
+                                  std::to_string(2 + 200 * 16) + ": unknown step <dance>",
+                              0),
+            0u)
+      << description;
+}
+
+TEST_F(BehaviorFileTest, TheLastOf200000StepsOnOneLineIsPlacedByItsColumn) {
+  std::string text = "<behavior>";
+  for (int i = 0; i < 200000; ++i) text += "<log text=\"x\" level=\"5\"/>";
+  text += "<dance/></behavior>";
+  const std::string path = write(text);
+  const std::string description = errorOf(path);
+  EXPECT_EQ(description.rfind("behavior file " + path + ", line 1, column " +
+                                  std::to_string(11 + 200000 * 25) + ": unknown step <dance>",
+                              0),
+            0u)
+      << description;
+}
+
 TEST_F(BehaviorFileTest, InvalidStepsAreRefusedWithTheirPlace) {
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"<wait/>", "<wait> needs the attribute \"ms\""},

@@ -6,15 +6,19 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include <stdsoap2.h>
 
 #include <vu/log.h>
+#include <vu/os.h>
 #include <zr/zrerror.h>
 
 #include <zrfiletransfer/zrhttphandlers.h>
+
+#include "zracceptbackoff.h"
 
 namespace ZR {
 namespace {
@@ -131,22 +135,38 @@ void ZRFileTransferPrivate::stop() {
 }
 
 void ZRFileTransferPrivate::listenRequest() {
+  // A failing accept (no descriptor or memory left, a connection reset while queued) is
+  // a passing state of the machine, not the end of the service: the listener waits and
+  // tries again, so the robot is reachable as soon as the flood is over.
+  detail::AcceptBackOff backOff;
   while (fStop == 0) {
     const SOAP_SOCKET accepted = soap_accept(fServer);
     if (soap_valid_socket(accepted)) {
       soap* connection = soap_copy(fServer);
       if (connection == nullptr) {
-        break;
+        ::close(accepted);
+        fServer->socket = SOAP_INVALID_SOCKET;
+        pause(backOff.failed(ENOMEM));
+        continue;
       }
+      backOff.succeeded();
       connection->socket = accepted;
       // The copy owns the accepted socket from here on.
       fServer->socket = SOAP_INVALID_SOCKET;
       run(connection);
     } else if (fServer->errnum != 0) {
-      break;  // a real accept error, not the time-out
+      pause(backOff.failed(fServer->errnum));  // a real accept error, not the time-out
     }
   }
   finalise(fServer);
+}
+
+void ZRFileTransferPrivate::pause(int milliseconds) const {
+  // In short steps, so that stop() is not kept waiting by a long pause.
+  constexpr int kStepMs = 50;
+  for (int waited = 0; waited < milliseconds && fStop == 0; waited += kStepMs) {
+    vu::os::msleep(static_cast<unsigned int>(std::min(kStepMs, milliseconds - waited)));
+  }
 }
 
 void ZRFileTransferPrivate::run(soap* connection) {

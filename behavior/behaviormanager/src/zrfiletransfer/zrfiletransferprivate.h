@@ -36,8 +36,12 @@ public:
   // when idle, or when the connection being served ends).
   void stop();
 
-  // The listener thread's body: accepts connections one at a time until stopped.
+  // The listener thread's body: accepts connections one at a time until stopped. Accept
+  // errors do not end it: it backs off (see AcceptBackOff) and accepts again.
   void listenRequest();
+
+  // Sleeps about `milliseconds`, or less when the stop flag is set meanwhile.
+  void pause(int milliseconds) const;
 
   // Serves one accepted connection, then releases its context.
   void run(soap* connection);
