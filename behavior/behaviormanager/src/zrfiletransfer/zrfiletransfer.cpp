@@ -6,6 +6,7 @@
 #include <zrfiletransfer/zrhttphandlers.h>
 
 #include "zrfiletransferprivate.h"
+#include "zrrequestdeadline.h"
 
 namespace ZR {
 namespace {
@@ -27,6 +28,7 @@ ZRFileTransfer::ZRFileTransfer() : _p(new ZRFileTransferPrivate) {
   // Filled before the listener runs, so no request ever sees a partial table.
   fillContentTypeTable();
   loadPutSizeLimit();
+  detail::loadRequestTimeLimits();
   vu::os::msleep(kStartDelayMs);
   _p->start();
 }

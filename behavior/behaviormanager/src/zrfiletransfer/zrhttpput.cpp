@@ -259,6 +259,7 @@ int httpPut(soap* connection) {
     logError(relative.string() + ": " + std::strerror(errno));
     return -1;
   }
+  detail::ConnectionGuard::beginBody(connection, connection->length);
   const bool received = receiveBody(connection, file.get(), relative);
   if (::close(file.release()) != 0 && received) {
     logError(relative.string() + ": " + std::strerror(errno));

@@ -1,10 +1,12 @@
 #include "zrrequestguard.h"
 
 #include <arpa/inet.h>
+#include <poll.h>
 #include <strings.h>
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 
 #include <vu/log.h>
 #include <zr/zrnetworkaccess.h>
@@ -14,6 +16,9 @@
 namespace ZR {
 namespace detail {
 namespace {
+
+// The longest wait for one read when the connection has no time-out of its own.
+constexpr int kLongestReadSeconds = 15;
 
 bool named(const char* key, const char* name) { return ::strcasecmp(key, name) == 0; }
 
@@ -85,9 +90,11 @@ void sendUnauthorized(soap* connection) {
 ConnectionGuard::ConnectionGuard(soap* connection)
     : fConnection(connection),
       fPreviousUser(connection->user),
-      fPreviousParseHeader(connection->fparsehdr) {
+      fPreviousParseHeader(connection->fparsehdr),
+      fPreviousReceive(connection->frecv) {
   connection->user = this;
   connection->fparsehdr = &ConnectionGuard::parseHeader;
+  connection->frecv = &ConnectionGuard::receive;
   // gSOAP's own answers to these carry "Access-Control-Allow-Origin: *" and claim PUT,
   // PATCH and POST; the service has none of that.
   connection->fopt = [](soap* c) {
@@ -101,6 +108,7 @@ ConnectionGuard::ConnectionGuard(soap* connection)
 ConnectionGuard::~ConnectionGuard() {
   fConnection->user = fPreviousUser;
   fConnection->fparsehdr = fPreviousParseHeader;
+  fConnection->frecv = fPreviousReceive;
 }
 
 void ConnectionGuard::beginRequest() {
@@ -109,6 +117,49 @@ void ConnectionGuard::beginRequest() {
   fConnection->userid = nullptr;
   fConnection->passwd = nullptr;
   fConnection->origin = nullptr;
+  fDeadline.startHeaders();
+}
+
+void ConnectionGuard::beginBody(soap* connection, std::uint64_t length) {
+  if (connection->frecv == &ConnectionGuard::receive && connection->user != nullptr) {
+    static_cast<ConnectionGuard*>(connection->user)->fDeadline.startBody(length);
+  }
+}
+
+size_t ConnectionGuard::receive(soap* connection, char* buffer, size_t length) {
+  ConnectionGuard* guard = static_cast<ConnectionGuard*>(connection->user);
+  // Wait here for the next bytes, for no longer than the connection's own time-out for
+  // one read and what is left of the request's deadline; gSOAP's read then finds them.
+  const int longestMs =
+      connection->recv_timeout > 0 ? connection->recv_timeout * 1000 : kLongestReadSeconds * 1000;
+  for (;;) {
+    const long long leftMs = guard->fDeadline.millisecondsLeft();
+    if (leftMs <= 0) {
+      if (!guard->fDeadlineLogged) {
+        guard->fDeadlineLogged = true;
+        vu::log::write(vu::log::warning, kNetworkLog, "receive",
+                       "The request did not arrive in time; closing the connection of " +
+                           std::string(connection->host) + " port " +
+                           std::to_string(connection->port));
+      }
+      connection->errnum = ETIMEDOUT;
+      return 0;
+    }
+    pollfd ready{connection->socket, POLLIN, 0};
+    const int waited = ::poll(&ready, 1, static_cast<int>(std::min<long long>(leftMs, longestMs)));
+    if (waited > 0) {
+      break;
+    }
+    if (waited == 0 && leftMs > longestMs) {
+      connection->errnum = 0;  // the read time-out of an idle connection
+      return 0;
+    }
+    if (waited < 0 && errno != EINTR) {
+      connection->errnum = errno;
+      return 0;
+    }
+  }
+  return guard->fPreviousReceive(connection, buffer, length);
 }
 
 const RequestHeaders* ConnectionGuard::headersOf(const soap* connection) {

@@ -8,12 +8,17 @@
 // The guard captures the headers browsers send (Host, Origin, Sec-Fetch-Site) as gSOAP
 // parses them, and keeps Origin and the CORS request headers from gSOAP itself, so that
 // gSOAP never adds Access-Control-* headers to a reply of its own. It also answers OPTIONS,
-// HEAD and PATCH with 405 instead of gSOAP's permissive defaults.
+// HEAD and PATCH with 405 instead of gSOAP's permissive defaults. And it holds each
+// request to its deadline (zrrequestdeadline.h): a read after the deadline ends the
+// connection without a reply.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include <stdsoap2.h>
+
+#include "zrrequestdeadline.h"
 
 namespace ZR {
 namespace detail {
@@ -34,19 +39,27 @@ public:
   ConnectionGuard(const ConnectionGuard&) = delete;
   ConnectionGuard& operator=(const ConnectionGuard&) = delete;
 
-  // Forgets the headers and credentials of the previous request on the connection.
+  // Forgets the headers and credentials of the previous request on the connection, and
+  // starts the deadline of the next request's headers.
   void beginRequest();
 
   // The headers of the request being served; null when the connection has no guard.
   static const RequestHeaders* headersOf(const soap* connection);
 
+  // The body of `length` bytes is read next: its deadline starts.
+  static void beginBody(soap* connection, std::uint64_t length);
+
 private:
   static int parseHeader(soap* connection, const char* key, const char* value);
+  static size_t receive(soap* connection, char* buffer, size_t length);
 
   soap* fConnection;
   void* fPreviousUser;
   int (*fPreviousParseHeader)(soap*, const char*, const char*);
+  size_t (*fPreviousReceive)(soap*, char*, size_t);
   RequestHeaders fHeaders;
+  RequestDeadline fDeadline;
+  bool fDeadlineLogged = false;
 };
 
 enum class Access { Read, Write };

@@ -1,0 +1,82 @@
+#include "zrrequestdeadline.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <limits>
+#include <string>
+
+#include <vu/log.h>
+
+#include "zrhttpreply.h"
+
+namespace ZR {
+namespace detail {
+namespace {
+
+// Written by loadRequestTimeLimits (a server's constructor), read by listener threads.
+std::atomic<int> gHeaderSeconds{RequestTimeLimits::kDefaultHeaderSeconds};
+std::atomic<std::uint64_t> gBodyBytesPerSecond{RequestTimeLimits::kDefaultBodyBytesPerSecond};
+
+// The positive whole number in the environment variable `name`, or `fallback` (logged
+// when the variable holds anything else).
+std::uint64_t positiveSetting(const char* name, std::uint64_t fallback, std::uint64_t largest) {
+  const char* value = std::getenv(name);
+  if (value == nullptr || *value == '\0') {
+    return fallback;
+  }
+  char* end = nullptr;
+  errno = 0;
+  const unsigned long long parsed = std::strtoull(value, &end, 10);
+  if (*value >= '0' && *value <= '9' && *end == '\0' && errno == 0 && parsed > 0 &&
+      parsed <= largest) {
+    return parsed;
+  }
+  vu::log::write(vu::log::warning, kNetworkLog, "loadRequestTimeLimits",
+                 std::string(name) + " is not a whole number from 1 to " +
+                     std::to_string(largest) + ": " + value + "; it stays " +
+                     std::to_string(fallback));
+  return fallback;
+}
+
+}  // namespace
+
+void loadRequestTimeLimits() {
+  gHeaderSeconds = static_cast<int>(positiveSetting(
+      "TUQVU_FILE_HEADER_DEADLINE_S", RequestTimeLimits::kDefaultHeaderSeconds, 86400));
+  gBodyBytesPerSecond = positiveSetting("TUQVU_FILE_BODY_MIN_RATE",
+                                        RequestTimeLimits::kDefaultBodyBytesPerSecond,
+                                        std::uint64_t{1} << 40);
+}
+
+RequestTimeLimits requestTimeLimits() {
+  RequestTimeLimits limits;
+  limits.headerSeconds = gHeaderSeconds.load();
+  limits.bodyBytesPerSecond = gBodyBytesPerSecond.load();
+  return limits;
+}
+
+void RequestDeadline::startHeaders() {
+  fDeadline = Clock::now() + std::chrono::seconds(requestTimeLimits().headerSeconds);
+}
+
+void RequestDeadline::startBody(std::uint64_t length) {
+  const RequestTimeLimits limits = requestTimeLimits();
+  const std::uint64_t bodySeconds = length / limits.bodyBytesPerSecond;
+  // Bounded so that the sum stays far inside the clock's range.
+  fDeadline = Clock::now() + std::chrono::seconds(limits.headerSeconds) +
+              std::chrono::seconds(std::min<std::uint64_t>(bodySeconds, 365ULL * 86400));
+}
+
+long long RequestDeadline::millisecondsLeft() const {
+  if (fDeadline == Clock::time_point::max()) {
+    return std::numeric_limits<long long>::max();
+  }
+  const auto left =
+      std::chrono::duration_cast<std::chrono::milliseconds>(fDeadline - Clock::now()).count();
+  return std::max<long long>(left, 0);
+}
+
+}  // namespace detail
+}  // namespace ZR

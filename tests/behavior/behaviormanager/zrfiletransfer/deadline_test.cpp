@@ -1,0 +1,136 @@
+// Slow clients against a server whose header deadline is 2 s: one that dribbles its
+// headers or its body is cut off at its deadline, and the client waiting behind it is
+// served then, not when the slow one would have finished.
+#include <stdlib.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include <zrfiletransfer/zrfiletransfer.h>
+#include <zrfiletransfer/zrrequestdeadline.h>
+
+#include "support/files.h"
+#include "support/logcapture.h"
+#include "support/rawclient.h"
+#include "support/testenvironment.h"
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+using zrft_test::LogCapture;
+using zrft_test::paths;
+using zrft_test::RawConnection;
+
+namespace {
+
+class Setting {
+public:
+  Setting(const char* name, const char* value) : fName(name) { ::setenv(name, value, 1); }
+  ~Setting() { ::unsetenv(fName); }
+
+private:
+  const char* fName;
+};
+
+// Sends `bytes` one piece every `pause` until done or the server closes; returns how
+// many bytes went out.
+std::size_t dribble(RawConnection& connection, const std::string& bytes, std::size_t piece,
+                    std::chrono::milliseconds pause) {
+  std::size_t sent = 0;
+  while (sent < bytes.size()) {
+    if (connection.readable(0ms)) break;  // closed (or answered) by the server
+    const std::size_t count = std::min(piece, bytes.size() - sent);
+    connection.send(bytes.data() + sent, count);
+    sent += count;
+    std::this_thread::sleep_for(pause);
+  }
+  return sent;
+}
+
+class Deadlines : public ::testing::Test {
+protected:
+  void SetUp() override { zrft_test::paths(); }
+  Setting fHeaders{"TUQVU_FILE_HEADER_DEADLINE_S", "2"};
+  Setting fRate{"TUQVU_FILE_BODY_MIN_RATE", "5000"};
+};
+
+}  // namespace
+
+TEST_F(Deadlines, HeadersSentAByteAtATimeAreCutOffAndTheNextClientIsServed) {
+  LogCapture log;
+  ZR::ZRFileTransfer server;
+  const int port = server.httpFileTransferPort();
+  const std::string request = "GET /tmp/slow.txt HTTP/1.1\nHost: robot\nX-Padding: " +
+                              std::string(60, 'p') + "\n\n";  // 100 bytes: 20 s at 5 bytes/s
+
+  const auto start = Clock::now();
+  RawConnection slow(port);
+  auto slowSender = std::async(std::launch::async,
+                               [&] { return dribble(slow, request, 1, 200ms); });
+  std::this_thread::sleep_for(300ms);
+  const zrft_test::Reply waiting = zrft_test::request(port, "GET /tmp/none.txt HTTP/1.1\nHost: robot\n\n", 15s);
+  const auto servedAfter = Clock::now() - start;
+
+  EXPECT_EQ("HTTP/1.1 404 Not Found", waiting.statusLine);
+  EXPECT_LT(servedAfter, 8s) << "the waiting client was served only when the slow one ended";
+  bool closed = false;
+  EXPECT_EQ("", slow.readUntilClosed(5s, &closed));
+  EXPECT_TRUE(closed);
+  EXPECT_LT(slowSender.get(), request.size());
+  EXPECT_EQ(1u, log.find("receive", "did not arrive in time").size());
+}
+
+TEST_F(Deadlines, ABodyBelowTheMinimumRateIsCutOffWithoutAReply) {
+  ZR::ZRFileTransfer server;
+  const int port = server.httpFileTransferPort();
+  // 10,000 bytes at 5,000 bytes/s may take 2 + 2 s; sent at 100 bytes/s they would take 100.
+  RawConnection slow(port);
+  slow.send("PUT /tmp/slow-body.bin HTTP/1.1\nHost: robot\nContent-Length: 10000\n\n");
+  const auto start = Clock::now();
+  const std::size_t sent = dribble(slow, std::string(10000, 'b'), 10, 100ms);
+  bool closed = false;
+  EXPECT_EQ("", slow.readUntilClosed(5s, &closed));
+  EXPECT_TRUE(closed);
+  EXPECT_LT(sent, 10000u);
+  EXPECT_LT(Clock::now() - start, 10s);
+
+  // A body that keeps the rate is written whole.
+  const std::string body(10000, 'f');
+  const zrft_test::Reply fast = zrft_test::request(
+      port, "PUT /tmp/fast-body.bin HTTP/1.1\nHost: robot\nContent-Length: 10000\n\n" + body);
+  EXPECT_EQ("HTTP/1.1 200 OK", fast.statusLine);
+  EXPECT_EQ(body, zrft_test::readFile(paths().tmp / "fast-body.bin"));
+}
+
+TEST_F(Deadlines, AKeptAliveConnectionGetsAFreshDeadlineForEachRequest) {
+  ZR::ZRFileTransfer server;
+  RawConnection connection(server.httpFileTransferPort());
+  for (int i = 0; i < 3; ++i) {
+    connection.send("GET /tmp/none.txt HTTP/1.1\nHost: robot\n\n");
+    EXPECT_EQ("HTTP/1.1 404 Not Found", connection.readReply(5s).statusLine) << i;
+    std::this_thread::sleep_for(1200ms);  // 3.6 s in all: more than one deadline
+  }
+}
+
+TEST(RequestTimeLimits, ComeFromTheEnvironmentWithDefaultsAndIgnoreNonsense) {
+  LogCapture log;
+  ::unsetenv("TUQVU_FILE_HEADER_DEADLINE_S");
+  ::unsetenv("TUQVU_FILE_BODY_MIN_RATE");
+  ZR::detail::loadRequestTimeLimits();
+  EXPECT_EQ(15, ZR::detail::requestTimeLimits().headerSeconds);
+  EXPECT_EQ(32768u, ZR::detail::requestTimeLimits().bodyBytesPerSecond);
+  {
+    Setting headers("TUQVU_FILE_HEADER_DEADLINE_S", "30");
+    Setting rate("TUQVU_FILE_BODY_MIN_RATE", "-5");
+    ZR::detail::loadRequestTimeLimits();
+    EXPECT_EQ(30, ZR::detail::requestTimeLimits().headerSeconds);
+    EXPECT_EQ(32768u, ZR::detail::requestTimeLimits().bodyBytesPerSecond);
+    EXPECT_EQ(1u, log.find("loadRequestTimeLimits", "TUQVU_FILE_BODY_MIN_RATE").size());
+  }
+  ZR::detail::loadRequestTimeLimits();
+}
