@@ -110,7 +110,7 @@ void HttpSession::handle(Request&& request) {
     case Routed::Kind::Respond:
       return send(std::move(routed.response), version, keepAlive);
     case Routed::Kind::Call:
-      return startCall(std::move(routed.call), version, keepAlive);
+      return startCall(std::move(routed), version, keepAlive);
     case Routed::Kind::EventStream: {
       fStream.expires_never();
       auto stream = std::make_shared<SseSession>(std::move(fStream), fContext->hub,
@@ -121,11 +121,24 @@ void HttpSession::handle(Request&& request) {
   }
 }
 
-void HttpSession::startCall(std::function<Response()> call, unsigned version, bool keepAlive) {
+void HttpSession::startCall(Routed&& routed, unsigned version, bool keepAlive) {
   if (fContext->refusingCalls.load()) {
     return send(textResponse(http::status::service_unavailable, "the broker is shutting down"),
                 version, false);
   }
+  // One slot of the client's and of the broker's calls, held until the call returns.
+  std::shared_ptr<void> admitted;
+  if (fContext->admission) {
+    beast::error_code ignored;
+    const std::string client = fStream.socket().remote_endpoint(ignored).address().to_string();
+    std::string why;
+    admitted = fContext->admission->admit(client, &why);
+    if (!admitted) {
+      vu::log::write(vu::log::warning, "tuqvu.calls", "startCall", why);
+      return send(routed.refuse(why), version, keepAlive);
+    }
+  }
+  std::function<Response()> call = std::move(routed.call);
   // Counts this answer until its write ends, or until the handler holding it is dropped.
   std::shared_ptr<ServerContext> context = fContext;
   ++context->pendingAnswers;
@@ -134,13 +147,14 @@ void HttpSession::startCall(std::function<Response()> call, unsigned version, bo
   // No timer runs while the call does: a call may take minutes and the client waits.
   fStream.expires_never();
   auto self = shared_from_this();
-  auto job = [self, call = std::move(call), version, keepAlive, token]() {
+  auto job = [self, call = std::move(call), version, keepAlive, token, admitted]() mutable {
     Response response;
     try {
       response = call();
     } catch (const std::exception& error) {
       response = textResponse(http::status::internal_server_error, error.what());
     }
+    admitted.reset();  // the call is over; its answer may still take time to write
     net::post(self->fStream.get_executor(),
               [self, response = std::move(response), version, keepAlive, token]() mutable {
                 self->send(std::move(response), version, keepAlive, token);

@@ -17,10 +17,36 @@ Routed respond(Response response) {
   return routed;
 }
 
+// The error of a call that was not made because too many run already.
+nlohmann::json tooManyCalls(const std::string& why) { return rpcError(rpc::kTooManyCalls, why); }
+
 Routed runCall(std::function<Response()> call) {
   Routed routed;
   routed.kind = Routed::Kind::Call;
   routed.call = std::move(call);
+  routed.refuse = [](const std::string& why) {
+    Response response = jsonResponse(http::status::too_many_requests,
+                                     dumpJson({{"error", tooManyCalls(why)}}));
+    response.set(http::field::retry_after, "1");
+    return response;
+  };
+  return routed;
+}
+
+// The same for a JSON-RPC body: the error answers the request's id (null for a batch or
+// a body that is no JSON object).
+Routed runRpcCall(std::function<Response()> call, const std::string& body) {
+  Routed routed = runCall(std::move(call));
+  routed.refuse = [body](const std::string& why) {
+    nlohmann::json id = nullptr;
+    const nlohmann::json request = nlohmann::json::parse(body, nullptr, false);
+    if (request.is_object() && request.contains("id")) id = request["id"];
+    Response response = jsonResponse(
+        http::status::too_many_requests,
+        dumpJson({{"jsonrpc", "2.0"}, {"error", tooManyCalls(why)}, {"id", id}}));
+    response.set(http::field::retry_after, "1");
+    return response;
+  };
   return routed;
 }
 
@@ -102,11 +128,15 @@ Routed route(Request& request, const std::shared_ptr<const RpcDispatcher>& rpc) 
       return respond(textResponse(http::status::unsupported_media_type,
                                   "calls to /rpc must be sent as Content-Type: application/json"));
     }
-    return runCall([rpc, body = std::move(request.body())]() {
-      std::string reply = rpc->handle(body);
-      if (reply.empty()) return makeResponse(http::status::no_content, "application/json", "");
-      return jsonResponse(http::status::ok, std::move(reply));
-    });
+    std::string body = std::move(request.body());
+    std::string copy = body;
+    return runRpcCall(
+        [rpc, body = std::move(body)]() {
+          std::string reply = rpc->handle(body);
+          if (reply.empty()) return makeResponse(http::status::no_content, "application/json", "");
+          return jsonResponse(http::status::ok, std::move(reply));
+        },
+        copy);
   }
   if (path == "/events") {
     if (verb != http::verb::get) return respond(methodNotAllowed("GET"));

@@ -197,6 +197,8 @@ int main(int argc, char** argv) {
   auto context = std::make_shared<tb::ServerContext>();
   context->rpc = std::make_shared<tb::RpcDispatcher>(broker);
   context->executor = std::make_shared<tb::CallExecutor>();
+  context->admission =
+      std::make_shared<tb::CallAdmission>(tb::CallAdmission::limitsFromEnvironment());
   context->hub = std::make_shared<tb::SseHub>();
   context->sessionToken = tb::randomHex(16);
   std::shared_ptr<tb::SseHub> hub = context->hub;

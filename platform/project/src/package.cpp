@@ -1,12 +1,15 @@
 #include <archive.h>
 #include <archive_entry.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <vu/project/package.h>
+#include <vu/settings.h>
 
 #include <algorithm>
 #include <boost/filesystem.hpp>
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -74,9 +77,41 @@ bool linkStaysInside(const std::string& linkPath, const std::string& target) {
   return true;
 }
 
+// How much a package may unpack to: at most maxBytes, at most `ratio` times its own size
+// (a small archive that unpacks to gigabytes is a bomb, not a behavior) unless it stays
+// under kRatioFloor, and never so much that the disk would keep less than reserveBytes.
+struct UnpackLimits {
+  static constexpr std::uint64_t kRatioFloor = std::uint64_t{16} << 20;
+  std::uint64_t maxBytes = std::uint64_t{1} << 30;
+  std::uint64_t ratio = 200;
+  std::uint64_t reserveBytes = std::uint64_t{256} << 20;
+
+  static UnpackLimits fromEnvironment() {
+    UnpackLimits limits;
+    limits.maxBytes =
+        vu::settings::positiveNumber("TUQVU_PACKAGE_MAX_UNPACKED_BYTES", limits.maxBytes);
+    limits.ratio = vu::settings::positiveNumber("TUQVU_PACKAGE_MAX_RATIO", limits.ratio,
+                                                std::uint64_t{1} << 32);
+    limits.reserveBytes =
+        vu::settings::positiveNumber("TUQVU_PACKAGE_DISK_RESERVE_BYTES", limits.reserveBytes);
+    return limits;
+  }
+
+  // The most a package of `packageBytes` bytes may unpack to.
+  std::uint64_t allowedFor(std::uint64_t packageBytes) const {
+    const std::uint64_t byRatio =
+        packageBytes > UINT64_MAX / ratio ? UINT64_MAX : packageBytes * ratio;
+    return std::min(maxBytes, std::max(kRatioFloor, byRatio));
+  }
+};
+
 class Unpacker {
  public:
-  Unpacker(const std::string& package, const std::string& into) : package_(package), into_(into) {}
+  Unpacker(const std::string& package, const std::string& into, std::uint64_t packageBytes)
+      : package_(package),
+        into_(into),
+        limits_(UnpackLimits::fromEnvironment()),
+        allowed_(limits_.allowedFor(packageBytes)) {}
 
   ArchiveFormat run(ArchiveFormat format) {
     std::unique_ptr<struct archive, ReaderDeleter> reader(archive_read_new());
@@ -194,6 +229,7 @@ class Unpacker {
         if (status < ARCHIVE_WARN) {
           fail(std::string("cannot read entry \"") + name + "\": " + errorText(reader));
         }
+        admit(size);
         // A write that fails (a full disk, an I/O error) is only a warning to libarchive,
         // which then leaves the file short; unlike its harmless warnings it carries errno.
         archive_clear_error(writer);
@@ -211,8 +247,33 @@ class Unpacker {
     return true;
   }
 
+  // Counts `size` more bytes unpacked; refuses the package when that passes its limit or
+  // would leave the disk with less than the reserve.
+  void admit(std::size_t size) {
+    unpacked_ += size;
+    if (unpacked_ > allowed_) {
+      throw std::runtime_error(
+          package_ + " is refused: it unpacks to more than " + std::to_string(allowed_) +
+          " bytes (at most " + std::to_string(limits_.ratio) + " times its size above " +
+          std::to_string(UnpackLimits::kRatioFloor) + ", TUQVU_PACKAGE_MAX_RATIO, and at most " +
+          std::to_string(limits_.maxBytes) + ", TUQVU_PACKAGE_MAX_UNPACKED_BYTES)");
+    }
+    struct statvfs disk;
+    if (::statvfs(into_.c_str(), &disk) == 0) {
+      const std::uint64_t free = static_cast<std::uint64_t>(disk.f_bavail) * disk.f_frsize;
+      if (free < limits_.reserveBytes + size) {
+        throw std::runtime_error(package_ + " is refused: unpacking it would leave less than " +
+                                 std::to_string(limits_.reserveBytes) +
+                                 " bytes free on the disk (TUQVU_PACKAGE_DISK_RESERVE_BYTES)");
+      }
+    }
+  }
+
   const std::string package_;
   const std::string into_;  // a real path (no link in it), so link checks start inside
+  const UnpackLimits limits_;
+  const std::uint64_t allowed_;
+  std::uint64_t unpacked_ = 0;
 };
 
 // Moves every entry of from into the existing directory to, merging directories and
@@ -285,6 +346,7 @@ ArchiveFormat unpack(const std::string& packagePath, const std::string& destDir,
   if (!S_ISREG(info.st_mode)) {
     throw std::runtime_error(packagePath + " is not a package: not a regular file");
   }
+  const std::uint64_t packageBytes = static_cast<std::uint64_t>(info.st_size);
   const std::string dest = detail::normalizeAbsolute(destDir);
   if (dest.empty()) {
     throw std::runtime_error("importProject: no destination directory for " + packagePath);
@@ -301,7 +363,8 @@ ArchiveFormat unpack(const std::string& packagePath, const std::string& destDir,
     if (::mkdir(staging.c_str(), 0777) != 0) {
       throw std::runtime_error("cannot create " + staging + ": " + std::strerror(errno));
     }
-    const ArchiveFormat found = Unpacker(packagePath, realPath(staging)).run(format);
+    const ArchiveFormat found =
+        Unpacker(packagePath, realPath(staging), packageBytes).run(format);
     if (!destExists) {
       if (std::rename(staging.c_str(), dest.c_str()) != 0) {
         throw std::runtime_error("cannot move " + staging + " to " + dest + ": " +

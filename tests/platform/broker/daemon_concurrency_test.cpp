@@ -34,7 +34,12 @@ int intResult(int port, const std::string& method, const json& params = json::ar
 }  // namespace
 
 TEST(DaemonConcurrency, FiveHundredBlockedCallsDoNotDelayAQuickOne) {
-  TuqvuProcess daemon({"--module", "TestModule=" + testModulePath()});
+  TuqvuProcess::Setup setup;
+  setup.args = {"--module", "TestModule=" + testModulePath()};
+  // All 500 come from this one client: let them all run.
+  setup.env["TUQVU_MAX_CALLS_PER_CLIENT"] = "1000";
+  setup.env["TUQVU_MAX_CALLS"] = "1000";
+  TuqvuProcess daemon(setup);
   constexpr int kBlocked = 500;
   std::vector<std::unique_ptr<HttpConnection>> blocked;
   for (int i = 0; i < kBlocked; ++i) {
@@ -56,6 +61,45 @@ TEST(DaemonConcurrency, FiveHundredBlockedCallsDoNotDelayAQuickOne) {
     EXPECT_EQ(i, answer["id"]);
     EXPECT_EQ("released gate", answer["result"]);
   }
+  EXPECT_EQ(0, daemon.terminate(SIGTERM)) << daemon.stderrText();
+}
+
+TEST(DaemonConcurrency, ACallBeyondTheLimitIsAnsweredWithAJsonRpcErrorAndNothingIsLost) {
+  TuqvuProcess::Setup setup;
+  setup.args = {"--module", "TestModule=" + testModulePath()};
+  setup.env["TUQVU_MAX_CALLS"] = "3";
+  TuqvuProcess daemon(setup);
+  std::vector<std::unique_ptr<HttpConnection>> sleeping;
+  for (int i = 0; i < 3; ++i) {
+    sleeping.push_back(std::make_unique<HttpConnection>(daemon.port()));
+    sleeping.back()->send("POST", "/rpc", rpcRequest("TestModule.sleep", {3000}, i));
+  }
+  // Once the three are running, a fourth call is not made.
+  HttpReply refused;
+  ASSERT_TRUE(eventually([&] {
+    HttpConnection connection(daemon.port());
+    refused = connection.request("POST", "/rpc", rpcRequest("TestModule.echo", {"x"}, 77),
+                                 {{"Content-Type", "application/json"}});
+    return refused.status != 200;
+  }));
+  EXPECT_EQ(429, refused.status);
+  EXPECT_EQ("1", refused.headers["retry-after"]);
+  const json answer = json::parse(refused.body);
+  EXPECT_EQ("2.0", answer["jsonrpc"]);
+  EXPECT_EQ(77, answer["id"]);
+  EXPECT_EQ(-32005, answer["error"]["code"]);
+  EXPECT_EQ(0u, answer["error"]["message"].get<std::string>().find(
+                    "too many calls at once: 3 are running, the most the broker makes "
+                    "(TUQVU_MAX_CALLS)"))
+      << answer;
+
+  // The three calls answer, and then the client may call again.
+  for (int i = 0; i < 3; ++i) {
+    const HttpReply reply = sleeping[i]->readReply();
+    ASSERT_EQ(200, reply.status);
+    EXPECT_EQ("slept", json::parse(reply.body)["result"]);
+  }
+  EXPECT_EQ(json("again"), rpc(daemon.port(), "TestModule.echo", {"again"})["result"]);
   EXPECT_EQ(0, daemon.terminate(SIGTERM)) << daemon.stderrText();
 }
 

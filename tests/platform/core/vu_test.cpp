@@ -1,3 +1,5 @@
+#include <stdlib.h>
+
 #include <cstdlib>
 #include <regex>
 #include <thread>
@@ -9,6 +11,7 @@
 #include <vu/log.h>
 #include <vu/os.h>
 #include <vu/path.h>
+#include <vu/settings.h>
 #include <vu/unicode.h>
 
 namespace fs = boost::filesystem;
@@ -120,4 +123,29 @@ TEST(VuHtml, TheFiveCharactersWithAMeaningInHtmlAreEscapedAndOthersKept) {
   EXPECT_EQ("&lt;img src=&quot;x&quot; onerror=&#39;a&#39;&gt; &amp;amp; é/b_c",
             vu::html::escape("<img src=\"x\" onerror='a'> &amp; é/b_c"));
   EXPECT_EQ("", vu::html::escape(""));
+}
+
+TEST(Settings, APositiveNumberComesFromTheEnvironmentOrTheDefault) {
+  ::unsetenv("TUQVU_TEST_SETTING");
+  EXPECT_EQ(7u, vu::settings::positiveNumber("TUQVU_TEST_SETTING", 7));
+  ::setenv("TUQVU_TEST_SETTING", "", 1);
+  EXPECT_EQ(7u, vu::settings::positiveNumber("TUQVU_TEST_SETTING", 7));
+  ::setenv("TUQVU_TEST_SETTING", "12345678901", 1);
+  EXPECT_EQ(12345678901u, vu::settings::positiveNumber("TUQVU_TEST_SETTING", 7));
+  ::unsetenv("TUQVU_TEST_SETTING");
+}
+
+TEST(Settings, AnUnusableValueIsLoggedByNameAndTheDefaultStays) {
+  std::vector<vu::log::Message> captured;
+  vu::log::setSink([&](const vu::log::Message& m) { captured.push_back(m); });
+  for (const char* value : {"abc", "0", "-1", "12x", " 12", "99999999999999999999999", "101"}) {
+    ::setenv("TUQVU_TEST_SETTING", value, 1);
+    EXPECT_EQ(7u, vu::settings::positiveNumber("TUQVU_TEST_SETTING", 7, 100)) << value;
+  }
+  vu::log::setSink(nullptr);
+  ::unsetenv("TUQVU_TEST_SETTING");
+  ASSERT_EQ(7u, captured.size());
+  EXPECT_EQ("vu.settings", captured[0].category);
+  EXPECT_EQ("TUQVU_TEST_SETTING is not a whole number from 1 to 100: \"abc\"; it stays 7",
+            captured[0].text);
 }

@@ -4,7 +4,10 @@
 #include <zr/proxies/zrmemoryproxy.h>
 #include <zr/zrerror.h>
 
+#include <stdlib.h>
+
 #include <atomic>
+#include <functional>
 #include <future>
 #include <memory>
 #include <thread>
@@ -354,3 +357,70 @@ TEST_F(MemoryTest, TheProxyReachesTheModuleThroughTheBroker) {
 }
 
 }  // namespace
+
+namespace {
+
+// Sets an environment variable for the lifetime of the object.
+class EnvironmentSetting {
+ public:
+  EnvironmentSetting(const char* name, const char* value) : name_(name) { ::setenv(name, value, 1); }
+  ~EnvironmentSetting() { ::unsetenv(name_); }
+
+ private:
+  const char* name_;
+};
+
+std::string descriptionOf(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const ZRError& error) {
+    return error.description();
+  }
+  return "";
+}
+
+}  // namespace
+
+TEST(MemoryLimits, DefaultToOneMebibytePerValueAndSixtyFourInAll) {
+  ::unsetenv("TUQVU_MEMORY_VALUE_MAX_BYTES");
+  ::unsetenv("TUQVU_MEMORY_TOTAL_MAX_BYTES");
+  ZRMemory memory(ZRBroker::create());
+  EXPECT_EQ(memory.valueLimitBytes(), 1u << 20);
+  EXPECT_EQ(memory.totalLimitBytes(), 64u << 20);
+}
+
+TEST(MemoryLimits, AValueAboveTheLimitIsRefusedAndTheOldValueStays) {
+  EnvironmentSetting limit("TUQVU_MEMORY_VALUE_MAX_BYTES", "1000");
+  ZRMemory memory(ZRBroker::create());
+  memory.insertData("Big", std::string("small"));
+  const std::string description =
+      descriptionOf([&] { memory.insertData("Big", std::string(2000, 'x')); });
+  EXPECT_EQ(description,
+            "the value of Big takes 2019 bytes; a value may take at most 1000 "
+            "(TUQVU_MEMORY_VALUE_MAX_BYTES)");
+  EXPECT_EQ(memory.getData("Big"), ZRValue(std::string("small")));
+  // Nested arrays count every element.
+  ZRValue nested = ZRValue::array();
+  for (int i = 0; i < 20; ++i) nested.arrayPush(ZRValue(std::vector<std::string>{std::string(40, 'n')}));
+  EXPECT_NE(descriptionOf([&] { memory.raiseMicroEvent("Nested", nested); }), "");
+  EXPECT_THROW(memory.getData("Nested"), ZRError);
+}
+
+TEST(MemoryLimits, TheTotalCountsReplacedAndRemovedValuesOnce) {
+  EnvironmentSetting total("TUQVU_MEMORY_TOTAL_MAX_BYTES", "10000");
+  ZRMemory memory(ZRBroker::create());
+  for (int i = 0; i < 4; ++i) memory.insertData("K" + std::to_string(i), std::string(2000, 'a'));
+  // Replacing a value of the same size does not grow the total.
+  for (int round = 0; round < 10; ++round) memory.insertData("K0", std::string(2000, 'b'));
+  EXPECT_EQ(memory.storedBytes(), 4u * (2 + 16 + 2000));
+  const std::string description =
+      descriptionOf([&] { memory.insertData("K4", std::string(2000, 'c')); });
+  EXPECT_EQ(description.rfind("storing K4 would make the memory hold 10090 bytes; it holds at "
+                              "most 10000 (TUQVU_MEMORY_TOTAL_MAX_BYTES)",
+                              0),
+            0u)
+      << description;
+  memory.removeData("K1");
+  memory.insertData("K4", std::string(2000, 'c'));
+  EXPECT_EQ(memory.getData("K4"), ZRValue(std::string(2000, 'c')));
+}

@@ -248,3 +248,57 @@ TEST_F(PackageTest, FailureKeepsAnExistingDestinationAsItWas) {
   EXPECT_EQ("mine", readFile(work / "out/mine.txt"));
   EXPECT_EQ((std::vector<std::string>{"out", "package"}), listDir(work.path()));
 }
+
+namespace {
+
+// Sets an environment variable for the lifetime of the object.
+class Setting {
+ public:
+  Setting(const char* name, const char* value) : name_(name) { ::setenv(name, value, 1); }
+  ~Setting() { ::unsetenv(name_); }
+
+ private:
+  const char* name_;
+};
+
+}  // namespace
+
+TEST_F(PackageTest, AnArchiveThatUnpacksToMoreThan200TimesItsSizeIsRefused) {
+  // 20 MiB of zeros in a few kilobytes: above the 16 MiB under which the ratio is free.
+  writeArchive(package("bomb.tgz"), Container::TarGz,
+               {{"behavior.xar", ArchiveEntry::File, "<xar/>"},
+                {"data/zeros.bin", ArchiveEntry::File, std::string(20u << 20, '\0')}});
+  expectRefused(package("bomb.tgz"), work / "out/bomb",
+                {"bomb.tgz is refused: it unpacks to more than ", "TUQVU_PACKAGE_MAX_RATIO"});
+
+  Setting ratio("TUQVU_PACKAGE_MAX_RATIO", "1000000");
+  ArchiveFormat format = vu::project::ArchiveFormatDetect;
+  vu::project::importProject(package("bomb.tgz"), work / "out/bomb", format);
+  EXPECT_EQ(20u << 20, fs::file_size(work / "out/bomb/data/zeros.bin"));
+}
+
+TEST_F(PackageTest, ACompressedPackageUnderSixteenMebibytesHasNoRatioLimit) {
+  writeArchive(package("text.tgz"), Container::TarGz,
+               {{"behavior.xar", ArchiveEntry::File, std::string(4u << 20, 'a')}});
+  ArchiveFormat format = vu::project::ArchiveFormatDetect;
+  vu::project::importProject(package("text.tgz"), work / "out/text", format);
+  EXPECT_EQ(4u << 20, fs::file_size(work / "out/text/behavior.xar"));
+}
+
+TEST_F(PackageTest, APackageAboveTheAbsoluteLimitIsRefusedAndLeavesNothing) {
+  Setting limit("TUQVU_PACKAGE_MAX_UNPACKED_BYTES", "10000");
+  writeArchive(package("big.zip"), Container::Zip,
+               {{"behavior.xar", ArchiveEntry::File, "<xar/>"},
+                {"data/noise.bin", ArchiveEntry::File, noise(20000)}});
+  expectRefused(package("big.zip"), work / "out/big",
+                {"big.zip is refused: it unpacks to more than 10000 bytes",
+                 "TUQVU_PACKAGE_MAX_UNPACKED_BYTES"});
+}
+
+TEST_F(PackageTest, APackageThatWouldFillTheDiskUnderTheReserveIsRefused) {
+  Setting reserve("TUQVU_PACKAGE_DISK_RESERVE_BYTES", "1152921504606846976");  // 1 EiB
+  writeArchive(package("wave.zip"), Container::Zip, kWave);
+  expectRefused(package("wave.zip"), work / "out/wave",
+                {"wave.zip is refused: unpacking it would leave less than 1152921504606846976 "
+                 "bytes free on the disk (TUQVU_PACKAGE_DISK_RESERVE_BYTES)"});
+}

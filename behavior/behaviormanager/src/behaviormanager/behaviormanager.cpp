@@ -9,6 +9,7 @@
 #include <vu/os.h>
 #include <vu/path.h>
 #include <vu/project/behaviorlibraryproject.h>
+#include <vu/project/staging.h>
 #include <vu/unicode.h>
 #include <zr/detail/zrcompleteandcheck.h>
 #include <zr/detail/zrfunctor.h>
@@ -47,6 +48,10 @@ boost::shared_ptr<ZRFrameManagerProxy> makeFrameManagerProxy(boost::shared_ptr<Z
   }
 }
 
+// How deep below the user library start-up looks for what crashed imports left: as deep
+// as behaviors are nested in folders.
+constexpr int kStagingSearchDepth = 8;
+
 }  // namespace
 
 ZRBehaviorManager::ZRBehaviorManager(boost::shared_ptr<ZRBroker> broker, const std::string& name)
@@ -81,6 +86,11 @@ ZRBehaviorManager::ZRBehaviorManager(boost::shared_ptr<ZRBroker> broker, const s
                          " event. The BehaviorManager is not started properly.");
     }
   }
+
+  // Imports that a crash cut short left their staging copies in the temporary folder
+  // (unpacked packages) and beside their destination in the library.
+  vu::project::removeStagingLeftovers(vu::os::tmp(), 1);
+  vu::project::removeStagingLeftovers(defaultUserBehaviorsPath, kStagingSearchDepth);
 
   const fs::path userPath(defaultUserBehaviorsPath, vu::unicodeFacet());
   boost::system::error_code statusError;

@@ -18,6 +18,7 @@
 #include <boost/filesystem/operations.hpp>
 
 #include <vu/log.h>
+#include <vu/settings.h>
 
 #include "zrbeneath.h"
 #include "zrhttpreply.h"
@@ -153,22 +154,7 @@ bool refusedWrite(soap* connection, const fs::path& requestPath, const fs::path&
 }  // namespace
 
 void loadPutSizeLimit() {
-  std::uint64_t limit = kDefaultPutSizeLimit;
-  const char* value = std::getenv("TUQVU_FILE_PUT_MAX_BYTES");
-  if (value != nullptr && *value != '\0') {
-    char* end = nullptr;
-    errno = 0;
-    const unsigned long long parsed = std::strtoull(value, &end, 10);
-    if (*value >= '0' && *value <= '9' && end != value && *end == '\0' && errno == 0 &&
-        parsed > 0) {
-      limit = parsed;
-    } else {
-      vu::log::write(vu::log::warning, detail::kNetworkLog, "loadPutSizeLimit",
-                     std::string("TUQVU_FILE_PUT_MAX_BYTES is not a positive number of bytes: ") +
-                         value + "; the limit stays " + std::to_string(limit));
-    }
-  }
-  gPutSizeLimit.store(limit);
+  gPutSizeLimit.store(vu::settings::positiveNumber("TUQVU_FILE_PUT_MAX_BYTES", kDefaultPutSizeLimit));
 }
 
 std::uint64_t putSizeLimit() { return gPutSizeLimit.load(); }

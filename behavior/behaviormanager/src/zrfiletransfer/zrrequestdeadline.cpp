@@ -2,14 +2,9 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
-#include <cstdlib>
 #include <limits>
-#include <string>
 
-#include <vu/log.h>
-
-#include "zrhttpreply.h"
+#include <vu/settings.h>
 
 namespace ZR {
 namespace detail {
@@ -19,35 +14,14 @@ namespace {
 std::atomic<int> gHeaderSeconds{RequestTimeLimits::kDefaultHeaderSeconds};
 std::atomic<std::uint64_t> gBodyBytesPerSecond{RequestTimeLimits::kDefaultBodyBytesPerSecond};
 
-// The positive whole number in the environment variable `name`, or `fallback` (logged
-// when the variable holds anything else).
-std::uint64_t positiveSetting(const char* name, std::uint64_t fallback, std::uint64_t largest) {
-  const char* value = std::getenv(name);
-  if (value == nullptr || *value == '\0') {
-    return fallback;
-  }
-  char* end = nullptr;
-  errno = 0;
-  const unsigned long long parsed = std::strtoull(value, &end, 10);
-  if (*value >= '0' && *value <= '9' && *end == '\0' && errno == 0 && parsed > 0 &&
-      parsed <= largest) {
-    return parsed;
-  }
-  vu::log::write(vu::log::warning, kNetworkLog, "loadRequestTimeLimits",
-                 std::string(name) + " is not a whole number from 1 to " +
-                     std::to_string(largest) + ": " + value + "; it stays " +
-                     std::to_string(fallback));
-  return fallback;
-}
-
 }  // namespace
 
 void loadRequestTimeLimits() {
-  gHeaderSeconds = static_cast<int>(positiveSetting(
+  gHeaderSeconds = static_cast<int>(vu::settings::positiveNumber(
       "TUQVU_FILE_HEADER_DEADLINE_S", RequestTimeLimits::kDefaultHeaderSeconds, 86400));
-  gBodyBytesPerSecond = positiveSetting("TUQVU_FILE_BODY_MIN_RATE",
-                                        RequestTimeLimits::kDefaultBodyBytesPerSecond,
-                                        std::uint64_t{1} << 40);
+  gBodyBytesPerSecond = vu::settings::positiveNumber(
+      "TUQVU_FILE_BODY_MIN_RATE", RequestTimeLimits::kDefaultBodyBytesPerSecond,
+      std::uint64_t{1} << 40);
 }
 
 RequestTimeLimits requestTimeLimits() {

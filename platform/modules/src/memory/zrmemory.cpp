@@ -1,10 +1,12 @@
 #include <vu/log.h>
+#include <vu/settings.h>
 #include <zr/modules/zrmemory.h>
 #include <zr/zrbroker.h>
 #include <zr/zrerror.h>
 
 #include "detail/zrmodulebinding.h"
 #include "memory/memorynotifier.h"
+
 
 namespace ZR {
 namespace {
@@ -13,8 +15,35 @@ const char* const kCategory = "zr.memory";
 
 }  // namespace
 
+namespace {
+
+// The size of a stored value as the limits count it.
+std::size_t sizeOf(const ZRValue& value) {
+  constexpr std::size_t kPerValue = 16;
+  switch (value.getType()) {
+    case ZRValue::TypeString: return kPerValue + value.toString().size();
+    case ZRValue::TypeBinary: return kPerValue + value.toBinary().size();
+    case ZRValue::TypeArray: {
+      std::size_t size = kPerValue;
+      for (const ZRValue& element : value.elements()) size += sizeOf(element);
+      return size;
+    }
+    default: return kPerValue;
+  }
+}
+
+std::size_t entrySize(const std::string& key, const ZRValue& value) {
+  return key.size() + sizeOf(value);
+}
+
+}  // namespace
+
 ZRMemory::ZRMemory(boost::shared_ptr<ZRBroker> broker, const std::string& name)
     : ZRModule(broker, name),
+      fValueLimitBytes(vu::settings::positiveNumber("TUQVU_MEMORY_VALUE_MAX_BYTES",
+                                                     kDefaultValueLimitBytes)),
+      fTotalLimitBytes(vu::settings::positiveNumber("TUQVU_MEMORY_TOTAL_MAX_BYTES",
+                                                     kDefaultTotalLimitBytes)),
       fNotifier(new detail::MemoryNotifier(name, broker, kMaxPendingNotifications)) {
   setModuleDescription(
       "Shared memory of the middleware: named data, events, and notification of the "
@@ -92,10 +121,29 @@ void requireKey(const std::string& module, const char* method, const std::string
 
 void ZRMemory::storeAndNotify(const char* method, const std::string& key, const ZRValue& value) {
   requireKey(getName(), method, key);
+  const std::size_t size = entrySize(key, value);
+  if (size > fValueLimitBytes) {
+    throw ZRError(getName(), method,
+                  "the value of " + key + " takes " + std::to_string(size) +
+                      " bytes; a value may take at most " + std::to_string(fValueLimitBytes) +
+                      " (TUQVU_MEMORY_VALUE_MAX_BYTES)",
+                  __FILE__, __LINE__);
+  }
   detail::MemoryNotifier::PushResult pushed;
   {
     std::lock_guard<std::mutex> lock(fDataMutex);
+    const auto existing = fData.find(key);
+    const std::size_t replaced = existing == fData.end() ? 0 : entrySize(key, existing->second);
+    const std::size_t total = fStoredBytes - replaced + size;
+    if (total > fTotalLimitBytes) {
+      throw ZRError(getName(), method,
+                    "storing " + key + " would make the memory hold " + std::to_string(total) +
+                        " bytes; it holds at most " + std::to_string(fTotalLimitBytes) +
+                        " (TUQVU_MEMORY_TOTAL_MAX_BYTES)",
+                    __FILE__, __LINE__);
+    }
     fData[key] = value;
+    fStoredBytes = total;
     detail::MemoryNotification notification{key, value, {}};
     const auto found = fSubscriptions.find(key);
     if (found != fSubscriptions.end()) notification.subscribers = found->second;
@@ -115,6 +163,11 @@ void ZRMemory::insertData(const std::string& key, const ZRValue& value) {
 
 void ZRMemory::raiseMicroEvent(const std::string& name, const ZRValue& value) {
   storeAndNotify("raiseMicroEvent", name, value);
+}
+
+std::size_t ZRMemory::storedBytes() {
+  std::lock_guard<std::mutex> lock(fDataMutex);
+  return fStoredBytes;
 }
 
 ZRValue ZRMemory::getData(const std::string& key) {
@@ -139,10 +192,13 @@ std::vector<std::string> ZRMemory::getDataList(const std::string& prefix) {
 
 void ZRMemory::removeData(const std::string& key) {
   std::lock_guard<std::mutex> lock(fDataMutex);
-  if (fData.erase(key) == 0) {
+  const auto found = fData.find(key);
+  if (found == fData.end()) {
     throw ZRError(getName(), "removeData", "there is no data named \"" + key + "\"", __FILE__,
                   __LINE__);
   }
+  fStoredBytes -= entrySize(key, found->second);
+  fData.erase(found);
   fEvents.erase(key);
 }
 
@@ -150,7 +206,9 @@ void ZRMemory::declareEvent(const std::string& name) {
   requireKey(getName(), "declareEvent", name);
   std::lock_guard<std::mutex> lock(fDataMutex);
   fEvents.insert(name);
-  fData.emplace(name, ZRValue());  // keeps a value already stored
+  if (fData.emplace(name, ZRValue()).second) {  // keeps a value already stored
+    fStoredBytes += entrySize(name, ZRValue());
+  }
 }
 
 std::vector<std::string> ZRMemory::getEventList() {

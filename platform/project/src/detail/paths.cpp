@@ -108,7 +108,9 @@ std::string stagingPath(const std::string& parentDir, const std::string& suffix)
   thread_local std::mt19937_64 generator(std::random_device{}());
   static const char digits[] = "0123456789abcdef";
   for (;;) {
-    std::string name = kStagingPrefix;
+    // The process id lets a later start tell leftovers of a crash from the copies of a
+    // process that still works on them.
+    std::string name = kStagingPrefix + std::to_string(::getpid()) + "-";
     for (int i = 0; i < 12; ++i) {
       name += digits[generator() % 16];
     }

@@ -26,7 +26,8 @@ std::string joinPath(const std::string& root, const std::string& rel);
 
 bool isStagingName(const std::string& name);
 
-// A fresh path "<parentDir>/.tuqvu-import-<random><suffix>" that does not exist yet.
+// A fresh path "<parentDir>/.tuqvu-import-<pid>-<random><suffix>" that does not exist
+// yet; <pid> is the calling process.
 std::string stagingPath(const std::string& parentDir, const std::string& suffix);
 
 void logWarning(const char* function, const std::string& text);

@@ -130,7 +130,7 @@ TEST(RequestTimeLimits, ComeFromTheEnvironmentWithDefaultsAndIgnoreNonsense) {
     ZR::detail::loadRequestTimeLimits();
     EXPECT_EQ(30, ZR::detail::requestTimeLimits().headerSeconds);
     EXPECT_EQ(32768u, ZR::detail::requestTimeLimits().bodyBytesPerSecond);
-    EXPECT_EQ(1u, log.find("loadRequestTimeLimits", "TUQVU_FILE_BODY_MIN_RATE").size());
+    EXPECT_EQ(1u, log.find("positiveNumber", "TUQVU_FILE_BODY_MIN_RATE").size());
   }
   ZR::detail::loadRequestTimeLimits();
 }

@@ -12,6 +12,7 @@
 #include <boost/beast/http.hpp>
 
 #include <tuqvu/broker/http_types.h>
+#include <tuqvu/broker/router.h>
 #include <tuqvu/broker/server_context.h>
 
 namespace tuqvu {
@@ -27,7 +28,7 @@ private:
   void onHeader(boost::beast::error_code error, std::size_t bytes);
   void onRead(boost::beast::error_code error, std::size_t bytes);
   void handle(Request&& request);
-  void startCall(std::function<Response()> call, unsigned version, bool keepAlive);
+  void startCall(Routed&& routed, unsigned version, bool keepAlive);
   // Finishes the response for the request (version, keep-alive, length) and writes it.
   // token, when set, is held until the write ends.
   void send(Response&& response, unsigned version, bool keepAlive,

@@ -26,6 +26,9 @@ struct Routed {
   Kind kind = Kind::Respond;
   Response response;                // Respond
   std::function<Response()> call;   // Call: may block; runs on a call thread
+  // Call: the answer when the call is not made because too many run already; the text
+  // says why.
+  std::function<Response(const std::string& why)> refuse;
   std::vector<std::string> keys;    // EventStream: keys to follow, empty for all
 };
 

@@ -27,6 +27,7 @@ constexpr int kInvalidRequest = -32600;
 constexpr int kMethodNotFound = -32601;
 constexpr int kInvalidParams = -32602;
 constexpr int kCallFailed = -32000;  // the method threw; data describes the ZRError
+constexpr int kTooManyCalls = -32005;  // not made: the client or all have too many running
 constexpr const char* kIntrospectionModule = "ZRBroker";
 }  // namespace rpc
 

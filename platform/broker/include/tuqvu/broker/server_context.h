@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include <tuqvu/broker/call_admission.h>
 #include <tuqvu/broker/call_executor.h>
 #include <tuqvu/broker/rpc_dispatcher.h>
 #include <tuqvu/broker/sse_hub.h>
@@ -16,6 +17,8 @@ namespace broker {
 struct ServerContext {
   std::shared_ptr<const RpcDispatcher> rpc;
   std::shared_ptr<CallExecutor> executor;
+  // How many calls run at once, per client and in all; null: no limit.
+  std::shared_ptr<CallAdmission> admission;
   std::shared_ptr<SseHub> hub;
   // Calls handed to the executor whose answer is not yet written (or dropped).
   std::atomic<int> pendingAnswers{0};

@@ -14,6 +14,13 @@
 // but never blocks the raising caller. The queue holds at most kMaxPendingNotifications
 // notifications; beyond that the value is still stored but its notification is dropped
 // and the drop is logged. Details: docs/modules.md.
+//
+// Limits. A value (with its key) may take at most valueLimitBytes() and all stored data
+// together totalLimitBytes(); insertData and raiseMicroEvent refuse more with a ZRError
+// that says which limit, and the value stored before stays. The limits come from the
+// environment when the module is built: TUQVU_MEMORY_VALUE_MAX_BYTES (default 1 MiB)
+// and TUQVU_MEMORY_TOTAL_MAX_BYTES (default 64 MiB). Sizes count the bytes of strings,
+// binaries and keys plus 16 bytes for every value.
 #pragma once
 
 #include <zr/zrmodule.h>
@@ -43,6 +50,8 @@ class ZRMemory : public ZRModule {
 
   // Notifications waiting for the notification thread beyond which new ones are dropped.
   static constexpr std::size_t kMaxPendingNotifications = 100000;
+  static constexpr std::size_t kDefaultValueLimitBytes = std::size_t{1} << 20;
+  static constexpr std::size_t kDefaultTotalLimitBytes = std::size_t{64} << 20;
 
   explicit ZRMemory(boost::shared_ptr<ZRBroker> broker, const std::string& name = "ZRMemory");
   ~ZRMemory() override;
@@ -76,15 +85,24 @@ class ZRMemory : public ZRModule {
   // Waits until every notification queued so far has been delivered; false on time-out.
   bool flushNotifications(int timeoutMs);
 
+  std::size_t valueLimitBytes() const { return fValueLimitBytes; }
+  std::size_t totalLimitBytes() const { return fTotalLimitBytes; }
+  // The size of all stored data as the total limit counts it.
+  std::size_t storedBytes();
+
  private:
   void bindMethods();
   void storeAndNotify(const char* method, const std::string& key, const ZRValue& value);
 
-  // Guards fData, fEvents and fSubscriptions. Taken before the notifier's queue lock
+  const std::size_t fValueLimitBytes;
+  const std::size_t fTotalLimitBytes;
+
+  // Guards fData, fStoredBytes, fEvents and fSubscriptions. Taken before the notifier's queue lock
   // (storeAndNotify queues under it, so queue order is store order); never held while
   // anything outside the module is called.
   std::mutex fDataMutex;
   std::map<std::string, ZRValue> fData;
+  std::size_t fStoredBytes = 0;  // the size of fData's keys and values
   std::set<std::string> fEvents;
   std::map<std::string, std::vector<std::shared_ptr<detail::MemorySubscription>>> fSubscriptions;
 

@@ -1,0 +1,95 @@
+#include <vu/project/staging.h>
+
+#include <dirent.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "detail/filecopy.h"
+#include "detail/paths.h"
+
+namespace vu {
+namespace project {
+namespace {
+
+// The process that made a staging entry, from its name; 0 when the name carries none.
+pid_t makerOf(const std::string& name) {
+  const std::string rest = name.substr(std::strlen(detail::kStagingPrefix));
+  const std::size_t dash = rest.find('-');
+  if (dash == std::string::npos || dash == 0) {
+    return 0;
+  }
+  char* end = nullptr;
+  const long pid = std::strtol(rest.c_str(), &end, 10);
+  return end == rest.c_str() + dash && pid > 0 ? static_cast<pid_t>(pid) : 0;
+}
+
+bool isAlive(pid_t pid) { return pid == ::getpid() || ::kill(pid, 0) == 0 || errno == EPERM; }
+
+void sweep(const std::string& dir, int depth, std::vector<std::string>& removed) {
+  std::unique_ptr<DIR, int (*)(DIR*)> stream(::opendir(dir.c_str()), &::closedir);
+  if (!stream) {
+    if (errno != ENOENT) {
+      detail::logWarning("removeStagingLeftovers",
+                         "cannot read " + dir + ": " + std::strerror(errno));
+    }
+    return;
+  }
+  std::vector<std::string> folders;
+  std::vector<std::string> leftovers;
+  while (const dirent* entry = ::readdir(stream.get())) {
+    const std::string name = entry->d_name;
+    if (name == "." || name == "..") {
+      continue;
+    }
+    const std::string path = detail::joinPath(dir, name);
+    struct stat info;
+    if (::lstat(path.c_str(), &info) != 0) {
+      continue;
+    }
+    if (detail::isStagingName(name)) {
+      const pid_t maker = makerOf(name);
+      if (info.st_uid == ::geteuid() && (maker == 0 || !isAlive(maker))) {
+        leftovers.push_back(path);
+      }
+    } else if (S_ISDIR(info.st_mode) && depth > 1) {
+      folders.push_back(path);
+    }
+  }
+  stream.reset();
+  for (const std::string& path : leftovers) {
+    std::string error;
+    if (detail::removeTree(path, error)) {
+      detail::logWarning("removeStagingLeftovers",
+                         "removed " + path + ", left by an import that did not finish");
+      removed.push_back(path);
+    } else {
+      detail::logWarning("removeStagingLeftovers", error);
+    }
+  }
+  for (const std::string& folder : folders) {
+    sweep(folder, depth - 1, removed);
+  }
+}
+
+}  // namespace
+
+std::vector<std::string> removeStagingLeftovers(const std::string& dir, int depth) {
+  std::vector<std::string> removed;
+  if (!dir.empty() && depth > 0) {
+    try {
+      sweep(dir, depth, removed);
+    } catch (const std::exception& error) {
+      detail::logWarning("removeStagingLeftovers", dir + ": " + error.what());
+    }
+  }
+  return removed;
+}
+
+}  // namespace project
+}  // namespace vu

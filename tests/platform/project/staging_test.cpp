@@ -1,0 +1,76 @@
+// What a start removes of the staging copies that imports cut short by a crash left.
+#include <vu/project/staging.h>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <boost/filesystem.hpp>
+#include <string>
+
+#include "support.h"
+
+using namespace projecttest;
+
+namespace {
+
+// The id of a process that has ended.
+pid_t endedProcess() {
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(0);
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  return child;
+}
+
+std::string staging(pid_t pid, const std::string& rest) {
+  return ".tuqvu-import-" + std::to_string(pid) + "-" + rest;
+}
+
+}  // namespace
+
+TEST(StagingLeftovers, ThoseOfEndedProcessesAndOfOldVersionsGoAndTheRestStays) {
+  ScratchDir dir;
+  const pid_t ended = endedProcess();
+  writeFile(dir / (staging(ended, "0a1b2c3d4e5f.unpack") + "/dance/behavior.xar"), "<xar/>");
+  writeFile(dir / (staging(ended, "0a1b2c3d4e5f.xml")), "<xml/>");
+  writeFile(dir / ".tuqvu-import-0a1b2c3d4e5f/behavior.xar", "<xar/>");  // no process id
+  writeFile(dir / (staging(::getpid(), "aaaaaaaaaaaa") + "/behavior.xar"), "<xar/>");
+  writeFile(dir / "dance/behavior.xar", "<xar/>");
+  writeFile(dir / "tuqvu-import-lookalike/behavior.xar", "<xar/>");
+
+  LogCapture log;
+  std::vector<std::string> removed = vu::project::removeStagingLeftovers(dir.path(), 1);
+  std::sort(removed.begin(), removed.end());
+  EXPECT_EQ(removed, (std::vector<std::string>{dir / ".tuqvu-import-0a1b2c3d4e5f",
+                                               dir / staging(ended, "0a1b2c3d4e5f.unpack"),
+                                               dir / staging(ended, "0a1b2c3d4e5f.xml")}));
+  EXPECT_EQ(listDir(dir.path()), (std::vector<std::string>{staging(::getpid(), "aaaaaaaaaaaa"),
+                                                           "dance", "tuqvu-import-lookalike"}));
+  const std::vector<std::string> lines = log.texts(vu::log::warning, "vu.project");
+  EXPECT_EQ(3, std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
+              return line.find("left by an import that did not finish") != std::string::npos;
+            }));
+}
+
+TEST(StagingLeftovers, AreLookedForDownToTheGivenDepthWithoutFollowingLinks) {
+  ScratchDir dir;
+  ScratchDir outside;
+  const pid_t ended = endedProcess();
+  writeFile(dir / ("a/" + staging(ended, "111111111111") + "/x"), "x");
+  writeFile(dir / ("a/b/" + staging(ended, "222222222222") + "/x"), "x");
+  writeFile(outside / (staging(ended, "333333333333") + "/x"), "x");
+  boost::filesystem::create_directory_symlink(outside.path(), dir / "link");
+
+  const std::vector<std::string> removed = vu::project::removeStagingLeftovers(dir.path(), 2);
+  EXPECT_EQ(removed, (std::vector<std::string>{dir / ("a/" + staging(ended, "111111111111"))}));
+  EXPECT_TRUE(exists(dir / ("a/b/" + staging(ended, "222222222222") + "/x")));
+  EXPECT_TRUE(exists(outside / (staging(ended, "333333333333") + "/x")));
+}
+
+TEST(StagingLeftovers, AMissingFolderIsNothingToDo) {
+  EXPECT_TRUE(vu::project::removeStagingLeftovers("/nonexistent/tuqvu", 3).empty());
+  EXPECT_TRUE(vu::project::removeStagingLeftovers("", 3).empty());
+}
