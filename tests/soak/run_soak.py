@@ -22,7 +22,7 @@ from types import SimpleNamespace
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
-from soak import final  # noqa: E402
+from soak import adversary, content, final  # noqa: E402
 from soak.broker import BrokerProcess, Sampler, fd_targets, read_counts  # noqa: E402
 from soak.client import BM, Client  # noqa: E402
 from soak.transport import EventWatcher, FileService, Rpc  # noqa: E402
@@ -58,6 +58,8 @@ def parse_args():
     parser.add_argument("--rss-tolerance-mib", type=float, default=4)
     parser.add_argument("--log-level", type=int, default=3)
     parser.add_argument("--seed", type=int, default=None)
+    parser.add_argument("--no-adversary", action="store_true",
+                        help="leave out the hostile client (slow senders, floods, limits)")
     parser.add_argument("--report", help="write the results as JSON here")
     return parser.parse_args()
 
@@ -222,7 +224,8 @@ def main():
     stats = world.stats
     checks = final.Checks()
 
-    broker = BrokerProcess(options.tuqvu, options.module, work, options.log_level)
+    broker = BrokerProcess(options.tuqvu, options.module, work, options.log_level,
+                           {} if options.no_adversary else adversary.SETTINGS)
     try:
         port = broker.wait_listening(60)
     except RuntimeError as error:
@@ -257,11 +260,15 @@ def main():
                for i in range(options.clients)]
     end_client = Client(99, world, ports, options, options.seed * 1000 + 99)
     end_client.tag = "end"
+    hostile = None if options.no_adversary else adversary.Adversary(
+        world, ports, options, content.new_rng(options.seed * 1000 + 98))
     sampler.mark("load")
     load_start = time.monotonic()
     for client in clients:
         client.thread.start()
         time.sleep(0.02)
+    if hostile is not None:
+        hostile.thread.start()
 
     hung_runs = set()
     next_report = load_start + 30
@@ -294,7 +301,9 @@ def main():
     load_end = sampler.now()
     for client in clients:
         client.thread.join(options.call_timeout + 30)
-    stuck = [c.tag for c in clients if c.thread.is_alive()]
+    if hostile is not None:
+        hostile.thread.join(options.call_timeout + 60)
+    stuck = [c.tag for c in clients + ([hostile] if hostile else []) if c.thread.is_alive()]
     checks.add("every client finished its last operation", not stuck, ", ".join(stuck))
 
     if broker.alive():

@@ -10,13 +10,14 @@ import time
 
 
 class BrokerProcess:
-    def __init__(self, tuqvu, module, work, log_level):
+    def __init__(self, tuqvu, module, work, log_level, settings=None):
         self.work = work
         self.log_path = os.path.join(work, "tuqvu.log")
         self.out_path = os.path.join(work, "tuqvu.out")
         env = {k: v for k, v in os.environ.items() if k not in ("XDG_DATA_HOME", "TUQVU_SDK_PREFIX")}
         env.update(HOME=os.path.join(work, "home"), TMPDIR=os.path.join(work, "tmp"),
                    TUQVU_SDK_PREFIX=os.path.join(work, "prefix"))
+        env.update(settings or {})
         for folder in (env["HOME"], env["TMPDIR"]):
             os.makedirs(folder, exist_ok=True)
         self._out = open(self.out_path, "wb")
