@@ -2,7 +2,11 @@
 // not reach the robot through a visitor's browser, and once the broker listens beyond
 // loopback nothing is served without the installation's secret, the file-transfer
 // server's writes included.
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <sys/stat.h>
 
 #include <fstream>
@@ -276,4 +280,71 @@ TEST(InternalMethods, TheUserLibraryCannotBePointedAtTheInstallationOrTheSystem)
   const json accepted =
       rpc(broker.port(), "ZRBehaviorManager._setBehaviorsPath", {home + "/elsewhere"});
   EXPECT_FALSE(accepted.contains("error")) << accepted;
+}
+
+namespace {
+
+// One whole exchange with 127.0.0.x:port over a plain socket; "" when the connection is
+// refused.
+std::string exchangeWith(const std::string& address, int port, const std::string& request) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in peer{};
+  peer.sin_family = AF_INET;
+  peer.sin_port = htons(static_cast<uint16_t>(port));
+  ::inet_pton(AF_INET, address.c_str(), &peer.sin_addr);
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&peer), sizeof(peer)) != 0) {
+    ::close(fd);
+    return "";
+  }
+  ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+  std::string reply;
+  char buffer[4096];
+  timeval wait{5, 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof(wait));
+  for (ssize_t count; (count = ::recv(fd, buffer, sizeof(buffer), 0)) > 0;) {
+    reply.append(buffer, static_cast<std::size_t>(count));
+  }
+  ::close(fd);
+  return reply;
+}
+
+}  // namespace
+
+TEST(FileServerAddress, FollowsTheBrokersBindAddress) {
+  TuqvuProcess::Setup setup;
+  setup.args = {"--bind", "127.0.0.2"};
+  TuqvuProcess broker(setup);
+  const std::string call = rpcRequest("ZRBehaviorManager._httpFileTransferPort", json::array());
+  const std::string reply = exchangeWith(
+      "127.0.0.2", broker.port(),
+      "POST /rpc HTTP/1.1\r\nHost: 127.0.0.2\r\nContent-Type: application/json\r\n"
+      "Connection: close\r\nContent-Length: " + std::to_string(call.size()) + "\r\n\r\n" + call);
+  const std::size_t body = reply.find("\r\n\r\n");
+  ASSERT_NE(std::string::npos, body) << reply;
+  const json port = json::parse(reply.substr(body + 4))["result"];
+  ASSERT_TRUE(port.is_number_integer()) << reply;
+
+  const std::string get =
+      "GET /tmp/none.txt HTTP/1.1\r\nHost: 127.0.0.2\r\nConnection: close\r\n\r\n";
+  EXPECT_EQ(0u, exchangeWith("127.0.0.2", port.get<int>(), get).find("HTTP/1.1 404 Not Found"));
+  EXPECT_EQ("", exchangeWith("127.0.0.1", port.get<int>(), get))
+      << "the file server listens beyond the broker's address";
+  EXPECT_EQ(0, broker.terminate(SIGTERM)) << broker.stderrText();
+}
+
+TEST(StatusPage, AHostileBehaviorNameIsShownEscapedByARealTuqvu) {
+  TempDir home;
+  const std::string hostile = "x<img src=x onerror=alert(1)>";
+  const fs::path folder = fs::path(home.path()) / ".tuqvu/behaviors" / hostile;
+  fs::create_directories(folder);
+  std::ofstream((folder / "behavior.xar").string()) << "<behavior><wait ms=\"1\"/></behavior>";
+
+  TuqvuProcess::Setup setup;
+  setup.env["HOME"] = home.path();
+  TuqvuProcess broker(setup);
+  const HttpReply page = ask(broker.port(), "GET", "/ZRBehaviorManager/", {});
+  ASSERT_EQ(200, page.status) << page.body;
+  EXPECT_NE(std::string::npos, page.body.find("x&lt;img src=x onerror=alert(1)&gt;")) << page.body;
+  EXPECT_EQ(std::string::npos, page.body.find("<img")) << page.body;
+  EXPECT_EQ(0, broker.terminate(SIGTERM)) << broker.stderrText();
 }
