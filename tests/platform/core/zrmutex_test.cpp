@@ -10,12 +10,36 @@
 using ZR::ZRCriticalSection;
 using ZR::ZRMutex;
 
-TEST(ZRMutex, SameThreadMayEnterAgain) {
+namespace {
+
+// Whether another thread can take the mutex now (it gives it back at once).
+bool freeForAnotherThread(const boost::shared_ptr<ZRMutex>& mutex) {
+  bool taken = false;
+  std::thread other([&] {
+    taken = mutex->tryLock();
+    if (taken) mutex->unlock();
+  });
+  other.join();
+  return taken;
+}
+
+}  // namespace
+
+TEST(ZRMutex, SameThreadMayEnterAgainAndHoldsItUntilTheOutermostSectionEnds) {
   boost::shared_ptr<ZRMutex> mutex = ZRMutex::createZRMutex();
-  ZRCriticalSection outer(mutex);
-  ZRCriticalSection inner(mutex);
-  ZRCriticalSection innermost(mutex);
-  SUCCEED();
+  {
+    ZRCriticalSection outer(mutex);
+    {
+      ZRCriticalSection inner(mutex);
+      ZRCriticalSection innermost(mutex);
+      EXPECT_TRUE(mutex->tryLock());  // the holder takes it once more without waiting
+      mutex->unlock();
+      EXPECT_FALSE(freeForAnotherThread(mutex));
+    }
+    // The inner sections ended; the outer one still holds it.
+    EXPECT_FALSE(freeForAnotherThread(mutex));
+  }
+  EXPECT_TRUE(freeForAnotherThread(mutex));
 }
 
 TEST(ZRMutex, OtherThreadIsExcludedWhileHeld) {
