@@ -166,7 +166,8 @@ private:
   void registerMethods();
   void publishRunningBehaviors();  // caller holds fRunningMutex
 
-  // Kept in this place although nothing locks it.
+  // No operation locks it: it stays first, as the module's design lays its members out
+  // (docs/behavior-manager.md, "The module object's members").
   boost::mutex fMutex;
   vu::project::BehaviorLibraryProject fSystemLibrary;
   vu::project::BehaviorLibraryProject fUserLibrary;
