@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config git
   libboost-filesystem-dev libboost-system-dev libboost-thread-dev
-  libboost-program-options-dev libboost-dev
+  libboost-dev
   libgsoap-dev gsoap
   libpugixml-dev libarchive-dev libarchive-tools nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
