@@ -9,6 +9,8 @@
 //   frames.plan.heal("exitBehavior");
 #pragma once
 
+#include <common/eventually.h>
+
 #include <chrono>
 #include <functional>
 #include <map>
@@ -233,16 +235,7 @@ inline Outcome callRemote(ZR::ZRBroker& broker, const std::string& module,
   return outcome;
 }
 
-// Waits for a condition. The limit only keeps a broken build from hanging; it is not a
-// measurement.
-inline bool eventually(const std::function<bool()>& condition, int limitMs = 20000) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
+using tuqvutest::eventually;
 
 // Behavior files for the real frame manager.
 inline const char* untilStoppedXar() {

@@ -16,6 +16,8 @@
 
 #include <vu/project/package.h>
 
+#include <common/environment.h>
+
 #include "faults.h"
 
 namespace faulttest {
@@ -172,6 +174,8 @@ TEST_F(InstallFaults, UserLibraryFillingUpDuringTheCopyInstallsNothing) {
 }
 
 TEST_F(InstallFaults, TemporaryFolderFillingUpDuringTheUnpackingInstallsNothing) {
+  // Without the disk reserve, which would refuse the package before the disk is full.
+  const tuqvutest::ScopedEnvironment noReserve("TUQVU_PACKAGE_DISK_RESERVE_BYTES", "0");
   tmpMount = std::make_unique<Tmpfs>(tmpDir(), 256 * 1024);
   if (!tmpMount->mounted()) GTEST_SKIP() << "cannot mount a tmpfs here: " << tmpMount->reason();
   const fs::path big = packages() / "big.tar.gz";
@@ -220,15 +224,21 @@ TEST(PackageOnAFullDisk, UnpackingFailsAndLeavesNothing) {
     for (Format format : {Format::zip, Format::tarGz}) {
       const fs::path package = base / "big.pkg";
       writePackage(package, format, 1024 * 1024);
-      vu::project::ArchiveFormat found = vu::project::ArchiveFormatDetect;
-      try {
-        vu::project::importProject(package.string(), (disk / "dest").string(), found);
-        ADD_FAILURE() << "a package larger than the disk was unpacked";
-      } catch (const std::runtime_error& error) {
-        EXPECT_NE(std::string::npos, std::string(error.what()).find("No space left on device"))
-            << error.what();
+      // Without a reserve the disk fills up and the write fails; with the default one the
+      // package is refused before.
+      for (const char* reserve : {"0", ""}) {
+        const tuqvutest::ScopedEnvironment setting("TUQVU_PACKAGE_DISK_RESERVE_BYTES", reserve);
+        vu::project::ArchiveFormat found = vu::project::ArchiveFormatDetect;
+        try {
+          vu::project::importProject(package.string(), (disk / "dest").string(), found);
+          ADD_FAILURE() << "a package larger than the disk was unpacked";
+        } catch (const std::runtime_error& error) {
+          const std::string expected = *reserve == '0' ? "No space left on device"
+                                                       : "bytes free on the disk";
+          EXPECT_NE(std::string::npos, std::string(error.what()).find(expected)) << error.what();
+        }
+        EXPECT_TRUE(treeOf(disk).empty());
       }
-      EXPECT_TRUE(treeOf(disk).empty());
     }
   }
   fs::remove_all(base);

@@ -12,6 +12,8 @@
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
+#include <common/eventually.h>
+
 #include "support/http_client.h"
 #include "support/tuqvu_process.h"
 
@@ -63,15 +65,7 @@ json call(int port, const std::string& method, const json& params) {
   return answerOf(reply);
 }
 
-template <typename Condition>
-bool eventually(Condition condition, int guardMs = 20000) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(guardMs);
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (condition()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  return condition();
-}
+using tuqvutest::eventually;
 
 // Loaded in the behavior manager's registry, with an instance the frame manager still has.
 bool isLoaded(int port, const std::string& name) {

@@ -1,5 +1,7 @@
 #include <tuqvu/broker/eval_parser.h>
 
+#include <tuqvu/broker/url.h>
+
 #include <charconv>
 #include <system_error>
 
@@ -14,12 +16,6 @@ bool isIdentifierStart(char c) {
 }
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 bool isIdentifierChar(char c) { return isIdentifierStart(c) || isDigit(c); }
-int hexValue(char c) {
-  if (isDigit(c)) return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
 
 void appendUtf8(std::string& out, unsigned long codePoint) {
   if (codePoint < 0x80) {
@@ -159,7 +155,7 @@ private:
   unsigned long hexDigits(int count) {
     unsigned long value = 0;
     for (int i = 0; i < count; ++i) {
-      const int digit = atEnd() ? -1 : hexValue(peek());
+      const int digit = atEnd() ? -1 : hexDigitValue(peek());
       if (digit < 0) fail("expected " + std::to_string(count) + " hexadecimal digits");
       value = value * 16 + static_cast<unsigned long>(digit);
       ++fPos;

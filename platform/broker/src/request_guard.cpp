@@ -1,10 +1,11 @@
 #include <tuqvu/broker/request_guard.h>
 
+#include <vu/base64.h>
+
 #include <algorithm>
 #include <cctype>
 
 #include <boost/asio/ip/address.hpp>
-#include <boost/beast/core/detail/base64.hpp>
 #include <boost/beast/core/string.hpp>
 
 namespace tuqvu {
@@ -73,10 +74,8 @@ std::optional<std::string> basicPassword(const Request& request) {
   std::string encoded = value.substr(6);
   encoded.erase(std::remove(encoded.begin(), encoded.end(), ' '), encoded.end());
   if (encoded.size() > 1024) return std::nullopt;
-  std::string decoded(boost::beast::detail::base64::decoded_size(encoded.size()), '\0');
-  const auto sizes =
-      boost::beast::detail::base64::decode(decoded.data(), encoded.data(), encoded.size());
-  decoded.resize(sizes.first);
+  std::string decoded;
+  if (!vu::base64::decode(encoded, decoded)) return std::nullopt;
   const std::size_t colon = decoded.find(':');
   if (colon == std::string::npos) return std::nullopt;
   return decoded.substr(colon + 1);

@@ -13,9 +13,13 @@
 namespace vu {
 namespace settings {
 
-// The whole number from 1 to `largest` in the environment variable `name`; `fallback`
-// when the variable is unset or empty, and (logged at the warning level, category
-// "vu.settings") when it holds anything else.
+// The whole number from `smallest` to `largest` in the environment variable `name`;
+// `fallback` when the variable is unset or empty, and (logged at the warning level,
+// category "vu.settings") when it holds anything else.
+std::uint64_t wholeNumber(const char* name, std::uint64_t fallback, std::uint64_t smallest,
+                          std::uint64_t largest = std::numeric_limits<std::uint64_t>::max());
+
+// The same from 1 to `largest`.
 std::uint64_t positiveNumber(const char* name, std::uint64_t fallback,
                              std::uint64_t largest = std::numeric_limits<std::uint64_t>::max());
 

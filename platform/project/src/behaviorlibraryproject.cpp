@@ -96,6 +96,100 @@ std::set<std::string> BehaviorLibraryProject::findTag(const std::string& tag) co
   return index ? index->findTag(tag) : std::set<std::string>();
 }
 
+namespace {
+
+// Why `rel` cannot take the behavior `source` in the library of `index`: a root that is
+// no directory, or a behavior above `rel`; "" when it can. Called under the index's
+// write mutex.
+std::string destinationProblem(detail::LibraryIndex& index, const std::string& rel,
+                               const std::string& source) {
+  struct stat rootInfo;
+  if (::stat(index.root().c_str(), &rootInfo) != 0 || !S_ISDIR(rootInfo.st_mode)) {
+    return "The library root " + index.root() + " is not a directory";
+  }
+  for (std::string::size_type slash = rel.find('/'); slash != std::string::npos;
+       slash = rel.find('/', slash + 1)) {
+    if (index.hasBehavior(rel.substr(0, slash))) {
+      return "Cannot import " + source + " to " + rel + ": " + rel.substr(0, slash) +
+             " is a behavior";
+    }
+  }
+  return "";
+}
+
+// Puts a copy of `source` (or, for a package's fresh unpack, `source` itself) at `dest`:
+// built in a staging folder beside it, then moved into place in one rename (or exchanged
+// with what is there, which is then removed). Nothing to do when `dest` already is
+// `source`. False, logged (naming the behavior `rel`), when it cannot be done; `dest` is
+// then as it was.
+bool placeBehavior(const std::string& source, const std::string& dest, const std::string& rel,
+                   bool overwrite) {
+  struct stat sourceInfo, destInfo;
+  const bool destExists = ::lstat(dest.c_str(), &destInfo) == 0;
+  const bool inPlace = destExists && ::stat(dest.c_str(), &destInfo) == 0 &&
+                       ::stat(source.c_str(), &sourceInfo) == 0 &&
+                       sourceInfo.st_dev == destInfo.st_dev &&
+                       sourceInfo.st_ino == destInfo.st_ino;
+  if (inPlace) {
+    return true;
+  }
+  if (destExists && !overwrite) {
+    detail::logWarning(kImport, "Not importing " + source + ": " + dest +
+                                    " exists and overwriting was not asked for");
+    return false;
+  }
+  if (dest.compare(0, source.size() + 1, source + "/") == 0) {
+    detail::logWarning(kImport, "Cannot import " + source + " into itself (" + dest + ")");
+    return false;
+  }
+  const std::string parent = parentOf(dest);
+  boost::system::error_code code;
+  boost::filesystem::create_directories(parent, code);
+  if (code) {
+    detail::logError(kImport, "Cannot create " + parent + ": " + code.message());
+    return false;
+  }
+  // Copied (or, for a package's fresh unpack, moved) beside the destination, then
+  // put in its place in one rename.
+  const std::string staging = detail::stagingPath(parent, "");
+  const bool moved = detail::moveFreshUnpack(source, staging);
+  std::string error;
+  if (!moved && !detail::copyTree(source, staging, error)) {
+    std::string ignored;
+    detail::removeTree(staging, ignored);
+    detail::logError(kImport, "Cannot import " + source + ": " + error);
+    return false;
+  }
+  // Undoes the staging after a failure: a moved unpack goes back where it was.
+  const auto abandonStaging = [&]() {
+    std::string ignored;
+    if (moved && std::rename(staging.c_str(), source.c_str()) == 0) {
+      detail::rememberFreshUnpack(source);  // moved back: still a fresh unpack
+    } else {
+      detail::removeTree(staging, ignored);
+    }
+  };
+  if (destExists) {
+    if (!detail::exchange(staging, dest, error)) {
+      abandonStaging();
+      detail::logError(kImport, "Cannot import " + source + ": " + error);
+      return false;
+    }
+    if (!detail::removeTree(staging, error)) {  // now the old destination
+      detail::logWarning(kImport, "Imported " + rel + " but the old copy stays: " + error);
+    }
+  } else if (std::rename(staging.c_str(), dest.c_str()) != 0) {
+    error = std::strerror(errno);
+    abandonStaging();
+    detail::logError(kImport,
+                     "Cannot move " + source + " into place at " + dest + ": " + error);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
 bool BehaviorLibraryProject::importBehavior(const std::string& sourceDir,
                                             const std::string& localPath, bool overwrite) {
   const std::shared_ptr<detail::LibraryIndex> index = this->index();
@@ -119,83 +213,18 @@ bool BehaviorLibraryProject::importBehavior(const std::string& sourceDir,
   bool known = false;
   {
     std::lock_guard<std::mutex> write(index->writeMutex());
-    struct stat rootInfo;
-    if (::stat(index->root().c_str(), &rootInfo) != 0 || !S_ISDIR(rootInfo.st_mode)) {
-      detail::logWarning(kImport, "The library root " + index->root() + " is not a directory");
+    const std::string problem = destinationProblem(*index, rel, source);
+    if (!problem.empty()) {
+      detail::logWarning(kImport, problem);
       return false;
-    }
-    for (std::string::size_type slash = rel.find('/'); slash != std::string::npos;
-         slash = rel.find('/', slash + 1)) {
-      if (index->hasBehavior(rel.substr(0, slash))) {
-        detail::logWarning(kImport, "Cannot import " + source + " to " + rel + ": " +
-                                        rel.substr(0, slash) + " is a behavior");
-        return false;
-      }
     }
     const std::set<std::string> before = index->behaviorPaths(rel, true);
     {
       std::lock_guard<std::mutex> lock(mutex_);
       known = known_.count(rel) != 0;
     }
-    struct stat sourceInfo, destInfo;
-    const bool destExists = ::lstat(dest.c_str(), &destInfo) == 0;
-    const bool inPlace = destExists && ::stat(dest.c_str(), &destInfo) == 0 &&
-                         ::stat(source.c_str(), &sourceInfo) == 0 &&
-                         sourceInfo.st_dev == destInfo.st_dev &&
-                         sourceInfo.st_ino == destInfo.st_ino;
-    if (!inPlace) {
-      if (destExists && !overwrite) {
-        detail::logWarning(kImport, "Not importing " + source + ": " + dest +
-                                        " exists and overwriting was not asked for");
-        return false;
-      }
-      if (dest.compare(0, source.size() + 1, source + "/") == 0) {
-        detail::logWarning(kImport, "Cannot import " + source + " into itself (" + dest + ")");
-        return false;
-      }
-      const std::string parent = parentOf(dest);
-      boost::system::error_code code;
-      boost::filesystem::create_directories(parent, code);
-      if (code) {
-        detail::logError(kImport, "Cannot create " + parent + ": " + code.message());
-        return false;
-      }
-      // Copied (or, for a package's fresh unpack, moved) beside the destination, then
-      // put in its place in one rename.
-      const std::string staging = detail::stagingPath(parent, "");
-      const bool moved = detail::moveFreshUnpack(source, staging);
-      std::string error;
-      if (!moved && !detail::copyTree(source, staging, error)) {
-        std::string ignored;
-        detail::removeTree(staging, ignored);
-        detail::logError(kImport, "Cannot import " + source + ": " + error);
-        return false;
-      }
-      // Undoes the staging after a failure: a moved unpack goes back where it was.
-      const auto abandonStaging = [&]() {
-        std::string ignored;
-        if (moved && std::rename(staging.c_str(), source.c_str()) == 0) {
-          detail::rememberFreshUnpack(source);  // moved back: still a fresh unpack
-        } else {
-          detail::removeTree(staging, ignored);
-        }
-      };
-      if (destExists) {
-        if (!detail::exchange(staging, dest, error)) {
-          abandonStaging();
-          detail::logError(kImport, "Cannot import " + source + ": " + error);
-          return false;
-        }
-        if (!detail::removeTree(staging, error)) {  // now the old destination
-          detail::logWarning(kImport, "Imported " + rel + " but the old copy stays: " + error);
-        }
-      } else if (std::rename(staging.c_str(), dest.c_str()) != 0) {
-        error = std::strerror(errno);
-        abandonStaging();
-        detail::logError(kImport,
-                         "Cannot move " + source + " into place at " + dest + ": " + error);
-        return false;
-      }
+    if (!placeBehavior(source, dest, rel, overwrite)) {
+      return false;
     }
     for (const std::string& path : before) {
       if (path != rel) {

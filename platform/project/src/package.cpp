@@ -1,9 +1,5 @@
-#include <archive.h>
-#include <archive_entry.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <vu/project/package.h>
-#include <vu/settings.h>
 
 #include <algorithm>
 #include <boost/filesystem.hpp>
@@ -19,24 +15,13 @@
 #include "detail/filecopy.h"
 #include "detail/freshunpack.h"
 #include "detail/paths.h"
+#include "detail/unpacker.h"
 
 namespace fs = boost::filesystem;
 
 namespace vu {
 namespace project {
 namespace {
-
-struct ReaderDeleter {
-  void operator()(struct archive* a) const { archive_read_free(a); }
-};
-struct WriterDeleter {
-  void operator()(struct archive* a) const { archive_write_free(a); }
-};
-
-std::string errorText(struct archive* a) {
-  const char* text = archive_error_string(a);
-  return text != nullptr ? text : "unknown error";
-}
 
 bool exists(const std::string& path) {
   struct stat info;
@@ -47,234 +32,6 @@ bool isRealDirectory(const std::string& path) {
   struct stat info;
   return ::lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
-
-// A link target is accepted when it is relative, its ".." components all come first, and
-// they do not climb above the package's top level from the link's directory (which is a
-// real directory: nothing is written through a link). Then the target cannot resolve
-// outside the package, whatever links it passes.
-bool linkStaysInside(const std::string& linkPath, const std::string& target) {
-  if (target.empty() || target[0] == '/') {
-    return false;
-  }
-  long depth = static_cast<long>(std::count(linkPath.begin(), linkPath.end(), '/'));
-  bool descending = false;
-  std::string::size_type start = 0;
-  while (start <= target.size()) {
-    std::string::size_type end = target.find('/', start);
-    if (end == std::string::npos) {
-      end = target.size();
-    }
-    const std::string part = target.substr(start, end - start);
-    if (part == "..") {
-      if (descending || --depth < 0) {
-        return false;
-      }
-    } else if (!part.empty() && part != ".") {
-      descending = true;
-    }
-    start = end + 1;
-  }
-  return true;
-}
-
-// How much a package may unpack to: at most maxBytes, at most `ratio` times its own size
-// (a small archive that unpacks to gigabytes is a bomb, not a behavior) unless it stays
-// under kRatioFloor, and never so much that the disk would keep less than reserveBytes.
-struct UnpackLimits {
-  static constexpr std::uint64_t kRatioFloor = std::uint64_t{16} << 20;
-  std::uint64_t maxBytes = std::uint64_t{1} << 30;
-  std::uint64_t ratio = 200;
-  std::uint64_t reserveBytes = std::uint64_t{256} << 20;
-
-  static UnpackLimits fromEnvironment() {
-    UnpackLimits limits;
-    limits.maxBytes =
-        vu::settings::positiveNumber("TUQVU_PACKAGE_MAX_UNPACKED_BYTES", limits.maxBytes);
-    limits.ratio = vu::settings::positiveNumber("TUQVU_PACKAGE_MAX_RATIO", limits.ratio,
-                                                std::uint64_t{1} << 32);
-    limits.reserveBytes =
-        vu::settings::positiveNumber("TUQVU_PACKAGE_DISK_RESERVE_BYTES", limits.reserveBytes);
-    return limits;
-  }
-
-  // The most a package of `packageBytes` bytes may unpack to.
-  std::uint64_t allowedFor(std::uint64_t packageBytes) const {
-    const std::uint64_t byRatio =
-        packageBytes > UINT64_MAX / ratio ? UINT64_MAX : packageBytes * ratio;
-    return std::min(maxBytes, std::max(kRatioFloor, byRatio));
-  }
-};
-
-class Unpacker {
- public:
-  Unpacker(const std::string& package, const std::string& into, std::uint64_t packageBytes)
-      : package_(package),
-        into_(into),
-        limits_(UnpackLimits::fromEnvironment()),
-        allowed_(limits_.allowedFor(packageBytes)) {}
-
-  ArchiveFormat run(ArchiveFormat format) {
-    std::unique_ptr<struct archive, ReaderDeleter> reader(archive_read_new());
-    std::unique_ptr<struct archive, WriterDeleter> writer(archive_write_disk_new());
-    if (!reader || !writer) {
-      throw std::runtime_error("cannot unpack " + package_ + ": out of memory");
-    }
-    archive_read_support_filter_all(reader.get());
-    if (format == ArchiveFormatDetect || format == ArchiveFormatZip) {
-      archive_read_support_format_zip(reader.get());
-    }
-    if (format == ArchiveFormatDetect || format == ArchiveFormatTar) {
-      archive_read_support_format_tar(reader.get());
-    }
-    // Entries never pass through a link on disk, nor climb with "..".
-    archive_write_disk_set_options(writer.get(), ARCHIVE_EXTRACT_TIME |
-                                                     ARCHIVE_EXTRACT_SECURE_SYMLINKS |
-                                                     ARCHIVE_EXTRACT_SECURE_NODOTDOT);
-    if (archive_read_open_filename(reader.get(), package_.c_str(), 64 * 1024) != ARCHIVE_OK) {
-      fail(errorText(reader.get()));
-    }
-    int files = 0;
-    for (;;) {
-      struct archive_entry* entry = nullptr;
-      const int status = archive_read_next_header(reader.get(), &entry);
-      if (status == ARCHIVE_EOF) {
-        break;
-      }
-      if (status < ARCHIVE_WARN) {
-        fail(errorText(reader.get()));
-      }
-      if (unpackEntry(reader.get(), writer.get(), entry)) {
-        ++files;
-      }
-    }
-    if (archive_write_close(writer.get()) != ARCHIVE_OK) {
-      fail("cannot finish unpacking: " + errorText(writer.get()));
-    }
-    if (files == 0) {
-      fail("the archive holds no file");
-    }
-    switch (archive_format(reader.get()) & ARCHIVE_FORMAT_BASE_MASK) {
-      case ARCHIVE_FORMAT_ZIP: return ArchiveFormatZip;
-      case ARCHIVE_FORMAT_TAR: return ArchiveFormatTar;
-      default: return ArchiveFormatUnknown;
-    }
-  }
-
- private:
-  [[noreturn]] void fail(const std::string& reason) const {
-    throw std::runtime_error(package_ + " is not a package: " + reason);
-  }
-
-  // The entry's path inside the package, checked: relative and without "..".
-  std::string checkedPath(const char* name, const char* what) const {
-    if (name == nullptr || *name == '\0') {
-      fail(std::string("an entry has no ") + what);
-    }
-    if (name[0] == '/') {
-      fail(std::string("entry \"") + name + "\" has an absolute " + what);
-    }
-    std::string rel;
-    if (!detail::normalizeRelative(name, rel)) {
-      fail(std::string("entry \"") + name + "\" leads outside the package (\"..\" in its " + what +
-           ")");
-    }
-    return rel;
-  }
-
-  // Unpacks one entry; false for an entry that names the top level itself.
-  bool unpackEntry(struct archive* reader, struct archive* writer, struct archive_entry* entry) {
-    // Copied: the entry's own strings change with archive_entry_set_pathname below.
-    const char* rawName = archive_entry_pathname(entry);
-    const std::string name = rawName != nullptr ? rawName : "";
-    const std::string rel = checkedPath(rawName, "path");
-    const mode_t type = archive_entry_filetype(entry);
-    const char* rawHardlink = archive_entry_hardlink(entry);
-    const bool hardlink = rawHardlink != nullptr;
-    if (rel.empty()) {
-      if (type != AE_IFDIR) {
-        fail(std::string("entry \"") + name + "\" is not a file name");
-      }
-      archive_read_data_skip(reader);
-      return false;
-    }
-    std::string hardlinkTarget;
-    if (hardlink) {
-      hardlinkTarget = detail::joinPath(into_, checkedPath(rawHardlink, "link target"));
-    } else if (type == AE_IFLNK) {
-      const char* target = archive_entry_symlink(entry);
-      if (target == nullptr || !linkStaysInside(rel, target)) {
-        fail(std::string("entry \"") + name + "\" is a link pointing outside the package (to \"" +
-             (target != nullptr ? target : "") + "\")");
-      }
-    } else if (type != AE_IFREG && type != AE_IFDIR) {
-      fail(std::string("entry \"") + name + "\" is not a file, a directory or a link");
-    }
-    const std::string full = detail::joinPath(into_, rel);
-    archive_entry_set_pathname(entry, full.c_str());
-    if (hardlink) {
-      archive_entry_set_hardlink(entry, hardlinkTarget.c_str());
-    }
-    if (archive_write_header(writer, entry) < ARCHIVE_WARN) {
-      fail(std::string("cannot unpack entry \"") + name + "\": " + errorText(writer));
-    }
-    if (archive_entry_size_is_set(entry) == 0 || archive_entry_size(entry) > 0) {
-      const void* block = nullptr;
-      size_t size = 0;
-      la_int64_t offset = 0;
-      for (;;) {
-        const int status = archive_read_data_block(reader, &block, &size, &offset);
-        if (status == ARCHIVE_EOF) {
-          break;
-        }
-        if (status < ARCHIVE_WARN) {
-          fail(std::string("cannot read entry \"") + name + "\": " + errorText(reader));
-        }
-        admit(size);
-        // A write that fails (a full disk, an I/O error) is only a warning to libarchive,
-        // which then leaves the file short; unlike its harmless warnings it carries errno.
-        archive_clear_error(writer);
-        const la_ssize_t written = archive_write_data_block(writer, block, size, offset);
-        const int error = archive_errno(writer);
-        if (written < ARCHIVE_WARN || (written == ARCHIVE_WARN && error != 0)) {
-          fail(std::string("cannot unpack entry \"") + name + "\": " + errorText(writer) +
-               (error != 0 ? std::string(": ") + std::strerror(error) : std::string()));
-        }
-      }
-    }
-    if (archive_write_finish_entry(writer) < ARCHIVE_WARN) {
-      fail(std::string("cannot unpack entry \"") + name + "\": " + errorText(writer));
-    }
-    return true;
-  }
-
-  // Counts `size` more bytes unpacked; refuses the package when that passes its limit or
-  // would leave the disk with less than the reserve.
-  void admit(std::size_t size) {
-    unpacked_ += size;
-    if (unpacked_ > allowed_) {
-      throw std::runtime_error(
-          package_ + " is refused: it unpacks to more than " + std::to_string(allowed_) +
-          " bytes (at most " + std::to_string(limits_.ratio) + " times its size above " +
-          std::to_string(UnpackLimits::kRatioFloor) + ", TUQVU_PACKAGE_MAX_RATIO, and at most " +
-          std::to_string(limits_.maxBytes) + ", TUQVU_PACKAGE_MAX_UNPACKED_BYTES)");
-    }
-    struct statvfs disk;
-    if (::statvfs(into_.c_str(), &disk) == 0) {
-      const std::uint64_t free = static_cast<std::uint64_t>(disk.f_bavail) * disk.f_frsize;
-      if (free < limits_.reserveBytes + size) {
-        throw std::runtime_error(package_ + " is refused: unpacking it would leave less than " +
-                                 std::to_string(limits_.reserveBytes) +
-                                 " bytes free on the disk (TUQVU_PACKAGE_DISK_RESERVE_BYTES)");
-      }
-    }
-  }
-
-  const std::string package_;
-  const std::string into_;  // a real path (no link in it), so link checks start inside
-  const UnpackLimits limits_;
-  const std::uint64_t allowed_;
-  std::uint64_t unpacked_ = 0;
-};
 
 // Moves every entry of from into the existing directory to, merging directories and
 // replacing anything else of the same name.
@@ -364,7 +121,7 @@ ArchiveFormat unpack(const std::string& packagePath, const std::string& destDir,
       throw std::runtime_error("cannot create " + staging + ": " + std::strerror(errno));
     }
     const ArchiveFormat found =
-        Unpacker(packagePath, realPath(staging), packageBytes).run(format);
+        detail::unpackInto(packagePath, realPath(staging), packageBytes, format);
     if (!destExists) {
       if (std::rename(staging.c_str(), dest.c_str()) != 0) {
         throw std::runtime_error("cannot move " + staging + " to " + dest + ": " +

@@ -3,7 +3,8 @@
 #include <cmath>
 #include <limits>
 
-#include <boost/beast/core/detail/base64.hpp>
+#include <vu/base64.h>
+#include <vu/jsonparse.h>
 #include <nlohmann/json.hpp>
 
 #include <zr/zrerror.h>
@@ -12,7 +13,6 @@ namespace ZR {
 namespace {
 
 using nlohmann::json;
-namespace base64 = boost::beast::detail::base64;
 
 [[noreturn]] void refuse(const std::string& why) {
   throw ZRError("ZRValue", "fromJson", why, __FILE__, __LINE__);
@@ -39,9 +39,7 @@ json encode(const ZRValue& value) {
     }
     case ZRValue::TypeBinary: {
       const ZRValue::Binary& bytes = value.toBinary();
-      std::string text(base64::encoded_size(bytes.size()), '\0');
-      text.resize(base64::encode(text.data(), bytes.data(), bytes.size()));
-      return json{{"$binary", text}};
+      return json{{"$binary", vu::base64::encode(std::string(bytes.begin(), bytes.end()))}};
     }
   }
   return nullptr;
@@ -81,15 +79,11 @@ ZRValue decode(const json& node) {
         refuse("JSON objects are not values (only {\"$binary\": base64} is)");
       }
       const std::string& text = found->get_ref<const std::string&>();
-      ZRValue::Binary bytes(base64::decoded_size(text.size()));
-      const auto decoded = base64::decode(bytes.data(), text.data(), text.size());
-      // The decoder stops at the padding; everything before it must have been consumed.
-      const std::size_t unpadded = text.find_last_not_of('=') + 1;
-      if (decoded.second != unpadded || text.size() - unpadded > 2) {
+      std::string decoded;
+      if (!vu::base64::decode(text, decoded)) {
         refuse("invalid base64 in $binary");
       }
-      bytes.resize(decoded.first);
-      return ZRValue::binary(bytes);
+      return ZRValue::binary(ZRValue::Binary(decoded.begin(), decoded.end()));
     }
     default: refuse("unsupported JSON value");
   }
@@ -103,28 +97,13 @@ std::string toJson(const ZRValue& value) {
 }
 
 ZRValue fromJson(const std::string& text, int maxDepth) {
-  int depth = 0;
-  bool tooDeep = false;
-  // The callback sees every nesting step before the parser builds it, so a deep document
-  // is rejected without recursing through it.
-  const json::parser_callback_t limit = [&](int level, json::parse_event_t event, json&) {
-    (void)level;
-    if (event == json::parse_event_t::object_start || event == json::parse_event_t::array_start) {
-      if (++depth > maxDepth) tooDeep = true;
-    } else if (event == json::parse_event_t::object_end ||
-               event == json::parse_event_t::array_end) {
-      --depth;
-    }
-    return !tooDeep;
-  };
   json document;
   try {
-    document = json::parse(text, limit);
-  } catch (const json::exception& error) {
+    document = vu::json::parseLimited(text, maxDepth);
+  } catch (const vu::json::TooDeepError& error) {
+    refuse(error.what());
+  } catch (const vu::json::ParseError& error) {
     refuse(std::string("malformed JSON: ") + error.what());
-  }
-  if (tooDeep) {
-    refuse("JSON nested deeper than " + std::to_string(maxDepth) + " levels");
   }
   return decode(document);
 }

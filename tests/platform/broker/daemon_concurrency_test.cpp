@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include <common/eventually.h>
+
 #include "support/http_client.h"
 #include "support/tuqvu_process.h"
 
@@ -17,14 +19,9 @@ using nlohmann::json;
 
 namespace {
 
-// Polls until the predicate holds; the limit only guards against a hang.
+// Polls until the predicate holds; the 60 s only guard against a hang.
 template <typename Predicate> bool eventually(Predicate predicate) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (predicate()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return predicate();
+  return tuqvutest::eventually(predicate, std::chrono::seconds(60));
 }
 
 int intResult(int port, const std::string& method, const json& params = json::array()) {

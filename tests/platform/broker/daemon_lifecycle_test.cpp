@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <common/eventually.h>
+
 #include "support/http_client.h"
 #include "support/tuqvu_process.h"
 
@@ -22,13 +24,9 @@ std::string readFile(const std::string& path) {
   return text.str();
 }
 
+// Polls until the predicate holds; the 60 s only guard against a hang.
 template <typename Predicate> bool eventually(Predicate predicate) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (predicate()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return predicate();
+  return tuqvutest::eventually(predicate, std::chrono::seconds(60));
 }
 
 // Two test modules, A then B, that log their destruction to a file in the scratch folder.

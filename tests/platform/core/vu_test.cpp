@@ -7,6 +7,7 @@
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
+#include <vu/base64.h>
 #include <vu/html.h>
 #include <vu/log.h>
 #include <vu/os.h>
@@ -148,4 +149,24 @@ TEST(Settings, AnUnusableValueIsLoggedByNameAndTheDefaultStays) {
   EXPECT_EQ("vu.settings", captured[0].category);
   EXPECT_EQ("TUQVU_TEST_SETTING is not a whole number from 1 to 100: \"abc\"; it stays 7",
             captured[0].text);
+}
+
+TEST(Base64, EncodesWithPaddingAndDecodesBack) {
+  EXPECT_EQ("", vu::base64::encode(""));
+  EXPECT_EQ("Zg==", vu::base64::encode("f"));
+  EXPECT_EQ("Zm8=", vu::base64::encode("fo"));
+  EXPECT_EQ("Zm9v", vu::base64::encode("foo"));
+  const std::string bytes("\x00\xff\x10 binary\n", 11);
+  std::string back;
+  ASSERT_TRUE(vu::base64::decode(vu::base64::encode(bytes), back));
+  EXPECT_EQ(bytes, back);
+  ASSERT_TRUE(vu::base64::decode("Zm9v\n YmFy", back));  // blanks and line ends ignored
+  EXPECT_EQ("foobar", back);
+}
+
+TEST(Base64, RefusesWhatIsNotBase64) {
+  std::string bytes;
+  for (const char* text : {"Zm9", "Zm9v!", "Z===", "Zg==Zg==", "Zm=v", "Zm9v\x80"}) {
+    EXPECT_FALSE(vu::base64::decode(text, bytes)) << text;
+  }
 }

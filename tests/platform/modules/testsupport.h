@@ -2,6 +2,9 @@
 // module that records the calls it receives (a subscriber or a <call> target).
 #pragma once
 
+#include <common/environment.h>
+#include <common/logcapture.h>
+
 #include <vu/log.h>
 #include <zr/zrbroker.h>
 #include <zr/zrfunctorbase.h>
@@ -41,61 +44,9 @@ class TempDir {
   boost::filesystem::path path_;
 };
 
-// Sets an environment variable for the lifetime of the object.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const std::string& value) : name_(name) {
-    const char* old = std::getenv(name);
-    hadOld_ = old != nullptr;
-    if (hadOld_) old_ = old;
-    setenv(name, value.c_str(), 1);
-  }
-  ~ScopedEnv() {
-    if (hadOld_) {
-      setenv(name_, old_.c_str(), 1);
-    } else {
-      unsetenv(name_);
-    }
-  }
+using ScopedEnv = tuqvutest::ScopedEnvironment;
 
- private:
-  const char* name_;
-  bool hadOld_ = false;
-  std::string old_;
-};
-
-// Captures every log message (all levels) while it lives.
-class LogCapture {
- public:
-  LogCapture() : oldLevel_(vu::log::maxLevel()) {
-    vu::log::setMaxLevel(6);
-    vu::log::setSink([this](const vu::log::Message& message) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      messages_.push_back(message);
-    });
-  }
-  ~LogCapture() {
-    vu::log::setSink({});
-    vu::log::setMaxLevel(oldLevel_);
-  }
-  std::vector<vu::log::Message> messages() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return messages_;
-  }
-  // Messages whose category is category and whose text contains part.
-  int count(const std::string& category, const std::string& part) const {
-    int n = 0;
-    for (const auto& message : messages()) {
-      if (message.category == category && message.text.find(part) != std::string::npos) ++n;
-    }
-    return n;
-  }
-
- private:
-  int oldLevel_;
-  mutable std::mutex mutex_;
-  std::vector<vu::log::Message> messages_;
-};
+using tuqvutest::LogCapture;
 
 // A module with a three-parameter method "onEvent" (a memory subscriber) and a
 // one-parameter method "tick", recording every call. An optional action runs inside

@@ -1,5 +1,7 @@
 // ZRMemory: data, events, subscribers on the notification thread, observers.
 #include <gtest/gtest.h>
+
+#include <common/environment.h>
 #include <zr/modules/zrmemory.h>
 #include <zr/proxies/zrmemoryproxy.h>
 #include <zr/zrerror.h>
@@ -360,15 +362,7 @@ TEST_F(MemoryTest, TheProxyReachesTheModuleThroughTheBroker) {
 
 namespace {
 
-// Sets an environment variable for the lifetime of the object.
-class EnvironmentSetting {
- public:
-  EnvironmentSetting(const char* name, const char* value) : name_(name) { ::setenv(name, value, 1); }
-  ~EnvironmentSetting() { ::unsetenv(name_); }
-
- private:
-  const char* name_;
-};
+using EnvironmentSetting = tuqvutest::ScopedEnvironment;
 
 std::string descriptionOf(const std::function<void()>& call) {
   try {

@@ -1,5 +1,7 @@
 // importProject: zip and tar packages, detection, and refusal of unsafe or broken ones.
 #include <gtest/gtest.h>
+
+#include <common/environment.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vu/project/package.h>
@@ -251,15 +253,7 @@ TEST_F(PackageTest, FailureKeepsAnExistingDestinationAsItWas) {
 
 namespace {
 
-// Sets an environment variable for the lifetime of the object.
-class Setting {
- public:
-  Setting(const char* name, const char* value) : name_(name) { ::setenv(name, value, 1); }
-  ~Setting() { ::unsetenv(name_); }
-
- private:
-  const char* name_;
-};
+using Setting = tuqvutest::ScopedEnvironment;
 
 }  // namespace
 

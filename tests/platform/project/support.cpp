@@ -77,32 +77,6 @@ void makeBehavior(const std::string& dir, const std::vector<std::string>& tags,
   writeFile(dir + "/behavior.xar", xar);
 }
 
-LogCapture::LogCapture() {
-  vu::log::setSink([this](const vu::log::Message& message) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    messages_.push_back(message);
-  });
-}
-
-LogCapture::~LogCapture() {
-  vu::log::setSink({});
-}
-
-std::vector<vu::log::Message> LogCapture::messages() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return messages_;
-}
-
-std::vector<std::string> LogCapture::texts(int level, const std::string& category) const {
-  std::vector<std::string> result;
-  for (const vu::log::Message& message : messages()) {
-    if (message.level == level && message.category == category) {
-      result.push_back(message.text);
-    }
-  }
-  return result;
-}
-
 void writeArchive(const std::string& file, Container container,
                   const std::vector<ArchiveEntry>& entries) {
   struct archive* a = archive_write_new();

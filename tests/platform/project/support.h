@@ -2,6 +2,8 @@
 // captured log lines and archives built with libarchive's write API.
 #pragma once
 
+#include <common/logcapture.h>
+
 #include <vu/log.h>
 
 #include <mutex>
@@ -38,19 +40,7 @@ std::string projectXml(const std::string& type, const std::vector<std::string>& 
 void makeBehavior(const std::string& dir, const std::vector<std::string>& tags = {},
                   const std::string& xar = "<xar/>");
 
-// Captures every log line while alive.
-class LogCapture {
- public:
-  LogCapture();
-  ~LogCapture();
-  std::vector<vu::log::Message> messages() const;
-  // The lines at the given level in the given category.
-  std::vector<std::string> texts(int level, const std::string& category) const;
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<vu::log::Message> messages_;
-};
+using tuqvutest::LogCapture;
 
 struct ArchiveEntry {
   enum Kind { File, Directory, Symlink, Hardlink };

@@ -31,6 +31,10 @@ inline bool isResourceType(const std::string& type) {
 // The library root joined with a local path: one separator, redundant ones removed.
 std::string joinUnderRoot(const std::string& root, const std::string& local);
 
+// True when local names a place strictly below the library root: something other than
+// the root itself, reached without going up ("..").
+bool namesAPlaceBelowRoot(const std::string& local);
+
 }  // namespace detail
 }  // namespace BehaviorManager
 }  // namespace ZR

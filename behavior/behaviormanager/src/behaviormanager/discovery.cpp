@@ -27,6 +27,20 @@ std::string joinUnderRoot(const std::string& root, const std::string& local) {
   return result;
 }
 
+bool namesAPlaceBelowRoot(const std::string& local) {
+  bool named = false;
+  std::string::size_type begin = 0;
+  while (begin <= local.size()) {
+    std::string::size_type end = local.find('/', begin);
+    if (end == std::string::npos) end = local.size();
+    const std::string part = local.substr(begin, end - begin);
+    if (part == "..") return false;
+    if (!part.empty() && part != ".") named = true;
+    begin = end + 1;
+  }
+  return named;
+}
+
 }  // namespace detail
 
 namespace {

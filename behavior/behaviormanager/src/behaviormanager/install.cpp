@@ -27,21 +27,6 @@ bool somethingAt(const fs::path& path) {
   return type != fs::status_error && type != fs::file_not_found;
 }
 
-// True when local names a place strictly below the library root: something other than
-// the root itself, reached without going up ("..").
-bool namesAPlaceBelowRoot(const std::string& local) {
-  bool named = false;
-  std::string::size_type begin = 0;
-  while (begin <= local.size()) {
-    std::string::size_type end = local.find('/', begin);
-    if (end == std::string::npos) end = local.size();
-    const std::string part = local.substr(begin, end - begin);
-    if (part == "..") return false;
-    if (!part.empty() && part != ".") named = true;
-    begin = end + 1;
-  }
-  return named;
-}
 
 // True when inner is outer or lies below it (both absolute and canonical).
 bool isWithin(const fs::path& inner, const fs::path& outer) {
@@ -148,7 +133,7 @@ bool ZRBehaviorManager::installBehavior(const std::string& absolutePath,
       // Nor may it replace anything of the installation, wherever the library lies.
       const std::string prefix = vu::path::sdkPrefix();
       if ((!prefix.empty() && isWithin(to, fs::weakly_canonical(prefix))) ||
-          !namesAPlaceBelowRoot(localPath) ||
+          !detail::namesAPlaceBelowRoot(localPath) ||
           !isWithin(to, fs::weakly_canonical(fUserLibrary.projectPath())) ||
           (from != to && (isWithin(from, to) || isWithin(to, from)))) {
         throw std::runtime_error("\"" + localPath +

@@ -11,26 +11,6 @@ namespace fs = boost::filesystem;
 namespace ZR {
 namespace BehaviorManager {
 
-namespace {
-
-// True when local names a place strictly below the library root: something other than
-// the root itself, reached without going up ("..").
-bool namesAPlaceBelowRoot(const std::string& local) {
-  bool named = false;
-  std::string::size_type begin = 0;
-  while (begin <= local.size()) {
-    std::string::size_type end = local.find('/', begin);
-    if (end == std::string::npos) end = local.size();
-    const std::string part = local.substr(begin, end - begin);
-    if (part == "..") return false;
-    if (!part.empty() && part != ".") named = true;
-    begin = end + 1;
-  }
-  return named;
-}
-
-}  // namespace
-
 bool ZRBehaviorManager::removeBehavior(const std::string& behavior) {
   const std::set<std::string> paths = fUserLibrary.behaviorPaths(behavior, true);
   if (!paths.empty()) {
@@ -54,7 +34,7 @@ bool ZRBehaviorManager::removeBehavior(const std::string& behavior) {
   // Only resources inside the user library are deleted here, never the library itself.
   const std::string dest = detail::joinUnderRoot(fUserLibrary.projectPath(), behavior);
   const vu::project::Project project(dest);
-  if (fUserLibrary.valid() && namesAPlaceBelowRoot(behavior) &&
+  if (fUserLibrary.valid() && detail::namesAPlaceBelowRoot(behavior) &&
       detail::isResourceType(project.getMetadata("Type"))) {
     try {
       fs::remove_all(dest);

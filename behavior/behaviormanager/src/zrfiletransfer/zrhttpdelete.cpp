@@ -70,13 +70,7 @@ int httpDel(soap* connection) {
     logError("Delete file error: " + mapped.root.string() + ": " + std::strerror(errno));
   }
 
-  detail::sendNow(connection, detail::statusLine(connection, "200 OK") +
-                                  "Server: TuqVu\n"
-                                  "Content-Length: 3\n"
-                                  "Content-Type: text/plain\n"
-                                  "Connection: keep-alive\n"
-                                  "\n"
-                                  "ok\n");
+  detail::sendOk(connection);
   return 0;
 }
 

@@ -255,13 +255,7 @@ int httpPut(soap* connection) {
     return -1;
   }
 
-  detail::sendNow(connection, detail::statusLine(connection, "200 OK") +
-                                  "Server: TuqVu\n"
-                                  "Content-Length: 3\n"
-                                  "Content-Type: text/plain\n"
-                                  "Connection: keep-alive\n"
-                                  "\n"
-                                  "ok\n");
+  detail::sendOk(connection);
   return 0;
 }
 

@@ -43,5 +43,15 @@ int sendNow(soap* connection, const std::string& text) {
   return soap_send(connection, text.c_str());
 }
 
+int sendOk(soap* connection) {
+  return sendNow(connection, statusLine(connection, "200 OK") +
+                                 "Server: TuqVu\n"
+                                 "Content-Length: 3\n"
+                                 "Content-Type: text/plain\n"
+                                 "Connection: keep-alive\n"
+                                 "\n"
+                                 "ok\n");
+}
+
 }  // namespace detail
 }  // namespace ZR

@@ -36,5 +36,8 @@ std::string statusLine(const soap* connection, const std::string& status);
 // only buffer the reply.
 int sendNow(soap* connection, const std::string& text);
 
+// The reply of a PUT or DELETE that was done: "200 OK" with the body "ok\n".
+int sendOk(soap* connection);
+
 }  // namespace detail
 }  // namespace ZR

@@ -1,11 +1,11 @@
 #include "preferences/preferencexml.h"
 
 #include <pugixml.hpp>
+#include <vu/base64.h>
 #include <sstream>
 
 #include "detail/textposition.h"
 #include "detail/xmlposition.h"
-#include "preferences/base64.h"
 
 namespace ZR {
 namespace detail {
@@ -110,7 +110,7 @@ ZRValue decodeEntry(const pugi::xml_node& node, const PositionOf& where) {
   const std::string encoding = node.attribute("encoding").value();
   if (encoding == "base64") {
     std::string bytes;
-    if (!base64Decode(value, bytes)) throw where.error(node, "the value is not valid base64");
+    if (!vu::base64::decode(value, bytes)) throw where.error(node, "the value is not valid base64");
     value = bytes;
   } else if (!encoding.empty()) {
     throw where.error(node, "unknown encoding \"" + encoding + "\" (only base64 is known)");
@@ -150,7 +150,7 @@ std::string encodePreferences(const std::string& moduleName, const ZRValue& entr
       node.append_child(pugi::node_pcdata).set_value(value.c_str());
     } else {
       node.append_attribute("encoding") = "base64";
-      node.append_child(pugi::node_pcdata).set_value(base64Encode(value).c_str());
+      node.append_child(pugi::node_pcdata).set_value(vu::base64::encode(value).c_str());
     }
   }
   std::ostringstream out;

@@ -25,51 +25,6 @@ std::vector<std::string> managerEventKeys() {
           "ZRBehaviorManager/BehaviorRemoved", "BehaviorsRun"};
 }
 
-// ---- LogCapture
-
-LogCapture::LogCapture() : fPreviousLevel(vu::log::maxLevel()) {
-  vu::log::setMaxLevel(6);
-  vu::log::setSink([this](const vu::log::Message& message) {
-    std::lock_guard<std::mutex> lock(fMutex);
-    fMessages.push_back(message);
-  });
-}
-
-LogCapture::~LogCapture() {
-  vu::log::setSink(nullptr);
-  vu::log::setMaxLevel(fPreviousLevel);
-}
-
-std::vector<vu::log::Message> LogCapture::messages() const {
-  std::lock_guard<std::mutex> lock(fMutex);
-  return fMessages;
-}
-
-std::vector<vu::log::Message> LogCapture::withText(const std::string& text) const {
-  std::vector<vu::log::Message> found;
-  for (const vu::log::Message& message : messages()) {
-    if (message.text == text) found.push_back(message);
-  }
-  return found;
-}
-
-int LogCapture::count(int level, const std::string& category, const std::string& function,
-                      const std::string& text) const {
-  int n = 0;
-  for (const vu::log::Message& message : messages()) {
-    if (message.level == level && message.category == category && message.function == function &&
-        message.text == text) {
-      ++n;
-    }
-  }
-  return n;
-}
-
-void LogCapture::clear() {
-  std::lock_guard<std::mutex> lock(fMutex);
-  fMessages.clear();
-}
-
 // ---- EventRecorder
 
 EventRecorder::EventRecorder(boost::shared_ptr<ZR::ZRBroker> broker,

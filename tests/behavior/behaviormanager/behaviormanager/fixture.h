@@ -3,6 +3,8 @@
 // a module that records memory events the way a remote subscriber receives them.
 #pragma once
 
+#include <common/logcapture.h>
+
 #include <condition_variable>
 #include <cstdlib>
 #include <functional>
@@ -28,23 +30,7 @@ namespace bmtest {
 namespace fs = boost::filesystem;
 using ZR::BehaviorManager::ZRBehaviorManager;
 
-// Captures every log message while alive.
-class LogCapture {
-public:
-  LogCapture();
-  ~LogCapture();
-  std::vector<vu::log::Message> messages() const;
-  // Messages with exactly this text (any level, category, function).
-  std::vector<vu::log::Message> withText(const std::string& text) const;
-  int count(int level, const std::string& category, const std::string& function,
-            const std::string& text) const;
-  void clear();
-
-private:
-  mutable std::mutex fMutex;  // guards fMessages
-  std::vector<vu::log::Message> fMessages;
-  int fPreviousLevel;
-};
+using tuqvutest::LogCapture;
 
 // A module that subscribes to memory events and records them in delivery order.
 class EventRecorder : public ZR::ZRModule {

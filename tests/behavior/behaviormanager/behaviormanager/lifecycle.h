@@ -3,6 +3,8 @@
 // manager, and remote calls made on threads of their own.
 #pragma once
 
+#include <common/eventually.h>
+
 #include <chrono>
 #include <functional>
 #include <future>
@@ -47,16 +49,7 @@ struct CallResult {
   ZR::ZRValue value;
 };
 
-// Waits for a condition with a generous limit; the limit only keeps a broken build from
-// hanging, it is not a measurement.
-inline bool eventually(const std::function<bool()>& condition, int limitMs = 20000) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
+using tuqvutest::eventually;
 
 // The sleeps vu::os::msleep made on this thread while `work` ran.
 inline unsigned long sleepsDuring(const std::function<void()>& work) {
@@ -148,10 +141,11 @@ protected:
           const std::string id = manager->getBehaviorFrameManagerId(name);
           return !id.empty() && frameManager->isBehaviorRunning(id);
         },
-        limitMs);
+        std::chrono::milliseconds(limitMs));
   }
   bool reaches(const std::string& name, BehaviorState state, int limitMs = 20000) {
-    return eventually([&] { return manager->behaviorState(name) == state; }, limitMs);
+    return eventually([&] { return manager->behaviorState(name) == state; },
+                      std::chrono::milliseconds(limitMs));
   }
 
   std::unique_ptr<FakeFrameManager> fake;

@@ -21,6 +21,8 @@
 #include <zrfiletransfer/zrfiletransfer.h>
 #include <zrfiletransfer/zracceptbackoff.h>
 
+#include <common/eventually.h>
+
 #include "support/logcapture.h"
 #include "support/rawclient.h"
 #include "support/testenvironment.h"
@@ -72,14 +74,6 @@ private:
   bool fExhausted = false;
 };
 
-bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(20ms);
-  }
-  return true;
-}
 
 }  // namespace
 
@@ -103,7 +97,7 @@ TEST(AcceptFailures, TheListenerOutlivesDescriptorExhaustionAndServesTheWaitingC
     ASSERT_EQ(0, ::connect(client, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
 
     // Several failed accepts (the back-off reaches 160 ms within 310 ms), one log line.
-    EXPECT_TRUE(eventually(
+    EXPECT_TRUE(tuqvutest::eventually(
         [&] { return !log.find("listenRequest", "accepting connections failed").empty(); },
         5s));
     std::this_thread::sleep_for(1500ms);

@@ -322,6 +322,6 @@ TEST(PutSizeLimit, AValueThatIsNoPositiveNumberIsLoggedAndIgnored) {
     LogCapture log;
     PutLimit limit(value);
     EXPECT_EQ(ZR::putSizeLimit(), 512ULL * 1024 * 1024) << value;
-    EXPECT_EQ(log.find("positiveNumber", "TUQVU_FILE_PUT_MAX_BYTES").size(), 1u) << value;
+    EXPECT_EQ(log.find("wholeNumber", "TUQVU_FILE_PUT_MAX_BYTES").size(), 1u) << value;
   }
 }

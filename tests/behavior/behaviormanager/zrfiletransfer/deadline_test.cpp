@@ -12,6 +12,8 @@
 
 #include <gtest/gtest.h>
 
+#include <common/environment.h>
+
 #include <zrfiletransfer/zrfiletransfer.h>
 #include <zrfiletransfer/zrrequestdeadline.h>
 
@@ -28,14 +30,7 @@ using zrft_test::RawConnection;
 
 namespace {
 
-class Setting {
-public:
-  Setting(const char* name, const char* value) : fName(name) { ::setenv(name, value, 1); }
-  ~Setting() { ::unsetenv(fName); }
-
-private:
-  const char* fName;
-};
+using Setting = tuqvutest::ScopedEnvironment;
 
 // Sends `bytes` one piece every `pause` until done or the server closes; returns how
 // many bytes went out.
@@ -130,7 +125,7 @@ TEST(RequestTimeLimits, ComeFromTheEnvironmentWithDefaultsAndIgnoreNonsense) {
     ZR::detail::loadRequestTimeLimits();
     EXPECT_EQ(30, ZR::detail::requestTimeLimits().headerSeconds);
     EXPECT_EQ(32768u, ZR::detail::requestTimeLimits().bodyBytesPerSecond);
-    EXPECT_EQ(1u, log.find("positiveNumber", "TUQVU_FILE_BODY_MIN_RATE").size());
+    EXPECT_EQ(1u, log.find("wholeNumber", "TUQVU_FILE_BODY_MIN_RATE").size());
   }
   ZR::detail::loadRequestTimeLimits();
 }

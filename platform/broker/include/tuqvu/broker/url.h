@@ -24,6 +24,9 @@ std::optional<std::string> percentDecode(const std::string& text);
 
 bool isValidUtf8(const std::string& text);
 
+// The value of a hexadecimal digit (either case), -1 for any other character.
+int hexDigitValue(char c);
+
 // The raw (still encoded) values of every "name=value" pair of the query, in order.
 std::vector<std::string> queryValues(const std::string& query, const std::string& name);
 

@@ -1,7 +1,7 @@
-#include "preferences/base64.h"
+#include <vu/base64.h>
 
-namespace ZR {
-namespace detail {
+namespace vu {
+namespace base64 {
 namespace {
 
 const char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
@@ -17,7 +17,7 @@ int valueOf(char c) {
 
 }  // namespace
 
-std::string base64Encode(const std::string& bytes) {
+std::string encode(const std::string& bytes) {
   std::string out;
   out.reserve((bytes.size() + 2) / 3 * 4);
   std::size_t i = 0;
@@ -42,7 +42,7 @@ std::string base64Encode(const std::string& bytes) {
   return out;
 }
 
-bool base64Decode(const std::string& text, std::string& bytes) {
+bool decode(const std::string& text, std::string& bytes) {
   std::string symbols;
   for (char c : text) {
     if (c == ' ' || c == '\n' || c == '\r' || c == '\t') continue;
@@ -73,5 +73,5 @@ bool base64Decode(const std::string& text, std::string& bytes) {
   return true;
 }
 
-}  // namespace detail
-}  // namespace ZR
+}  // namespace base64
+}  // namespace vu
