@@ -30,10 +30,13 @@ std::string tmp() {
 std::FILE* fopen(const char* path, const char* mode) { return std::fopen(path, mode); }
 
 namespace {
-thread_local unsigned long tSleepCount = 0;
-}
+// Atomic because other threads may read it through msleepCounterOfThisThread.
+thread_local std::atomic<unsigned long> tSleepCount{0};
+}  // namespace
 
-unsigned long msleepCountOnThisThread() { return tSleepCount; }
+unsigned long msleepCountOnThisThread() { return tSleepCount.load(); }
+
+const std::atomic<unsigned long>& msleepCounterOfThisThread() { return tSleepCount; }
 
 void msleep(unsigned int milliseconds) {
   ++tSleepCount;

@@ -120,6 +120,15 @@ TEST(VuOs, MsleepIsCountedPerThread) {
   EXPECT_EQ(other, 0u);
 }
 
+TEST(VuOs, AnotherThreadSeesTheSleepsOfAThreadThroughItsCounter) {
+  const std::atomic<unsigned long>& counter = vu::os::msleepCounterOfThisThread();
+  const unsigned long before = counter.load();
+  vu::os::msleep(0);
+  unsigned long seen = 0;
+  std::thread([&] { seen = counter.load(); }).join();
+  EXPECT_EQ(seen, before + 1);
+}
+
 TEST(VuHtml, TheFiveCharactersWithAMeaningInHtmlAreEscapedAndOthersKept) {
   EXPECT_EQ("&lt;img src=&quot;x&quot; onerror=&#39;a&#39;&gt; &amp;amp; é/b_c",
             vu::html::escape("<img src=\"x\" onerror='a'> &amp; é/b_c"));

@@ -293,8 +293,10 @@ TEST_F(LoadingFaults, AStateAboveFiveIsAnInconsistentStateAtOnce) {
 TEST_F(LoadingFaults, ALoadWaitsForAnUnloadingBehaviorToBeUnloadedThenLoads) {
   startFake();
   manager->setBehaviorState("wave", StateUnloading);
-  spawn([this] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  const std::atomic<unsigned long>& loaderSleeps = vu::os::msleepCounterOfThisThread();
+  const unsigned long before = loaderSleeps.load();
+  spawn([this, &loaderSleeps, before] {
+    EXPECT_TRUE(pollsSeen(loaderSleeps, before));  // the load is waiting now
     manager->xUnloadBehavior("wave");
   });
   bool loaded = false;
@@ -317,8 +319,10 @@ TEST_F(LoadingFaults, ASecondLoadWaitsForTheFirstAndCreatesNoSecondInstance) {
   EXPECT_TRUE(manager->getLoadedBehaviors().empty());
   EXPECT_EQ(manager->getBehaviorFrameManagerId("wave"), "");
 
-  spawn([this] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  const std::atomic<unsigned long>& loaderSleeps = vu::os::msleepCounterOfThisThread();
+  const unsigned long before = loaderSleeps.load();
+  spawn([this, &loaderSleeps, before] {
+    EXPECT_TRUE(pollsSeen(loaderSleeps, before));  // the second load is waiting now
     fake->releaseLoad("wave");
   });
   bool loaded = false;

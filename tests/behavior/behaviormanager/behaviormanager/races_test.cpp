@@ -154,8 +154,10 @@ TEST_F(Races, ALoadWaitingForAnUnloadAcceptsABehaviorLoadedAgainMeanwhile) {
   startFake();
   ASSERT_TRUE(manager->loadBehavior("wave"));
   manager->setBehaviorState("wave", StateUnloading);  // a run that has just ended
-  spawn([this] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  const std::atomic<unsigned long>& waiterSleeps = vu::os::msleepCounterOfThisThread();
+  const unsigned long before = waiterSleeps.load();
+  spawn([this, &waiterSleeps, before] {
+    EXPECT_TRUE(pollsSeen(waiterSleeps, before));  // the waiting call has polled once
     manager->xUnloadBehavior("wave");
     manager->loadBehavior("wave");  // at once, as the reload of a system behavior does
   });
@@ -180,8 +182,10 @@ TEST_F(Races, AStopOfAnUnloadingBehaviorAcceptsABehaviorLoadedAgainMeanwhile) {
   startFake();
   ASSERT_TRUE(manager->loadBehavior("idle"));
   manager->setBehaviorState("idle", StateUnloading);
-  spawn([this] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  const std::atomic<unsigned long>& waiterSleeps = vu::os::msleepCounterOfThisThread();
+  const unsigned long before = waiterSleeps.load();
+  spawn([this, &waiterSleeps, before] {
+    EXPECT_TRUE(pollsSeen(waiterSleeps, before));  // the waiting call has polled once
     manager->xUnloadBehavior("idle");
     manager->loadBehavior("idle");
   });
