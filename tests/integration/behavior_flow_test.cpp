@@ -49,7 +49,7 @@ bool put(int port, const std::string& path, const std::string& body) {
   RawConnection connection(port);
   connection.send("PUT " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: " +
                   std::to_string(body.size()) + "\r\n\r\n" + body);
-  const std::string reply = connection.receiveUntil("ok\n", 30000);
+  const std::string reply = connection.readUntil("ok\n", std::chrono::milliseconds(30000));
   EXPECT_EQ(reply.rfind("HTTP/1.1 200 OK", 0), 0u) << reply;
   return reply.size() >= 3 && reply.compare(reply.size() - 3, 3, "ok\n") == 0;
 }

@@ -79,7 +79,7 @@ protected:
                     (method == "PUT" ? "Content-Length: " + std::to_string(body.size()) + "\r\n"
                                      : std::string()) +
                     "Connection: close\r\n\r\n" + body);
-    return connection.receive(5000);
+    return connection.readUntilClosed(std::chrono::milliseconds(5000));
   }
   static std::string statusOf(const std::string& reply) { return reply.substr(0, reply.find('\n')); }
 

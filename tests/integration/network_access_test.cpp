@@ -69,7 +69,7 @@ std::string put(int port, const std::string& path, const std::string& body,
   connection.send("PUT " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" +
                   (authorization.empty() ? "" : "Authorization: " + authorization + "\r\n") +
                   "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
-  return connection.receive(2000);
+  return connection.readUntilClosed(std::chrono::milliseconds(2000));
 }
 
 class OnLoopback : public ::testing::Test {
@@ -224,7 +224,7 @@ TEST_F(BeyondLoopback, TheFileServerWritesAndDeletesOnlyWithTheSecret) {
 
   RawConnection remover(filePort.get<int>());
   remover.send("DELETE /behaviors/User/planted HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
-  EXPECT_EQ(0u, remover.receive(2000).find("HTTP/1.1 401 Unauthorized\n"));
+  EXPECT_EQ(0u, remover.readUntilClosed(std::chrono::milliseconds(2000)).find("HTTP/1.1 401 Unauthorized\n"));
   EXPECT_TRUE(fs::exists(file));
 }
 

@@ -72,17 +72,17 @@ int fileTransferPort(const Url& url) {
   const std::string method = "ZRBehaviorManager._httpFileTransferPort";
   const RpcResponse response = postRpc(url, buildCallRequest(method, {}), method, nullptr);
   if (response.status != 200) {
-    throw std::runtime_error("the broker answered " + std::to_string(response.status) + " " +
+    throw ClientError("the broker answered " + std::to_string(response.status) + " " +
                              response.reason + " to " + method);
   }
   const CallAnswer answer = interpretAnswer(response.body);
   if (answer.exitStatus != 0) {
-    throw std::runtime_error("the broker offers no file-transfer service (" + method + ": " +
+    throw ClientError("the broker offers no file-transfer service (" + method + ": " +
                              answer.text + ")");
   }
   const nlohmann::json port = nlohmann::json::parse(answer.text, nullptr, false);
   if (!port.is_number_integer() || port.get<long long>() <= 0 || port.get<long long>() > 65535) {
-    throw std::runtime_error(method + " answered " + answer.text + ", which is no port");
+    throw ClientError(method + " answered " + answer.text + ", which is no port");
   }
   return port.get<int>();
 }

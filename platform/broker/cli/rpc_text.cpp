@@ -52,7 +52,7 @@ CallAnswer interpretAnswer(const std::string& body) {
   try {
     answer = parseJson(body);
   } catch (const std::exception& error) {
-    throw std::runtime_error(std::string("the broker's answer is not JSON: ") + error.what());
+    throw ClientError(std::string("the broker's answer is not JSON: ") + error.what());
   }
   if (answer.is_object() && answer.contains("result")) return {0, answer["result"].dump(2, ' ', false, json::error_handler_t::replace)};
   if (answer.is_object() && answer.contains("error") && answer["error"].is_object()) {
@@ -67,7 +67,7 @@ CallAnswer interpretAnswer(const std::string& body) {
     }
     return {1, error.dump()};
   }
-  throw std::runtime_error("the broker's answer is no JSON-RPC response: " + body);
+  throw ClientError("the broker's answer is no JSON-RPC response: " + body);
 }
 
 }  // namespace broker

@@ -40,7 +40,7 @@ struct FileCloser {
 void putFile(const Url& server, const UploadItem& item,
              const std::function<void(std::uint64_t)>& onSent) {
   const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(item.local.c_str(), "rb"));
-  if (!file) throw std::runtime_error(item.local + ": " + std::strerror(errno));
+  if (!file) throw ClientError(item.local + ": " + std::strerror(errno));
   net::io_context ioc;
   tcp::socket socket(ioc);
   connectTo(socket, server);
@@ -57,7 +57,7 @@ void putFile(const Url& server, const UploadItem& item,
     const std::size_t wanted = left < block.size() ? static_cast<std::size_t>(left) : block.size();
     const std::size_t got = std::fread(block.data(), 1, wanted, file.get());
     if (got == 0) {
-      throw std::runtime_error(item.local + ": " +
+      throw ClientError(item.local + ": " +
                                (std::ferror(file.get()) ? std::strerror(errno)
                                                         : "the file became shorter while it was sent"));
     }
@@ -69,7 +69,7 @@ void putFile(const Url& server, const UploadItem& item,
   }
   if (error) {
     // The service stops reading when it refuses a request; it says nothing then.
-    throw std::runtime_error("the file-transfer service ended the connection after " +
+    throw ClientError("the file-transfer service ended the connection after " +
                              std::to_string(item.size - left) + " of " +
                              std::to_string(item.size) + " bytes (" + error.message() +
                              "); the broker's log may say why");
@@ -85,7 +85,7 @@ void putFile(const Url& server, const UploadItem& item,
     bytes.append(chunk, got);
     if (parseFileReply(bytes, closed, reply)) break;
     if (closed) {
-      throw std::runtime_error(
+      throw ClientError(
           "the file-transfer service closed the connection without an answer: it refuses "
           "this path or could not write the file (the broker's log says which)");
     }
@@ -94,7 +94,7 @@ void putFile(const Url& server, const UploadItem& item,
   if (reply.status != 200 || reply.body != "ok\n") {
     std::string body = reply.body.substr(0, 200);
     while (!body.empty() && (body.back() == '\n' || body.back() == '\r')) body.pop_back();
-    throw std::runtime_error("the file-transfer service answered " + std::to_string(reply.status) +
+    throw ClientError("the file-transfer service answered " + std::to_string(reply.status) +
                              " " + reply.reason + (body.empty() ? "" : ": " + body));
   }
 }

@@ -51,12 +51,12 @@ std::string withoutTrailingSlashes(std::string text) {
 UploadItem uploadItem(const fs::path& local, const std::string& remote) {
   boost::system::error_code error;
   const fs::file_status status = fs::status(local, error);
-  if (!fs::exists(status)) throw std::runtime_error(local.string() + ": no such file");
+  if (!fs::exists(status)) throw ClientError(local.string() + ": no such file");
   if (!fs::is_regular_file(status)) {
-    throw std::runtime_error(local.string() + ": not a regular file (only files and directories can be sent)");
+    throw ClientError(local.string() + ": not a regular file (only files and directories can be sent)");
   }
   const std::uintmax_t size = fs::file_size(local, error);
-  if (error) throw std::runtime_error(local.string() + ": " + error.message());
+  if (error) throw ClientError(local.string() + ": " + error.message());
   checkRemotePath(remote);
   return {local.string(), remote, static_cast<std::uint64_t>(size)};
 }
@@ -73,7 +73,7 @@ std::vector<UploadItem> planUpload(const std::string& local, const std::string& 
   if (target.back() == '/') target += localPath.filename().string();
   boost::system::error_code error;
   const fs::file_status status = fs::status(localPath, error);
-  if (!fs::exists(status)) throw std::runtime_error(local + ": no such file or directory");
+  if (!fs::exists(status)) throw ClientError(local + ": no such file or directory");
   std::vector<UploadItem> items;
   if (!fs::is_directory(status)) {
     items.push_back(uploadItem(localPath, target));
@@ -82,14 +82,14 @@ std::vector<UploadItem> planUpload(const std::string& local, const std::string& 
   std::vector<std::pair<std::string, fs::path>> files;  // relative generic path, file
   fs::recursive_directory_iterator it(localPath, fs::directory_options::follow_directory_symlink,
                                       error);
-  if (error) throw std::runtime_error(local + ": " + error.message());
+  if (error) throw ClientError(local + ": " + error.message());
   for (const fs::recursive_directory_iterator end; it != end; it.increment(error)) {
-    if (error) throw std::runtime_error(local + ": " + error.message());
+    if (error) throw ClientError(local + ": " + error.message());
     if (fs::is_directory(it->path())) continue;
     files.emplace_back(it->path().lexically_relative(localPath).generic_string(), it->path());
   }
-  if (error) throw std::runtime_error(local + ": " + error.message());
-  if (files.empty()) throw std::runtime_error(local + ": the directory holds no files");
+  if (error) throw ClientError(local + ": " + error.message());
+  if (files.empty()) throw ClientError(local + ": the directory holds no files");
   std::sort(files.begin(), files.end());
   for (const auto& file : files) items.push_back(uploadItem(file.second, target + "/" + file.first));
   return items;
@@ -105,7 +105,7 @@ bool parseFileReply(const std::string& bytes, bool closed, FileReply& reply) {
   } else if (headEnd != std::string::npos) {
     bodyStart = headEnd + 2;
   } else {
-    if (closed && !bytes.empty()) throw std::runtime_error("the answer ended within its head");
+    if (closed && !bytes.empty()) throw ClientError("the answer ended within its head");
     return false;
   }
   std::vector<std::string> lines;
@@ -123,7 +123,7 @@ bool parseFileReply(const std::string& bytes, bool closed, FileReply& reply) {
                                   [](unsigned char c) { return std::isdigit(c) != 0; });
   if (statusLine.rfind("HTTP/", 0) != 0 || !digits || statusLine[8] != ' ' ||
       (statusLine.size() > 12 && statusLine[12] != ' ')) {
-    throw std::runtime_error("no HTTP status line: \"" + statusLine.substr(0, 80) + "\"");
+    throw ClientError("no HTTP status line: \"" + statusLine.substr(0, 80) + "\"");
   }
   reply.status = std::atoi(statusLine.substr(9, 3).c_str());
   reply.reason = statusLine.size() > 13 ? statusLine.substr(13) : "";
@@ -137,14 +137,14 @@ bool parseFileReply(const std::string& bytes, bool closed, FileReply& reply) {
     if (name != "content-length") continue;
     const std::string value = lines[i].substr(lines[i].find_first_not_of(" \t", colon + 1));
     if (value.empty() || value.size() > 15 || value.find_first_not_of("0123456789") != std::string::npos) {
-      throw std::runtime_error("bad Content-Length \"" + value + "\"");
+      throw ClientError("bad Content-Length \"" + value + "\"");
     }
     length = std::stoll(value);
   }
   const std::size_t available = bytes.size() - bodyStart;
   if (length >= 0) {
     if (available < static_cast<std::size_t>(length)) {
-      if (closed) throw std::runtime_error("the answer ended within its body");
+      if (closed) throw ClientError("the answer ended within its body");
       return false;
     }
     reply.body = bytes.substr(bodyStart, static_cast<std::size_t>(length));

@@ -41,7 +41,7 @@ CallExecutor::~CallExecutor() { stop(); }
 
 void CallExecutor::submit(std::function<void()> job) {
   std::unique_lock<std::mutex> lock(fState->mutex);
-  if (fState->stopping) throw std::runtime_error("the call executor is stopped");
+  if (fState->stopping) throw ExecutorStopped("the call executor is stopped");
   fState->jobs.push_back(std::move(job));
   // Each queued job needs a worker of its own: wake a sleeper while there are enough of
   // them for the queue, otherwise start one more thread.

@@ -1,5 +1,6 @@
 #include <sys/stat.h>
 #include <vu/project/behaviorlibraryproject.h>
+#include <vu/project/error.h>
 
 #include <boost/filesystem.hpp>
 #include <cerrno>
@@ -29,16 +30,16 @@ std::string parentOf(const std::string& path) {
 BehaviorLibraryProject::BehaviorLibraryProject(const std::string& root) : Project(root) {
   const std::string path = projectPath();
   if (!path.empty()) {
-    index_ = detail::LibraryIndex::acquire(path);
-    known_ = index_->behaviorPaths("", true);
+    fIndex = detail::LibraryIndex::acquire(path);
+    fKnown = fIndex->behaviorPaths("", true);
   }
 }
 
 BehaviorLibraryProject::BehaviorLibraryProject(const BehaviorLibraryProject& other)
     : Project(other) {
-  std::lock_guard<std::mutex> lock(other.mutex_);
-  index_ = other.index_;
-  known_ = other.known_;
+  std::lock_guard<std::mutex> lock(other.fMutex);
+  fIndex = other.fIndex;
+  fKnown = other.fKnown;
 }
 
 BehaviorLibraryProject& BehaviorLibraryProject::operator=(const BehaviorLibraryProject& other) {
@@ -46,14 +47,14 @@ BehaviorLibraryProject& BehaviorLibraryProject::operator=(const BehaviorLibraryP
     std::shared_ptr<detail::LibraryIndex> index;
     std::set<std::string> known;
     {
-      std::lock_guard<std::mutex> lock(other.mutex_);
-      index = other.index_;
-      known = other.known_;
+      std::lock_guard<std::mutex> lock(other.fMutex);
+      index = other.fIndex;
+      known = other.fKnown;
     }
     Project::operator=(other);
-    std::lock_guard<std::mutex> lock(mutex_);
-    index_ = std::move(index);
-    known_.swap(known);
+    std::lock_guard<std::mutex> lock(fMutex);
+    fIndex = std::move(index);
+    fKnown.swap(known);
   }
   return *this;
 }
@@ -61,8 +62,8 @@ BehaviorLibraryProject& BehaviorLibraryProject::operator=(const BehaviorLibraryP
 BehaviorLibraryProject::~BehaviorLibraryProject() = default;
 
 std::shared_ptr<detail::LibraryIndex> BehaviorLibraryProject::index() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return index_;
+  std::lock_guard<std::mutex> lock(fMutex);
+  return fIndex;
 }
 
 std::set<std::string> BehaviorLibraryProject::behaviorPaths(const std::string& subPath,
@@ -153,33 +154,39 @@ bool placeBehavior(const std::string& source, const std::string& dest, const std
   // put in its place in one rename.
   const std::string staging = detail::stagingPath(parent, "");
   const bool moved = detail::moveFreshUnpack(source, staging);
-  std::string error;
-  if (!moved && !detail::copyTree(source, staging, error)) {
-    std::string ignored;
-    detail::removeTree(staging, ignored);
-    detail::logError(kImport, "Cannot import " + source + ": " + error);
-    return false;
+  if (!moved) {
+    try {
+      detail::copyTree(source, staging);
+    } catch (const ProjectError& error) {
+      detail::removeTreeIfPossible(staging);
+      detail::logError(kImport, "Cannot import " + source + ": " + error.what());
+      return false;
+    }
   }
   // Undoes the staging after a failure: a moved unpack goes back where it was.
   const auto abandonStaging = [&]() {
-    std::string ignored;
     if (moved && std::rename(staging.c_str(), source.c_str()) == 0) {
       detail::rememberFreshUnpack(source);  // moved back: still a fresh unpack
     } else {
-      detail::removeTree(staging, ignored);
+      detail::removeTreeIfPossible(staging);
     }
   };
   if (destExists) {
-    if (!detail::exchange(staging, dest, error)) {
+    try {
+      detail::exchange(staging, dest);
+    } catch (const ProjectError& error) {
       abandonStaging();
-      detail::logError(kImport, "Cannot import " + source + ": " + error);
+      detail::logError(kImport, "Cannot import " + source + ": " + error.what());
       return false;
     }
-    if (!detail::removeTree(staging, error)) {  // now the old destination
-      detail::logWarning(kImport, "Imported " + rel + " but the old copy stays: " + error);
+    try {
+      detail::removeTree(staging);  // now the old destination
+    } catch (const ProjectError& error) {
+      detail::logWarning(kImport, std::string("Imported " + rel + " but the old copy stays: ") +
+                                      error.what());
     }
   } else if (std::rename(staging.c_str(), dest.c_str()) != 0) {
-    error = std::strerror(errno);
+    const std::string error = std::strerror(errno);
     abandonStaging();
     detail::logError(kImport,
                      "Cannot move " + source + " into place at " + dest + ": " + error);
@@ -220,8 +227,8 @@ bool BehaviorLibraryProject::importBehavior(const std::string& sourceDir,
     }
     const std::set<std::string> before = index->behaviorPaths(rel, true);
     {
-      std::lock_guard<std::mutex> lock(mutex_);
-      known = known_.count(rel) != 0;
+      std::lock_guard<std::mutex> lock(fMutex);
+      known = fKnown.count(rel) != 0;
     }
     if (!placeBehavior(source, dest, rel, overwrite)) {
       return false;
@@ -231,12 +238,12 @@ bool BehaviorLibraryProject::importBehavior(const std::string& sourceDir,
         replaced.push_back(path);
       }
     }
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (index_ == index) {  // unless another library was assigned meanwhile
+    std::lock_guard<std::mutex> lock(fMutex);
+    if (fIndex == index) {  // unless another library was assigned meanwhile
       for (const std::string& path : replaced) {
-        known_.erase(path);
+        fKnown.erase(path);
       }
-      known_.insert(rel);
+      fKnown.insert(rel);
     }
   }
   // Announced with no lock held: slots query the library.
@@ -269,13 +276,15 @@ bool BehaviorLibraryProject::removeBehavior(const std::string& relPath) {
       detail::logError(kRemove, "Cannot remove " + dest + ": " + std::strerror(errno));
       return false;
     }
-    std::string error;
-    if (!detail::removeTree(aside, error)) {
-      detail::logWarning(kRemove, "Removed " + rel + " from the library, but " + error);
+    try {
+      detail::removeTree(aside);
+    } catch (const ProjectError& error) {
+      detail::logWarning(kRemove,
+                         std::string("Removed " + rel + " from the library, but ") + error.what());
     }
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (index_ == index) {
-      known_.erase(rel);
+    std::lock_guard<std::mutex> lock(fMutex);
+    if (fIndex == index) {
+      fKnown.erase(rel);
     }
   }
   behaviorRemoved(rel);

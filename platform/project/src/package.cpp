@@ -1,5 +1,6 @@
 #include <sys/stat.h>
 #include <vu/project/package.h>
+#include <vu/project/error.h>
 
 #include <algorithm>
 #include <boost/filesystem.hpp>
@@ -44,12 +45,11 @@ void mergeInto(const std::string& from, const std::string& to) {
       mergeInto(source, target);
       continue;
     }
-    std::string error;
-    if (exists(target) && !detail::removeTree(target, error)) {
-      throw std::runtime_error(error);
+    if (exists(target)) {
+      detail::removeTree(target);
     }
     if (std::rename(source.c_str(), target.c_str()) != 0) {
-      throw std::runtime_error("cannot move " + source + " to " + target + ": " +
+      throw ProjectError("cannot move " + source + " to " + target + ": " +
                                std::strerror(errno));
     }
   }
@@ -67,11 +67,10 @@ std::string createDirectories(const std::string& dir) {
   for (auto it = missing.rbegin(); it != missing.rend(); ++it) {
     if (::mkdir(it->c_str(), 0777) != 0) {
       const std::string reason = std::strerror(errno);
-      std::string ignored;
       if (!created.empty()) {
-        detail::removeTree(created, ignored);
+        detail::removeTreeIfPossible(created);
       }
-      throw std::runtime_error("cannot create " + *it + ": " + reason);
+      throw ProjectError("cannot create " + *it + ": " + reason);
     }
     if (created.empty()) {
       created = *it;
@@ -83,7 +82,7 @@ std::string createDirectories(const std::string& dir) {
 std::string realPath(const std::string& path) {
   char* resolved = ::realpath(path.c_str(), nullptr);
   if (resolved == nullptr) {
-    throw std::runtime_error("cannot resolve " + path + ": " + std::strerror(errno));
+    throw ProjectError("cannot resolve " + path + ": " + std::strerror(errno));
   }
   std::string result(resolved);
   std::free(resolved);
@@ -98,19 +97,19 @@ ArchiveFormat unpack(const std::string& packagePath, const std::string& destDir,
                      ArchiveFormat format) {
   struct stat info;
   if (::stat(packagePath.c_str(), &info) != 0) {
-    throw std::runtime_error(packagePath + " is not a package: " + std::strerror(errno));
+    throw ProjectError(packagePath + " is not a package: " + std::strerror(errno));
   }
   if (!S_ISREG(info.st_mode)) {
-    throw std::runtime_error(packagePath + " is not a package: not a regular file");
+    throw ProjectError(packagePath + " is not a package: not a regular file");
   }
   const std::uint64_t packageBytes = static_cast<std::uint64_t>(info.st_size);
   const std::string dest = detail::normalizeAbsolute(destDir);
   if (dest.empty()) {
-    throw std::runtime_error("importProject: no destination directory for " + packagePath);
+    throw ProjectError("importProject: no destination directory for " + packagePath);
   }
   const bool destExists = exists(dest);
   if (destExists && (::stat(dest.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))) {
-    throw std::runtime_error("importProject: " + dest + " exists and is not a directory");
+    throw ProjectError("importProject: " + dest + " exists and is not a directory");
   }
   const std::string parent = fs::path(dest).parent_path().string();
   const std::string createdParent = createDirectories(parent);
@@ -118,27 +117,25 @@ ArchiveFormat unpack(const std::string& packagePath, const std::string& destDir,
   const std::string staging = detail::stagingPath(parent, ".unpack");
   try {
     if (::mkdir(staging.c_str(), 0777) != 0) {
-      throw std::runtime_error("cannot create " + staging + ": " + std::strerror(errno));
+      throw ProjectError("cannot create " + staging + ": " + std::strerror(errno));
     }
     const ArchiveFormat found =
         detail::unpackInto(packagePath, realPath(staging), packageBytes, format);
     if (!destExists) {
       if (std::rename(staging.c_str(), dest.c_str()) != 0) {
-        throw std::runtime_error("cannot move " + staging + " to " + dest + ": " +
+        throw ProjectError("cannot move " + staging + " to " + dest + ": " +
                                  std::strerror(errno));
       }
       detail::rememberFreshUnpack(dest);
     } else {
       mergeInto(staging, dest);
-      std::string ignored;
-      detail::removeTree(staging, ignored);
+      detail::removeTreeIfPossible(staging);
     }
     return found;
   } catch (...) {
-    std::string ignored;
-    detail::removeTree(staging, ignored);
+    detail::removeTreeIfPossible(staging);
     if (!createdParent.empty()) {
-      detail::removeTree(createdParent, ignored);
+      detail::removeTreeIfPossible(createdParent);
     }
     throw;
   }
@@ -149,7 +146,7 @@ ArchiveFormat unpack(const std::string& packagePath, const std::string& destDir,
 void importProject(const std::string& packagePath, const std::string& destDir,
                    ArchiveFormat& format) {
   if (format != ArchiveFormatDetect && format != ArchiveFormatZip && format != ArchiveFormatTar) {
-    throw std::runtime_error("importProject: unsupported archive format " +
+    throw ProjectError("importProject: unsupported archive format " +
                              std::to_string(static_cast<int>(format)));
   }
   try {

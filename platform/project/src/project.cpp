@@ -9,15 +9,15 @@ namespace project {
 
 Project::Project() = default;
 
-Project::Project(const std::string& dir) : path_(detail::normalizeAbsolute(dir)) {}
+Project::Project(const std::string& dir) : fPath(detail::normalizeAbsolute(dir)) {}
 
-Project::Project(const Project& other) : path_(other.projectPath()) {}
+Project::Project(const Project& other) : fPath(other.projectPath()) {}
 
 Project& Project::operator=(const Project& other) {
   if (this != &other) {
     std::string path = other.projectPath();
-    std::lock_guard<std::mutex> lock(mutex_);
-    path_ = std::move(path);
+    std::lock_guard<std::mutex> lock(fMutex);
+    fPath = std::move(path);
   }
   return *this;
 }
@@ -31,8 +31,8 @@ bool Project::valid() const {
 }
 
 std::string Project::projectPath() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return path_;
+  std::lock_guard<std::mutex> lock(fMutex);
+  return fPath;
 }
 
 std::string Project::getMetadata(const std::string& key) const {

@@ -1,5 +1,7 @@
 #include <vu/project/staging.h>
 
+#include <vu/project/error.h>
+
 #include <dirent.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -63,13 +65,13 @@ void sweep(const std::string& dir, int depth, std::vector<std::string>& removed)
   }
   stream.reset();
   for (const std::string& path : leftovers) {
-    std::string error;
-    if (detail::removeTree(path, error)) {
+    try {
+      detail::removeTree(path);
       detail::logWarning("removeStagingLeftovers",
                          "removed " + path + ", left by an import that did not finish");
       removed.push_back(path);
-    } else {
-      detail::logWarning("removeStagingLeftovers", error);
+    } catch (const ProjectError& error) {
+      detail::logWarning("removeStagingLeftovers", error.what());
     }
   }
   for (const std::string& folder : folders) {

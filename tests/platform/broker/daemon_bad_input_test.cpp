@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "support/http_client.h"
+#include "support/shared_daemon.h"
 #include "support/tuqvu_process.h"
 
 using namespace brokertest;
@@ -11,30 +12,18 @@ using nlohmann::json;
 
 namespace {
 
-class DaemonBadInput : public ::testing::Test {
+class DaemonBadInput : public SharedDaemonTest {
 protected:
-  static void SetUpTestSuite() {
-    daemon = new TuqvuProcess({"--module", "TestModule=" + testModulePath()});
-  }
-  static void TearDownTestSuite() {
-    EXPECT_EQ(0, daemon->terminate(SIGTERM)) << daemon->stderrText();
-    delete daemon;
-    daemon = nullptr;
-  }
   void TearDown() override {
     // Whatever the test sent, the daemon still answers.
     ASSERT_TRUE(daemon->running()) << daemon->stderrText();
     EXPECT_EQ(json(3), rpc(port(), "TestModule.add", {1, 2})["result"]);
   }
-  static int port() { return daemon->port(); }
   static int statusOf(const std::string& raw) {
     if (raw.compare(0, 9, "HTTP/1.1 ") != 0) return 0;
     return std::stoi(raw.substr(9, 3));
   }
-  static TuqvuProcess* daemon;
 };
-
-TuqvuProcess* DaemonBadInput::daemon = nullptr;
 
 }  // namespace
 
@@ -110,8 +99,9 @@ TEST_F(DaemonBadInput, AClientThatSendsHalfARequestDoesNotBlockOthers) {
   halfway.send("POST /rpc HTTP/1.1\r\nHost: x\r\nContent-Length: 100\r\n\r\n{");
   // Its request waits for the rest of its body; everyone else goes on.
   EXPECT_EQ(json(5), rpc(port(), "TestModule.add", {2, 3})["result"]);
-  EXPECT_EQ("", halfway.receive(100));
-  EXPECT_FALSE(halfway.closedByPeer());
+  bool closed = false;
+  EXPECT_EQ("", halfway.readUntilClosed(std::chrono::milliseconds(100), &closed));
+  EXPECT_FALSE(closed);
 }
 
 TEST_F(DaemonBadInput, ExpectContinueIsHonoured) {
@@ -120,9 +110,9 @@ TEST_F(DaemonBadInput, ExpectContinueIsHonoured) {
   connection.send("POST /rpc HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: application/json\r\n"
                   "Expect: 100-continue\r\nContent-Length: " +
                   std::to_string(body.size()) + "\r\n\r\n");
-  EXPECT_EQ(0u, connection.receiveUntil("\r\n\r\n").find("HTTP/1.1 100 Continue\r\n"));
+  EXPECT_EQ(0u, connection.readUntil("\r\n\r\n").find("HTTP/1.1 100 Continue\r\n"));
   connection.send(body);
-  const std::string answer = connection.receiveUntil("}");
+  const std::string answer = connection.readUntil("}");
   EXPECT_EQ(200, statusOf(answer)) << answer;
   EXPECT_NE(std::string::npos, answer.find("\"result\":42")) << answer;
 }

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "support/http_client.h"
+#include "support/shared_daemon.h"
 #include "support/tuqvu_process.h"
 
 using namespace brokertest;
@@ -13,17 +14,8 @@ using nlohmann::json;
 
 namespace {
 
-class DaemonEvents : public ::testing::Test {
+class DaemonEvents : public SharedDaemonTest {
 protected:
-  static void SetUpTestSuite() {
-    daemon = new TuqvuProcess({"--module", "TestModule=" + testModulePath()});
-  }
-  static void TearDownTestSuite() {
-    EXPECT_EQ(0, daemon->terminate(SIGTERM)) << daemon->stderrText();
-    delete daemon;
-    daemon = nullptr;
-  }
-  static int port() { return daemon->port(); }
   static void raise(const std::string& key, const json& value) {
     const json reply = rpc(port(), "ZRMemory.raiseMicroEvent", {key, value});
     ASSERT_TRUE(reply.contains("result")) << reply;
@@ -32,10 +24,7 @@ protected:
     const json reply = rpc(port(), "ZRMemory.insertData", {key, value});
     ASSERT_TRUE(reply.contains("result")) << reply;
   }
-  static TuqvuProcess* daemon;
 };
-
-TuqvuProcess* DaemonEvents::daemon = nullptr;
 
 json event(const std::string& key, const json& value) { return {{"key", key}, {"value", value}}; }
 

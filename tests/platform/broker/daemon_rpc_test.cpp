@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "support/http_client.h"
+#include "support/shared_daemon.h"
 #include "support/tuqvu_process.h"
 
 using namespace brokertest;
@@ -11,21 +12,7 @@ using nlohmann::json;
 
 namespace {
 
-class DaemonRpc : public ::testing::Test {
-protected:
-  static void SetUpTestSuite() {
-    daemon = new TuqvuProcess({"--module", "TestModule=" + testModulePath()});
-  }
-  static void TearDownTestSuite() {
-    EXPECT_EQ(0, daemon->terminate(SIGTERM)) << daemon->stderrText();
-    delete daemon;
-    daemon = nullptr;
-  }
-  static int port() { return daemon->port(); }
-  static TuqvuProcess* daemon;
-};
-
-TuqvuProcess* DaemonRpc::daemon = nullptr;
+class DaemonRpc : public SharedDaemonTest {};
 
 }  // namespace
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "support/http_client.h"
+#include "support/shared_daemon.h"
 #include "support/tuqvu_process.h"
 
 using namespace brokertest;
@@ -11,25 +12,14 @@ using nlohmann::json;
 
 namespace {
 
-class TuqvuCall : public ::testing::Test {
+class TuqvuCall : public SharedDaemonTest {
 protected:
-  static void SetUpTestSuite() {
-    daemon = new TuqvuProcess({"--module", "TestModule=" + testModulePath()});
-  }
-  static void TearDownTestSuite() {
-    EXPECT_EQ(0, daemon->terminate(SIGTERM)) << daemon->stderrText();
-    delete daemon;
-    daemon = nullptr;
-  }
   static CommandResult call(std::vector<std::string> args) {
     args.insert(args.begin(), {tuqvuCallPath(), "--url",
                                "http://127.0.0.1:" + std::to_string(daemon->port())});
     return runCommand(args);
   }
-  static TuqvuProcess* daemon;
 };
-
-TuqvuProcess* TuqvuCall::daemon = nullptr;
 
 }  // namespace
 

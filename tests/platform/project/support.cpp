@@ -19,12 +19,12 @@ ScratchDir::ScratchDir() {
   const fs::path base =
       fs::temp_directory_path() / fs::unique_path("vu-project-test-%%%%-%%%%-%%%%");
   fs::create_directories(base);
-  path_ = fs::canonical(base).string();
+  fPath = fs::canonical(base).string();
 }
 
 ScratchDir::~ScratchDir() {
   boost::system::error_code ignored;
-  fs::remove_all(path_, ignored);
+  fs::remove_all(fPath, ignored);
 }
 
 void writeFile(const std::string& path, const std::string& content) {

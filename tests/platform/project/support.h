@@ -19,11 +19,11 @@ class ScratchDir {
   ~ScratchDir();
   ScratchDir(const ScratchDir&) = delete;
   ScratchDir& operator=(const ScratchDir&) = delete;
-  const std::string& path() const { return path_; }
-  std::string operator/(const std::string& rel) const { return path_ + "/" + rel; }
+  const std::string& path() const { return fPath; }
+  std::string operator/(const std::string& rel) const { return fPath + "/" + rel; }
 
  private:
-  std::string path_;
+  std::string fPath;
 };
 
 void writeFile(const std::string& path, const std::string& content);

@@ -1,13 +1,10 @@
 // Installing behaviors, packages and resources into the user library.
 #include <stdexcept>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <boost/filesystem.hpp>
 
 #include <vu/path.h>
+#include <vu/project/filecopy.h>
 #include <vu/project/package.h>
 #include <vu/project/project.h>
 
@@ -27,7 +24,6 @@ bool somethingAt(const fs::path& path) {
   return type != fs::status_error && type != fs::file_not_found;
 }
 
-
 // True when inner is outer or lies below it (both absolute and canonical).
 bool isWithin(const fs::path& inner, const fs::path& outer) {
   auto i = inner.begin();
@@ -35,55 +31,6 @@ bool isWithin(const fs::path& inner, const fs::path& outer) {
     if (i == inner.end() || *i != *o) return false;
   }
   return true;
-}
-
-// Copies a regular file to a path where nothing exists yet, with the same permissions;
-// throws boost::filesystem::filesystem_error like copy_file. Boost 1.74's copy_file
-// flushes every file to disk, which makes copying a resource of many files very slow.
-void copyNewFile(const fs::path& source, const fs::path& destination) {
-  const auto fail = [&](const char* what) {
-    throw fs::filesystem_error(what, source, destination,
-                               boost::system::error_code(errno, boost::system::system_category()));
-  };
-  const int in = ::open(source.c_str(), O_RDONLY | O_CLOEXEC);
-  if (in < 0) fail("cannot open the file to copy");
-  struct stat info;
-  if (::fstat(in, &info) != 0) {
-    const int saved = errno;
-    ::close(in);
-    errno = saved;
-    fail("cannot read the file to copy");
-  }
-  const int out = ::open(destination.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-  if (out < 0) {
-    const int saved = errno;
-    ::close(in);
-    errno = saved;
-    fail("cannot create the copy");
-  }
-  char buffer[65536];
-  ssize_t done = 0;
-  while ((done = ::read(in, buffer, sizeof buffer)) != 0) {
-    if (done < 0) {
-      if (errno == EINTR) continue;
-      break;
-    }
-    for (ssize_t written = 0; written < done;) {
-      const ssize_t n = ::write(out, buffer + written, static_cast<size_t>(done - written));
-      if (n < 0 && errno != EINTR) {
-        done = -1;
-        break;
-      }
-      if (n > 0) written += n;
-    }
-    if (done < 0) break;
-  }
-  const bool ok = done == 0 && ::fchmod(out, info.st_mode & 07777) == 0;
-  const int saved = errno;
-  const bool closed = ::close(out) == 0;
-  ::close(in);
-  errno = saved;
-  if (!ok || !closed) fail("cannot copy the file");
 }
 
 void removeTemporary(const fs::path& tmp) {
@@ -195,12 +142,9 @@ bool ZRBehaviorManager::copy(const fs::path& source, const fs::path& destination
     }
     return true;
   }
-  try {
-    copyNewFile(source, destination);
-  } catch (const fs::filesystem_error&) {
-    return false;
-  }
-  return true;
+  boost::system::error_code code;
+  vu::project::copyFile(source.string(), destination.string(), code);
+  return !code;
 }
 
 }  // namespace BehaviorManager

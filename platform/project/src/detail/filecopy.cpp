@@ -1,5 +1,8 @@
 #include "detail/filecopy.h"
 
+#include <vu/project/error.h>
+#include <vu/project/filecopy.h>
+
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
@@ -15,15 +18,9 @@ namespace fs = boost::filesystem;
 
 namespace vu {
 namespace project {
-namespace detail {
 
-namespace {
-
-// Copies a regular file to the new path to, with the same permissions. Unlike
-// boost::filesystem::copy_file of Boost 1.74, the copy is not flushed to disk file by
-// file (one fdatasync per file made a 10,000-file copy a hundred times slower than cp).
-void copyRegularFile(const std::string& from, const std::string& to,
-                     boost::system::error_code& code) {
+void copyFile(const std::string& from, const std::string& to, boost::system::error_code& code) {
+  code.clear();
   const auto fail = [&code]() { code.assign(errno, boost::system::system_category()); };
   const int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
   if (in < 0) return fail();
@@ -74,18 +71,17 @@ void copyRegularFile(const std::string& from, const std::string& to,
   ::close(in);
 }
 
-}  // namespace
+namespace detail {
 
-bool copyTree(const std::string& from, const std::string& to, std::string& error) {
+void copyTree(const std::string& from, const std::string& to) {
   boost::system::error_code code;
   const fs::file_status status = fs::symlink_status(from, code);
   if (code) {
-    error = "cannot read " + from + ": " + code.message();
-    return false;
+    throw ProjectError("cannot read " + from + ": " + code.message());
   }
   switch (status.type()) {
     case fs::symlink_file: fs::copy_symlink(from, to, code); break;
-    case fs::regular_file: copyRegularFile(from, to, code); break;
+    case fs::regular_file: copyFile(from, to, code); break;
     case fs::directory_file: {
       fs::create_directory(to, code);
       if (code) {
@@ -94,9 +90,7 @@ bool copyTree(const std::string& from, const std::string& to, std::string& error
       fs::directory_iterator it(from, code);
       for (; !code && it != fs::directory_iterator(); it.increment(code)) {
         const std::string name = it->path().filename().string();
-        if (!copyTree(it->path().string(), joinPath(to, name), error)) {
-          return false;
-        }
+        copyTree(it->path().string(), joinPath(to, name));
       }
       if (!code) {
         fs::permissions(to, fs::status(from).permissions(), code);
@@ -104,50 +98,47 @@ bool copyTree(const std::string& from, const std::string& to, std::string& error
       break;
     }
     default:
-      error = "cannot copy " + from + ": not a regular file, directory or symbolic link";
-      return false;
+      throw ProjectError("cannot copy " + from +
+                         ": not a regular file, directory or symbolic link");
   }
   if (code) {
-    error = "cannot copy " + from + " to " + to + ": " + code.message();
-    return false;
+    throw ProjectError("cannot copy " + from + " to " + to + ": " + code.message());
   }
-  return true;
 }
 
-bool removeTree(const std::string& path, std::string& error) {
+void removeTree(const std::string& path) {
   boost::system::error_code code;
   fs::remove_all(path, code);
   if (code) {
-    error = "cannot remove " + path + ": " + code.message();
-    return false;
+    throw ProjectError("cannot remove " + path + ": " + code.message());
   }
-  return true;
 }
 
-bool exchange(const std::string& a, const std::string& b, std::string& error) {
+void removeTreeIfPossible(const std::string& path) noexcept {
+  boost::system::error_code ignored;
+  fs::remove_all(path, ignored);
+}
+
+void exchange(const std::string& a, const std::string& b) {
   if (::renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE) == 0) {
-    return true;
+    return;
   }
   if (errno != EINVAL && errno != ENOSYS) {
-    error = "cannot exchange " + a + " and " + b + ": " + std::strerror(errno);
-    return false;
+    throw ProjectError("cannot exchange " + a + " and " + b + ": " + std::strerror(errno));
   }
   // Without an atomic exchange: b aside, a into its place, the old b where a was.
   const std::string aside = stagingPath(fs::path(b).parent_path().string(), ".old");
   if (std::rename(b.c_str(), aside.c_str()) != 0) {
-    error = "cannot move " + b + " aside: " + std::strerror(errno);
-    return false;
+    throw ProjectError("cannot move " + b + " aside: " + std::strerror(errno));
   }
   if (std::rename(a.c_str(), b.c_str()) != 0) {
-    error = "cannot move " + a + " to " + b + ": " + std::strerror(errno);
+    const std::string reason = std::strerror(errno);
     std::rename(aside.c_str(), b.c_str());
-    return false;
+    throw ProjectError("cannot move " + a + " to " + b + ": " + reason);
   }
   if (std::rename(aside.c_str(), a.c_str()) != 0) {
-    std::string ignored;
-    removeTree(aside, ignored);  // the old b is not wanted anyway
+    removeTreeIfPossible(aside);  // the old b is not wanted anyway
   }
-  return true;
 }
 
 }  // namespace detail

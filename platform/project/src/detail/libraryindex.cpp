@@ -76,10 +76,10 @@ std::shared_ptr<LibraryIndex> LibraryIndex::acquire(const std::string& root) {
   return index;
 }
 
-LibraryIndex::LibraryIndex(std::string root) : root_(std::move(root)) {
+LibraryIndex::LibraryIndex(std::string root) : fRoot(std::move(root)) {
   // For file systems whose changes inotify does not report (network file systems).
   const char* polling = std::getenv("TUQVU_LIBRARY_POLLING");
-  polling_ = polling != nullptr && *polling != '\0' && std::strcmp(polling, "0") != 0;
+  fPolling = polling != nullptr && *polling != '\0' && std::strcmp(polling, "0") != 0;
   refresh();
 }
 
@@ -93,21 +93,21 @@ LibraryIndex::~LibraryIndex() {
 template <typename F>
 void LibraryIndex::forEachBehavior(const std::string& sub, bool recursive, F f) const {
   if (sub.empty()) {
-    for (const auto& entry : behaviors_) {
+    for (const auto& entry : fBehaviors) {
       if (recursive || entry.first.find('/') == std::string::npos) {
         f(entry);
       }
     }
     return;
   }
-  const auto self = behaviors_.find(sub);
-  if (self != behaviors_.end()) {
+  const auto self = fBehaviors.find(sub);
+  if (self != fBehaviors.end()) {
     f(*self);  // a behavior is not looked into
     return;
   }
   const std::string prefix = sub + "/";
-  for (auto it = behaviors_.lower_bound(prefix);
-       it != behaviors_.end() && it->first.compare(0, prefix.size(), prefix) == 0; ++it) {
+  for (auto it = fBehaviors.lower_bound(prefix);
+       it != fBehaviors.end() && it->first.compare(0, prefix.size(), prefix) == 0; ++it) {
     if (recursive || it->first.find('/', prefix.size()) == std::string::npos) {
       f(*it);
     }
@@ -116,7 +116,7 @@ void LibraryIndex::forEachBehavior(const std::string& sub, bool recursive, F f) 
 
 std::set<std::string> LibraryIndex::behaviorPaths(const std::string& sub, bool recursive) {
   refresh();
-  std::shared_lock<std::shared_mutex> lock(dataMutex_);
+  std::shared_lock<std::shared_mutex> lock(fDataMutex);
   std::set<std::string> result;
   forEachBehavior(sub, recursive,
                   [&result](const auto& entry) { result.emplace_hint(result.end(), entry.first); });
@@ -125,16 +125,16 @@ std::set<std::string> LibraryIndex::behaviorPaths(const std::string& sub, bool r
 
 bool LibraryIndex::hasBehavior(const std::string& rel) {
   refresh();
-  std::shared_lock<std::shared_mutex> lock(dataMutex_);
-  return !rel.empty() && behaviors_.count(rel) != 0;
+  std::shared_lock<std::shared_mutex> lock(fDataMutex);
+  return !rel.empty() && fBehaviors.count(rel) != 0;
 }
 
 std::set<std::string> LibraryIndex::tags(const std::string& sub, bool recursive) {
   refresh();
-  std::shared_lock<std::shared_mutex> lock(dataMutex_);
+  std::shared_lock<std::shared_mutex> lock(fDataMutex);
   std::set<std::string> result;
   if (sub.empty() && recursive) {
-    for (const auto& entry : tagged_) {
+    for (const auto& entry : fTagged) {
       result.emplace_hint(result.end(), entry.first);
     }
     return result;
@@ -147,9 +147,9 @@ std::set<std::string> LibraryIndex::tags(const std::string& sub, bool recursive)
 
 std::set<std::string> LibraryIndex::findTag(const std::string& tag) {
   refresh();
-  std::shared_lock<std::shared_mutex> lock(dataMutex_);
-  const auto found = tagged_.find(tag);
-  return found == tagged_.end() ? std::set<std::string>() : found->second;
+  std::shared_lock<std::shared_mutex> lock(fDataMutex);
+  const auto found = fTagged.find(tag);
+  return found == fTagged.end() ? std::set<std::string>() : found->second;
 }
 
 }  // namespace detail

@@ -29,7 +29,7 @@ class LibraryIndex {
   LibraryIndex(const LibraryIndex&) = delete;
   LibraryIndex& operator=(const LibraryIndex&) = delete;
 
-  const std::string& root() const { return root_; }
+  const std::string& root() const { return fRoot; }
 
   // Queries take canonical relative paths (see normalizeRelative) and reflect the disk
   // at the time of the call.
@@ -41,7 +41,7 @@ class LibraryIndex {
   // Serialises the changes library objects make to this tree (import, removal), so that
   // "was it there before" and the change itself are one step. Taken before any other
   // lock of the index.
-  std::mutex& writeMutex() { return writeMutex_; }
+  std::mutex& writeMutex() { return fWriteMutex; }
 
  private:
   struct Dir {
@@ -70,26 +70,26 @@ class LibraryIndex {
   template <typename F>
   void forEachBehavior(const std::string& sub, bool recursive, F f) const;
 
-  const std::string root_;
-  std::mutex writeMutex_;
+  const std::string fRoot;
+  std::mutex fWriteMutex;
 
-  // Lock order: writeMutex_, refreshMutex_, dataMutex_.
-  // refreshMutex_ guards the watcher (fd_, polling_, watchFailed_, dirtyTags_) and makes
-  // one thread at a time bring the index up to date. Everything below dataMutex_ is
-  // written only with both held, so refresh() may read it holding refreshMutex_ alone.
-  std::mutex refreshMutex_;
-  int fd_ = -1;
-  bool polling_ = false;             // no watcher could be had: rescan on every query
-  bool watchFailed_ = false;         // a watch could not be added during this refresh
-  std::set<std::string> dirtyTags_;  // behaviors whose project.xml changed
+  // Lock order: fWriteMutex, fRefreshMutex, fDataMutex.
+  // fRefreshMutex guards the watcher (fFd, fPolling, fWatchFailed, fDirtyTags) and makes
+  // one thread at a time bring the index up to date. Everything below fDataMutex is
+  // written only with both held, so refresh() may read it holding fRefreshMutex alone.
+  std::mutex fRefreshMutex;
+  int fFd = -1;
+  bool fPolling = false;             // no watcher could be had: rescan on every query
+  bool fWatchFailed = false;         // a watch could not be added during this refresh
+  std::set<std::string> fDirtyTags;  // behaviors whose project.xml changed
 
-  // dataMutex_ guards the index proper; queries hold it shared.
-  mutable std::shared_mutex dataMutex_;
-  std::map<std::string, Dir> dirs_;  // every indexed directory by relative path, root ""
-  std::unordered_map<int, std::string> watches_;               // watch descriptor -> directory
-  std::map<std::pair<dev_t, ino_t>, std::string> inodes_;      // one path per directory
-  std::map<std::string, std::vector<std::string>> behaviors_;  // behavior -> its tags
-  std::map<std::string, std::set<std::string>> tagged_;        // tag -> behaviors
+  // fDataMutex guards the index proper; queries hold it shared.
+  mutable std::shared_mutex fDataMutex;
+  std::map<std::string, Dir> fDirs;  // every indexed directory by relative path, root ""
+  std::unordered_map<int, std::string> fWatches;               // watch descriptor -> directory
+  std::map<std::pair<dev_t, ino_t>, std::string> fInodes;      // one path per directory
+  std::map<std::string, std::vector<std::string>> fBehaviors;  // behavior -> its tags
+  std::map<std::string, std::set<std::string>> fTagged;        // tag -> behaviors
 };
 
 }  // namespace detail

@@ -30,37 +30,37 @@ void LibraryIndex::scan(const std::string& rel) {
 }
 
 void LibraryIndex::indexDirectory(const std::string& rel, std::vector<std::string>& pending) {
-  if (dirs_.count(rel) != 0) {
+  if (fDirs.count(rel) != 0) {
     return;
   }
-  const std::string path = joinPath(root_, rel);
+  const std::string path = joinPath(fRoot, rel);
   int wd = -1;
-  if (fd_ >= 0) {
+  if (fFd >= 0) {
     // The watch comes before the listing, so nothing made in between is missed.
-    wd = ::inotify_add_watch(fd_, path.c_str(), kWatchMask);
+    wd = ::inotify_add_watch(fFd, path.c_str(), kWatchMask);
     if (wd < 0 && (errno == ENOSPC || errno == ENOMEM)) {
-      watchFailed_ = true;
+      fWatchFailed = true;
     } else if (wd < 0) {
       return;  // gone again, or not a readable directory
     }
   }
   struct stat info;
   if (!isDirectory(path, info)) {
-    if (wd >= 0 && watches_.count(wd) == 0) {
-      ::inotify_rm_watch(fd_, wd);
+    if (wd >= 0 && fWatches.count(wd) == 0) {
+      ::inotify_rm_watch(fFd, wd);
     }
     return;
   }
   const std::pair<dev_t, ino_t> inode(info.st_dev, info.st_ino);
-  const auto seen = inodes_.find(inode);
-  if (seen != inodes_.end() && dirs_.count(seen->second) != 0) {
+  const auto seen = fInodes.find(inode);
+  if (seen != fInodes.end() && fDirs.count(seen->second) != 0) {
     return;  // already indexed under another path (same watch descriptor as well)
   }
   const bool behavior = !rel.empty() && holdsBehaviorFile(path);
-  dirs_[rel] = Dir{wd, behavior, info.st_dev, info.st_ino};
-  inodes_[inode] = rel;
+  fDirs[rel] = Dir{wd, behavior, info.st_dev, info.st_ino};
+  fInodes[inode] = rel;
   if (wd >= 0) {
-    watches_[wd] = rel;
+    fWatches[wd] = rel;
   }
   if (behavior) {
     loadTags(rel);
@@ -70,7 +70,7 @@ void LibraryIndex::indexDirectory(const std::string& rel, std::vector<std::strin
 }
 
 void LibraryIndex::listSubdirectories(const std::string& rel, std::vector<std::string>& pending) {
-  const std::string path = joinPath(root_, rel);
+  const std::string path = joinPath(fRoot, rel);
   DIR* dir = ::opendir(path.c_str());
   if (dir == nullptr) {
     return;
@@ -97,38 +97,38 @@ void LibraryIndex::drop(const std::string& rel, bool includingSelf) {
   // though not contiguous with rel itself ("a-b" sorts between "a" and "a/b").
   std::vector<std::map<std::string, Dir>::iterator> victims;
   if (rel.empty()) {
-    for (auto it = dirs_.begin(); it != dirs_.end(); ++it) {
+    for (auto it = fDirs.begin(); it != fDirs.end(); ++it) {
       if (includingSelf || !it->first.empty()) {
         victims.push_back(it);
       }
     }
   } else {
-    const auto self = dirs_.find(rel);
-    if (includingSelf && self != dirs_.end()) {
+    const auto self = fDirs.find(rel);
+    if (includingSelf && self != fDirs.end()) {
       victims.push_back(self);
     }
     const std::string prefix = rel + "/";
-    for (auto it = dirs_.lower_bound(prefix);
-         it != dirs_.end() && it->first.compare(0, prefix.size(), prefix) == 0; ++it) {
+    for (auto it = fDirs.lower_bound(prefix);
+         it != fDirs.end() && it->first.compare(0, prefix.size(), prefix) == 0; ++it) {
       victims.push_back(it);
     }
   }
   for (const auto& victim : victims) {
     const Dir& dir = victim->second;
     if (dir.wd >= 0) {
-      if (fd_ >= 0) {
-        ::inotify_rm_watch(fd_, dir.wd);
+      if (fFd >= 0) {
+        ::inotify_rm_watch(fFd, dir.wd);
       }
-      watches_.erase(dir.wd);
+      fWatches.erase(dir.wd);
     }
-    const auto inode = inodes_.find({dir.dev, dir.ino});
-    if (inode != inodes_.end() && inode->second == victim->first) {
-      inodes_.erase(inode);
+    const auto inode = fInodes.find({dir.dev, dir.ino});
+    if (inode != fInodes.end() && inode->second == victim->first) {
+      fInodes.erase(inode);
     }
     if (dir.behavior) {
       unloadTags(victim->first);
     }
-    dirs_.erase(victim);
+    fDirs.erase(victim);
   }
 }
 

@@ -22,28 +22,28 @@ namespace detail {
 
 void LibraryIndex::loadTags(const std::string& rel) {
   ProjectFile file;
-  readProjectFile(joinPath(root_, rel), file, kLogFunction);
+  readProjectFile(joinPath(fRoot, rel), file, kLogFunction);
   for (const std::string& tag : file.tags) {
-    tagged_[tag].insert(rel);
+    fTagged[tag].insert(rel);
   }
-  behaviors_[rel] = std::move(file.tags);
+  fBehaviors[rel] = std::move(file.tags);
 }
 
 void LibraryIndex::unloadTags(const std::string& rel) {
-  const auto behavior = behaviors_.find(rel);
-  if (behavior == behaviors_.end()) {
+  const auto behavior = fBehaviors.find(rel);
+  if (behavior == fBehaviors.end()) {
     return;
   }
   for (const std::string& tag : behavior->second) {
-    const auto entry = tagged_.find(tag);
-    if (entry != tagged_.end()) {
+    const auto entry = fTagged.find(tag);
+    if (entry != fTagged.end()) {
       entry->second.erase(rel);
       if (entry->second.empty()) {
-        tagged_.erase(entry);
+        fTagged.erase(entry);
       }
     }
   }
-  behaviors_.erase(behavior);
+  fBehaviors.erase(behavior);
 }
 
 }  // namespace detail

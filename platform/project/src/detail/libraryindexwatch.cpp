@@ -21,96 +21,96 @@ namespace project {
 namespace detail {
 
 void LibraryIndex::refresh() {
-  std::lock_guard<std::mutex> refreshLock(refreshMutex_);
-  if (polling_ || rootChanged()) {
-    std::unique_lock<std::shared_mutex> lock(dataMutex_);
+  std::lock_guard<std::mutex> refreshLock(fRefreshMutex);
+  if (fPolling || rootChanged()) {
+    std::unique_lock<std::shared_mutex> lock(fDataMutex);
     rebuild();
   }
   alignas(struct inotify_event) char buffer[64 * 1024];
-  while (fd_ >= 0) {
-    const ssize_t length = ::read(fd_, buffer, sizeof buffer);
+  while (fFd >= 0) {
+    const ssize_t length = ::read(fFd, buffer, sizeof buffer);
     if (length < 0 && errno == EINTR) {
       continue;
     }
     if (length <= 0 && (length == 0 || errno == EAGAIN)) {
       break;  // the queue is empty
     }
-    std::unique_lock<std::shared_mutex> lock(dataMutex_);
+    std::unique_lock<std::shared_mutex> lock(fDataMutex);
     if (length < 0) {
       fallBackToPolling(std::string("cannot read its change notifications: ") +
                         std::strerror(errno));
       break;
     }
     applyEvents(buffer, length);
-    if (watchFailed_) {
+    if (fWatchFailed) {
       fallBackToPolling("cannot watch every directory (inotify limit reached?)");
       break;
     }
   }
-  if (!dirtyTags_.empty()) {
-    std::unique_lock<std::shared_mutex> lock(dataMutex_);
-    for (const std::string& rel : dirtyTags_) {
-      const auto dir = dirs_.find(rel);
-      if (dir != dirs_.end() && dir->second.behavior) {
+  if (!fDirtyTags.empty()) {
+    std::unique_lock<std::shared_mutex> lock(fDataMutex);
+    for (const std::string& rel : fDirtyTags) {
+      const auto dir = fDirs.find(rel);
+      if (dir != fDirs.end() && dir->second.behavior) {
         unloadTags(rel);
         loadTags(rel);
       }
     }
-    dirtyTags_.clear();
+    fDirtyTags.clear();
   }
 }
 
 void LibraryIndex::fallBackToPolling(const std::string& reason) {
-  logWarning(kLogFunction, "Library " + root_ + ": " + reason + "; rescanning on every query");
-  watchFailed_ = false;
+  logWarning(kLogFunction, "Library " + fRoot + ": " + reason + "; rescanning on every query");
+  fWatchFailed = false;
   closeWatcher();
-  polling_ = true;
+  fPolling = true;
   rebuild();
 }
 
 bool LibraryIndex::rootChanged() const {
   struct stat info;
-  const bool exists = !root_.empty() && isDirectory(root_, info);
-  const auto indexed = dirs_.find("");
-  if (indexed == dirs_.end()) {
+  const bool exists = !fRoot.empty() && isDirectory(fRoot, info);
+  const auto indexed = fDirs.find("");
+  if (indexed == fDirs.end()) {
     return exists;
   }
   return !exists || indexed->second.dev != info.st_dev || indexed->second.ino != info.st_ino;
 }
 
 void LibraryIndex::rebuild() {
-  dirs_.clear();
-  watches_.clear();
-  inodes_.clear();
-  behaviors_.clear();
-  tagged_.clear();
-  dirtyTags_.clear();
-  if (!polling_) {
+  fDirs.clear();
+  fWatches.clear();
+  fInodes.clear();
+  fBehaviors.clear();
+  fTagged.clear();
+  fDirtyTags.clear();
+  if (!fPolling) {
     openWatcher();  // a new instance drops the old watches and their queued events
   }
   struct stat info;
-  if (!root_.empty() && isDirectory(root_, info)) {
+  if (!fRoot.empty() && isDirectory(fRoot, info)) {
     scan("");
   }
-  if (watchFailed_) {
+  if (fWatchFailed) {
     fallBackToPolling("cannot watch every directory (inotify limit reached?)");
   }
 }
 
 void LibraryIndex::openWatcher() {
   closeWatcher();
-  fd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-  if (fd_ < 0) {
-    logWarning(kLogFunction, "Library " + root_ + ": cannot watch for changes (" +
+  fFd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  if (fFd < 0) {
+    logWarning(kLogFunction, "Library " + fRoot + ": cannot watch for changes (" +
                                  std::strerror(errno) + "); rescanning on every query");
-    polling_ = true;
+    fPolling = true;
   }
 }
 
 void LibraryIndex::closeWatcher() {
-  if (fd_ >= 0) {
-    ::close(fd_);
-    fd_ = -1;
+  if (fFd >= 0) {
+    ::close(fFd);
+    fFd = -1;
   }
 }
 
@@ -120,20 +120,20 @@ void LibraryIndex::applyEvents(const char* buffer, ssize_t length) {
     offset += sizeof(struct inotify_event) + event->len;
     if (event->mask & IN_Q_OVERFLOW) {
       vu::log::write(vu::log::info, kLogCategory, kLogFunction,
-                     "Library " + root_ + ": change notifications were lost; rescanning");
+                     "Library " + fRoot + ": change notifications were lost; rescanning");
       rebuild();  // the rest of this buffer belongs to the old watcher
       return;
     }
-    const auto watch = watches_.find(event->wd);
-    if (watch == watches_.end()) {
+    const auto watch = fWatches.find(event->wd);
+    if (watch == fWatches.end()) {
       continue;  // a watch already dropped
     }
     const std::string dir = watch->second;
     if (event->mask & IN_IGNORED) {
       // The kernel removed the watch: the directory is gone. Look at its path again.
-      watches_.erase(watch);
-      const auto indexed = dirs_.find(dir);
-      if (indexed != dirs_.end() && indexed->second.wd == event->wd) {
+      fWatches.erase(watch);
+      const auto indexed = fDirs.find(dir);
+      if (indexed != fDirs.end() && indexed->second.wd == event->wd) {
         indexed->second.wd = -1;
         if (dir.empty()) {
           drop("", true);
@@ -156,21 +156,21 @@ void LibraryIndex::applyEvents(const char* buffer, ssize_t length) {
 }
 
 void LibraryIndex::entryChanged(const std::string& dir, const std::string& name, uint32_t mask) {
-  auto indexed = dirs_.find(dir);
-  if (indexed == dirs_.end()) {
+  auto indexed = fDirs.find(dir);
+  if (indexed == fDirs.end()) {
     return;
   }
   const bool structural = (mask & kStructural) != 0;
   if (structural && !dir.empty() && name == kBehaviorFile) {
     reexamine(dir);
-    indexed = dirs_.find(dir);
-    if (indexed == dirs_.end()) {
+    indexed = fDirs.find(dir);
+    if (indexed == fDirs.end()) {
       return;
     }
   }
   if (indexed->second.behavior) {
     if (name == kProjectFile) {
-      dirtyTags_.insert(dir);
+      fDirtyTags.insert(dir);
     }
     return;  // nothing inside a behavior is indexed
   }
@@ -180,25 +180,25 @@ void LibraryIndex::entryChanged(const std::string& dir, const std::string& name,
 }
 
 void LibraryIndex::refreshChild(const std::string& child) {
-  const std::string path = joinPath(root_, child);
+  const std::string path = joinPath(fRoot, child);
   struct stat info;
-  const auto indexed = dirs_.find(child);
+  const auto indexed = fDirs.find(child);
   if (!isDirectory(path, info)) {
-    if (indexed != dirs_.end()) {
+    if (indexed != fDirs.end()) {
       drop(child, true);
     }
     return;
   }
-  if (indexed != dirs_.end()) {
+  if (indexed != fDirs.end()) {
     // Still the directory that is watched there? Adding a watch to a watched directory
     // returns its descriptor; a directory put in its place gets a new one.
-    if (fd_ >= 0 && indexed->second.wd >= 0) {
-      const int wd = ::inotify_add_watch(fd_, path.c_str(), kWatchMask);
+    if (fFd >= 0 && indexed->second.wd >= 0) {
+      const int wd = ::inotify_add_watch(fFd, path.c_str(), kWatchMask);
       if (wd == indexed->second.wd) {
         return;
       }
-      if (wd >= 0 && watches_.count(wd) == 0) {
-        ::inotify_rm_watch(fd_, wd);  // scan() adds it again if the directory is indexed
+      if (wd >= 0 && fWatches.count(wd) == 0) {
+        ::inotify_rm_watch(fFd, wd);  // scan() adds it again if the directory is indexed
       }
     }
     drop(child, true);
@@ -207,8 +207,8 @@ void LibraryIndex::refreshChild(const std::string& child) {
 }
 
 void LibraryIndex::reexamine(const std::string& rel) {
-  const auto indexed = dirs_.find(rel);
-  const bool behavior = holdsBehaviorFile(joinPath(root_, rel));
+  const auto indexed = fDirs.find(rel);
+  const bool behavior = holdsBehaviorFile(joinPath(fRoot, rel));
   if (behavior == indexed->second.behavior) {
     return;
   }

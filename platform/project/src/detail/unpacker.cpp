@@ -1,5 +1,7 @@
 #include "detail/unpacker.h"
 
+#include <vu/project/error.h>
+
 #include <archive.h>
 #include <archive_entry.h>
 #include <sys/statvfs.h>
@@ -91,16 +93,16 @@ struct UnpackLimits {
 class Unpacker {
  public:
   Unpacker(const std::string& package, const std::string& into, std::uint64_t packageBytes)
-      : package_(package),
-        into_(into),
-        limits_(UnpackLimits::fromEnvironment()),
-        allowed_(limits_.allowedFor(packageBytes)) {}
+      : fPackage(package),
+        fInto(into),
+        fLimits(UnpackLimits::fromEnvironment()),
+        fAllowed(fLimits.allowedFor(packageBytes)) {}
 
   ArchiveFormat run(ArchiveFormat format) {
     std::unique_ptr<struct archive, ReaderDeleter> reader(archive_read_new());
     std::unique_ptr<struct archive, WriterDeleter> writer(archive_write_disk_new());
     if (!reader || !writer) {
-      throw std::runtime_error("cannot unpack " + package_ + ": out of memory");
+      throw ProjectError("cannot unpack " + fPackage + ": out of memory");
     }
     archive_read_support_filter_all(reader.get());
     if (format == ArchiveFormatDetect || format == ArchiveFormatZip) {
@@ -113,7 +115,7 @@ class Unpacker {
     archive_write_disk_set_options(writer.get(), ARCHIVE_EXTRACT_TIME |
                                                      ARCHIVE_EXTRACT_SECURE_SYMLINKS |
                                                      ARCHIVE_EXTRACT_SECURE_NODOTDOT);
-    if (archive_read_open_filename(reader.get(), package_.c_str(), 64 * 1024) != ARCHIVE_OK) {
+    if (archive_read_open_filename(reader.get(), fPackage.c_str(), 64 * 1024) != ARCHIVE_OK) {
       fail(errorText(reader.get()));
     }
     int files = 0;
@@ -145,7 +147,7 @@ class Unpacker {
 
  private:
   [[noreturn]] void fail(const std::string& reason) const {
-    throw std::runtime_error(package_ + " is not a package: " + reason);
+    throw ProjectError(fPackage + " is not a package: " + reason);
   }
 
   // The entry's path inside the package, checked: relative and without "..".
@@ -182,7 +184,7 @@ class Unpacker {
     }
     std::string hardlinkTarget;
     if (hardlink) {
-      hardlinkTarget = detail::joinPath(into_, checkedPath(rawHardlink, "link target"));
+      hardlinkTarget = detail::joinPath(fInto, checkedPath(rawHardlink, "link target"));
     } else if (type == AE_IFLNK) {
       const char* target = archive_entry_symlink(entry);
       if (target == nullptr || !linkStaysInside(rel, target)) {
@@ -192,7 +194,7 @@ class Unpacker {
     } else if (type != AE_IFREG && type != AE_IFDIR) {
       fail(std::string("entry \"") + name + "\" is not a file, a directory or a link");
     }
-    const std::string full = detail::joinPath(into_, rel);
+    const std::string full = detail::joinPath(fInto, rel);
     archive_entry_set_pathname(entry, full.c_str());
     if (hardlink) {
       archive_entry_set_hardlink(entry, hardlinkTarget.c_str());
@@ -233,30 +235,30 @@ class Unpacker {
   // Counts `size` more bytes unpacked; refuses the package when that passes its limit or
   // would leave the disk with less than the reserve.
   void admit(std::size_t size) {
-    unpacked_ += size;
-    if (unpacked_ > allowed_) {
-      throw std::runtime_error(
-          package_ + " is refused: it unpacks to more than " + std::to_string(allowed_) +
-          " bytes (at most " + std::to_string(limits_.ratio) + " times its size above " +
+    fUnpacked += size;
+    if (fUnpacked > fAllowed) {
+      throw ProjectError(
+          fPackage + " is refused: it unpacks to more than " + std::to_string(fAllowed) +
+          " bytes (at most " + std::to_string(fLimits.ratio) + " times its size above " +
           std::to_string(UnpackLimits::kRatioFloor) + ", TUQVU_PACKAGE_MAX_RATIO, and at most " +
-          std::to_string(limits_.maxBytes) + ", TUQVU_PACKAGE_MAX_UNPACKED_BYTES)");
+          std::to_string(fLimits.maxBytes) + ", TUQVU_PACKAGE_MAX_UNPACKED_BYTES)");
     }
     struct statvfs disk;
-    if (limits_.reserveBytes > 0 && ::statvfs(into_.c_str(), &disk) == 0) {
+    if (fLimits.reserveBytes > 0 && ::statvfs(fInto.c_str(), &disk) == 0) {
       const std::uint64_t free = static_cast<std::uint64_t>(disk.f_bavail) * disk.f_frsize;
-      if (free < limits_.reserveBytes + size) {
-        throw std::runtime_error(package_ + " is refused: unpacking it would leave less than " +
-                                 std::to_string(limits_.reserveBytes) +
+      if (free < fLimits.reserveBytes + size) {
+        throw ProjectError(fPackage + " is refused: unpacking it would leave less than " +
+                                 std::to_string(fLimits.reserveBytes) +
                                  " bytes free on the disk (TUQVU_PACKAGE_DISK_RESERVE_BYTES)");
       }
     }
   }
 
-  const std::string package_;
-  const std::string into_;  // a real path (no link in it), so link checks start inside
-  const UnpackLimits limits_;
-  const std::uint64_t allowed_;
-  std::uint64_t unpacked_ = 0;
+  const std::string fPackage;
+  const std::string fInto;  // a real path (no link in it), so link checks start inside
+  const UnpackLimits fLimits;
+  const std::uint64_t fAllowed;
+  std::uint64_t fUnpacked = 0;
 };
 
 }  // namespace

@@ -1,6 +1,7 @@
 // The default behaviors: the preference file's shape, adding and removing names, reading
 // what others wrote, and the start of the defaults when "TUQvuReady" is announced.
 #include "fixture.h"
+#include "interposer.h"
 
 #include <atomic>
 #include <condition_variable>
@@ -47,32 +48,6 @@ private:
   std::mutex fMutex;  // guards fEntered
   std::condition_variable fChanged;
   std::vector<std::string> fEntered;
-};
-
-// A module registered under a platform module's name that forwards every method of the
-// real module (hosted under another name) and lets a test act before each call.
-class Interposer : public ZR::ZRModule {
-public:
-  using Hook = std::function<void(const std::string& method, const ZR::ZRValue& args)>;
-  Interposer(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name,
-             const std::string& target, Hook hook)
-      : ZR::ZRModule(broker, name), fHook(std::move(hook)) {
-    std::set<std::string> bound;
-    for (const ZR::ZRMethodInfo& info : broker->getMethods(target)) {
-      functionName(info.name, getName(), info.description, 0);
-      for (const auto& parameter : info.parameters) addParam(parameter.name, parameter.description);
-      const std::string method = info.name;
-      auto functor = boost::make_shared<ZR::ZRCallableFunctor>(
-          [this, target, method](const ZR::ZRValue& args, ZR::ZRValue& result) {
-            if (fHook) fHook(method, args);
-            result = getParentBroker()->call(target, method, args);
-          });
-      if (bound.insert(method).second) bindMethod(functor); else bindMethodOverload(functor);
-    }
-  }
-
-private:
-  Hook fHook;
 };
 
 // A behavior whose run first tells the gate its name.

@@ -2,6 +2,7 @@
 // packages built here with the zip and bsdtar commands, with and without overwrite, and
 // what each leaves in the temporary directory (TMPDIR is private to each test).
 #include "fixture.h"
+#include "interposer.h"
 
 #include <condition_variable>
 #include <fstream>
@@ -65,33 +66,6 @@ void pack(const fs::path& dir, const fs::path& out, bool zipFormat) {
     ASSERT_EQ(head.substr(0, 2), "\x1f\x8b");
   }
 }
-
-// A module registered under a platform module's name that forwards every method of the
-// real module (hosted under another name) and lets a test look at each call first, on
-// the caller's thread.
-class Interposer : public ZR::ZRModule {
-public:
-  using Hook = std::function<void(const std::string& method, const ZR::ZRValue& args)>;
-  Interposer(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name,
-             const std::string& target, Hook hook)
-      : ZR::ZRModule(broker, name), fHook(std::move(hook)) {
-    std::set<std::string> bound;
-    for (const ZR::ZRMethodInfo& info : broker->getMethods(target)) {
-      functionName(info.name, getName(), info.description, 0);
-      for (const auto& parameter : info.parameters) addParam(parameter.name, parameter.description);
-      const std::string method = info.name;
-      auto functor = boost::make_shared<ZR::ZRCallableFunctor>(
-          [this, target, method](const ZR::ZRValue& args, ZR::ZRValue& result) {
-            if (fHook) fHook(method, args);
-            result = getParentBroker()->call(target, method, args);
-          });
-      if (bound.insert(method).second) bindMethod(functor); else bindMethodOverload(functor);
-    }
-  }
-
-private:
-  Hook fHook;
-};
 
 class Install : public ManagerTest {
 protected:

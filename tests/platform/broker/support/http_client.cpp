@@ -151,36 +151,14 @@ bool readSome(int fd, std::string& into, int timeoutMs) {
 
 }  // namespace
 
-RawConnection::RawConnection(int port) : fFd(connectRaw(port)) {}
-
-RawConnection::~RawConnection() { ::close(fFd); }
-
-void RawConnection::send(const std::string& bytes) { sendAll(fFd, bytes); }
-
-std::string RawConnection::receive(int quietMs) {
-  std::string received;
-  while (!fClosed) {
-    const std::size_t before = received.size();
-    if (!readSome(fFd, received, quietMs)) fClosed = true;
-    if (received.size() == before) break;  // quiet, or closed
-  }
-  return received;
-}
-
-std::string RawConnection::receiveUntil(const std::string& text, int guardMs) {
-  std::string received;
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(guardMs);
-  while (!fClosed && received.find(text) == std::string::npos &&
-         std::chrono::steady_clock::now() < deadline) {
-    if (!readSome(fFd, received, 100)) fClosed = true;
-  }
-  return received;
-}
-
 std::string rawExchange(int port, const std::string& bytes, int quietMs) {
   RawConnection connection(port);
-  connection.send(bytes);
-  return connection.receive(quietMs);
+  try {
+    connection.send(bytes);
+  } catch (const std::runtime_error&) {
+    // The server may close before all was sent (oversized input): read its answer.
+  }
+  return connection.readUntilClosed(std::chrono::milliseconds(quietMs));
 }
 
 EventStream::EventStream(int port, const std::string& target) : fFd(connectRaw(port)) {

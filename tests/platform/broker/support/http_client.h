@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include <common/rawconnection.h>
 #include <nlohmann/json.hpp>
 
 namespace brokertest {
@@ -47,24 +48,7 @@ nlohmann::json rpc(int port, const std::string& method, const nlohmann::json& pa
 std::string rpcRequest(const std::string& method, const nlohmann::json& params, int id = 1);
 
 // A plain socket for bytes that no client library would send.
-class RawConnection {
-public:
-  explicit RawConnection(int port);
-  ~RawConnection();
-  RawConnection(const RawConnection&) = delete;
-  RawConnection& operator=(const RawConnection&) = delete;
-  void send(const std::string& bytes);
-  // What arrives until the server closes or stays quiet for quietMs.
-  std::string receive(int quietMs);
-  // Reads until the text has arrived (or the guard time passed); returns all read.
-  std::string receiveUntil(const std::string& text, int guardMs = 30000);
-  bool closedByPeer() const { return fClosed; }
-  int fd() const { return fFd; }
-
-private:
-  int fFd = -1;
-  bool fClosed = false;
-};
+using tuqvutest::RawConnection;
 
 // Raw bytes to the port; returns everything the server sends until it closes or goes
 // quiet for quietMs.

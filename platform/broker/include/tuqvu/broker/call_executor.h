@@ -10,9 +10,16 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 
 namespace tuqvu {
 namespace broker {
+
+// Thrown by CallExecutor::submit once the executor has stopped taking jobs.
+class ExecutorStopped : public std::runtime_error {
+public:
+  using std::runtime_error::runtime_error;
+};
 
 class CallExecutor {
 public:
@@ -25,7 +32,7 @@ public:
   CallExecutor& operator=(const CallExecutor&) = delete;
 
   // Runs the job soon on a thread that runs nothing else meanwhile. Past maxThreads
-  // running jobs, jobs wait for a free thread. Throws std::runtime_error once stopped.
+  // running jobs, jobs wait for a free thread. Throws ExecutorStopped once stopped.
   // Exceptions that leave a job are logged.
   void submit(std::function<void()> job);
 

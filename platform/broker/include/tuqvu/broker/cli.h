@@ -35,8 +35,8 @@ std::string eventsTarget(const std::string& basePath, const std::vector<std::str
 std::string percentEncode(const std::string& text);
 
 // What tuqvu-call prints for an answer and the exit status: the result as JSON (0), or
-// the error's description (1). Throws std::runtime_error for an answer that is no
-// JSON-RPC response.
+// the error's description (1). Throws ClientError for an answer that is no JSON-RPC
+// response.
 struct CallAnswer {
   int exitStatus;
   std::string text;
@@ -61,6 +61,13 @@ public:
   using std::runtime_error::runtime_error;
 };
 
+// A failure of the client's work itself: a local file it cannot send, an answer that
+// is no HTTP or JSON-RPC, a broker without the service asked for (exit status 1).
+class ClientError : public std::runtime_error {
+public:
+  using std::runtime_error::runtime_error;
+};
+
 // Options come before the method; everything after Module.method is an argument of
 // the call, taken as it is (so "-5" or "--x" can be passed).
 CliCommand parseCommandLine(const std::vector<std::string>& args);
@@ -81,7 +88,7 @@ void checkRemotePath(const std::string& remote);
 // What `--put LOCAL REMOTE` sends. A REMOTE ending in '/' gets the local name appended.
 // A file goes to REMOTE; a directory's files go under REMOTE with their paths relative
 // to it, in name order (symbolic links followed; empty directories cannot be sent).
-// Throws UsageError for a bad REMOTE, std::runtime_error for a missing or unreadable
+// Throws UsageError for a bad REMOTE, ClientError for a missing or unreadable
 // LOCAL, a special file, or a directory without files.
 std::vector<UploadItem> planUpload(const std::string& local, const std::string& remote);
 
@@ -94,7 +101,7 @@ struct FileReply {
 };
 // Parses what has arrived; true when the answer is complete. With no Content-Length
 // the body lasts until the connection ends (pass closed = true then). Throws
-// std::runtime_error for bytes that are no HTTP answer.
+// ClientError for bytes that are no HTTP answer.
 bool parseFileReply(const std::string& bytes, bool closed, FileReply& reply);
 
 // "0 B", "999 B", "1.0 KiB", "12.5 MiB", "3.00 GiB".

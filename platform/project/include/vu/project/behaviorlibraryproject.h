@@ -89,11 +89,11 @@ class BehaviorLibraryProject : public Project {
  private:
   std::shared_ptr<detail::LibraryIndex> index() const;
 
-  // Guards index_ and known_, which operator= replaces while other threads read them.
+  // Guards fIndex and fKnown, which operator= replaces while other threads read them.
   // Taken after the index's write lock when both are held, never while a signal fires.
-  mutable std::mutex mutex_;
-  std::shared_ptr<detail::LibraryIndex> index_;  // null for a library made from ""
-  std::set<std::string> known_;  // the behaviors the library knows (see importBehavior)
+  mutable std::mutex fMutex;
+  std::shared_ptr<detail::LibraryIndex> fIndex;  // null for a library made from ""
+  std::set<std::string> fKnown;  // the behaviors the library knows (see importBehavior)
 };
 
 }  // namespace project

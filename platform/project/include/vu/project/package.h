@@ -7,6 +7,8 @@
 
 #include <string>
 
+#include <vu/project/error.h>
+
 namespace vu {
 namespace project {
 
@@ -21,7 +23,7 @@ enum ArchiveFormat {
 // format selects the archive format, or ArchiveFormatDetect to find it from the
 // content; the format found is written back.
 //
-// Throws std::runtime_error ("<package> is not a package: <reason>") for a file that is
+// Throws ProjectError ("<package> is not a package: <reason>") for a file that is
 // not a zip or tar archive, a truncated or damaged archive, and an entry that would
 // land outside destDir (absolute path, ".." component, link pointing outside). The
 // archive is unpacked beside destDir first, so a failure leaves nothing behind: what

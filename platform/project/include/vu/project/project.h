@@ -36,8 +36,8 @@ class Project {
   std::string getMetadata(const std::string& key) const;
 
  private:
-  mutable std::mutex mutex_;  // guards path_: a library is re-assigned while others read it
-  std::string path_;
+  mutable std::mutex fMutex;  // guards fPath: a library is re-assigned while others read it
+  std::string fPath;
 };
 
 // True when dir is a directory holding a regular file named "behavior.xar".

@@ -1,4 +1,4 @@
-#include "rawclient.h"
+#include <common/rawconnection.h>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -11,7 +11,7 @@
 #include <cstring>
 #include <stdexcept>
 
-namespace zrft_test {
+namespace tuqvutest {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -145,6 +145,8 @@ bool RawConnection::fill(milliseconds timeout) {
 }
 
 std::string RawConnection::readUntilClosed(milliseconds timeout, bool* closed) {
+  bool ignored = false;
+  if (closed == nullptr) closed = &ignored;
   std::string received;
   *closed = false;
   for (;;) {
@@ -232,4 +234,16 @@ std::string requestUntilClosed(int port, const std::string& bytes, bool* closed,
   return connection.readUntilClosed(timeout, closed);
 }
 
-}  // namespace zrft_test
+std::string RawConnection::readUntil(const std::string& text, milliseconds guard) {
+  const Clock::time_point deadline = Clock::now() + guard;
+  std::string received;
+  for (;;) {
+    received += fPending;
+    fPending.clear();
+    if (received.find(text) != std::string::npos) return received;
+    const int left = remainingMs(deadline);
+    if (left == 0 || !fill(milliseconds(left))) return received;
+  }
+}
+
+}  // namespace tuqvutest
