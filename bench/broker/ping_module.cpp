@@ -1,6 +1,7 @@
 // The module the broker benchmark calls: "BenchPing.ping()" returns 1 and does nothing else.
 #include <boost/make_shared.hpp>
 
+#include <zr/zrbinding.h>
 #include <zr/zrbroker.h>
 #include <zr/zrfunctorbase.h>
 #include <zr/zrmodule.h>
@@ -12,11 +13,8 @@ class BenchPing : public ZR::ZRModule {
 public:
   BenchPing(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name)
       : ZR::ZRModule(broker, name) {
-    functionName("ping", getName(), "returns 1", 0);
-    setReturn("one", "1");
-    getCurrentMethodDescription().returnType = ZR::getTypeString(ZR::TypeCodeInt);
-    bindMethod(boost::make_shared<ZR::ZRCallableFunctor>(
-        [](const ZR::ZRValue&, ZR::ZRValue& result) { result = ZR::ZRValue(1); }));
+    ZR::bindCallable(*this, {"ping", "returns 1", {}, ZR::TypeCodeInt, "one", "1"},
+                     [](const ZR::ZRValue&, ZR::ZRValue& result) { result = ZR::ZRValue(1); });
   }
 };
 

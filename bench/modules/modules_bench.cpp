@@ -6,6 +6,7 @@
 #include <zr/modules/zrframemanager.h>
 #include <zr/modules/zrmemory.h>
 #include <zr/proxies/zrmemoryproxy.h>
+#include <zr/zrbinding.h>
 #include <zr/zrbroker.h>
 #include <zr/zrfunctorbase.h>
 
@@ -193,12 +194,11 @@ class CountingModule : public ZRModule {
  public:
   CountingModule(boost::shared_ptr<ZRBroker> broker, const std::string& name)
       : ZRModule(broker, name) {
-    functionName("onEvent", getName(), "count", 0);
-    addParam("name", "");
-    addParam("value", "");
-    addParam("message", "");
-    bindMethod(boost::make_shared<ZRCallableFunctor>(
-        [this](const ZRValue&, ZRValue&) { count.fetch_add(1, std::memory_order_relaxed); }));
+    bindCallable(*this,
+                 {"onEvent",
+                  "count",
+                  {{"name", TypeCodeString}, {"value", TypeCodeValue}, {"message", TypeCodeString}}},
+                 [this](const ZRValue&, ZRValue&) { count.fetch_add(1, std::memory_order_relaxed); });
   }
   std::atomic<long> count{0};
 };

@@ -14,6 +14,7 @@
 
 #include <tuqvu/broker/rpc_dispatcher.h>
 #include <zr/modules/zrmemory.h>
+#include <zr/zrbinding.h>
 #include <zr/zrbroker.h>
 #include <zr/zrerror.h>
 #include <zr/zrfunctorbase.h>
@@ -58,18 +59,12 @@ public:
 private:
   void add(const std::string& name, const std::vector<int>& types, int result,
            ZR::ZRCallableFunctor::Target target, bool overload = false) {
-    functionName(name, getName(), "fuzz method " + name, 0);
+    std::vector<std::pair<std::string, int>> params;
     for (std::size_t i = 0; i < types.size(); ++i) {
-      addParam("p" + std::to_string(i + 1), "parameter");
-      getCurrentMethodDescription().parameters.back().type = ZR::getTypeString(types[i]);
+      params.emplace_back("p" + std::to_string(i + 1), types[i]);
     }
-    getCurrentMethodDescription().returnType = ZR::getTypeString(result);
-    auto functor = boost::make_shared<ZR::ZRCallableFunctor>(std::move(target));
-    if (overload) {
-      bindMethodOverload(functor);
-    } else {
-      bindMethod(functor);
-    }
+    ZR::bindCallable(*this, {name, "fuzz method " + name, params, result, "", "", overload},
+                     std::move(target));
   }
   std::string text(const ZR::ZRValue& value, const char* method) const {
     if (!value.isString()) throw ZR::ZRError(getName(), method, "not a string", __FILE__, __LINE__);

@@ -26,6 +26,7 @@
 #include <zr/modules/zrframemanager.h>
 #include <zr/modules/zrmemory.h>
 #include <zr/modules/zrpreferences.h>
+#include <zr/zrbinding.h>
 #include <zr/zrerror.h>
 #include <zr/zrfunctorbase.h>
 #include <zr/zrmodule.h>
@@ -111,17 +112,15 @@ protected:
   using Forward = std::function<ZR::ZRValue(const ZR::ZRValue& args)>;
   void bind(const std::string& method, const std::vector<int>& paramTypes, int resultType,
             Forward forward) {
-    functionName(method, getName(), "stand-in for " + method, 0);
+    std::vector<std::pair<std::string, int>> params;
     for (std::size_t i = 0; i < paramTypes.size(); ++i) {
-      addParam("p" + std::to_string(i + 1), "");
-      getCurrentMethodDescription().parameters.back().type = ZR::getTypeString(paramTypes[i]);
+      params.emplace_back("p" + std::to_string(i + 1), paramTypes[i]);
     }
-    getCurrentMethodDescription().returnType = ZR::getTypeString(resultType);
-    bindMethod(boost::make_shared<ZR::ZRCallableFunctor>(
-        [this, method, forward](const ZR::ZRValue& args, ZR::ZRValue& result) {
-          plan.onCall(getName(), method);
-          result = forward(args);
-        }));
+    ZR::bindCallable(*this, {method, "stand-in for " + method, params, resultType},
+                     [this, method, forward](const ZR::ZRValue& args, ZR::ZRValue& result) {
+                       plan.onCall(getName(), method);
+                       result = forward(args);
+                     });
   }
 };
 

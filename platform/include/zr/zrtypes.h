@@ -5,6 +5,7 @@
 #pragma once
 
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include <zr/zrvalue.h>
@@ -26,6 +27,10 @@ enum TypeCode {
 std::string getTypeString(int code);
 
 namespace detail {
+
+// A parameter type without its reference and const: `const std::string&` is a string.
+template <typename T>
+using bare_t = std::remove_cv_t<std::remove_reference_t<T>>;
 
 // The type code of a C++ type as it appears in a member-function signature.
 template <typename T> struct TypeCode;

@@ -7,6 +7,7 @@
 #include <boost/make_shared.hpp>
 
 #include <zr/zrfunctorbase.h>
+#include <zr/zrbinding.h>
 #include <zr/zrmodule.h>
 #include <zr/zrtypes.h>
 
@@ -19,18 +20,12 @@ public:
   // Binds `target` as `name` with one parameter record per entry of paramTypes.
   void add(const std::string& name, const std::vector<int>& paramTypes, int returnType,
            ZR::ZRCallableFunctor::Target target, bool overload = false) {
-    functionName(name, getName(), "test method " + name, 0);
+    std::vector<std::pair<std::string, int>> params;
     for (std::size_t i = 0; i < paramTypes.size(); ++i) {
-      addParam("p" + std::to_string(i + 1), "parameter");
-      getCurrentMethodDescription().parameters.back().type = ZR::getTypeString(paramTypes[i]);
+      params.emplace_back("p" + std::to_string(i + 1), paramTypes[i]);
     }
-    getCurrentMethodDescription().returnType = ZR::getTypeString(returnType);
-    auto functor = boost::make_shared<ZR::ZRCallableFunctor>(std::move(target));
-    if (overload) {
-      bindMethodOverload(functor);
-    } else {
-      bindMethod(functor);
-    }
+    ZR::bindCallable(*this, {name, "test method " + name, params, returnType, "", "", overload},
+                     std::move(target));
   }
 };
 

@@ -4,6 +4,7 @@
 #include <zr/proxies/zrframemanagerproxy.h>
 #include <zr/proxies/zrmemoryproxy.h>
 #include <zr/proxies/zrpreferencesproxy.h>
+#include <zr/zrbinding.h>
 #include <zr/zrerror.h>
 
 #include "testsupport.h"
@@ -19,13 +20,13 @@ class StandIn : public ZRModule {
   StandIn(boost::shared_ptr<ZRBroker> broker, const std::string& name) : ZRModule(broker, name) {}
 
   void add(const std::string& method, int arity, Handler handler) {
-    functionName(method, getName(), "stand-in", 0);
-    for (int i = 0; i < arity; ++i) addParam("p" + std::to_string(i), "");
-    bindMethod(boost::make_shared<ZRCallableFunctor>(
-        [this, method, handler](const ZRValue& args, ZRValue& result) {
-          received.push_back(method + " " + args.toDebugString());
-          result = handler(args);
-        }));
+    std::vector<std::pair<std::string, int>> params;
+    for (int i = 0; i < arity; ++i) params.emplace_back("p" + std::to_string(i), TypeCodeValue);
+    bindCallable(*this, {method, "stand-in", params, TypeCodeValue},
+                 [this, method, handler](const ZRValue& args, ZRValue& result) {
+                   received.push_back(method + " " + args.toDebugString());
+                   result = handler(args);
+                 });
   }
   std::vector<std::string> received;
 };

@@ -6,6 +6,7 @@
 #include <common/logcapture.h>
 
 #include <vu/log.h>
+#include <zr/zrbinding.h>
 #include <zr/zrbroker.h>
 #include <zr/zrfunctorbase.h>
 #include <zr/zrmodule.h>
@@ -64,26 +65,20 @@ class RecordingModule : public ZR::ZRModule {
   RecordingModule(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name,
                   Action action = {})
       : ZR::ZRModule(broker, name), action_(std::move(action)) {
-    functionName("onEvent", getName(), "Record a notification.", 0);
-    addParam("name", "key");
-    addParam("value", "value");
-    addParam("message", "callback message");
-    getCurrentMethodDescription().parameters[0].type = ZR::getTypeString(ZR::TypeCodeString);
-    getCurrentMethodDescription().parameters[1].type = ZR::getTypeString(ZR::TypeCodeValue);
-    getCurrentMethodDescription().parameters[2].type = ZR::getTypeString(ZR::TypeCodeString);
-    getCurrentMethodDescription().returnType = ZR::getTypeString(ZR::TypeCodeVoid);
-    bindMethod(
-        boost::make_shared<ZR::ZRCallableFunctor>([this](const ZR::ZRValue& args, ZR::ZRValue&) {
-          Call call{args[0].toString(), args[1], args[2].toString(), std::this_thread::get_id()};
-          if (action_) action_(call);
-          record(call);
-        }));
-    functionName("tick", getName(), "Record a call with one argument.", 0);
-    addParam("value", "anything");
-    getCurrentMethodDescription().parameters[0].type = ZR::getTypeString(ZR::TypeCodeValue);
-    getCurrentMethodDescription().returnType = ZR::getTypeString(ZR::TypeCodeVoid);
-    bindMethod(
-        boost::make_shared<ZR::ZRCallableFunctor>([this](const ZR::ZRValue& args, ZR::ZRValue&) {
+    ZR::bindCallable(*this,
+                     {"onEvent",
+                      "Record a notification.",
+                      {{"name", ZR::TypeCodeString},
+                       {"value", ZR::TypeCodeValue},
+                       {"message", ZR::TypeCodeString}}},
+                     [this](const ZR::ZRValue& args, ZR::ZRValue&) {
+                       Call call{args[0].toString(), args[1], args[2].toString(),
+                                 std::this_thread::get_id()};
+                       if (action_) action_(call);
+                       record(call);
+                     });
+    ZR::bindCallable(*this, {"tick", "Record a call with one argument.", {{"value", ZR::TypeCodeValue}}},
+        ([this](const ZR::ZRValue& args, ZR::ZRValue&) {
           record(Call{"tick", args[0], "", std::this_thread::get_id()});
         }));
   }

@@ -7,7 +7,7 @@
 #include <atomic>
 #include <boost/filesystem.hpp>
 
-#include "detail/zrmodulebinding.h"
+#include <zr/zrbinding.h>
 #include "framemanager/behaviorinstance.h"
 #include "framemanager/behaviorprogram.h"
 
@@ -48,7 +48,6 @@ ZRFrameManager::~ZRFrameManager() {
 }
 
 void ZRFrameManager::bindMethods() {
-  using detail::bindMember;
   bindMember(this, &ZRFrameManager::newBehaviorFromFile,
              {"newBehaviorFromFile",
               "Read a behavior file and create an instance of it. A folder stands for "

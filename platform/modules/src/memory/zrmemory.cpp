@@ -4,7 +4,7 @@
 #include <zr/zrbroker.h>
 #include <zr/zrerror.h>
 
-#include "detail/zrmodulebinding.h"
+#include <zr/zrbinding.h>
 #include "memory/memorynotifier.h"
 
 
@@ -58,7 +58,6 @@ ZRMemory::~ZRMemory() {
 }
 
 void ZRMemory::bindMethods() {
-  using detail::bindMember;
   bindMember(this, &ZRMemory::insertData,
              {"insertData",
               "Store a value under a key, replacing the previous one, and notify the "

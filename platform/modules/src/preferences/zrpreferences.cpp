@@ -7,7 +7,7 @@
 #include <system_error>
 
 #include "detail/wholefile.h"
-#include "detail/zrmodulebinding.h"
+#include <zr/zrbinding.h>
 #include "preferences/atomicfile.h"
 #include "preferences/preferencexml.h"
 
@@ -38,7 +38,6 @@ ZRPreferences::~ZRPreferences() {
 }
 
 void ZRPreferences::bindMethods() {
-  using detail::bindMember;
   bindMember(
       this, &ZRPreferences::readPrefFile,
       {"readPrefFile",

@@ -1,6 +1,7 @@
 // The default behaviors: the preference file's shape, adding and removing names, reading
 // what others wrote, and the start of the defaults when "TUQvuReady" is announced.
 #include "fixture.h"
+#include <zr/zrbinding.h>
 #include "interposer.h"
 
 #include <atomic>
@@ -24,10 +25,8 @@ const char* const kDescription = "List of default behaviors separated by endline
 class Gate : public ZR::ZRModule {
 public:
   explicit Gate(boost::shared_ptr<ZR::ZRBroker> broker) : ZR::ZRModule(broker, "Gate") {
-    functionName("enter", getName(), "records a name", 0);
-    addParam("name", "");
-    bindMethod(boost::make_shared<ZR::ZRCallableFunctor>(
-        [this](const ZR::ZRValue& args, ZR::ZRValue&) {
+    ZR::bindCallable(*this, {"enter", "records a name", {{"name", ZR::TypeCodeString}}},
+        ([this](const ZR::ZRValue& args, ZR::ZRValue&) {
           std::lock_guard<std::mutex> lock(fMutex);
           fEntered.push_back(args[0].toString());
           fChanged.notify_all();

@@ -23,6 +23,7 @@
 
 #include <boost/make_shared.hpp>
 
+#include <zr/zrbinding.h>
 #include <zr/zrerror.h>
 #include <zr/zrfunctorbase.h>
 #include <zr/zrmodule.h>
@@ -157,13 +158,10 @@ private:
 
   void bind(const std::string& method, const std::vector<std::string>& params, int resultCode,
             ZR::ZRCallableFunctor::Target target) {
-    functionName(method, getName(), "test frame manager: " + method, 0);
-    for (const std::string& param : params) addParam(param, "");
-    for (auto& param : getCurrentMethodDescription().parameters) {
-      param.type = ZR::getTypeString(ZR::TypeCodeString);
-    }
-    getCurrentMethodDescription().returnType = ZR::getTypeString(resultCode);
-    bindMethod(boost::make_shared<ZR::ZRCallableFunctor>(std::move(target)));
+    std::vector<std::pair<std::string, int>> described;
+    for (const std::string& param : params) described.emplace_back(param, ZR::TypeCodeString);
+    ZR::bindCallable(*this, {method, "test frame manager: " + method, described, resultCode},
+                     std::move(target));
   }
 
   void record(const std::string& call) { fCalls.push_back(call); }  // fMutex held

@@ -11,6 +11,7 @@
 #include <boost/make_shared.hpp>
 
 #include <zr/proxies/zrmemoryproxy.h>
+#include <zr/zrbinding.h>
 #include <zr/zrtypes.h>
 
 namespace bmtest {
@@ -30,16 +31,13 @@ std::vector<std::string> managerEventKeys() {
 EventRecorder::EventRecorder(boost::shared_ptr<ZR::ZRBroker> broker,
                              const std::vector<std::string>& keys)
     : ZR::ZRModule(broker, "EventRecorder") {
-  functionName("onEvent", getName(), "records an event", 0);
-  addParam("name", "");
-  addParam("value", "");
-  addParam("message", "");
-  getCurrentMethodDescription().parameters[0].type = ZR::getTypeString(ZR::TypeCodeString);
-  getCurrentMethodDescription().parameters[1].type = ZR::getTypeString(ZR::TypeCodeValue);
-  getCurrentMethodDescription().parameters[2].type = ZR::getTypeString(ZR::TypeCodeString);
-  getCurrentMethodDescription().returnType = ZR::getTypeString(ZR::TypeCodeVoid);
-  bindMethod(boost::make_shared<ZR::ZRCallableFunctor>(
-      [this](const ZR::ZRValue& args, ZR::ZRValue&) {
+  ZR::bindCallable(*this,
+                   {"onEvent",
+                    "records an event",
+                    {{"name", ZR::TypeCodeString},
+                     {"value", ZR::TypeCodeValue},
+                     {"message", ZR::TypeCodeString}}},
+      ([this](const ZR::ZRValue& args, ZR::ZRValue&) {
         onEvent(args[0].toString(), args[1], args[2].toString());
       }));
   ZR::ZRMemoryProxy memory(broker);

@@ -1,6 +1,7 @@
 // Removing behaviors, directories of behaviors and resources from the user library:
 // events, default list, running behaviors, and the errors for what cannot be removed.
 #include "fixture.h"
+#include <zr/zrbinding.h>
 
 #include <condition_variable>
 #include <thread>
@@ -25,9 +26,8 @@ const char* const kSource = "behavior/behaviormanager/src/behaviormanager";
 class Blocker : public ZR::ZRModule {
 public:
   explicit Blocker(boost::shared_ptr<ZR::ZRBroker> broker) : ZR::ZRModule(broker, "Blocker") {
-    functionName("hold", getName(), "blocks until released", 0);
-    bindMethod(boost::make_shared<ZR::ZRCallableFunctor>(
-        [this](const ZR::ZRValue&, ZR::ZRValue&) {
+    ZR::bindCallable(*this, {"hold", "blocks until released"},
+        ([this](const ZR::ZRValue&, ZR::ZRValue&) {
           std::unique_lock<std::mutex> lock(fMutex);
           ++fEntered;
           fChanged.notify_all();

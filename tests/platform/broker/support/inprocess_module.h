@@ -8,6 +8,7 @@
 
 #include <boost/make_shared.hpp>
 
+#include <zr/zrbinding.h>
 #include <zr/zrfunctorbase.h>
 #include <zr/zrmodule.h>
 #include <zr/zrtypes.h>
@@ -21,15 +22,9 @@ public:
   // Binds target as name; params are (name, type code) pairs.
   void add(const std::string& name, const std::vector<std::pair<std::string, int>>& params,
            int returnType, ZR::ZRCallableFunctor::Target target, bool overload = false) {
-    functionName(name, getName(), "does " + name, 0);
-    for (const auto& param : params) {
-      addParam(param.first, "the " + param.first);
-      getCurrentMethodDescription().parameters.back().type = ZR::getTypeString(param.second);
-    }
-    setReturn("return", "what " + name + " gives");
-    getCurrentMethodDescription().returnType = ZR::getTypeString(returnType);
-    auto functor = boost::make_shared<ZR::ZRCallableFunctor>(std::move(target));
-    overload ? bindMethodOverload(functor) : bindMethod(functor);
+    ZR::bindCallable(*this, {name, "does " + name, params, returnType, "return",
+                             "what " + name + " gives", overload},
+                     std::move(target));
   }
 };
 

@@ -20,6 +20,7 @@
 #include <zr/zrbroker.h>
 #include <zr/zrerror.h>
 #include <zr/zrfunctorbase.h>
+#include <zr/zrbinding.h>
 #include <zr/zrmodule.h>
 #include <zr/zrtypes.h>
 
@@ -137,19 +138,9 @@ private:
   void add(const std::string& name, const std::string& description,
            const std::vector<std::pair<std::string, int>>& params, int returnType,
            ZR::ZRCallableFunctor::Target target, bool overload = false) {
-    functionName(name, getName(), description, 0);
-    for (const auto& param : params) {
-      addParam(param.first, "the " + param.first);
-      getCurrentMethodDescription().parameters.back().type = ZR::getTypeString(param.second);
-    }
-    setReturn("return", "the result");
-    getCurrentMethodDescription().returnType = ZR::getTypeString(returnType);
-    auto functor = boost::make_shared<ZR::ZRCallableFunctor>(std::move(target));
-    if (overload) {
-      bindMethodOverload(functor);
-    } else {
-      bindMethod(functor);
-    }
+    ZR::bindCallable(*this,
+                     {name, description, params, returnType, "return", "the result", overload},
+                     std::move(target));
   }
 
   std::string block(const std::string& key) {

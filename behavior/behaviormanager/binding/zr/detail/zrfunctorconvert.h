@@ -6,6 +6,7 @@
 #include <string>
 
 #include <zr/zrerror.h>
+#include <zr/zrtypes.h>
 #include <zr/zrvalue.h>
 
 namespace ZR {
@@ -42,9 +43,8 @@ template <> struct converter<ZRValue> {
   static const ZRValue& convertFromZRValue(const ZRValue& value) { return value; }
 };
 
-// Member signatures declare `const std::string&`; the converter works on the bare type.
-template <typename P> using bare_t = std::remove_cv_t<std::remove_reference_t<P>>;
-
+// Member signatures declare `const std::string&`; the converter works on the bare type
+// (bare_t, from zrtypes.h).
 template <typename P> decltype(auto) convertArgument(const ZRValue& args, int index) {
   return converter<bare_t<P>>::convertFromZRValue(args[index]);
 }

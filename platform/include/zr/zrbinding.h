@@ -1,12 +1,17 @@
-// Registers a member function of a platform module as a remote method, with its
-// published description, parameter names and type texts, in one call:
+// Registering remote methods of a module in one call each, with their published
+// description, parameter names and type texts.
 //
-//   detail::bindMember(this, &ZRMemory::getData,
-//                      {"getData", "Get the value stored under a key.",
-//                       {{"key", "name of the data"}}, "value", "the stored value"});
-//
+// A member function:
+//   bindMember(this, &ZRMemory::getData,
+//              {"getData", "Get the value stored under a key.",
+//               {{"key", "name of the data"}}, "value", "the stored value"});
 // The description is checked against the member's signature once, at registration;
 // each call then converts its arguments and names the parameter that does not fit.
+//
+// A callable, for methods that forward or stand in for another module's:
+//   bindCallable(module, {"echo", "Returns its argument.", {{"text", TypeCodeString}},
+//                         TypeCodeString, "text", "the same text"},
+//                [](const ZRValue& args, ZRValue& result) { result = args[0]; });
 #pragma once
 
 #include <zr/zrerror.h>
@@ -23,7 +28,6 @@
 #include <vector>
 
 namespace ZR {
-namespace detail {
 
 struct MethodDoc {
   MethodDoc(std::string n, std::string d, std::vector<std::pair<std::string, std::string>> p,
@@ -40,8 +44,7 @@ struct MethodDoc {
   std::string returnDescription;
 };
 
-template <typename T>
-using bare_t = std::remove_cv_t<std::remove_reference_t<T>>;
+namespace detail {
 
 // ZRValue to a parameter type; the ZRValue accessors throw on a type mismatch.
 template <typename T>
@@ -92,6 +95,8 @@ void invokeMember(C* object, R (C::*member)(P...), const MethodDoc& doc, const Z
   }
 }
 
+}  // namespace detail
+
 template <typename C, typename R, typename... P>
 void bindMember(C* object, R (C::*member)(P...), const MethodDoc& doc) {
   if (doc.params.size() != sizeof...(P)) {
@@ -104,15 +109,44 @@ void bindMember(C* object, R (C::*member)(P...), const MethodDoc& doc) {
   for (const auto& param : doc.params) object->addParam(param.first, param.second);
   if (!doc.returnName.empty()) object->setReturn(doc.returnName, doc.returnDescription);
   ZRMethodInfo& info = object->getCurrentMethodDescription();
-  info.returnType = getTypeString(TypeCode<bare_t<R>>::value);
-  const int codes[] = {TypeCode<bare_t<P>>::value..., 0};
+  info.returnType = getTypeString(detail::TypeCode<detail::bare_t<R>>::value);
+  const int codes[] = {detail::TypeCode<detail::bare_t<P>>::value..., 0};
   for (std::size_t i = 0; i < sizeof...(P); ++i) info.parameters[i].type = getTypeString(codes[i]);
 
   object->bindMethod(boost::make_shared<ZRCallableFunctor>(
       [object, member, doc](const ZRValue& args, ZRValue& result) {
-        invokeMember(object, member, doc, args, result, std::index_sequence_for<P...>());
+        detail::invokeMember(object, member, doc, args, result, std::index_sequence_for<P...>());
       }));
 }
 
-}  // namespace detail
+// A method made of a callable: its name and description, its parameters as (name, type
+// code), each described as "the <name>", its result type code and, when returnName is
+// not empty, its result line. `overload` adds it beside an existing method of that name.
+struct CallableMethod {
+  std::string name;
+  std::string description;
+  std::vector<std::pair<std::string, int>> params;
+  int returnType = TypeCodeVoid;
+  std::string returnName;
+  std::string returnDescription;
+  bool overload = false;
+};
+
+inline void bindCallable(ZRModuleCore& module, const CallableMethod& method,
+                         ZRCallableFunctor::Target target) {
+  module.functionName(method.name, module.getName(), method.description, 0);
+  for (const auto& param : method.params) {
+    module.addParam(param.first, "the " + param.first);
+    module.getCurrentMethodDescription().parameters.back().type = getTypeString(param.second);
+  }
+  if (!method.returnName.empty()) module.setReturn(method.returnName, method.returnDescription);
+  module.getCurrentMethodDescription().returnType = getTypeString(method.returnType);
+  auto functor = boost::make_shared<ZRCallableFunctor>(std::move(target));
+  if (method.overload) {
+    module.bindMethodOverload(functor);
+  } else {
+    module.bindMethod(functor);
+  }
+}
+
 }  // namespace ZR
