@@ -10,7 +10,7 @@ packages=(
   libgsoap-dev gsoap
   libpugixml-dev libarchive-dev libarchive-tools nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  clang libclang-rt-14-dev
+  clang libclang-rt-14-dev clang-format-14
   python3 curl zip unzip
   chromium
 )

@@ -7,6 +7,9 @@ cd "$(dirname "$0")/.."
 
 bash scripts/deps.sh
 
+echo "== format"
+bash scripts/format.sh --check
+
 jobs=2
 configure() {  # folder, extra cmake arguments...
   local dir=$1; shift

@@ -7,8 +7,17 @@
 //   - the duration of one remote "stopAllBehaviors" that stops them all.
 //
 //   lifecycle_bench [behaviors] [queries]
+#include <behaviormanager.h>
+#include <vu/log.h>
+#include <zr/modules/zrframemanager.h>
+#include <zr/modules/zrmemory.h>
+#include <zr/modules/zrpreferences.h>
+#include <zr/zrbroker.h>
+#include <zr/zrerror.h>
+
 #include <algorithm>
 #include <atomic>
+#include <boost/filesystem.hpp>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -19,22 +28,14 @@
 #include <thread>
 #include <vector>
 
-#include <boost/filesystem.hpp>
-
-#include <behaviormanager.h>
-#include <vu/log.h>
-#include <zr/modules/zrframemanager.h>
-#include <zr/modules/zrmemory.h>
-#include <zr/modules/zrpreferences.h>
-#include <zr/zrbroker.h>
-#include <zr/zrerror.h>
-
 namespace fs = boost::filesystem;
 using Clock = std::chrono::steady_clock;
 
 namespace {
 
-double ms(Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); }
+double ms(Clock::duration d) {
+  return std::chrono::duration<double, std::milli>(d).count();
+}
 
 struct Summary {
   double p50, p99, max, mean;
@@ -81,15 +82,18 @@ int main(int argc, char** argv) {
     std::snprintf(name, sizeof name, "bench/b%03d", i);
     names.push_back(name);
     const fs::path dir = home / ".tuqvu" / "behaviors" / name;
-    write(dir / "behavior.xar", "<behavior>\n  <repeat>\n    <wait ms=\"600000\"/>\n  </repeat>\n</behavior>\n");
-    write(dir / "project.xml", "<project>\n  <metadata key=\"Type\" value=\"Behavior\"/>\n</project>\n");
+    write(dir / "behavior.xar",
+          "<behavior>\n  <repeat>\n    <wait ms=\"600000\"/>\n  </repeat>\n</behavior>\n");
+    write(dir / "project.xml",
+          "<project>\n  <metadata key=\"Type\" value=\"Behavior\"/>\n</project>\n");
   }
 
   auto broker = ZR::ZRBroker::create("bench");
   auto memory = std::make_unique<ZR::ZRMemory>(broker);
   auto preferences = std::make_unique<ZR::ZRPreferences>(broker);
   auto frames = std::make_unique<ZR::ZRFrameManager>(broker);
-  auto manager = std::make_unique<ZR::BehaviorManager::ZRBehaviorManager>(broker, "ZRBehaviorManager");
+  auto manager =
+      std::make_unique<ZR::BehaviorManager::ZRBehaviorManager>(broker, "ZRBehaviorManager");
 
   // name -> when its call was made / when a published list first held it
   std::mutex mutex;
@@ -115,7 +119,8 @@ int main(int argc, char** argv) {
         started[name] = Clock::now();
       }
       try {
-        broker->call("ZRBehaviorManager", "runBehavior", ZR::ZRValue(std::vector<std::string>{name}));
+        broker->call("ZRBehaviorManager", "runBehavior",
+                     ZR::ZRValue(std::vector<std::string>{name}));
       } catch (const ZR::ZRError& error) {
         ++failures;
         std::fprintf(stderr, "run %s: %s\n", name.c_str(), error.description().c_str());

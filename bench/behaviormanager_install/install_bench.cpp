@@ -12,10 +12,20 @@
 //
 //   behaviormanager_install_bench [rounds [filter]]   (default 5 rounds, every case)
 //
-// A filter keeps the comparisons whose installation's name contains it ("tar.gz", "zip" or "directory").
+// A filter keeps the comparisons whose installation's name contains it ("tar.gz", "zip" or
+// "directory").
 //
 // The data is made once in $INSTALL_BENCH_DIR (default <tmp>/tuqvu-install-bench).
+#include <behaviormanager.h>
+#include <unistd.h>
+#include <vu/log.h>
+#include <zr/modules/zrframemanager.h>
+#include <zr/modules/zrmemory.h>
+#include <zr/modules/zrpreferences.h>
+#include <zr/zrbroker.h>
+
 #include <algorithm>
+#include <boost/filesystem.hpp>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -25,17 +35,6 @@
 #include <random>
 #include <string>
 #include <vector>
-
-#include <unistd.h>
-
-#include <boost/filesystem.hpp>
-
-#include <behaviormanager.h>
-#include <vu/log.h>
-#include <zr/modules/zrframemanager.h>
-#include <zr/modules/zrmemory.h>
-#include <zr/modules/zrpreferences.h>
-#include <zr/zrbroker.h>
 
 namespace fs = boost::filesystem;
 using Clock = std::chrono::steady_clock;
@@ -126,7 +125,8 @@ int main(int argc, char** argv) {
   const int rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 5;
   const std::string filter = argc > 2 ? argv[2] : "";
   const char* chosen = std::getenv("INSTALL_BENCH_DIR");
-  const fs::path base = chosen ? fs::path(chosen) : fs::temp_directory_path() / "tuqvu-install-bench";
+  const fs::path base =
+      chosen ? fs::path(chosen) : fs::temp_directory_path() / "tuqvu-install-bench";
   const fs::path data = base / "data";
   const fs::path home = base / "home";
   const fs::path tmp = base / "tmp";
@@ -189,14 +189,17 @@ int main(int argc, char** argv) {
     const fs::path unpacked = tmp / ("tools-" + tag);
     const fs::path placed = out / ("placed-" + tag);
     groups.push_back({
-        {std::string("installBehavior, 100 MiB ") + format, [=] { clean(library / local); },
-         [=] { install(package, local); }, {}},
+        {std::string("installBehavior, 100 MiB ") + format,
+         [=] { clean(library / local); },
+         [=] { install(package, local); },
+         {}},
         {std::string("bsdtar -xf, 100 MiB ") + format,
          [=] {
            clean(into);
            fs::create_directories(into);
          },
-         [=] { run("bsdtar -xf '" + package.string() + "' -C '" + into.string() + "'"); }, {}},
+         [=] { run("bsdtar -xf '" + package.string() + "' -C '" + into.string() + "'"); },
+         {}},
         // The same steps as the installation, done by the tools: unpack into a
         // temporary directory, copy into place, remove the temporary directory.
         {std::string("bsdtar -xf + cp -r + rm -rf, 100 MiB ") + format,
@@ -213,10 +216,15 @@ int main(int argc, char** argv) {
     });
   }
   groups.push_back({
-      {"installBehavior, 10,000-file directory", [=] { clean(library / "bench/dir"); },
-       [=] { install(data / "directory", "bench/dir"); }, {}},
-      {"cp -r, 10,000-file directory", [=] { clean(out / "dir"); },
-       [=] { run("cp -r '" + (data / "directory").string() + "' '" + (out / "dir").string() + "'"); },
+      {"installBehavior, 10,000-file directory",
+       [=] { clean(library / "bench/dir"); },
+       [=] { install(data / "directory", "bench/dir"); },
+       {}},
+      {"cp -r, 10,000-file directory",
+       [=] { clean(out / "dir"); },
+       [=] {
+         run("cp -r '" + (data / "directory").string() + "' '" + (out / "dir").string() + "'");
+       },
        {}},
   });
 

@@ -44,8 +44,8 @@ std::string buildRequest(const std::string& method, const std::string& target,
                          const std::string& body) {
   std::string request = method + " " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\n";
   if (!body.empty()) {
-    request += "Content-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) +
-               "\r\n";
+    request +=
+        "Content-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) + "\r\n";
   }
   return request + "\r\n" + body;
 }
@@ -93,7 +93,8 @@ struct Connection {
 
 double percentile(std::vector<double> values, double p) {
   std::sort(values.begin(), values.end());
-  const std::size_t index = std::min(values.size() - 1, static_cast<std::size_t>(p * values.size()));
+  const std::size_t index =
+      std::min(values.size() - 1, static_cast<std::size_t>(p * values.size()));
   return values[index];
 }
 
@@ -105,7 +106,8 @@ int latency(int port, const std::string& request, int requests) {
   for (int i = 0; i < requests + requests / 10; ++i) {  // the first tenth warms up
     connection.send(request);
     while (!connection.takeResponse()) connection.readSome();
-    const double us = std::chrono::duration<double, std::micro>(Clock::now() - connection.sent).count();
+    const double us =
+        std::chrono::duration<double, std::micro>(Clock::now() - connection.sent).count();
     if (i >= requests / 10) micros.push_back(us);
   }
   ::close(connection.fd);

@@ -1,11 +1,11 @@
 // The module the broker benchmark calls: "BenchPing.ping()" returns 1 and does nothing else.
-#include <boost/make_shared.hpp>
-
 #include <zr/zrbinding.h>
 #include <zr/zrbroker.h>
 #include <zr/zrfunctorbase.h>
 #include <zr/zrmodule.h>
 #include <zr/zrtypes.h>
+
+#include <boost/make_shared.hpp>
 
 namespace {
 

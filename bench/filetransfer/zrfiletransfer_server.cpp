@@ -2,13 +2,12 @@
 // line of its output, then "stopped after <ms> ms" once the destructor has returned.
 // HOME, TMPDIR and TUQVU_SDK_PREFIX decide what it serves, as in the module.
 #include <signal.h>
+#include <zr/zrerror.h>
+#include <zrfiletransfer/zrfiletransfer.h>
 
 #include <chrono>
 #include <cstdio>
 #include <exception>
-
-#include <zr/zrerror.h>
-#include <zrfiletransfer/zrfiletransfer.h>
 
 int main() {
   sigset_t stopSignals;

@@ -90,56 +90,56 @@ BENCHMARK(BM_ParseAndInstanceLargeFile)
 // Runs completeBehavior on its own thread, one run per request, and records when it
 // returned.
 class Runner {
- public:
-  Runner(ZRFrameManager& frames, std::string id) : frames_(frames), id_(std::move(id)) {
-    thread_ = std::thread([this] { loop(); });
+public:
+  Runner(ZRFrameManager& frames, std::string id) : fFrames(frames), fId(std::move(id)) {
+    fThread = std::thread([this] { loop(); });
   }
   ~Runner() {
     {
-      std::lock_guard<std::mutex> lock(mutex_);
-      stop_ = true;
-      changed_.notify_all();
+      std::lock_guard<std::mutex> lock(fMutex);
+      fStop = true;
+      fChanged.notify_all();
     }
-    thread_.join();
+    fThread.join();
   }
   void startRun() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    requested_ = true;
-    returned_ = false;
-    changed_.notify_all();
+    std::lock_guard<std::mutex> lock(fMutex);
+    fRequested = true;
+    fReturned = false;
+    fChanged.notify_all();
   }
   Clock::time_point waitReturn() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [&] { return returned_; });
-    return returnedAt_;
+    std::unique_lock<std::mutex> lock(fMutex);
+    fChanged.wait(lock, [&] { return fReturned; });
+    return fReturnedAt;
   }
 
- private:
+private:
   void loop() {
-    std::unique_lock<std::mutex> lock(mutex_);
+    std::unique_lock<std::mutex> lock(fMutex);
     for (;;) {
-      changed_.wait(lock, [&] { return stop_ || requested_; });
-      if (stop_) return;
-      requested_ = false;
+      fChanged.wait(lock, [&] { return fStop || fRequested; });
+      if (fStop) return;
+      fRequested = false;
       lock.unlock();
-      frames_.completeBehavior(id_);
+      fFrames.completeBehavior(fId);
       const Clock::time_point now = Clock::now();
       lock.lock();
-      returnedAt_ = now;
-      returned_ = true;
-      changed_.notify_all();
+      fReturnedAt = now;
+      fReturned = true;
+      fChanged.notify_all();
     }
   }
 
-  ZRFrameManager& frames_;
-  const std::string id_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool requested_ = false;
-  bool returned_ = false;
-  bool stop_ = false;
-  Clock::time_point returnedAt_;
-  std::thread thread_;
+  ZRFrameManager& fFrames;
+  const std::string fId;
+  std::mutex fMutex;
+  std::condition_variable fChanged;
+  bool fRequested = false;
+  bool fReturned = false;
+  bool fStop = false;
+  Clock::time_point fReturnedAt;
+  std::thread fThread;
 };
 
 void BM_ExitToCompleteReturn(benchmark::State& state) {
@@ -191,14 +191,15 @@ BENCHMARK(BM_ExitToCompleteReturn)
 
 // A subscriber that only counts its notifications.
 class CountingModule : public ZRModule {
- public:
+public:
   CountingModule(boost::shared_ptr<ZRBroker> broker, const std::string& name)
       : ZRModule(broker, name) {
-    bindCallable(*this,
-                 {"onEvent",
-                  "count",
-                  {{"name", TypeCodeString}, {"value", TypeCodeValue}, {"message", TypeCodeString}}},
-                 [this](const ZRValue&, ZRValue&) { count.fetch_add(1, std::memory_order_relaxed); });
+    bindCallable(
+        *this,
+        {"onEvent",
+         "count",
+         {{"name", TypeCodeString}, {"value", TypeCodeValue}, {"message", TypeCodeString}}},
+        [this](const ZRValue&, ZRValue&) { count.fetch_add(1, std::memory_order_relaxed); });
   }
   std::atomic<long> count{0};
 };

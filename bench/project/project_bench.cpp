@@ -31,17 +31,17 @@ std::string name(const char* format, int value) {
 
 // The tree, made once per run and removed at exit.
 class Tree {
- public:
+public:
   Tree() {
     const char* base = std::getenv("PROJECT_BENCH_DIR");
-    root_ = (fs::path(base != nullptr ? base : fs::temp_directory_path().string()) /
+    fRoot = (fs::path(base != nullptr ? base : fs::temp_directory_path().string()) /
              fs::unique_path("project-bench-%%%%-%%%%"))
                 .string();
-    std::cerr << "building " << kGroups * kPerGroup << " behaviors in " << root_ << "\n";
+    std::cerr << "building " << kGroups * kPerGroup << " behaviors in " << fRoot << "\n";
     for (int g = 0; g < kGroups; ++g) {
       for (int b = 0; b < kPerGroup; ++b) {
         const int i = g * kPerGroup + b;
-        const fs::path dir = fs::path(root_) / name("g%02d", g) / name("b%04d", i);
+        const fs::path dir = fs::path(fRoot) / name("g%02d", g) / name("b%04d", i);
         fs::create_directories(dir);
         std::ofstream(dir / "project.xml")
             << "<project><metadata key=\"Type\" value=\"Behavior\"/><tag>" << name("t%02d", i % 50)
@@ -52,12 +52,12 @@ class Tree {
   }
   ~Tree() {
     boost::system::error_code ignored;
-    fs::remove_all(root_, ignored);
+    fs::remove_all(fRoot, ignored);
   }
-  const std::string& root() const { return root_; }
+  const std::string& root() const { return fRoot; }
 
- private:
-  std::string root_;
+private:
+  std::string fRoot;
 };
 
 const Tree& tree() {

@@ -3,13 +3,13 @@
 // "newBehaviorFromFile" whose description names the file; anything else escaping is a
 // finding. A file that is accepted must hold as many steps as it reports, nested no
 // deeper than the documented limit, with a value of the declared kind in every step.
+#include <zr/zrerror.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-
-#include <zr/zrerror.h>
 
 #include "../common/sandbox.h"
 #include "framemanager/behaviorprogram.h"
@@ -49,8 +49,7 @@ std::size_t countSteps(const std::vector<BehaviorStep>& steps, int depth) {
       case BehaviorStep::Kind::call:
         if (!step.args.isArray()) fail("call arguments are not an array");
         break;
-      case BehaviorStep::Kind::fail:
-        break;
+      case BehaviorStep::Kind::fail: break;
     }
   }
   return count;

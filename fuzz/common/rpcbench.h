@@ -4,15 +4,7 @@
 // depends on what an earlier one stored.
 #pragma once
 
-#include <memory>
-#include <stdexcept>
-#include <string>
-#include <vector>
-
-#include <boost/make_shared.hpp>
-#include <boost/shared_ptr.hpp>
-
-#include <tuqvu/broker/rpc_dispatcher.h>
+#include <tuqvu/broker/rpcdispatcher.h>
 #include <zr/modules/zrmemory.h>
 #include <zr/zrbinding.h>
 #include <zr/zrbroker.h>
@@ -20,6 +12,13 @@
 #include <zr/zrfunctorbase.h>
 #include <zr/zrmodule.h>
 #include <zr/zrtypes.h>
+
+#include <boost/make_shared.hpp>
+#include <boost/shared_ptr.hpp>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
 
 namespace fuzzsupport {
 
@@ -40,7 +39,8 @@ public:
           result = ZRValue(static_cast<int>(static_cast<unsigned>(number(args[0], "add")) +
                                             static_cast<unsigned>(number(args[1], "add"))));
         });
-    add("add", {ZR::TypeCodeInt, ZR::TypeCodeInt, ZR::TypeCodeInt}, ZR::TypeCodeInt,
+    add(
+        "add", {ZR::TypeCodeInt, ZR::TypeCodeInt, ZR::TypeCodeInt}, ZR::TypeCodeInt,
         [this](const ZRValue& args, ZRValue& result) {
           result = ZRValue(static_cast<int>(static_cast<unsigned>(number(args[0], "add")) +
                                             static_cast<unsigned>(number(args[1], "add")) +
@@ -50,9 +50,8 @@ public:
     add("fail", {ZR::TypeCodeString}, ZR::TypeCodeVoid, [this](const ZRValue& args, ZRValue&) {
       throw ZR::ZRError(getName(), "fail", text(args[0], "fail"), __FILE__, __LINE__);
     });
-    add("throwStd", {}, ZR::TypeCodeVoid, [](const ZRValue&, ZRValue&) {
-      throw std::runtime_error("a standard exception");
-    });
+    add("throwStd", {}, ZR::TypeCodeVoid,
+        [](const ZRValue&, ZRValue&) { throw std::runtime_error("a standard exception"); });
     add("nothing", {}, ZR::TypeCodeVoid, [](const ZRValue&, ZRValue&) {});
   }
 

@@ -2,18 +2,16 @@
 
 #include <sys/inotify.h>
 #include <unistd.h>
+#include <vu/log.h>
 
 #include <algorithm>
+#include <boost/filesystem.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
-
-#include <boost/filesystem.hpp>
-
-#include <vu/log.h>
 
 namespace fs = boost::filesystem;
 
@@ -42,11 +40,19 @@ void makeLink(const std::string& target, const std::string& link) {
 
 std::string describe(uint32_t mask) {
   static const std::pair<uint32_t, const char*> names[] = {
-      {IN_ACCESS, "read"},           {IN_MODIFY, "written"},     {IN_ATTRIB, "attributes changed"},
-      {IN_CLOSE_WRITE, "closed after writing"},                  {IN_OPEN, "opened"},
-      {IN_MOVED_FROM, "moved away"}, {IN_MOVED_TO, "moved in"},  {IN_CREATE, "created"},
-      {IN_DELETE, "deleted"},        {IN_DELETE_SELF, "deleted"}, {IN_MOVE_SELF, "moved"},
-      {IN_UNMOUNT, "unmounted"},     {IN_Q_OVERFLOW, "too many events to tell"},
+      {IN_ACCESS, "read"},
+      {IN_MODIFY, "written"},
+      {IN_ATTRIB, "attributes changed"},
+      {IN_CLOSE_WRITE, "closed after writing"},
+      {IN_OPEN, "opened"},
+      {IN_MOVED_FROM, "moved away"},
+      {IN_MOVED_TO, "moved in"},
+      {IN_CREATE, "created"},
+      {IN_DELETE, "deleted"},
+      {IN_DELETE_SELF, "deleted"},
+      {IN_MOVE_SELF, "moved"},
+      {IN_UNMOUNT, "unmounted"},
+      {IN_Q_OVERFLOW, "too many events to tell"},
       {IN_IGNORED, "no longer watched"}};
   std::string text;
   for (const auto& [bit, name] : names) {

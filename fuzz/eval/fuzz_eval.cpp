@@ -5,17 +5,16 @@
 //     EvalSyntaxError with a position inside the expression; nothing else escapes;
 //   - the route answers 400 with {"error":{...}} for an expression it cannot read, and
 //     200 with exactly one of {"result"} and {"error"} for a call it made.
+#include <tuqvu/broker/evalparser.h>
+#include <tuqvu/broker/router.h>
+#include <zr/zrvaluejson.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <string>
-
 #include <nlohmann/json.hpp>
-
-#include <tuqvu/broker/eval_parser.h>
-#include <tuqvu/broker/router.h>
-#include <zr/zrvalue_json.h>
+#include <string>
 
 #include "../common/rpcbench.h"
 #include "../common/sandbox.h"

@@ -10,8 +10,12 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <stdsoap2.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <zr/zrnetworkaccess.h>
+#include <zrfiletransfer/zrfiletransferprivate.h>
+#include <zrfiletransfer/zrhttphandlers.h>
 
 #include <cerrno>
 #include <cstddef>
@@ -21,12 +25,6 @@
 #include <cstring>
 #include <string>
 #include <thread>
-
-#include <stdsoap2.h>
-
-#include <zr/zrnetworkaccess.h>
-#include <zrfiletransfer/zrfiletransferprivate.h>
-#include <zrfiletransfer/zrhttphandlers.h>
 
 #include "../common/sandbox.h"
 

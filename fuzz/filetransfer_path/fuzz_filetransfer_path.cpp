@@ -7,6 +7,9 @@
 //   - a path holding "?eval", and a path outside the four named roots whose extension is
 //     empty, ".xsl", ".xml", ".css", ".js" or ".html", maps to nothing;
 //   - nothing outside the roots was opened, listed, written or deleted (the sandbox).
+#include <zrfiletransfer/zrhttphandlers.h>
+
+#include <boost/filesystem.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -14,10 +17,6 @@
 #include <cstring>
 #include <string>
 #include <vector>
-
-#include <boost/filesystem.hpp>
-
-#include <zrfiletransfer/zrhttphandlers.h>
 
 #include "../common/sandbox.h"
 

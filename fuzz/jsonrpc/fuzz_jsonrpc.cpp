@@ -8,9 +8,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <string>
-
 #include <nlohmann/json.hpp>
+#include <string>
 
 #include "../common/rpcbench.h"
 #include "../common/sandbox.h"

@@ -12,7 +12,9 @@
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vu/project/package.h>
 
+#include <boost/filesystem.hpp>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -25,10 +27,6 @@
 #include <string>
 #include <vector>
 
-#include <boost/filesystem.hpp>
-
-#include <vu/project/package.h>
-
 #include "../common/sandbox.h"
 
 namespace fs = boost::filesystem;
@@ -38,8 +36,8 @@ namespace {
 const char* const kCanaryText = "canary: nothing may read or change this file\n";
 
 struct Place {
-  std::string base;      // watched, holds canary/ and work/
-  std::string work;      // holds the package and the destination
+  std::string base;  // watched, holds canary/ and work/
+  std::string work;  // holds the package and the destination
   std::string package;
   std::string dest;
   int inotify = -1;
@@ -72,8 +70,7 @@ std::vector<std::string> drainEvents() {
 }
 
 void watch(const std::string& dir) {
-  const int wd = ::inotify_add_watch(gPlace.inotify, dir.c_str(),
-                                     IN_ALL_EVENTS | IN_DONT_FOLLOW);
+  const int wd = ::inotify_add_watch(gPlace.inotify, dir.c_str(), IN_ALL_EVENTS | IN_DONT_FOLLOW);
   if (wd < 0) std::abort();
   gPlace.watches[wd] = dir;
 }

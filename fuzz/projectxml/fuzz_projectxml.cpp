@@ -4,14 +4,13 @@
 // gives tags that are sorted, unique and trimmed, and the same metadata through the
 // public Project API as through the reader itself.
 #include <sys/stat.h>
+#include <vu/project/project.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-
-#include <vu/project/project.h>
 
 #include "../common/sandbox.h"
 #include "detail/projectfile.h"
@@ -26,7 +25,9 @@ std::string gDir;
   std::abort();
 }
 
-bool blank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+bool blank(char c) {
+  return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
 
 }  // namespace
 

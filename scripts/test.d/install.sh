@@ -86,7 +86,7 @@ cat >"$work/greeter.cpp" <<'CPP'
 #include <zr/zrfunctorbase.h>
 #include <zr/zrmodule.h>
 #include <zr/zrtypes.h>
-#include <zr/zrvalue_json.h>
+#include <zr/zrvaluejson.h>
 
 class Greeter : public ZR::ZRModule {
 public:

@@ -64,8 +64,8 @@ int LogCapture::count(int level, const std::string& category, const std::string&
                       const std::string& text) const {
   int n = 0;
   for (const vu::log::Message& message : messages()) {
-    if (message.level == level && message.category == category &&
-        message.function == function && message.text == text) {
+    if (message.level == level && message.category == category && message.function == function &&
+        message.text == text) {
       ++n;
     }
   }

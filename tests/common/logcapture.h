@@ -6,11 +6,11 @@
 //   EXPECT_EQ(1u, log.find("httpPut", "Write file error").size());
 #pragma once
 
+#include <vu/log.h>
+
 #include <mutex>
 #include <string>
 #include <vector>
-
-#include <vu/log.h>
 
 namespace tuqvutest {
 

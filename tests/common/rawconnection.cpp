@@ -1,6 +1,5 @@
-#include <common/rawconnection.h>
-
 #include <arpa/inet.h>
+#include <common/rawconnection.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -95,9 +94,13 @@ RawConnection::RawConnection(int port) : fSocket(::socket(AF_INET, SOCK_STREAM, 
   }
 }
 
-RawConnection::~RawConnection() { close(); }
+RawConnection::~RawConnection() {
+  close();
+}
 
-void RawConnection::send(const std::string& bytes) { send(bytes.data(), bytes.size()); }
+void RawConnection::send(const std::string& bytes) {
+  send(bytes.data(), bytes.size());
+}
 
 void RawConnection::send(const char* data, std::size_t size) {
   while (size > 0) {
@@ -113,7 +116,9 @@ void RawConnection::send(const char* data, std::size_t size) {
   }
 }
 
-void RawConnection::shutdownWrite() { ::shutdown(fSocket, SHUT_WR); }
+void RawConnection::shutdownWrite() {
+  ::shutdown(fSocket, SHUT_WR);
+}
 
 void RawConnection::close() {
   if (fSocket >= 0) {

@@ -10,19 +10,6 @@
 #pragma once
 
 #include <common/eventually.h>
-
-#include <chrono>
-#include <functional>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
-
-#include <boost/make_shared.hpp>
-
 #include <zr/modules/zrframemanager.h>
 #include <zr/modules/zrmemory.h>
 #include <zr/modules/zrpreferences.h>
@@ -32,6 +19,17 @@
 #include <zr/zrmodule.h>
 #include <zr/zrtypes.h>
 #include <zr/zrvalue.h>
+
+#include <boost/make_shared.hpp>
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
 
 #include "../behavior/behaviormanager/behaviormanager/fixture.h"
 
@@ -198,9 +196,8 @@ public:
     using ZR::ZRValue;
     const int s = ZR::TypeCodeString;
     const int b = ZR::TypeCodeBool;
-    bind("readPrefFile", {s, b}, ZR::TypeCodeValue, [this](const ZRValue& a) {
-      return real->readPrefFile(a[0].toString(), a[1].toBool());
-    });
+    bind("readPrefFile", {s, b}, ZR::TypeCodeValue,
+         [this](const ZRValue& a) { return real->readPrefFile(a[0].toString(), a[1].toBool()); });
     bind("writePrefFile", {s, ZR::TypeCodeValue, b}, ZR::TypeCodeVoid, [this](const ZRValue& a) {
       real->writePrefFile(a[0].toString(), a[1], a[2].toBool());
       return ZRValue();
@@ -240,6 +237,8 @@ using tuqvutest::eventually;
 inline const char* untilStoppedXar() {
   return "<behavior>\n  <repeat>\n    <wait ms=\"60000\"/>\n  </repeat>\n</behavior>\n";
 }
-inline const char* endsAtOnceXar() { return "<behavior/>\n"; }
+inline const char* endsAtOnceXar() {
+  return "<behavior/>\n";
+}
 
 }  // namespace faulttest

@@ -42,7 +42,8 @@ protected:
     ASSERT_TRUE(eventually([&] {
       const std::string id = manager->getBehaviorFrameManagerId(name);
       return manager->isBehaviorRunning(name) && !id.empty() && frames->real->isBehaviorRunning(id);
-    })) << name << " did not start";
+    })) << name
+        << " did not start";
   }
   void expectInjected(const Outcome& outcome, const std::string& method) {
     EXPECT_TRUE(outcome.threw) << method;

@@ -3,20 +3,17 @@
 // file. Each returns false with the "Error trying to import package " line, leaves
 // nothing under the behavior's name and no temporary folder behind, and the module
 // installs the next package normally.
-#include <sys/mount.h>
-
 #include <archive.h>
 #include <archive_entry.h>
+#include <common/environment.h>
+#include <sys/mount.h>
+#include <vu/project/package.h>
 
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <random>
 #include <set>
-
-#include <vu/project/package.h>
-
-#include <common/environment.h>
 
 #include "faults.h"
 
@@ -69,7 +66,8 @@ void writePackage(const fs::path& file, Format format, std::size_t payload) {
     archive_write_set_format_pax_restricted(out);
     if (format == Format::tarGz) archive_write_add_filter_gzip(out);
   }
-  ASSERT_EQ(ARCHIVE_OK, archive_write_open_filename(out, file.c_str())) << archive_error_string(out);
+  ASSERT_EQ(ARCHIVE_OK, archive_write_open_filename(out, file.c_str()))
+      << archive_error_string(out);
   const std::vector<std::pair<std::string, std::string>> entries = {
       {"behavior.xar", "<behavior/>\n"},
       {"project.xml", "<project><metadata key=\"Type\" value=\"Behavior\"/></project>\n"},
@@ -233,8 +231,8 @@ TEST(PackageOnAFullDisk, UnpackingFailsAndLeavesNothing) {
           vu::project::importProject(package.string(), (disk / "dest").string(), found);
           ADD_FAILURE() << "a package larger than the disk was unpacked";
         } catch (const std::runtime_error& error) {
-          const std::string expected = *reserve == '0' ? "No space left on device"
-                                                       : "bytes free on the disk";
+          const std::string expected =
+              *reserve == '0' ? "No space left on device" : "bytes free on the disk";
           EXPECT_NE(std::string::npos, std::string(error.what()).find(expected)) << error.what();
         }
         EXPECT_TRUE(treeOf(disk).empty());

@@ -60,8 +60,9 @@ TEST_F(MemoryFaults, EveryRefusalIsLoggedOnceAndTheModuleStillComesUp) {
   EXPECT_EQ(1, logs->count(2, "behaviormanager", "ZRBehaviorManager",
                            notStarted("Could not subscribe to the TUQvuReady event")));
   EXPECT_EQ(4, memory->plan.failed("declareEvent"));
-  for (const char* key : {"BehaviorsRun", "ZRBehaviorManager/BehaviorAdded",
-                          "ZRBehaviorManager/BehaviorUpdated", "ZRBehaviorManager/BehaviorRemoved"}) {
+  for (const char* key :
+       {"BehaviorsRun", "ZRBehaviorManager/BehaviorAdded", "ZRBehaviorManager/BehaviorUpdated",
+        "ZRBehaviorManager/BehaviorRemoved"}) {
     EXPECT_EQ(1, logs->count(2, "behaviormanager", "ZRBehaviorManager",
                              notStarted(std::string("Could not declare the ") + key + " event")))
         << key;
@@ -85,9 +86,9 @@ TEST_F(MemoryFaults, TheModuleAnswersRunsAndPublishesWithoutItsSubscriptionAndDe
 
   // Events still reach the memory: an installation announces the new behavior.
   bmtest::makeBehavior(home() / "incoming" / "wave", endsAtOnceXar());
-  const Outcome install =
-      callRemote(*broker, "ZRBehaviorManager", "installBehavior",
-                 {ZRValue((home() / "incoming" / "wave").string()), ZRValue("wave"), ZRValue(false)});
+  const Outcome install = callRemote(
+      *broker, "ZRBehaviorManager", "installBehavior",
+      {ZRValue((home() / "incoming" / "wave").string()), ZRValue("wave"), ZRValue(false)});
   ASSERT_FALSE(install.threw) << install.description;
   EXPECT_TRUE(install.value.toBool());
   const auto added = raised("ZRBehaviorManager/BehaviorAdded");
@@ -97,8 +98,8 @@ TEST_F(MemoryFaults, TheModuleAnswersRunsAndPublishesWithoutItsSubscriptionAndDe
 
   // Readiness never arrives (there is no subscription), but a default behavior can
   // still be started by hand.
-  const Outcome add = callRemote(*broker, "ZRBehaviorManager", "addDefaultBehavior",
-                                 {ZRValue("quick")});
+  const Outcome add =
+      callRemote(*broker, "ZRBehaviorManager", "addDefaultBehavior", {ZRValue("quick")});
   EXPECT_FALSE(add.threw) << add.description;
   EXPECT_EQ(std::vector<std::string>{"quick"}, manager->getDefaultBehaviors());
 }

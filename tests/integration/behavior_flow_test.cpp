@@ -2,20 +2,19 @@
 // the user library over the file-transfer service, installed in place over JSON-RPC
 // (the event stream announces it), made a default behavior, and after a restart of the
 // broker with the same home it starts by itself once "TUQvuReady" is announced.
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <boost/filesystem.hpp>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <thread>
 
-#include <boost/filesystem.hpp>
-#include <gtest/gtest.h>
-
-#include "support/http_client.h"
-#include "support/tuqvu_process.h"
+#include "support/httpclient.h"
+#include "support/tuqvuprocess.h"
 
 using namespace brokertest;
 using nlohmann::json;
@@ -160,11 +159,12 @@ TEST(BehaviorFlow, PackagePutIntoTheTemporaryFolderIsInstalledAndRemoved) {
   const std::string uploaded = tmp.path() + "/wave.zip";
   ASSERT_TRUE(fs::exists(uploaded));
 
-  EventStream stream(port, "/events?key=ZRBehaviorManager%2FBehaviorAdded"
-                           "&key=ZRBehaviorManager%2FBehaviorRemoved");
-  EXPECT_EQ(call(port, "ZRBehaviorManager.installBehavior",
-                 json::array({uploaded, "moves/wave", false})),
-            json(true))
+  EventStream stream(port,
+                     "/events?key=ZRBehaviorManager%2FBehaviorAdded"
+                     "&key=ZRBehaviorManager%2FBehaviorRemoved");
+  EXPECT_EQ(
+      call(port, "ZRBehaviorManager.installBehavior", json::array({uploaded, "moves/wave", false})),
+      json(true))
       << broker.stderrText();
   EXPECT_EQ(nextEvent(stream, "ZRBehaviorManager/BehaviorAdded")["value"], "moves/wave");
   // Only the package itself is left in the temporary folder.

@@ -3,11 +3,13 @@
 // folder through a link or a rename race, reading the build configuration of a run from
 // a source tree, and the CORS preflight of a page of another site.
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <stdio.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <boost/filesystem.hpp>
 #include <chrono>
 #include <fstream>
 #include <iostream>
@@ -15,11 +17,8 @@
 #include <string>
 #include <thread>
 
-#include <boost/filesystem.hpp>
-#include <gtest/gtest.h>
-
-#include "support/http_client.h"
-#include "support/tuqvu_process.h"
+#include "support/httpclient.h"
+#include "support/tuqvuprocess.h"
 
 using namespace brokertest;
 using nlohmann::json;
@@ -53,10 +52,9 @@ protected:
     setup.env["TMPDIR"] = tmp->path();
     broker = new TuqvuProcess(setup);
     HttpConnection connection(broker->port());
-    const HttpReply reply =
-        connection.request("POST", "/rpc",
-                           rpcRequest("ZRBehaviorManager._httpFileTransferPort", json::array()),
-                           {{"Content-Type", "application/json"}});
+    const HttpReply reply = connection.request(
+        "POST", "/rpc", rpcRequest("ZRBehaviorManager._httpFileTransferPort", json::array()),
+        {{"Content-Type", "application/json"}});
     const json port = json::parse(reply.body)["result"];
     ASSERT_TRUE(port.is_number_integer()) << reply.body << broker->stderrText();
     filePort = port.get<int>();
@@ -72,8 +70,7 @@ protected:
   // The whole answer to one request on a connection of its own ("" when none came); the
   // server closes the connection after it.
   static std::string ask(const std::string& method, const std::string& path,
-                         const std::string& body = "",
-                         const std::string& moreHeaders = "") {
+                         const std::string& body = "", const std::string& moreHeaders = "") {
     RawConnection connection(filePort);
     connection.send(method + " " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" + moreHeaders +
                     (method == "PUT" ? "Content-Length: " + std::to_string(body.size()) + "\r\n"
@@ -81,7 +78,9 @@ protected:
                     "Connection: close\r\n\r\n" + body);
     return connection.readUntilClosed(std::chrono::milliseconds(5000));
   }
-  static std::string statusOf(const std::string& reply) { return reply.substr(0, reply.find('\n')); }
+  static std::string statusOf(const std::string& reply) {
+    return reply.substr(0, reply.find('\n'));
+  }
 
   static fs::path home() { return broker->home(); }
   static fs::path prefix() { return broker->prefix(); }
@@ -101,9 +100,9 @@ TEST_F(FileServerOfTuqvu, DeletingTheDataFoldersLibraryOrTemporaryFolderIsRefuse
   writeFile(home() / ".tuqvu/behaviors/dance/behavior.xar", "<behavior/>");
   writeFile(temporary() / "upload.zip", "zip");
 
-  for (const std::string& path : {"/share", "/share/", "/share/other", "/behaviors/User/",
-                                  "/behaviors/User", "/behaviors", "/tmp", "/tmp/",
-                                  "/boxlibraries/"}) {
+  for (const std::string& path :
+       {"/share", "/share/", "/share/other", "/behaviors/User/", "/behaviors/User", "/behaviors",
+        "/tmp", "/tmp/", "/boxlibraries/"}) {
     EXPECT_EQ("HTTP/1.1 403 Forbidden", statusOf(ask("DELETE", path))) << path;
   }
   EXPECT_EQ("<kept/>", readFile(home() / ".local/share/other/settings.xml"));
@@ -148,7 +147,8 @@ TEST_F(FileServerOfTuqvu, APreflightOfAnotherSiteGetsNoCorsAnd405) {
   EXPECT_EQ("HTTP/1.1 405 Method Not Allowed", statusOf(reply));
   EXPECT_EQ(std::string::npos, reply.find("Access-Control")) << reply;
 
-  const std::string put = ask("PUT", "/tmp/from-a-page.txt", "x", "Origin: http://evil.example\r\n");
+  const std::string put =
+      ask("PUT", "/tmp/from-a-page.txt", "x", "Origin: http://evil.example\r\n");
   EXPECT_EQ("HTTP/1.1 403 Forbidden", statusOf(put));
   EXPECT_EQ(std::string::npos, put.find("Access-Control")) << put;
   EXPECT_FALSE(fs::exists(temporary() / "from-a-page.txt"));

@@ -3,22 +3,21 @@
 // loopback nothing is served without the installation's secret, the file-transfer
 // server's writes included.
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <unistd.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <boost/beast/core/detail/base64.hpp>
+#include <boost/filesystem.hpp>
 #include <fstream>
 #include <sstream>
 #include <string>
 
-#include <boost/beast/core/detail/base64.hpp>
-#include <boost/filesystem.hpp>
-#include <gtest/gtest.h>
-
-#include "support/http_client.h"
-#include "support/tuqvu_process.h"
+#include "support/httpclient.h"
+#include "support/tuqvuprocess.h"
 
 using namespace brokertest;
 using nlohmann::json;
@@ -54,7 +53,9 @@ std::string secretIn(const std::string& home) {
   return secret;
 }
 
-std::string secretOf(const TuqvuProcess& broker) { return secretIn(broker.home()); }
+std::string secretOf(const TuqvuProcess& broker) {
+  return secretIn(broker.home());
+}
 
 // One request on a connection of its own, with exactly these headers.
 HttpReply ask(int port, const std::string& method, const std::string& target,
@@ -96,8 +97,8 @@ TEST_F(OnLoopback, ACallFromAPageOfAnotherOriginIsRefused) {
       ask(port(), "POST", "/rpc", with(kJson, {{"Origin", "http://attacker.example"}}), call);
   EXPECT_EQ(403, refused.status);
   EXPECT_EQ(std::string::npos, refused.body.find("result"));
-  const HttpReply own = ask(port(), "POST", "/rpc",
-                            with(kJson, {{"Origin", "http://127.0.0.1"}}), call);
+  const HttpReply own =
+      ask(port(), "POST", "/rpc", with(kJson, {{"Origin", "http://127.0.0.1"}}), call);
   EXPECT_EQ(200, own.status);
   EXPECT_EQ(5, json::parse(own.body)["result"]);
 }
@@ -168,8 +169,8 @@ protected:
 TEST_F(BeyondLoopback, CallsEventsPagesAndEvalNeedTheSecret) {
   const int port = broker->port();
   const std::string call = rpcRequest("ZRMemory.getDataList", {""});
-  for (const std::string& target : {"/", "/ZRMemory/", "/ZRMemory/?eval=ZRMemory.getDataList('')",
-                                    "/events"}) {
+  for (const std::string& target :
+       {"/", "/ZRMemory/", "/ZRMemory/?eval=ZRMemory.getDataList('')", "/events"}) {
     HttpReply refused = ask(port, "GET", target, {});
     EXPECT_EQ(401, refused.status) << target;
     EXPECT_EQ("Basic realm=\"tuqvu\", charset=\"UTF-8\"", refused.headers["www-authenticate"]);
@@ -207,8 +208,8 @@ TEST_F(BeyondLoopback, TheFileServerWritesAndDeletesOnlyWithTheSecret) {
   ASSERT_TRUE(filePort.is_number_integer());
   const std::string file = broker->home() + "/.tuqvu/behaviors/planted/behavior.xar";
 
-  const std::string refused = put(filePort.get<int>(), "/behaviors/User/planted/behavior.xar",
-                                  "<behavior/>", "");
+  const std::string refused =
+      put(filePort.get<int>(), "/behaviors/User/planted/behavior.xar", "<behavior/>", "");
   EXPECT_EQ(0u, refused.find("HTTP/1.1 401 Unauthorized\n")) << refused;
   EXPECT_NE(std::string::npos, refused.find("WWW-Authenticate: Basic realm=\"tuqvu\"\n"));
   EXPECT_FALSE(fs::exists(file));
@@ -224,7 +225,9 @@ TEST_F(BeyondLoopback, TheFileServerWritesAndDeletesOnlyWithTheSecret) {
 
   RawConnection remover(filePort.get<int>());
   remover.send("DELETE /behaviors/User/planted HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
-  EXPECT_EQ(0u, remover.readUntilClosed(std::chrono::milliseconds(2000)).find("HTTP/1.1 401 Unauthorized\n"));
+  EXPECT_EQ(
+      0u,
+      remover.readUntilClosed(std::chrono::milliseconds(2000)).find("HTTP/1.1 401 Unauthorized\n"));
   EXPECT_TRUE(fs::exists(file));
 }
 
@@ -315,10 +318,11 @@ TEST(FileServerAddress, FollowsTheBrokersBindAddress) {
   setup.args = {"--bind", "127.0.0.2"};
   TuqvuProcess broker(setup);
   const std::string call = rpcRequest("ZRBehaviorManager._httpFileTransferPort", json::array());
-  const std::string reply = exchangeWith(
-      "127.0.0.2", broker.port(),
-      "POST /rpc HTTP/1.1\r\nHost: 127.0.0.2\r\nContent-Type: application/json\r\n"
-      "Connection: close\r\nContent-Length: " + std::to_string(call.size()) + "\r\n\r\n" + call);
+  const std::string reply =
+      exchangeWith("127.0.0.2", broker.port(),
+                   "POST /rpc HTTP/1.1\r\nHost: 127.0.0.2\r\nContent-Type: application/json\r\n"
+                   "Connection: close\r\nContent-Length: " +
+                       std::to_string(call.size()) + "\r\n\r\n" + call);
   const std::size_t body = reply.find("\r\n\r\n");
   ASSERT_NE(std::string::npos, body) << reply;
   const json port = json::parse(reply.substr(body + 4))["result"];

@@ -1,17 +1,16 @@
 // A tuqvu starting after a crash in the middle of an install: the staging copies the
 // dead process left in the temporary folder and in the user library are removed (and
 // logged); those of a process still running are not.
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <boost/filesystem.hpp>
 #include <fstream>
 #include <string>
 
-#include <boost/filesystem.hpp>
-#include <gtest/gtest.h>
-
-#include "support/tuqvu_process.h"
+#include "support/tuqvuprocess.h"
 
 using namespace brokertest;
 namespace fs = boost::filesystem;
@@ -41,7 +40,8 @@ TEST(StartUp, RemovesTheStagingCopiesThatACrashedInstallLeft) {
   const fs::path unpack = fs::path(tmp.path()) / (".tuqvu-import-" + dead + "-0123456789ab.unpack");
   const fs::path copy =
       fs::path(home.path()) / ".tuqvu/behaviors" / (".tuqvu-import-" + dead + "-ba9876543210");
-  const fs::path working = fs::path(tmp.path()) / (".tuqvu-import-" + alive + "-aaaaaaaaaaaa.unpack");
+  const fs::path working =
+      fs::path(tmp.path()) / (".tuqvu-import-" + alive + "-aaaaaaaaaaaa.unpack");
   plant(unpack / "dance/behavior.xar");
   plant(copy / "behavior.xar");
   plant(working / "behavior.xar");
@@ -60,6 +60,5 @@ TEST(StartUp, RemovesTheStagingCopiesThatACrashedInstallLeft) {
   const std::string log = broker.stderrText();
   EXPECT_NE(std::string::npos, log.find("removed " + unpack.string() + ", left by an import"))
       << log;
-  EXPECT_NE(std::string::npos, log.find("removed " + copy.string() + ", left by an import"))
-      << log;
+  EXPECT_NE(std::string::npos, log.find("removed " + copy.string() + ", left by an import")) << log;
 }

@@ -1,21 +1,19 @@
 // System behaviors against a real broker: they stay runnable after everything was stopped
 // and the frame manager was asked to clean up, a name held by both libraries runs the
 // copy its form names, and a broker told to stop while behaviors run ends promptly.
+#include <common/eventually.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <boost/filesystem.hpp>
 #include <chrono>
 #include <fstream>
 #include <string>
 #include <thread>
 
-#include <boost/filesystem.hpp>
-#include <gtest/gtest.h>
-
-#include <common/eventually.h>
-
-#include "support/http_client.h"
-#include "support/tuqvu_process.h"
+#include "support/httpclient.h"
+#include "support/tuqvuprocess.h"
 
 using namespace brokertest;
 using nlohmann::json;
@@ -56,7 +54,9 @@ public:
   TempDir prefix;
 };
 
-json answerOf(const json& reply) { return reply.contains("error") ? reply["error"] : reply["result"]; }
+json answerOf(const json& reply) {
+  return reply.contains("error") ? reply["error"] : reply["result"];
+}
 
 // The result of a call that must succeed; a failed test names the error otherwise.
 json call(int port, const std::string& method, const json& params) {
@@ -96,8 +96,7 @@ protected:
     port = broker->port();
     userRoot = fs::path(broker->home()) / ".tuqvu" / "behaviors";
     // "TUQvuReady" preloads every system behavior.
-    ASSERT_TRUE(eventually([&] { return isLoaded(port, "System/loop"); }))
-        << broker->stderrText();
+    ASSERT_TRUE(eventually([&] { return isLoaded(port, "System/loop"); })) << broker->stderrText();
   }
 
   // Retires and re-reads the user library: everything is stopped and the frame manager

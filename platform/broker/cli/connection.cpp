@@ -1,10 +1,9 @@
 #include "connection.h"
 
-#include <cstdlib>
-
+#include <tuqvu/broker/secretfile.h>
 #include <vu/base64.h>
 
-#include <tuqvu/broker/secret_file.h>
+#include <cstdlib>
 
 namespace tuqvu {
 namespace broker {

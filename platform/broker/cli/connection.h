@@ -2,14 +2,13 @@
 // service, and the credentials it sends. Internal to the client library.
 #pragma once
 
-#include <chrono>
-#include <string>
+#include <tuqvu/broker/cli.h>
 
 #include <boost/asio/connect.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/http.hpp>
-
-#include <tuqvu/broker/cli.h>
+#include <chrono>
+#include <string>
 
 namespace tuqvu {
 namespace broker {

@@ -1,7 +1,6 @@
 // tuqvu-call: what the user sees while it works: sizes, transfer progress, the waiting
 // spinner, and the terminal line they are written on.
-#include <tuqvu/broker/cli_client.h>
-
+#include <tuqvu/broker/cliclient.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -27,10 +26,11 @@ std::string formatBytes(std::uint64_t bytes) {
 std::string formatTransfer(std::uint64_t sent, std::uint64_t total, double seconds) {
   const unsigned percent =
       total == 0 ? 100u : static_cast<unsigned>((static_cast<long double>(sent) * 100) / total);
-  std::string text = formatBytes(sent) + " / " + formatBytes(total) + "  " +
-                     std::to_string(percent) + "%";
+  std::string text =
+      formatBytes(sent) + " / " + formatBytes(total) + "  " + std::to_string(percent) + "%";
   if (seconds >= 0.1) {
-    text += "  " + formatBytes(static_cast<std::uint64_t>(static_cast<double>(sent) / seconds)) + "/s";
+    text +=
+        "  " + formatBytes(static_cast<std::uint64_t>(static_cast<double>(sent) / seconds)) + "/s";
   }
   return text;
 }

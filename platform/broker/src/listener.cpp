@@ -1,13 +1,11 @@
+#include <tuqvu/broker/httpsession.h>
 #include <tuqvu/broker/listener.h>
-
-#include <chrono>
+#include <vu/log.h>
 
 #include <boost/asio/dispatch.hpp>
 #include <boost/asio/strand.hpp>
 #include <boost/beast/core/bind_handler.hpp>
-
-#include <tuqvu/broker/http_session.h>
-#include <vu/log.h>
+#include <chrono>
 
 namespace tuqvu {
 namespace broker {
@@ -17,7 +15,9 @@ using tcp = net::ip::tcp;
 
 Listener::Listener(net::io_context& ioc, const tcp::endpoint& endpoint,
                    std::shared_ptr<ServerContext> context)
-    : fIoc(ioc), fAcceptor(net::make_strand(ioc)), fRetry(fAcceptor.get_executor()),
+    : fIoc(ioc),
+      fAcceptor(net::make_strand(ioc)),
+      fRetry(fAcceptor.get_executor()),
       fContext(std::move(context)) {
   fAcceptor.open(endpoint.protocol());
   fAcceptor.set_option(net::socket_base::reuse_address(true));
@@ -38,7 +38,9 @@ void Listener::stop() {
   });
 }
 
-tcp::endpoint Listener::localEndpoint() const { return fAcceptor.local_endpoint(); }
+tcp::endpoint Listener::localEndpoint() const {
+  return fAcceptor.local_endpoint();
+}
 
 void Listener::doAccept() {
   fAcceptor.async_accept(net::make_strand(fIoc),

@@ -1,7 +1,6 @@
 #include <tuqvu/broker/options.h>
 
 #include <boost/asio/ip/address.hpp>
-
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -33,9 +32,8 @@ std::string moduleNameForLibrary(const std::string& path) {
   static const std::map<std::string, std::string> kKnown = {
       {"zrbehaviormanager", "ZRBehaviorManager"},
   };
-  std::string stem = path.substr(path.find_last_of('/') == std::string::npos
-                                     ? 0
-                                     : path.find_last_of('/') + 1);
+  std::string stem =
+      path.substr(path.find_last_of('/') == std::string::npos ? 0 : path.find_last_of('/') + 1);
   const std::size_t so = stem.find(".so");
   if (so != std::string::npos) stem.erase(so);
   if (stem.rfind("lib", 0) == 0 && stem.size() > 3) stem.erase(0, 3);
@@ -56,7 +54,8 @@ ModuleSpec parseModuleArgument(const std::string& argument, bool optional) {
     moduleSpec.name = moduleNameForLibrary(argument);
   }
   if (moduleSpec.path.empty()) throw OptionsError("--module needs the path of a module library");
-  if (moduleSpec.name.empty()) throw OptionsError("no module name can be derived from " + moduleSpec.path);
+  if (moduleSpec.name.empty())
+    throw OptionsError("no module name can be derived from " + moduleSpec.path);
   return moduleSpec;
 }
 
@@ -130,7 +129,8 @@ std::string helpText() {
          "                       A library that fails to load stops the broker (exit status 1).\n"
          "  --optional-module [NAME=]PATH\n"
          "                       like --module, but a failure to load is only logged\n"
-         "  --log-level LEVEL    1 fatal, 2 error, 3 warning, 4 info (default), 5 verbose, 6 debug\n"
+         "  --log-level LEVEL    1 fatal, 2 error, 3 warning, 4 info (default), 5 verbose, 6 "
+         "debug\n"
          "  --shutdown-grace MS  how long calls in progress may still run after SIGINT or\n"
          "                       SIGTERM (default 10000)\n"
          "  --help               show this text\n"
@@ -142,14 +142,17 @@ std::string helpText() {
          "  TUQVU_SDK_PREFIX     the installation prefix (system data, default module library)\n"
          "\n"
          "Once listening it prints \"tuqvu: listening on ADDRESS:PORT\" on standard output.\n"
-         "SIGINT or SIGTERM shut it down cleanly (exit status 0); a second signal ends it at once.\n"
+         "SIGINT or SIGTERM shut it down cleanly (exit status 0); a second signal ends it at "
+         "once.\n"
          "\n"
          "Example:\n"
          "  tuqvu --port 9600 --module build/lib/libzrbehaviormanager.so\n"
          "  tuqvu-call ZRBroker.getModules\n";
 }
 
-std::string versionText() { return std::string("tuqvu ") + TUQVU_VERSION + "\n"; }
+std::string versionText() {
+  return std::string("tuqvu ") + TUQVU_VERSION + "\n";
+}
 
 }  // namespace broker
 }  // namespace tuqvu

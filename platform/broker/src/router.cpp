@@ -1,8 +1,7 @@
+#include <tuqvu/broker/evalparser.h>
+#include <tuqvu/broker/jsonio.h>
+#include <tuqvu/broker/requestguard.h>
 #include <tuqvu/broker/router.h>
-
-#include <tuqvu/broker/eval_parser.h>
-#include <tuqvu/broker/json_io.h>
-#include <tuqvu/broker/request_guard.h>
 #include <tuqvu/broker/url.h>
 #include <vu/html.h>
 #include <zr/zrerror.h>
@@ -18,15 +17,17 @@ Routed respond(Response response) {
 }
 
 // The error of a call that was not made because too many run already.
-nlohmann::json tooManyCalls(const std::string& why) { return rpcError(rpc::kTooManyCalls, why); }
+nlohmann::json tooManyCalls(const std::string& why) {
+  return rpcError(rpc::kTooManyCalls, why);
+}
 
 Routed runCall(std::function<Response()> call) {
   Routed routed;
   routed.kind = Routed::Kind::Call;
   routed.call = std::move(call);
   routed.refuse = [](const std::string& why) {
-    Response response = jsonResponse(http::status::too_many_requests,
-                                     dumpJson({{"error", tooManyCalls(why)}}));
+    Response response =
+        jsonResponse(http::status::too_many_requests, dumpJson({{"error", tooManyCalls(why)}}));
     response.set(http::field::retry_after, "1");
     return response;
   };
@@ -41,9 +42,9 @@ Routed runRpcCall(std::function<Response()> call, const std::string& body) {
     nlohmann::json id = nullptr;
     const nlohmann::json request = nlohmann::json::parse(body, nullptr, false);
     if (request.is_object() && request.contains("id")) id = request["id"];
-    Response response = jsonResponse(
-        http::status::too_many_requests,
-        dumpJson({{"jsonrpc", "2.0"}, {"error", tooManyCalls(why)}, {"id", id}}));
+    Response response =
+        jsonResponse(http::status::too_many_requests,
+                     dumpJson({{"jsonrpc", "2.0"}, {"error", tooManyCalls(why)}, {"id", id}}));
     response.set(http::field::retry_after, "1");
     return response;
   };
@@ -92,7 +93,9 @@ Routed modulePage(const std::string& module, const std::shared_ptr<const RpcDisp
 
 }  // namespace
 
-std::string escapeHtml(const std::string& text) { return vu::html::escape(text); }
+std::string escapeHtml(const std::string& text) {
+  return vu::html::escape(text);
+}
 
 std::string indexPage(const std::vector<std::string>& modules) {
   std::string page =
@@ -174,9 +177,8 @@ Routed route(Request& request, const std::shared_ptr<const RpcDispatcher>& rpc) 
   if (!trailingSlash) {
     // The page's relative "?eval=" requests need the slash.
     Response moved = textResponse(http::status::moved_permanently, "see /" + module + "/");
-    moved.set(http::field::location,
-              std::string(request.target().substr(0, target.path.size())) + "/" +
-                  (target.hasQuery ? "?" + target.query : ""));
+    moved.set(http::field::location, std::string(request.target().substr(0, target.path.size())) +
+                                         "/" + (target.hasQuery ? "?" + target.query : ""));
     return respond(std::move(moved));
   }
   if (expression) return evaluate(*expression, rpc);

@@ -8,10 +8,9 @@
 //   } catch (const vu::json::ParseError& error) { ... error.what() ... }   // or TooDeepError
 #pragma once
 
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
-
-#include <nlohmann/json.hpp>
 
 namespace vu {
 namespace json {
@@ -31,17 +30,17 @@ public:
 inline nlohmann::json parseLimited(const std::string& text, int maxDepth) {
   int depth = 0;
   bool tooDeep = false;
-  const nlohmann::json::parser_callback_t limit =
-      [&](int, nlohmann::json::parse_event_t event, nlohmann::json&) {
-        if (event == nlohmann::json::parse_event_t::object_start ||
-            event == nlohmann::json::parse_event_t::array_start) {
-          if (++depth > maxDepth) tooDeep = true;
-        } else if (event == nlohmann::json::parse_event_t::object_end ||
-                   event == nlohmann::json::parse_event_t::array_end) {
-          --depth;
-        }
-        return !tooDeep;
-      };
+  const nlohmann::json::parser_callback_t limit = [&](int, nlohmann::json::parse_event_t event,
+                                                      nlohmann::json&) {
+    if (event == nlohmann::json::parse_event_t::object_start ||
+        event == nlohmann::json::parse_event_t::array_start) {
+      if (++depth > maxDepth) tooDeep = true;
+    } else if (event == nlohmann::json::parse_event_t::object_end ||
+               event == nlohmann::json::parse_event_t::array_end) {
+      --depth;
+    }
+    return !tooDeep;
+  };
   nlohmann::json document;
   try {
     document = nlohmann::json::parse(text, limit);

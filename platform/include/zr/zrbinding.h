@@ -123,13 +123,22 @@ void bindMember(C* object, R (C::*member)(P...), const MethodDoc& doc) {
 // code), each described as "the <name>", its result type code and, when returnName is
 // not empty, its result line. `overload` adds it beside an existing method of that name.
 struct CallableMethod {
+  CallableMethod(std::string n, std::string d, std::vector<std::pair<std::string, int>> p = {},
+                 int rt = TypeCodeVoid, std::string rn = "", std::string rd = "", bool o = false)
+      : name(std::move(n)),
+        description(std::move(d)),
+        params(std::move(p)),
+        returnType(rt),
+        returnName(std::move(rn)),
+        returnDescription(std::move(rd)),
+        overload(o) {}
   std::string name;
   std::string description;
   std::vector<std::pair<std::string, int>> params;
-  int returnType = TypeCodeVoid;
+  int returnType;
   std::string returnName;
   std::string returnDescription;
-  bool overload = false;
+  bool overload;
 };
 
 inline void bindCallable(ZRModuleCore& module, const CallableMethod& method,

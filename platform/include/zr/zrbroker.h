@@ -9,20 +9,19 @@
 // get a thread of their own, so blocking calls never starve one another.
 #pragma once
 
+#include <zr/zrmethodinfo.h>
+#include <zr/zrvalue.h>
+
 #include <atomic>
+#include <boost/enable_shared_from_this.hpp>
+#include <boost/make_shared.hpp>
+#include <boost/shared_ptr.hpp>
 #include <condition_variable>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <string>
 #include <vector>
-
-#include <boost/enable_shared_from_this.hpp>
-#include <boost/make_shared.hpp>
-#include <boost/shared_ptr.hpp>
-
-#include <zr/zrmethodinfo.h>
-#include <zr/zrvalue.h>
 
 namespace ZR {
 
@@ -74,7 +73,8 @@ public:
   bool shutdown(int graceMs);
   bool isShuttingDown() const { return fShuttingDown.load(); }
 
-  template <typename T> boost::shared_ptr<T> getSpecialisedProxy(const std::string& module) {
+  template <typename T>
+  boost::shared_ptr<T> getSpecialisedProxy(const std::string& module) {
     return boost::make_shared<T>(shared_from_this(), module);
   }
 

@@ -4,9 +4,9 @@
 // own modules use ZRCallableFunctor.
 #pragma once
 
-#include <functional>
-
 #include <zr/zrvalue.h>
+
+#include <functional>
 
 namespace ZR {
 

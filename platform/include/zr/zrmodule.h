@@ -6,11 +6,10 @@
 //                                              const char* name);
 #pragma once
 
-#include <string>
+#include <zr/zrmodulecore.h>
 
 #include <boost/shared_ptr.hpp>
-
-#include <zr/zrmodulecore.h>
+#include <string>
 
 namespace ZR {
 

@@ -10,19 +10,18 @@
 // registration order.
 #pragma once
 
+#include <zr/zrfunctorbase.h>
+#include <zr/zrmethodinfo.h>
+#include <zr/zrvalue.h>
+
 #include <atomic>
+#include <boost/enable_shared_from_this.hpp>
+#include <boost/shared_ptr.hpp>
+#include <boost/thread/mutex.hpp>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <boost/enable_shared_from_this.hpp>
-#include <boost/shared_ptr.hpp>
-#include <boost/thread/mutex.hpp>
-
-#include <zr/zrfunctorbase.h>
-#include <zr/zrmethodinfo.h>
-#include <zr/zrvalue.h>
 
 namespace ZR {
 

@@ -8,13 +8,12 @@
 // broker does not host throws ZRError saying so.
 #pragma once
 
-#include <string>
-#include <type_traits>
-
-#include <boost/shared_ptr.hpp>
-
 #include <zr/zrbroker.h>
 #include <zr/zrvalue.h>
+
+#include <boost/shared_ptr.hpp>
+#include <string>
+#include <type_traits>
 
 namespace ZR {
 
@@ -28,10 +27,13 @@ public:
 };
 
 // A posted call of a method with one argument of type T.
-template <typename T> class _pcall1 : public PCallBase {
+template <typename T>
+class _pcall1 : public PCallBase {
 public:
   _pcall1(boost::shared_ptr<ZRBroker> broker, std::string module, std::string method, T arg)
-      : fBroker(std::move(broker)), fModule(std::move(module)), fMethod(std::move(method)),
+      : fBroker(std::move(broker)),
+        fModule(std::move(module)),
+        fMethod(std::move(method)),
         fArg(std::move(arg)) {}
   void run() override {
     ZRValue args = ZRValue::array();
@@ -62,23 +64,27 @@ public:
   ZRValue genericCall(const std::string& method, const ZRValue& args);
 
   // Typed call: each argument becomes one ZRValue; the result is converted to R.
-  template <typename R, typename... A> R call(const std::string& method, const A&... args) {
+  template <typename R, typename... A>
+  R call(const std::string& method, const A&... args) {
     ZRValue result = genericCall(method, pack(args...));
     return convertResult<R>(result);
   }
 
   // Posts method(arg) and returns the task id at once. T must be std::string here.
-  template <typename T> int pCall(const std::string& method, const T& arg);
+  template <typename T>
+  int pCall(const std::string& method, const T& arg);
 
 protected:
-  template <typename... A> static ZRValue pack(const A&... args) {
+  template <typename... A>
+  static ZRValue pack(const A&... args) {
     ZRValue array = ZRValue::array();
     (array.arrayPush(ZRValue(args)), ...);
     return array;
   }
 
 private:
-  template <typename R> static R convertResult(const ZRValue& result) {
+  template <typename R>
+  static R convertResult(const ZRValue& result) {
     if constexpr (std::is_void_v<R>) {
       (void)result;
     } else if constexpr (std::is_same_v<R, ZRValue>) {
@@ -93,6 +99,7 @@ private:
   std::string fModule;
 };
 
-template <> int ZRProxy::pCall<std::string>(const std::string& method, const std::string& arg);
+template <>
+int ZRProxy::pCall<std::string>(const std::string& method, const std::string& arg);
 
 }  // namespace ZR

@@ -4,11 +4,11 @@
 //   detail::TypeCode<std::vector<std::string>>::value == 25
 #pragma once
 
+#include <zr/zrvalue.h>
+
 #include <string>
 #include <type_traits>
 #include <vector>
-
-#include <zr/zrvalue.h>
 
 namespace ZR {
 
@@ -33,14 +33,34 @@ template <typename T>
 using bare_t = std::remove_cv_t<std::remove_reference_t<T>>;
 
 // The type code of a C++ type as it appears in a member-function signature.
-template <typename T> struct TypeCode;
-template <> struct TypeCode<void> { static constexpr int value = TypeCodeVoid; };
-template <> struct TypeCode<bool> { static constexpr int value = TypeCodeBool; };
-template <> struct TypeCode<int> { static constexpr int value = TypeCodeInt; };
-template <> struct TypeCode<float> { static constexpr int value = TypeCodeFloat; };
-template <> struct TypeCode<std::string> { static constexpr int value = TypeCodeString; };
-template <> struct TypeCode<ZRValue> { static constexpr int value = TypeCodeValue; };
-template <> struct TypeCode<std::vector<std::string>> {
+template <typename T>
+struct TypeCode;
+template <>
+struct TypeCode<void> {
+  static constexpr int value = TypeCodeVoid;
+};
+template <>
+struct TypeCode<bool> {
+  static constexpr int value = TypeCodeBool;
+};
+template <>
+struct TypeCode<int> {
+  static constexpr int value = TypeCodeInt;
+};
+template <>
+struct TypeCode<float> {
+  static constexpr int value = TypeCodeFloat;
+};
+template <>
+struct TypeCode<std::string> {
+  static constexpr int value = TypeCodeString;
+};
+template <>
+struct TypeCode<ZRValue> {
+  static constexpr int value = TypeCodeValue;
+};
+template <>
+struct TypeCode<std::vector<std::string>> {
   static constexpr int value = TypeCodeStringVector;
 };
 

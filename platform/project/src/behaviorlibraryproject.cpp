@@ -129,8 +129,7 @@ bool placeBehavior(const std::string& source, const std::string& dest, const std
   const bool destExists = ::lstat(dest.c_str(), &destInfo) == 0;
   const bool inPlace = destExists && ::stat(dest.c_str(), &destInfo) == 0 &&
                        ::stat(source.c_str(), &sourceInfo) == 0 &&
-                       sourceInfo.st_dev == destInfo.st_dev &&
-                       sourceInfo.st_ino == destInfo.st_ino;
+                       sourceInfo.st_dev == destInfo.st_dev && sourceInfo.st_ino == destInfo.st_ino;
   if (inPlace) {
     return true;
   }
@@ -182,14 +181,13 @@ bool placeBehavior(const std::string& source, const std::string& dest, const std
     try {
       detail::removeTree(staging);  // now the old destination
     } catch (const ProjectError& error) {
-      detail::logWarning(kImport, std::string("Imported " + rel + " but the old copy stays: ") +
-                                      error.what());
+      detail::logWarning(
+          kImport, std::string("Imported " + rel + " but the old copy stays: ") + error.what());
     }
   } else if (std::rename(staging.c_str(), dest.c_str()) != 0) {
     const std::string error = std::strerror(errno);
     abandonStaging();
-    detail::logError(kImport,
-                     "Cannot move " + source + " into place at " + dest + ": " + error);
+    detail::logError(kImport, "Cannot move " + source + " into place at " + dest + ": " + error);
     return false;
   }
   return true;

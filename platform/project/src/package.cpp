@@ -1,6 +1,6 @@
 #include <sys/stat.h>
-#include <vu/project/package.h>
 #include <vu/project/error.h>
+#include <vu/project/package.h>
 
 #include <algorithm>
 #include <boost/filesystem.hpp>
@@ -49,8 +49,7 @@ void mergeInto(const std::string& from, const std::string& to) {
       detail::removeTree(target);
     }
     if (std::rename(source.c_str(), target.c_str()) != 0) {
-      throw ProjectError("cannot move " + source + " to " + target + ": " +
-                               std::strerror(errno));
+      throw ProjectError("cannot move " + source + " to " + target + ": " + std::strerror(errno));
     }
   }
 }
@@ -123,8 +122,7 @@ ArchiveFormat unpack(const std::string& packagePath, const std::string& destDir,
         detail::unpackInto(packagePath, realPath(staging), packageBytes, format);
     if (!destExists) {
       if (std::rename(staging.c_str(), dest.c_str()) != 0) {
-        throw ProjectError("cannot move " + staging + " to " + dest + ": " +
-                                 std::strerror(errno));
+        throw ProjectError("cannot move " + staging + " to " + dest + ": " + std::strerror(errno));
       }
       detail::rememberFreshUnpack(dest);
     } else {
@@ -147,7 +145,7 @@ void importProject(const std::string& packagePath, const std::string& destDir,
                    ArchiveFormat& format) {
   if (format != ArchiveFormatDetect && format != ArchiveFormatZip && format != ArchiveFormatTar) {
     throw ProjectError("importProject: unsupported archive format " +
-                             std::to_string(static_cast<int>(format)));
+                       std::to_string(static_cast<int>(format)));
   }
   try {
     format = unpack(packagePath, destDir, format);

@@ -1,11 +1,9 @@
-#include <vu/project/staging.h>
-
-#include <vu/project/error.h>
-
 #include <dirent.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vu/project/error.h>
+#include <vu/project/staging.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -31,7 +29,9 @@ pid_t makerOf(const std::string& name) {
   return end == rest.c_str() + dash && pid > 0 ? static_cast<pid_t>(pid) : 0;
 }
 
-bool isAlive(pid_t pid) { return pid == ::getpid() || ::kill(pid, 0) == 0 || errno == EPERM; }
+bool isAlive(pid_t pid) {
+  return pid == ::getpid() || ::kill(pid, 0) == 0 || errno == EPERM;
+}
 
 void sweep(const std::string& dir, int depth, std::vector<std::string>& removed) {
   std::unique_ptr<DIR, int (*)(DIR*)> stream(::opendir(dir.c_str()), &::closedir);

@@ -26,8 +26,8 @@ Sink& currentSink() {
 std::string format(const Message& message) {
   const auto since = message.time.time_since_epoch();
   const std::time_t seconds = std::chrono::duration_cast<std::chrono::seconds>(since).count();
-  const int millis = static_cast<int>(
-      std::chrono::duration_cast<std::chrono::milliseconds>(since).count() % 1000);
+  const int millis =
+      static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(since).count() % 1000);
   std::tm utc{};
   gmtime_r(&seconds, &utc);
   char stamp[64];
@@ -52,8 +52,12 @@ void write(int level, const std::string& category, const std::string& function,
   std::fwrite(line.data(), 1, line.size(), stderr);
 }
 
-void setMaxLevel(int level) { gMaxLevel.store(level); }
-int maxLevel() { return gMaxLevel.load(); }
+void setMaxLevel(int level) {
+  gMaxLevel.store(level);
+}
+int maxLevel() {
+  return gMaxLevel.load();
+}
 
 void setSink(Sink sink) {
   std::lock_guard<std::mutex> lock(sinkMutex());

@@ -1,7 +1,6 @@
-#include <vu/os.h>
-
 #include <pwd.h>
 #include <unistd.h>
+#include <vu/os.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -27,16 +26,22 @@ std::string tmp() {
   return "/tmp";
 }
 
-std::FILE* fopen(const char* path, const char* mode) { return std::fopen(path, mode); }
+std::FILE* fopen(const char* path, const char* mode) {
+  return std::fopen(path, mode);
+}
 
 namespace {
 // Atomic because other threads may read it through msleepCounterOfThisThread.
 thread_local std::atomic<unsigned long> tSleepCount{0};
 }  // namespace
 
-unsigned long msleepCountOnThisThread() { return tSleepCount.load(); }
+unsigned long msleepCountOnThisThread() {
+  return tSleepCount.load();
+}
 
-const std::atomic<unsigned long>& msleepCounterOfThisThread() { return tSleepCount; }
+const std::atomic<unsigned long>& msleepCounterOfThisThread() {
+  return tSleepCount;
+}
 
 void msleep(unsigned int milliseconds) {
   ++tSleepCount;

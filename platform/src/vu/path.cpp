@@ -1,12 +1,9 @@
+#include <unistd.h>
+#include <vu/os.h>
 #include <vu/path.h>
 
-#include <unistd.h>
-
-#include <cstdlib>
-
 #include <boost/filesystem.hpp>
-
-#include <vu/os.h>
+#include <cstdlib>
 
 namespace fs = boost::filesystem;
 

@@ -1,10 +1,9 @@
+#include <vu/log.h>
 #include <vu/settings.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <string>
-
-#include <vu/log.h>
 
 namespace vu {
 namespace settings {

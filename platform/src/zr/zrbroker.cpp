@@ -1,12 +1,11 @@
+#include <vu/log.h>
 #include <zr/zrbroker.h>
+#include <zr/zrerror.h>
+#include <zr/zrmodulecore.h>
 
 #include <algorithm>
 #include <chrono>
 #include <thread>
-
-#include <vu/log.h>
-#include <zr/zrerror.h>
-#include <zr/zrmodulecore.h>
 
 namespace ZR {
 
@@ -79,7 +78,9 @@ ZRModuleCore* ZRBroker::findModule(const std::string& name) const {
   return nullptr;
 }
 
-bool ZRBroker::hasModule(const std::string& name) const { return findModule(name) != nullptr; }
+bool ZRBroker::hasModule(const std::string& name) const {
+  return findModule(name) != nullptr;
+}
 
 std::vector<std::string> ZRBroker::getModuleNames() const {
   std::lock_guard<std::mutex> lock(fModulesMutex);
@@ -125,10 +126,10 @@ ZRValue ZRBroker::call(const std::string& module, const std::string& method, con
   ZRModuleCore::BoundMethod bound;
   if (!target->findMethod(method, arity, bound)) {
     if (target->hasMethod(method)) {
-      throw ZRError(fName, "call",
-                    "method " + module + "." + method + " takes no " + std::to_string(arity) +
-                        " arguments",
-                    __FILE__, __LINE__);
+      throw ZRError(
+          fName, "call",
+          "method " + module + "." + method + " takes no " + std::to_string(arity) + " arguments",
+          __FILE__, __LINE__);
     }
     throw ZRError(fName, "call", "module " + module + " has no method " + method, __FILE__,
                   __LINE__);

@@ -1,6 +1,5 @@
-#include <zr/zrmodule.h>
-
 #include <zr/zrbroker.h>
+#include <zr/zrmodule.h>
 
 namespace ZR {
 

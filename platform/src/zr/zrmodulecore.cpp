@@ -1,6 +1,5 @@
-#include <zr/zrmodulecore.h>
-
 #include <zr/zrerror.h>
+#include <zr/zrmodulecore.h>
 
 #include <algorithm>
 #include <chrono>
@@ -21,8 +20,7 @@ ZRModuleCore::ZRModuleCore(boost::shared_ptr<ZRBroker> broker, const std::string
 
 ZRModuleCore::~ZRModuleCore() = default;
 
-ZRModuleCore::CallInProgress::CallInProgress(const ZRModuleCore& module)
-    : fCount(module.fCalls) {
+ZRModuleCore::CallInProgress::CallInProgress(const ZRModuleCore& module) : fCount(module.fCalls) {
   std::lock_guard<std::mutex> lock(fCount->mutex);
   ++fCount->calls;
 }
@@ -77,8 +75,8 @@ void ZRModuleCore::addParam(const std::string& name, const std::string& descript
 void ZRModuleCore::setReturn(const std::string& name, const std::string& description) {
   boost::mutex::scoped_lock lock(fTableMutex);
   if (!fHasCurrent) {
-    throw ZRError(fName, "setReturn", "no method description is open for result " + name,
-                  __FILE__, __LINE__);
+    throw ZRError(fName, "setReturn", "no method description is open for result " + name, __FILE__,
+                  __LINE__);
   }
   fCurrent.returnName = name;
   fCurrent.returnDescription = description;
@@ -87,8 +85,8 @@ void ZRModuleCore::setReturn(const std::string& name, const std::string& descrip
 ZRMethodInfo& ZRModuleCore::getCurrentMethodDescription() {
   boost::mutex::scoped_lock lock(fTableMutex);
   if (!fHasCurrent) {
-    throw ZRError(fName, "getCurrentMethodDescription", "no method description is open",
-                  __FILE__, __LINE__);
+    throw ZRError(fName, "getCurrentMethodDescription", "no method description is open", __FILE__,
+                  __LINE__);
   }
   return fCurrent;
 }

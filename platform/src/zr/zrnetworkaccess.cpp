@@ -26,7 +26,9 @@ bool isLoopbackAddress(const std::string& address) {
   return parsed.is_loopback();
 }
 
-bool ZRNetworkAccess::listensBeyondLoopback() const { return !isLoopbackAddress(bindAddress); }
+bool ZRNetworkAccess::listensBeyondLoopback() const {
+  return !isLoopbackAddress(bindAddress);
+}
 
 bool ZRNetworkAccess::acceptsSecret(const std::string& candidate) const {
   if (secret.empty()) return false;

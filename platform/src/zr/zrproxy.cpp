@@ -1,7 +1,6 @@
-#include <zr/zrproxy.h>
-
 #include <zr/zrerror.h>
 #include <zr/zrmodulecore.h>
+#include <zr/zrproxy.h>
 #include <zr/zrtypes.h>
 
 namespace ZR {

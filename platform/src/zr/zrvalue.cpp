@@ -1,9 +1,8 @@
+#include <zr/zrerror.h>
 #include <zr/zrvalue.h>
 
 #include <cmath>
 #include <sstream>
-
-#include <zr/zrerror.h>
 
 namespace ZR {
 namespace {
@@ -61,7 +60,9 @@ int ZRValue::toInt() const {
   typeMismatch("toInt", fType, TypeInt);
 }
 
-float ZRValue::toFloat() const { return static_cast<float>(toDouble()); }
+float ZRValue::toFloat() const {
+  return static_cast<float>(toDouble());
+}
 
 double ZRValue::toDouble() const {
   if (fType == TypeFloat) return fFloat;
@@ -106,8 +107,12 @@ const ZRValue& ZRValue::checkedElement(int index) const {
   return fArray[static_cast<std::size_t>(index)];
 }
 
-ZRValue& ZRValue::operator[](int index) { return const_cast<ZRValue&>(checkedElement(index)); }
-const ZRValue& ZRValue::operator[](int index) const { return checkedElement(index); }
+ZRValue& ZRValue::operator[](int index) {
+  return const_cast<ZRValue&>(checkedElement(index));
+}
+const ZRValue& ZRValue::operator[](int index) const {
+  return checkedElement(index);
+}
 
 void ZRValue::arrayPush(const ZRValue& element) {
   if (fType == TypeInvalid) {

@@ -1,11 +1,9 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <tuqvu/broker/cli.h>
 
-#include <sys/stat.h>
-
-#include <fstream>
-
 #include <boost/filesystem.hpp>
-#include <gtest/gtest.h>
+#include <fstream>
 
 using namespace tuqvu::broker;
 using nlohmann::json;
@@ -47,7 +45,8 @@ TEST(Cli, BuildsTheRequest) {
   EXPECT_EQ(json::parse(R"({"jsonrpc":"2.0","id":1,"method":"M.m","params":["dance",3]})"),
             json::parse(buildCallRequest("M.m", {"dance", "3"})));
   EXPECT_EQ("/events", eventsTarget("", {}));
-  EXPECT_EQ("/b/events?key=BehaviorsRun&key=a%20b%26c", eventsTarget("/b", {"BehaviorsRun", "a b&c"}));
+  EXPECT_EQ("/b/events?key=BehaviorsRun&key=a%20b%26c",
+            eventsTarget("/b", {"BehaviorsRun", "a b&c"}));
 }
 
 TEST(Cli, InterpretsAnswers) {
@@ -60,7 +59,8 @@ TEST(Cli, InterpretsAnswers) {
       R"({"jsonrpc":"2.0","id":1,"error":{"code":-32000,"message":"M::m\n\tbad","data":{"description":"bad"}}})");
   EXPECT_EQ(1, answer.exitStatus);
   EXPECT_EQ("bad", answer.text);
-  answer = interpretAnswer(R"({"jsonrpc":"2.0","id":1,"error":{"code":-32601,"message":"Method not found"}})");
+  answer = interpretAnswer(
+      R"({"jsonrpc":"2.0","id":1,"error":{"code":-32601,"message":"Method not found"}})");
   EXPECT_EQ(1, answer.exitStatus);
   EXPECT_EQ("Method not found", answer.text);
   EXPECT_THROW(interpretAnswer("<html>"), std::runtime_error);
@@ -69,8 +69,8 @@ TEST(Cli, InterpretsAnswers) {
 
 TEST(Cli, HelpExplainsCallsAndWatchingWithExamples) {
   const std::string help = cliHelpText();
-  for (const char* part : {"--url", "--watch", "--help", "Module.method", "Examples:",
-                           "http://127.0.0.1:9600"}) {
+  for (const char* part :
+       {"--url", "--watch", "--help", "Module.method", "Examples:", "http://127.0.0.1:9600"}) {
     EXPECT_NE(std::string::npos, help.find(part)) << part;
   }
 }
@@ -177,7 +177,8 @@ TEST_F(UploadPlan, ADirectoryIsSentFileByFileInNameOrder) {
   write("hello/behavior.xar", "<behavior/>");
   write("hello/sounds/hi.wav", "");
   fs::create_directories(fRoot / "hello" / "empty");
-  const std::vector<UploadItem> items = planUpload(path("hello") + "/", "/behaviors/User/greetings/");
+  const std::vector<UploadItem> items =
+      planUpload(path("hello") + "/", "/behaviors/User/greetings/");
   ASSERT_EQ(3u, items.size());
   EXPECT_EQ("/behaviors/User/greetings/hello/behavior.xar", items[0].remote);
   EXPECT_EQ("/behaviors/User/greetings/hello/project.xml", items[1].remote);
@@ -205,8 +206,9 @@ TEST_F(UploadPlan, WhatCannotBeSentIsRefusedBeforeAnythingIsSent) {
 TEST(Cli, FileServiceReplies) {
   FileReply reply;
   // That server ends its lines with "\n" alone.
-  const std::string ok = "HTTP/1.1 200 OK\nServer: TuqVu\nContent-Length: 3\nContent-Type: "
-                         "text/plain\nConnection: keep-alive\n\nok\n";
+  const std::string ok =
+      "HTTP/1.1 200 OK\nServer: TuqVu\nContent-Length: 3\nContent-Type: "
+      "text/plain\nConnection: keep-alive\n\nok\n";
   for (std::size_t cut = 0; cut < ok.size(); ++cut) {
     EXPECT_FALSE(parseFileReply(ok.substr(0, cut), false, reply)) << cut;
   }
@@ -215,7 +217,8 @@ TEST(Cli, FileServiceReplies) {
   EXPECT_EQ("OK", reply.reason);
   EXPECT_EQ("ok\n", reply.body);
 
-  ASSERT_TRUE(parseFileReply("HTTP/1.1 411 Length Required\r\ncontent-length: 5\r\n\r\n411 -", false, reply));
+  ASSERT_TRUE(parseFileReply("HTTP/1.1 411 Length Required\r\ncontent-length: 5\r\n\r\n411 -",
+                             false, reply));
   EXPECT_EQ(411, reply.status);
   EXPECT_EQ("Length Required", reply.reason);
   EXPECT_EQ("411 -", reply.body);

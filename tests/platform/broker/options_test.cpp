@@ -1,6 +1,5 @@
-#include <tuqvu/broker/options.h>
-
 #include <gtest/gtest.h>
+#include <tuqvu/broker/options.h>
 
 using namespace tuqvu::broker;
 
@@ -47,17 +46,24 @@ TEST(Options, ReadsEveryOptionInBothForms) {
 }
 
 TEST(Options, HostNamesAndTheSecretFileAreRead) {
-  const Options options = parse({"--host-name", "robot.local", "--host-name=nao",
-                                 "--secret-file", "/etc/tuqvu/secret"});
+  const Options options = parse(
+      {"--host-name", "robot.local", "--host-name=nao", "--secret-file", "/etc/tuqvu/secret"});
   EXPECT_EQ((std::vector<std::string>{"robot.local", "nao"}), options.hostNames);
   EXPECT_EQ("/etc/tuqvu/secret", options.secretFile);
 }
 
 TEST(Options, RefusesBadValuesWithAReason) {
-  const std::vector<std::vector<const char*>> bad = {
-      {"--port", "65536"}, {"--port", "-1"},        {"--port", "12a"},  {"--port"},
-      {"--bind", "nowhere"}, {"--log-level", "0"}, {"--log-level", "7"}, {"--module"},
-      {"--module", ""},     {"--frobnicate"},       {"extra"}};
+  const std::vector<std::vector<const char*>> bad = {{"--port", "65536"},
+                                                     {"--port", "-1"},
+                                                     {"--port", "12a"},
+                                                     {"--port"},
+                                                     {"--bind", "nowhere"},
+                                                     {"--log-level", "0"},
+                                                     {"--log-level", "7"},
+                                                     {"--module"},
+                                                     {"--module", ""},
+                                                     {"--frobnicate"},
+                                                     {"extra"}};
   for (const auto& args : bad) {
     EXPECT_THROW(parse(args), OptionsError) << args[0];
   }

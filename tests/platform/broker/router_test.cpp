@@ -1,10 +1,8 @@
-#include <tuqvu/broker/router.h>
-
 #include <gtest/gtest.h>
-
+#include <tuqvu/broker/router.h>
 #include <zr/zrbroker.h>
 
-#include "support/inprocess_module.h"
+#include "support/inprocessmodule.h"
 
 using namespace tuqvu::broker;
 using nlohmann::json;
@@ -14,7 +12,8 @@ namespace {
 class RouterTest : public ::testing::Test {
 protected:
   RouterTest()
-      : broker(ZR::ZRBroker::create("tuqvu")), module(broker, "Echo"),
+      : broker(ZR::ZRBroker::create("tuqvu")),
+        module(broker, "Echo"),
         rpc(std::make_shared<RpcDispatcher>(broker)) {
     module.add("echo", {{"value", ZR::TypeCodeValue}}, ZR::TypeCodeValue,
                [](const ZR::ZRValue& args, ZR::ZRValue& result) { result = args[0]; });
@@ -49,17 +48,18 @@ TEST_F(RouterTest, RpcIsAPostCall) {
   EXPECT_EQ(http::status::ok, response.result());
   EXPECT_EQ("application/json", response[http::field::content_type]);
   EXPECT_EQ(json::parse(R"({"jsonrpc":"2.0","id":1,"result":4})"), json::parse(response.body()));
-  EXPECT_EQ(http::status::no_content,
-            answer(http::verb::post, "/rpc", R"({"jsonrpc":"2.0","method":"Echo.echo","params":[4]})")
-                .result());
+  EXPECT_EQ(
+      http::status::no_content,
+      answer(http::verb::post, "/rpc", R"({"jsonrpc":"2.0","method":"Echo.echo","params":[4]})")
+          .result());
   const Response get = answer(http::verb::get, "/rpc");
   EXPECT_EQ(http::status::method_not_allowed, get.result());
   EXPECT_EQ("POST", get[http::field::allow]);
 }
 
 TEST_F(RouterTest, CallsMustBeSentAsJson) {
-  for (const char* type : {"", "text/plain", "application/x-www-form-urlencoded",
-                           "multipart/form-data; boundary=x"}) {
+  for (const char* type :
+       {"", "text/plain", "application/x-www-form-urlencoded", "multipart/form-data; boundary=x"}) {
     Request request{http::verb::post, "/rpc", 11};
     if (*type != '\0') request.set(http::field::content_type, type);
     request.body() = R"({"jsonrpc":"2.0","id":1,"method":"Echo.echo","params":[4]})";

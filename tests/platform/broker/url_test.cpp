@@ -1,6 +1,5 @@
-#include <tuqvu/broker/url.h>
-
 #include <gtest/gtest.h>
+#include <tuqvu/broker/url.h>
 
 using namespace tuqvu::broker;
 
@@ -27,9 +26,9 @@ TEST(Url, ChecksUtf8) {
   EXPECT_TRUE(isValidUtf8("plain"));
   EXPECT_TRUE(isValidUtf8("\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80"));
   EXPECT_FALSE(isValidUtf8("\xff"));
-  EXPECT_FALSE(isValidUtf8("\xc3"));           // cut short
-  EXPECT_FALSE(isValidUtf8("\xc0\xaf"));       // overlong
-  EXPECT_FALSE(isValidUtf8("\xed\xa0\x80"));   // surrogate
+  EXPECT_FALSE(isValidUtf8("\xc3"));              // cut short
+  EXPECT_FALSE(isValidUtf8("\xc0\xaf"));          // overlong
+  EXPECT_FALSE(isValidUtf8("\xed\xa0\x80"));      // surrogate
   EXPECT_FALSE(isValidUtf8("\xf4\x90\x80\x80"));  // beyond U+10FFFF
 }
 

@@ -1,12 +1,5 @@
-#include <stdlib.h>
-
-#include <cstdlib>
-#include <regex>
-#include <thread>
-
-#include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
-
+#include <stdlib.h>
 #include <vu/base64.h>
 #include <vu/html.h>
 #include <vu/log.h>
@@ -14,6 +7,11 @@
 #include <vu/path.h>
 #include <vu/settings.h>
 #include <vu/unicode.h>
+
+#include <boost/filesystem.hpp>
+#include <cstdlib>
+#include <regex>
+#include <thread>
 
 namespace fs = boost::filesystem;
 
@@ -24,10 +22,16 @@ class ScopedEnv {
 public:
   ScopedEnv(const char* name, const char* value) : fName(name) {
     if (const char* old = std::getenv(name)) fOld = old, fHad = true;
-    if (value) setenv(name, value, 1); else unsetenv(name);
+    if (value)
+      setenv(name, value, 1);
+    else
+      unsetenv(name);
   }
   ~ScopedEnv() {
-    if (fHad) setenv(fName, fOld.c_str(), 1); else unsetenv(fName);
+    if (fHad)
+      setenv(fName, fOld.c_str(), 1);
+    else
+      unsetenv(fName);
   }
 
 private:
@@ -81,7 +85,8 @@ TEST(VuPath, UserWritableDataPathIsUnderTheDataHome) {
   }
   ScopedEnv xdg("XDG_DATA_HOME", nullptr);
   ScopedEnv home("HOME", "/h");
-  EXPECT_EQ(vu::path::userWritableDataPath("tuqvu", "prefs.xml"), "/h/.local/share/tuqvu/prefs.xml");
+  EXPECT_EQ(vu::path::userWritableDataPath("tuqvu", "prefs.xml"),
+            "/h/.local/share/tuqvu/prefs.xml");
 }
 
 TEST(VuLog, DefaultLineFormatIsTimestampLevelCategoryFunctionText) {

@@ -1,4 +1,6 @@
+#include <gtest/gtest.h>
 #include <zr/zrbroker.h>
+#include <zr/zrerror.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -6,11 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include <zr/zrerror.h>
-
-#include "test_module.h"
+#include "testmodule.h"
 
 using ZR::ZRError;
 using ZR::ZRValue;
@@ -38,10 +36,12 @@ std::string descriptionOf(const std::function<void()>& action) {
 TEST(ZRBroker, DispatchesByArityBetweenOverloads) {
   auto broker = ZR::ZRBroker::create();
   TestModule module(broker, "M");
-  module.add("install", {ZR::TypeCodeString}, ZR::TypeCodeString,
-             [](const ZRValue&, ZRValue& r) { r = ZRValue("one"); }, true);
-  module.add("install", {ZR::TypeCodeString, ZR::TypeCodeString, ZR::TypeCodeBool},
-             ZR::TypeCodeString, [](const ZRValue&, ZRValue& r) { r = ZRValue("three"); }, true);
+  module.add(
+      "install", {ZR::TypeCodeString}, ZR::TypeCodeString,
+      [](const ZRValue&, ZRValue& r) { r = ZRValue("one"); }, true);
+  module.add(
+      "install", {ZR::TypeCodeString, ZR::TypeCodeString, ZR::TypeCodeBool}, ZR::TypeCodeString,
+      [](const ZRValue&, ZRValue& r) { r = ZRValue("three"); }, true);
   EXPECT_EQ(broker->call("M", "install", args({"a"})).toString(), "one");
   EXPECT_EQ(broker->call("M", "install", args({"a", "b", true})).toString(), "three");
 }
@@ -52,7 +52,8 @@ TEST(ZRBroker, BadCallsFailWithErrorsNamingWhatWasAsked) {
   module.add("f", {ZR::TypeCodeString}, ZR::TypeCodeVoid, [](const ZRValue&, ZRValue&) {});
   EXPECT_EQ(descriptionOf([&] { broker->call("Nope", "f", args({"a"})); }),
             "module Nope is not registered");
-  EXPECT_EQ(descriptionOf([&] { broker->call("M", "g", args({"a"})); }), "module M has no method g");
+  EXPECT_EQ(descriptionOf([&] { broker->call("M", "g", args({"a"})); }),
+            "module M has no method g");
   EXPECT_EQ(descriptionOf([&] { broker->call("M", "f", args({})); }),
             "method M.f takes no 0 arguments");
   EXPECT_NE(descriptionOf([&] { broker->call("M", "f", ZRValue("a")); }).find("must be an array"),
@@ -62,9 +63,8 @@ TEST(ZRBroker, BadCallsFailWithErrorsNamingWhatWasAsked) {
 TEST(ZRBroker, MethodExceptionsPassThroughUnchanged) {
   auto broker = ZR::ZRBroker::create();
   TestModule module(broker, "M");
-  module.add("fail", {}, ZR::TypeCodeVoid, [](const ZRValue&, ZRValue&) {
-    throw ZRError("M", "fail", "it failed", "file", 12);
-  });
+  module.add("fail", {}, ZR::TypeCodeVoid,
+             [](const ZRValue&, ZRValue&) { throw ZRError("M", "fail", "it failed", "file", 12); });
   try {
     broker->call("M", "fail", args({}));
     FAIL();
@@ -158,9 +158,8 @@ struct NestedCalls {
       changed.notify_all();
       changed.wait(lock, [&] { return released; });
     });
-    outer.add("outer", {}, ZR::TypeCodeVoid, [this](const ZRValue&, ZRValue&) {
-      broker->call("Inner", "inner", args({}));
-    });
+    outer.add("outer", {}, ZR::TypeCodeVoid,
+              [this](const ZRValue&, ZRValue&) { broker->call("Inner", "inner", args({})); });
   }
   void waitUntilWaiting() {
     std::unique_lock<std::mutex> lock(mutex);

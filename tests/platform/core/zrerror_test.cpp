@@ -1,6 +1,5 @@
-#include <zr/zrerror.h>
-
 #include <gtest/gtest.h>
+#include <zr/zrerror.h>
 
 TEST(ZRError, KeepsEveryFieldAndWhatCarriesThemAll) {
   const ZR::ZRError error("ZRBehaviorManager", "runBehavior", "behavior x is not installed",

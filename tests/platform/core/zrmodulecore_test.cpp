@@ -1,11 +1,9 @@
-#include <zr/zrmodulecore.h>
-
 #include <gtest/gtest.h>
-
 #include <zr/zrbroker.h>
 #include <zr/zrerror.h>
+#include <zr/zrmodulecore.h>
 
-#include "test_module.h"
+#include "testmodule.h"
 
 using zrtest::TestModule;
 
@@ -33,21 +31,23 @@ TEST(ZRModuleCore, BindMethodRefusesADuplicateName) {
   auto broker = ZR::ZRBroker::create();
   TestModule module(broker, "M");
   module.add("f", {}, ZR::TypeCodeVoid, [](const ZR::ZRValue&, ZR::ZRValue&) {});
-  EXPECT_THROW(module.add("f", {ZR::TypeCodeInt}, ZR::TypeCodeVoid,
-                          [](const ZR::ZRValue&, ZR::ZRValue&) {}),
-               ZR::ZRError);
+  EXPECT_THROW(
+      module.add("f", {ZR::TypeCodeInt}, ZR::TypeCodeVoid, [](const ZR::ZRValue&, ZR::ZRValue&) {}),
+      ZR::ZRError);
 }
 
 TEST(ZRModuleCore, BindMethodOverloadNeedsADifferentArity) {
   auto broker = ZR::ZRBroker::create();
   TestModule module(broker, "M");
-  module.add("f", {ZR::TypeCodeString}, ZR::TypeCodeVoid, [](const ZR::ZRValue&, ZR::ZRValue&) {},
-             true);
-  EXPECT_NO_THROW(module.add("f", {ZR::TypeCodeString, ZR::TypeCodeString}, ZR::TypeCodeVoid,
-                             [](const ZR::ZRValue&, ZR::ZRValue&) {}, true));
-  EXPECT_THROW(module.add("f", {ZR::TypeCodeInt}, ZR::TypeCodeVoid,
-                          [](const ZR::ZRValue&, ZR::ZRValue&) {}, true),
-               ZR::ZRError);
+  module.add(
+      "f", {ZR::TypeCodeString}, ZR::TypeCodeVoid, [](const ZR::ZRValue&, ZR::ZRValue&) {}, true);
+  EXPECT_NO_THROW(module.add(
+      "f", {ZR::TypeCodeString, ZR::TypeCodeString}, ZR::TypeCodeVoid,
+      [](const ZR::ZRValue&, ZR::ZRValue&) {}, true));
+  EXPECT_THROW(
+      module.add(
+          "f", {ZR::TypeCodeInt}, ZR::TypeCodeVoid, [](const ZR::ZRValue&, ZR::ZRValue&) {}, true),
+      ZR::ZRError);
 }
 
 TEST(ZRModuleCore, DescriptionCallsWithoutAnOpenMethodThrow) {
@@ -70,7 +70,8 @@ TEST(ZRModuleCore, ModuleRegistersAndWithdrawsItselfByName) {
 TEST(ZRModuleCore, DefaultPageListsTheMethods) {
   auto broker = ZR::ZRBroker::create();
   TestModule module(broker, "M");
-  module.add("hello", {ZR::TypeCodeString}, ZR::TypeCodeVoid, [](const ZR::ZRValue&, ZR::ZRValue&) {});
+  module.add("hello", {ZR::TypeCodeString}, ZR::TypeCodeVoid,
+             [](const ZR::ZRValue&, ZR::ZRValue&) {});
   const std::string page = broker->modulePage("M");
   EXPECT_NE(page.find("hello("), std::string::npos);
   EXPECT_NE(page.find("std::string p1"), std::string::npos);

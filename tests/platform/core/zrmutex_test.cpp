@@ -1,11 +1,10 @@
+#include <gtest/gtest.h>
 #include <zr/zrmutex.h>
 
 #include <atomic>
+#include <boost/weak_ptr.hpp>
 #include <thread>
 #include <vector>
-
-#include <boost/weak_ptr.hpp>
-#include <gtest/gtest.h>
 
 using ZR::ZRCriticalSection;
 using ZR::ZRMutex;

@@ -1,13 +1,11 @@
+#include <gtest/gtest.h>
+#include <zr/zrerror.h>
 #include <zr/zrproxy.h>
 
 #include <atomic>
 #include <thread>
 
-#include <gtest/gtest.h>
-
-#include <zr/zrerror.h>
-
-#include "test_module.h"
+#include "testmodule.h"
 
 using ZR::ZRError;
 using ZR::ZRValue;
@@ -68,10 +66,12 @@ TEST(ZRProxy, PCallFindsTheOneParameterOverload) {
   auto broker = ZR::ZRBroker::create();
   TestModule module(broker, "M");
   std::atomic<int> which{0};
-  module.add("go", {ZR::TypeCodeString, ZR::TypeCodeString}, ZR::TypeCodeVoid,
-             [&](const ZRValue&, ZRValue&) { which = 2; }, true);
-  module.add("go", {ZR::TypeCodeString}, ZR::TypeCodeVoid,
-             [&](const ZRValue&, ZRValue&) { which = 1; }, true);
+  module.add(
+      "go", {ZR::TypeCodeString, ZR::TypeCodeString}, ZR::TypeCodeVoid,
+      [&](const ZRValue&, ZRValue&) { which = 2; }, true);
+  module.add(
+      "go", {ZR::TypeCodeString}, ZR::TypeCodeVoid, [&](const ZRValue&, ZRValue&) { which = 1; },
+      true);
   ZR::ZRProxy proxy(broker, "M", 0, 0);
   EXPECT_TRUE(broker->waitTask(proxy.pCall<std::string>("go", "x"), 10000));
   EXPECT_EQ(which.load(), 1);

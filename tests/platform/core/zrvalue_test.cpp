@@ -1,8 +1,6 @@
-#include <zr/zrvalue.h>
-
 #include <gtest/gtest.h>
-
 #include <zr/zrerror.h>
+#include <zr/zrvalue.h>
 
 using ZR::ZRError;
 using ZR::ZRValue;

@@ -14,7 +14,7 @@ using modulestest::TempDir;
 namespace {
 
 class BehaviorFileTest : public ::testing::Test {
- protected:
+protected:
   TempDir dir;
   boost::shared_ptr<ZRBroker> broker = ZRBroker::create();
   std::unique_ptr<ZRFrameManager> frames{new ZRFrameManager(broker)};
@@ -57,7 +57,8 @@ TEST_F(BehaviorFileTest, AFileNotNamedBehaviorXarIsRefusedWithoutReadingIt) {
   const std::string other = write("root:x:0:0:root:/root:/bin/bash\nline two\n", "passwd");
   const std::string description = errorOf(other);
   EXPECT_EQ(description, "refused to read " + other + ": a behavior file is named behavior.xar");
-  EXPECT_EQ(errorOf("/etc/passwd"), "refused to read /etc/passwd: a behavior file is named behavior.xar");
+  EXPECT_EQ(errorOf("/etc/passwd"),
+            "refused to read /etc/passwd: a behavior file is named behavior.xar");
   // A folder holding no behavior.xar but other files is not read either.
   EXPECT_EQ(errorOf(dir.str()), "behavior file " + (dir / "behavior.xar") + " does not exist");
 }

@@ -15,7 +15,7 @@ namespace {
 
 // A module that answers every method it is given with a fixed behaviour.
 class StandIn : public ZRModule {
- public:
+public:
   using Handler = std::function<ZRValue(const ZRValue& args)>;
   StandIn(boost::shared_ptr<ZRBroker> broker, const std::string& name) : ZRModule(broker, name) {}
 

@@ -4,7 +4,6 @@
 
 #include <common/environment.h>
 #include <common/logcapture.h>
-
 #include <vu/log.h>
 #include <zr/zrbinding.h>
 #include <zr/zrbroker.h>
@@ -28,21 +27,21 @@ namespace modulestest {
 
 // A fresh folder under the temporary directory, removed at the end.
 class TempDir {
- public:
+public:
   TempDir() {
-    path_ = boost::filesystem::temp_directory_path() /
+    fPath = boost::filesystem::temp_directory_path() /
             boost::filesystem::unique_path("tuqvu-modules-%%%%-%%%%-%%%%");
-    boost::filesystem::create_directories(path_);
+    boost::filesystem::create_directories(fPath);
   }
   ~TempDir() {
     boost::system::error_code ignored;
-    boost::filesystem::remove_all(path_, ignored);
+    boost::filesystem::remove_all(fPath, ignored);
   }
-  std::string str() const { return path_.string(); }
-  std::string operator/(const std::string& name) const { return (path_ / name).string(); }
+  std::string str() const { return fPath.string(); }
+  std::string operator/(const std::string& name) const { return (fPath / name).string(); }
 
- private:
-  boost::filesystem::path path_;
+private:
+  boost::filesystem::path fPath;
 };
 
 using ScopedEnv = tuqvutest::ScopedEnvironment;
@@ -53,7 +52,7 @@ using tuqvutest::LogCapture;
 // one-parameter method "tick", recording every call. An optional action runs inside
 // each onEvent call (it may block or throw).
 class RecordingModule : public ZR::ZRModule {
- public:
+public:
   struct Call {
     std::string name;
     ZR::ZRValue value;
@@ -64,75 +63,76 @@ class RecordingModule : public ZR::ZRModule {
 
   RecordingModule(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name,
                   Action action = {})
-      : ZR::ZRModule(broker, name), action_(std::move(action)) {
+      : ZR::ZRModule(broker, name), fAction(std::move(action)) {
+    ZR::bindCallable(
+        *this,
+        {"onEvent",
+         "Record a notification.",
+         {{"name", ZR::TypeCodeString},
+          {"value", ZR::TypeCodeValue},
+          {"message", ZR::TypeCodeString}}},
+        [this](const ZR::ZRValue& args, ZR::ZRValue&) {
+          Call call{args[0].toString(), args[1], args[2].toString(), std::this_thread::get_id()};
+          if (fAction) fAction(call);
+          record(call);
+        });
     ZR::bindCallable(*this,
-                     {"onEvent",
-                      "Record a notification.",
-                      {{"name", ZR::TypeCodeString},
-                       {"value", ZR::TypeCodeValue},
-                       {"message", ZR::TypeCodeString}}},
-                     [this](const ZR::ZRValue& args, ZR::ZRValue&) {
-                       Call call{args[0].toString(), args[1], args[2].toString(),
-                                 std::this_thread::get_id()};
-                       if (action_) action_(call);
-                       record(call);
-                     });
-    ZR::bindCallable(*this, {"tick", "Record a call with one argument.", {{"value", ZR::TypeCodeValue}}},
-        ([this](const ZR::ZRValue& args, ZR::ZRValue&) {
-          record(Call{"tick", args[0], "", std::this_thread::get_id()});
-        }));
+                     {"tick", "Record a call with one argument.", {{"value", ZR::TypeCodeValue}}},
+                     ([this](const ZR::ZRValue& args, ZR::ZRValue&) {
+                       record(Call{"tick", args[0], "", std::this_thread::get_id()});
+                     }));
   }
 
   std::vector<Call> calls() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return calls_;
+    std::lock_guard<std::mutex> lock(fMutex);
+    return fCalls;
   }
   std::size_t size() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return calls_.size();
+    std::lock_guard<std::mutex> lock(fMutex);
+    return fCalls.size();
   }
   // Waits (up to a generous limit, only so a broken build cannot hang) for n calls.
   bool waitFor(std::size_t n, int limitMs = 20000) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::milliseconds(limitMs),
-                             [&] { return calls_.size() >= n; });
+    std::unique_lock<std::mutex> lock(fMutex);
+    return fChanged.wait_for(lock, std::chrono::milliseconds(limitMs),
+                             [&] { return fCalls.size() >= n; });
   }
 
- private:
+private:
   // Notifies under the lock: a waiter may destroy the module as soon as it wakes.
   void record(const Call& call) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    calls_.push_back(call);
-    changed_.notify_all();
+    std::lock_guard<std::mutex> lock(fMutex);
+    fCalls.push_back(call);
+    fChanged.notify_all();
   }
 
-  Action action_;
-  mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<Call> calls_;
+  Action fAction;
+  mutable std::mutex fMutex;
+  std::condition_variable fChanged;
+  std::vector<Call> fCalls;
 };
 
 // A one-shot gate: wait() blocks until open() was called.
 class Gate {
- public:
+public:
   void open() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    open_ = true;
-    changed_.notify_all();
+    std::lock_guard<std::mutex> lock(fMutex);
+    fOpen = true;
+    fChanged.notify_all();
   }
   bool wait(int limitMs = 20000) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::milliseconds(limitMs), [&] { return open_; });
+    std::unique_lock<std::mutex> lock(fMutex);
+    return fChanged.wait_for(lock, std::chrono::milliseconds(limitMs), [&] { return fOpen; });
   }
   bool isOpen() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return open_;
+    std::lock_guard<std::mutex> lock(fMutex);
+    return fOpen;
   }
 
- private:
-  mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  bool open_ = false;
+private:
+  mutable std::mutex fMutex;
+  std::condition_variable fChanged;
+  bool fOpen = false;
 };
 
 }  // namespace modulestest

@@ -28,7 +28,7 @@ long long millisecondsSince(Clock::time_point start) {
 }
 
 class FrameManagerTest : public ::testing::Test {
- protected:
+protected:
   TempDir dir;
   boost::shared_ptr<ZRBroker> broker = ZRBroker::create();
   std::unique_ptr<ZRMemory> memory{new ZRMemory(broker)};

@@ -1,12 +1,10 @@
 // ZRMemory: data, events, subscribers on the notification thread, observers.
-#include <gtest/gtest.h>
-
 #include <common/environment.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
 #include <zr/modules/zrmemory.h>
 #include <zr/proxies/zrmemoryproxy.h>
 #include <zr/zrerror.h>
-
-#include <stdlib.h>
 
 #include <atomic>
 #include <functional>
@@ -24,7 +22,7 @@ using modulestest::RecordingModule;
 namespace {
 
 class MemoryTest : public ::testing::Test {
- protected:
+protected:
   boost::shared_ptr<ZRBroker> broker = ZRBroker::create();
   std::unique_ptr<ZRMemory> memory{new ZRMemory(broker)};
 };
@@ -395,7 +393,8 @@ TEST(MemoryLimits, AValueAboveTheLimitIsRefusedAndTheOldValueStays) {
   EXPECT_EQ(memory.getData("Big"), ZRValue(std::string("small")));
   // Nested arrays count every element.
   ZRValue nested = ZRValue::array();
-  for (int i = 0; i < 20; ++i) nested.arrayPush(ZRValue(std::vector<std::string>{std::string(40, 'n')}));
+  for (int i = 0; i < 20; ++i)
+    nested.arrayPush(ZRValue(std::vector<std::string>{std::string(40, 'n')}));
   EXPECT_NE(descriptionOf([&] { memory.raiseMicroEvent("Nested", nested); }), "");
   EXPECT_THROW(memory.getData("Nested"), ZRError);
 }

@@ -43,7 +43,7 @@ std::string fileText(const std::string& path) {
 }
 
 class PreferencesTest : public ::testing::Test {
- protected:
+protected:
   TempDir home;
   ScopedEnv dataHome{"XDG_DATA_HOME", home.str()};
   boost::shared_ptr<ZRBroker> broker = ZRBroker::create();

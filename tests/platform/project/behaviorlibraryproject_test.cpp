@@ -31,7 +31,7 @@ struct Recorder {
 };
 
 class LibraryTest : public ::testing::Test {
- protected:
+protected:
   // root/
   //   dance/              behavior (tags: music, party)
   //   dance/inner/        behavior inside a behavior: not listed

@@ -1,8 +1,7 @@
 // Copying one regular file: content and permission bits, and what is refused.
-#include <vu/project/filecopy.h>
-
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <vu/project/filecopy.h>
 
 #include <string>
 

@@ -20,7 +20,7 @@ namespace {
 using Recorder = std::vector<std::string>;
 
 class FreshnessTest : public ::testing::Test {
- protected:
+protected:
   void SetUp() override {
     makeBehavior(root / "a/one", {"first"});
     makeBehavior(root / "a/two", {"second"});

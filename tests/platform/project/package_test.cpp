@@ -1,7 +1,6 @@
 // importProject: zip and tar packages, detection, and refusal of unsafe or broken ones.
-#include <gtest/gtest.h>
-
 #include <common/environment.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vu/project/package.h>
@@ -20,7 +19,7 @@ namespace {
 const std::vector<ArchiveEntry>& kWave = wavePackage();
 
 class PackageTest : public ::testing::Test {
- protected:
+protected:
   // Unpacks and expects a failure whose text holds every given piece; then checks that
   // nothing was left behind.
   void expectRefused(const std::string& package, const std::string& dest,

@@ -1,10 +1,9 @@
 // What a start removes of the staging copies that imports cut short by a crash left.
-#include <vu/project/staging.h>
-
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vu/project/staging.h>
 
 #include <algorithm>
 #include <boost/filesystem.hpp>

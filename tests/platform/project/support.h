@@ -3,7 +3,6 @@
 #pragma once
 
 #include <common/logcapture.h>
-
 #include <vu/log.h>
 
 #include <mutex>
@@ -14,7 +13,7 @@ namespace projecttest {
 
 // A fresh directory under the temporary directory, removed with everything in it.
 class ScratchDir {
- public:
+public:
   ScratchDir();
   ~ScratchDir();
   ScratchDir(const ScratchDir&) = delete;
@@ -22,7 +21,7 @@ class ScratchDir {
   const std::string& path() const { return fPath; }
   std::string operator/(const std::string& rel) const { return fPath + "/" + rel; }
 
- private:
+private:
   std::string fPath;
 };
 

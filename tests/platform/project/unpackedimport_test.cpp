@@ -31,7 +31,7 @@ dev_t deviceOf(const std::string& path) {
 }
 
 class UnpackedImportTest : public ::testing::Test {
- protected:
+protected:
   void SetUp() override { writeArchive(work / "wave.tgz", Container::TarGz, kWave); }
 
   void unpack(const std::string& dest) {

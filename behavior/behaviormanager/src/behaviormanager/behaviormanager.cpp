@@ -1,17 +1,16 @@
 // Construction, destruction and the method table of the module.
 #include "behaviormanager.h"
 
-#include <exception>
-
-#include <boost/filesystem.hpp>
-#include <boost/make_shared.hpp>
-
 #include <vu/os.h>
 #include <vu/path.h>
 #include <vu/project/behaviorlibraryproject.h>
 #include <vu/project/staging.h>
 #include <vu/unicode.h>
 #include <zr/zrtypes.h>
+
+#include <boost/filesystem.hpp>
+#include <boost/make_shared.hpp>
+#include <exception>
 
 #include "detail.h"
 
@@ -74,8 +73,8 @@ ZRBehaviorManager::ZRBehaviorManager(boost::shared_ptr<ZRBroker> broker, const s
                    "Could not subscribe to the " + fTUQvuReady +
                        " event. The BehaviorManager is not started properly.");
   }
-  for (const char* key : {behaviorsRunKey, behaviorAddedKey, behaviorUpdatedKey,
-                          behaviorRemovedKey}) {
+  for (const char* key :
+       {behaviorsRunKey, behaviorAddedKey, behaviorUpdatedKey, behaviorRemovedKey}) {
     try {
       fMemoryProxy->declareEvent(key);
     } catch (...) {
@@ -103,9 +102,9 @@ ZRBehaviorManager::ZRBehaviorManager(boost::shared_ptr<ZRBroker> broker, const s
     setBehaviorsPath(defaultUserBehaviorsPath);
     return;
   }
-  detail::log(vu::log::warning, "ZRBehaviorManager",
-              "Could not create behaviors path " + defaultUserBehaviorsPath +
-                  " for the Behavior Manager.");
+  detail::log(
+      vu::log::warning, "ZRBehaviorManager",
+      "Could not create behaviors path " + defaultUserBehaviorsPath + " for the Behavior Manager.");
 }
 
 namespace {
@@ -113,7 +112,8 @@ namespace {
 // Runs one step of the destruction. A destructor must not throw: a failure (a frame
 // manager that no longer answers, a broker that is shutting down) is logged and the
 // following steps still run.
-template <typename Step> void destructionStep(const std::string& what, Step step) {
+template <typename Step>
+void destructionStep(const std::string& what, Step step) {
   try {
     step();
   } catch (const ZRError& error) {
@@ -165,7 +165,9 @@ ZRBehaviorManager::~ZRBehaviorManager() {
   ZRCriticalSection section(fRegistryLock);
 }
 
-int ZRBehaviorManager::httpFileTransferPort() { return fFileTransfer.httpFileTransferPort(); }
+int ZRBehaviorManager::httpFileTransferPort() {
+  return fFileTransfer.httpFileTransferPort();
+}
 
 }  // namespace BehaviorManager
 }  // namespace ZR

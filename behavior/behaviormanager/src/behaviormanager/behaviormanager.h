@@ -7,7 +7,8 @@
 // call then reaches one of the public members below through the method table.
 //
 // Locks, in the only order in which two of them are ever held:
-//   registry lock (fRegistryLock)  ->  running-set mutex (fRunningMutex)  ->  state mutex (fStateMutex)
+//   registry lock (fRegistryLock)  ->  running-set mutex (fRunningMutex)  ->  state mutex
+//   (fStateMutex)
 // The registry lock is re-entrant and taken only through ZRCriticalSection. The running-set
 // mutex is held for a whole state change so that "BehaviorsRun" publications leave in the
 // order of the changes they describe. The state mutex is a leaf: nothing is called while
@@ -15,15 +16,6 @@
 // across the polling waits. The defaults mutex (fDefaultsMutex) stands apart: it is taken
 // with none of the others held and none is taken while it is.
 #pragma once
-
-#include <map>
-#include <set>
-#include <string>
-#include <vector>
-
-#include <boost/filesystem/path.hpp>
-#include <boost/shared_ptr.hpp>
-#include <boost/thread/mutex.hpp>
 
 #include <vu/project/behaviorlibraryproject.h>
 #include <zr/proxies/zrframemanagerproxy.h>
@@ -34,6 +26,14 @@
 #include <zr/zrmutex.h>
 #include <zr/zrvalue.h>
 #include <zrfiletransfer/zrfiletransfer.h>
+
+#include <boost/filesystem/path.hpp>
+#include <boost/shared_ptr.hpp>
+#include <boost/thread/mutex.hpp>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
 
 namespace ZR {
 namespace BehaviorManager {

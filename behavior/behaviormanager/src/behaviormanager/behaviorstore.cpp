@@ -1,12 +1,12 @@
 // The user library, its notifications, and the names behaviors go by.
+#include <vu/os.h>
+#include <vu/path.h>
+#include <vu/project/project.h>
+
 #include <boost/algorithm/string/erase.hpp>
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/bind/bind.hpp>
 #include <boost/filesystem.hpp>
-
-#include <vu/os.h>
-#include <vu/path.h>
-#include <vu/project/project.h>
 
 #include "behaviormanager.h"
 #include "detail.h"
@@ -43,13 +43,16 @@ void ZRBehaviorManager::xCheckUserLibraryPath(const std::string& path) {
   if (path.empty()) return;  // no library at all
   const fs::path candidate = resolved(path);
   if (candidate.empty()) {
-    throw detail::error("setBehaviorsPath",
-                        "the behaviors path " + path + " cannot be resolved", __LINE__);
+    throw detail::error("setBehaviorsPath", "the behaviors path " + path + " cannot be resolved",
+                        __LINE__);
   }
   const auto refuse = [&](const std::string& what) {
     throw detail::error("setBehaviorsPath",
-                        "the behaviors path " + path + " is refused: it is, holds or lies "
-                        "inside " + what, __LINE__);
+                        "the behaviors path " + path +
+                            " is refused: it is, holds or lies "
+                            "inside " +
+                            what,
+                        __LINE__);
   };
   if (candidate == candidate.root_path()) refuse("the root directory");
   const fs::path home = resolved(vu::os::home());
@@ -86,8 +89,10 @@ void ZRBehaviorManager::setBehaviorsPath(const std::string& path) {
   fUserLibrary = vu::project::BehaviorLibraryProject(path);
 
   fUserLibrary.behaviorAdded.connect(boost::bind(&ZRBehaviorManager::onBehaviorAdded, this, _1));
-  fUserLibrary.behaviorUpdated.connect(boost::bind(&ZRBehaviorManager::onBehaviorUpdated, this, _1));
-  fUserLibrary.behaviorRemoved.connect(boost::bind(&ZRBehaviorManager::onBehaviorRemoved, this, _1));
+  fUserLibrary.behaviorUpdated.connect(
+      boost::bind(&ZRBehaviorManager::onBehaviorUpdated, this, _1));
+  fUserLibrary.behaviorRemoved.connect(
+      boost::bind(&ZRBehaviorManager::onBehaviorRemoved, this, _1));
 
   const std::set<std::string> added = fUserLibrary.behaviorPaths("", true);
   for (const std::string& name : added) {

@@ -1,13 +1,12 @@
 // The default behaviors: a list kept in the preference file "DefaultBehaviors", started
 // when the middleware announces that it is ready.
-#include <cmath>
+#include <zr/proxies/zrpreferencesproxy.h>
+#include <zr/zrproxy.h>
 
 #include <boost/algorithm/string/split.hpp>
 #include <boost/make_shared.hpp>
 #include <boost/thread/lock_guard.hpp>
-
-#include <zr/proxies/zrpreferencesproxy.h>
-#include <zr/zrproxy.h>
+#include <cmath>
 
 #include "behaviormanager.h"
 #include "detail.h"
@@ -37,9 +36,9 @@ void ZRBehaviorManager::xReadDefaultBehaviors(std::set<std::string>& names) cons
                 std::string("DefaultBehaviors preference file ") +
                     "could not be read: " + error.description());
   } catch (const std::exception& error) {
-    detail::log(vu::log::verbose, "xReadDefaultBehaviors",
-                std::string("DefaultBehaviors preference file ") + "could not be read: " +
-                    error.what());
+    detail::log(
+        vu::log::verbose, "xReadDefaultBehaviors",
+        std::string("DefaultBehaviors preference file ") + "could not be read: " + error.what());
   }
 }
 

@@ -1,12 +1,11 @@
 // Shared by the module's source files: the names its errors and log lines carry.
 #pragma once
 
-#include <string>
-
-#include <boost/algorithm/string/predicate.hpp>
-
 #include <vu/log.h>
 #include <zr/zrerror.h>
+
+#include <boost/algorithm/string/predicate.hpp>
+#include <string>
 
 namespace ZR {
 namespace BehaviorManager {

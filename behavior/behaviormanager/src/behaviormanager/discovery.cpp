@@ -1,9 +1,9 @@
 // Listing the installed behaviors and finding the directory a name designates.
+#include <vu/project/project.h>
+
 #include <boost/algorithm/string/erase.hpp>
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/filesystem.hpp>
-
-#include <vu/project/project.h>
 
 #include "behaviormanager.h"
 #include "detail.h"

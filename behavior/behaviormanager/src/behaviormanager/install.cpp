@@ -1,12 +1,11 @@
 // Installing behaviors, packages and resources into the user library.
-#include <stdexcept>
-
-#include <boost/filesystem.hpp>
-
 #include <vu/path.h>
 #include <vu/project/filecopy.h>
 #include <vu/project/package.h>
 #include <vu/project/project.h>
+
+#include <boost/filesystem.hpp>
+#include <stdexcept>
 
 #include "behaviormanager.h"
 #include "detail.h"
@@ -83,8 +82,8 @@ bool ZRBehaviorManager::installBehavior(const std::string& absolutePath,
           !detail::namesAPlaceBelowRoot(localPath) ||
           !isWithin(to, fs::weakly_canonical(fUserLibrary.projectPath())) ||
           (from != to && (isWithin(from, to) || isWithin(to, from)))) {
-        throw std::runtime_error("\"" + localPath +
-                                 "\" is not a place for this resource in the user behavior library");
+        throw std::runtime_error(
+            "\"" + localPath + "\" is not a place for this resource in the user behavior library");
       }
       if (!overwrite && somethingAt(dest)) {
         return false;

@@ -1,21 +1,24 @@
 // The module's method table: every remote method with its description, parameters and
 // result, bound to its member.
-#include "behaviormanager.h"
-
 #include <zr/detail/zrcompleteandcheck.h>
 #include <zr/detail/zrfunctor.h>
 #include <zr/zrtypes.h>
+
+#include "behaviormanager.h"
 
 namespace ZR {
 namespace BehaviorManager {
 
 namespace {
 
-template <typename Member> struct ResultCode;
-template <typename C, typename R> struct ResultCode<R (C::*)()> {
+template <typename Member>
+struct ResultCode;
+template <typename C, typename R>
+struct ResultCode<R (C::*)()> {
   static constexpr int value = ZR::detail::TypeCode<R>::value;
 };
-template <typename C, typename R, typename... P> struct ResultCode<R (C::*)(P...)> {
+template <typename C, typename R, typename... P>
+struct ResultCode<R (C::*)(P...)> {
   static constexpr int value = ZR::detail::TypeCode<R>::value;
 };
 
@@ -59,17 +62,17 @@ void ZRBehaviorManager::registerMethods() {
           {{"localPath", "the relative destination path."}}, "success",
           "true on success, false on failure.",
           static_cast<bool (M::*)(const std::string&)>(&M::installBehavior), true);
-  bindRow(this, "installBehavior",
-          "Install a behavior.\nCheck and take the behavior found at the given absolute path "
-          "andimport it to the given local path, relative to behaviors path.\nOn success, "
-          "behavior added signal is emitted before returning.",
-          {{"absolutePath", "a behavior on the local file system to install."},
-           {"localPath", "the relative destination path."},
-           {"overwrite", "whether to replace existing behavior if present."}},
-          "success", "true on success, false on failure.",
-          static_cast<bool (M::*)(const std::string&, const std::string&, bool)>(
-              &M::installBehavior),
-          true);
+  bindRow(
+      this, "installBehavior",
+      "Install a behavior.\nCheck and take the behavior found at the given absolute path "
+      "andimport it to the given local path, relative to behaviors path.\nOn success, "
+      "behavior added signal is emitted before returning.",
+      {{"absolutePath", "a behavior on the local file system to install."},
+       {"localPath", "the relative destination path."},
+       {"overwrite", "whether to replace existing behavior if present."}},
+      "success", "true on success, false on failure.",
+      static_cast<bool (M::*)(const std::string&, const std::string&, bool)>(&M::installBehavior),
+      true);
   bindRow(this, "preloadBehavior", "Load a behavior", {{"behavior", behaviorParam}}, "success",
           "Returns true if it was successfully loaded.", &M::loadBehavior);
   bindRow(this, "runBehavior", "Run a behavior", {{"behavior", behaviorParam}}, nullptr, nullptr,
@@ -84,7 +87,8 @@ void ZRBehaviorManager::registerMethods() {
           "Tell if supplied name corresponds to a behavior that has been installed",
           {{"name", "The behavior directory name"}}, "return",
           "Returns true if it is a valid behavior", &M::isBehaviorInstalled);
-  bindRow(this, "isBehaviorPresent", "Tell if the supplied namecorresponds to an existing behavior.",
+  bindRow(this, "isBehaviorPresent",
+          "Tell if the supplied namecorresponds to an existing behavior.",
           {{"prefixedBehavior",
             "Prefixed behavior or just behavior's name (latter usage deprecated, in this case the "
             "behavior is searched for amongst user's behaviors, then in system behaviors) "
@@ -130,9 +134,8 @@ void ZRBehaviorManager::registerMethods() {
           nullptr, nullptr, &M::onDataChanged);
   bindRow(this, "_getBehaviorFrameManagerId", "get the FrameManagerID. INTERNAL",
           {{"name", "name of Cadenzo project"}}, "ID", "", &M::getBehaviorFrameManagerId);
-  bindRow(this, "_httpFileTransferPort",
-          "Get the port to transfer files between Cadenzo and TUQvu", {}, "return",
-          "Return the connection port", &M::httpFileTransferPort);
+  bindRow(this, "_httpFileTransferPort", "Get the port to transfer files between Cadenzo and TUQvu",
+          {}, "return", "Return the connection port", &M::httpFileTransferPort);
 }
 
 }  // namespace BehaviorManager

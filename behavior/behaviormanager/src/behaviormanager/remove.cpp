@@ -1,7 +1,7 @@
 // Removing behaviors and resources from the user library.
-#include <boost/filesystem.hpp>
-
 #include <vu/project/project.h>
+
+#include <boost/filesystem.hpp>
 
 #include "behaviormanager.h"
 #include "detail.h"

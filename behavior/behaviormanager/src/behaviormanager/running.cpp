@@ -1,7 +1,7 @@
 // Running behaviors to their end, stopping them, and the running queries.
-#include <boost/algorithm/string/predicate.hpp>
-
 #include <vu/os.h>
+
+#include <boost/algorithm/string/predicate.hpp>
 
 #include "behaviormanager.h"
 #include "detail.h"
@@ -73,19 +73,15 @@ void ZRBehaviorManager::stopBehavior(const std::string& name) {
 void ZRBehaviorManager::xStopBehavior(const std::string& n, const std::string& name) {
   bool unloading = false;
   switch (behaviorState(n)) {
-    case StateRunning:
-      break;
+    case StateRunning: break;
     case StateLoading:
       if (!waitBehaviorStateChange(n, kStateWaitMs)) {
         throw inconsistentStop(__LINE__);
       }
       unloading = behaviorState(n) == StateUnloading;
       break;
-    case StateUnloading:
-      unloading = true;
-      break;
-    default:
-      return;
+    case StateUnloading: unloading = true; break;
+    default: return;
   }
 
   if (unloading) {
@@ -118,8 +114,8 @@ void ZRBehaviorManager::xStopBehavior(const std::string& n, const std::string& n
   }
   const BehaviorState settled = isSystemName(name) ? StateLoaded : StateUnloaded;
   if (!waitBehaviorState(n, settled, kStopCleanUpMs)) {
-    throw detail::error("stopBehavior",
-                        "Behavior " + name + " could not be stopped " + "properly.", __LINE__);
+    throw detail::error("stopBehavior", "Behavior " + name + " could not be stopped " + "properly.",
+                        __LINE__);
   }
 }
 

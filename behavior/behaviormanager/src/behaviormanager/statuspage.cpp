@@ -1,8 +1,8 @@
 // The module's page in the broker's web interface: loaded, running and installed
 // behaviors, with links that play or stop one through "?eval=" requests.
-#include <cctype>
-
 #include <vu/html.h>
+
+#include <cctype>
 
 #include "behaviormanager.h"
 #include "detail.h"
@@ -16,7 +16,8 @@ namespace {
 // first request answered 200.
 std::string requestPair(const std::string& function, const std::string& first,
                         const std::string& second) {
-  return "function " + function + " (behavior) {\n"
+  return "function " + function +
+         " (behavior) {\n"
          "var xhr_object = null;\n"
          "if (window.XMLHttpRequest) {\n"
          "xhr_object = new XMLHttpRequest();\n"
@@ -32,12 +33,14 @@ std::string requestPair(const std::string& function, const std::string& first,
          "xhr_object.onreadystatechange = function () {\n"
          "if (xhr_object.readyState == 4 && xhr_object.status == 200) {\n"
          "xhr_object.onreadystatechange = null;\n"
-         "xhr_object.open(\"GET\", evalUrl + \"ZRBehaviorManager." + second +
+         "xhr_object.open(\"GET\", evalUrl + \"ZRBehaviorManager." +
+         second +
          "('\" + behavior + \"')\");\n"
          "xhr_object.send(null);\n"
          "}\n"
          "}\n"
-         "xhr_object.open(\"GET\", evalUrl + \"ZRBehaviorManager." + first +
+         "xhr_object.open(\"GET\", evalUrl + \"ZRBehaviorManager." +
+         first +
          "('\" + behavior + \"')\");\n"
          "xhr_object.send(null);\n"
          "}\n";

@@ -27,7 +27,9 @@ std::vector<std::string> ZRBehaviorManager::getBehaviorTags(const std::string& b
   return std::vector<std::string>(tags.begin(), tags.end());
 }
 
-std::vector<std::string> ZRBehaviorManager::getTagList() { return getBehaviorTags(""); }
+std::vector<std::string> ZRBehaviorManager::getTagList() {
+  return getBehaviorTags("");
+}
 
 std::vector<std::string> ZRBehaviorManager::getBehaviorsByTag(const std::string& tag) {
   std::set<std::string> names = fUserLibrary.findTag(tag);

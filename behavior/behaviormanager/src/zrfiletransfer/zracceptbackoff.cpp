@@ -1,9 +1,9 @@
 #include "zracceptbackoff.h"
 
+#include <vu/log.h>
+
 #include <algorithm>
 #include <cstring>
-
-#include <vu/log.h>
 
 #include "zrhttpreply.h"
 
@@ -27,9 +27,9 @@ void AcceptBackOff::succeeded() {
   if (fFailures == 0) {
     return;
   }
-  vu::log::write(vu::log::warning, kNetworkLog, "listenRequest",
-                 "accepting connections again after " + std::to_string(fFailures) +
-                     " failed attempts");
+  vu::log::write(
+      vu::log::warning, kNetworkLog, "listenRequest",
+      "accepting connections again after " + std::to_string(fFailures) + " failed attempts");
   fFailures = 0;
   fDelayMs = 0;
 }

@@ -43,13 +43,11 @@ bool splitRelative(const std::string& relative, std::vector<std::string>* compon
 // Opens one directory entry of `directory` as a directory, never a link. O_PATH, so a
 // directory that may be searched but not read still opens.
 int openSubdirectory(int directory, const std::string& name) {
-  const int fd = ::openat(directory, name.c_str(),
-                          O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  const int fd = ::openat(directory, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0) {
     // Told apart from a file in the way, as openat2 tells it.
     struct stat status;
-    if (errno == ENOTDIR &&
-        ::fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+    if (errno == ENOTDIR && ::fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
         S_ISLNK(status.st_mode)) {
       errno = ELOOP;
     }
@@ -263,9 +261,9 @@ bool listDirectory(int directory, std::vector<DirectoryEntry>* entries) {
     listed.name = name;
     if (entry->d_type == DT_UNKNOWN) {
       struct stat status;
-      listed.isDirectory = ::fstatat(::dirfd(stream), entry->d_name, &status,
-                                     AT_SYMLINK_NOFOLLOW) == 0 &&
-                           S_ISDIR(status.st_mode);
+      listed.isDirectory =
+          ::fstatat(::dirfd(stream), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+          S_ISDIR(status.st_mode);
     } else {
       listed.isDirectory = entry->d_type == DT_DIR;
     }

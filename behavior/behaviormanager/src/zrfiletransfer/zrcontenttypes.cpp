@@ -3,9 +3,8 @@
 // racing a first server's listener.
 #include <zrfiletransfer/zrhttphandlers.h>
 
-#include <mutex>
-
 #include <boost/algorithm/string/case_conv.hpp>
+#include <mutex>
 
 namespace ZR {
 namespace {

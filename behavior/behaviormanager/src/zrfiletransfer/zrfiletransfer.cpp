@@ -1,8 +1,6 @@
-#include <zrfiletransfer/zrfiletransfer.h>
-
 #include <vu/os.h>
 #include <zr/zrnetworkaccess.h>
-
+#include <zrfiletransfer/zrfiletransfer.h>
 #include <zrfiletransfer/zrhttphandlers.h>
 
 #include "zrfiletransferprivate.h"
@@ -33,8 +31,12 @@ ZRFileTransfer::ZRFileTransfer() : _p(new ZRFileTransferPrivate) {
   _p->start();
 }
 
-ZRFileTransfer::~ZRFileTransfer() { delete _p; }
+ZRFileTransfer::~ZRFileTransfer() {
+  delete _p;
+}
 
-int ZRFileTransfer::httpFileTransferPort() { return _p->fPort; }
+int ZRFileTransfer::httpFileTransferPort() {
+  return _p->fPort;
+}
 
 }  // namespace ZR

@@ -3,20 +3,17 @@
 #include "zrfiletransferprivate.h"
 
 #include <netinet/in.h>
+#include <stdsoap2.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <vu/log.h>
+#include <vu/os.h>
+#include <zr/zrerror.h>
+#include <zrfiletransfer/zrhttphandlers.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-
-#include <stdsoap2.h>
-
-#include <vu/log.h>
-#include <vu/os.h>
-#include <zr/zrerror.h>
-
-#include <zrfiletransfer/zrhttphandlers.h>
 
 #include "zracceptbackoff.h"
 

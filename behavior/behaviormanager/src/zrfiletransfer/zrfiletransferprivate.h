@@ -4,9 +4,8 @@
 #pragma once
 
 #include <atomic>
-#include <string>
-
 #include <boost/thread/thread.hpp>
+#include <string>
 
 struct soap;
 

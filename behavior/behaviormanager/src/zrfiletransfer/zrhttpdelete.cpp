@@ -2,12 +2,11 @@
 // was there or the removal failed (the failure is logged). The tree is removed by
 // descriptors beneath its root without following any link; a served folder itself, the
 // installation and the folders this robot depends on are refused with 403.
+#include <vu/log.h>
 #include <zrfiletransfer/zrhttphandlers.h>
 
 #include <cerrno>
 #include <cstring>
-
-#include <vu/log.h>
 
 #include "zrbeneath.h"
 #include "zrhttpreply.h"
@@ -49,9 +48,9 @@ int httpDel(soap* connection) {
       detail::sendRefusal(connection, "403 Forbidden", why);
       return 0;
     }
-    detail::UniqueFd parent(detail::openBeneath(
-        root.get(), detail::joinComponents(components, components.size() - 1),
-        O_PATH | O_DIRECTORY));
+    detail::UniqueFd parent(
+        detail::openBeneath(root.get(), detail::joinComponents(components, components.size() - 1),
+                            O_PATH | O_DIRECTORY));
     if (parent) {
       // The protected folders are also skipped on the way, should one be moved into
       // the tree while it is removed.

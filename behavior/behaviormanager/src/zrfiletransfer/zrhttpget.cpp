@@ -8,17 +8,15 @@
 //   Connection: keep-alive
 //                                        a
 //   <file bytes>                         b/
-#include <zrfiletransfer/zrhttphandlers.h>
-
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vu/log.h>
+#include <zrfiletransfer/zrhttphandlers.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <vector>
-
-#include <vu/log.h>
 
 #include "zrbeneath.h"
 #include "zrhttpreply.h"
@@ -141,9 +139,9 @@ bool httpGetFile(soap* connection) {
   detail::UniqueFd target;
   detail::UniqueFd root(detail::openDirectory(mapped.root.string()));
   if (root) {
-    target.reset(detail::openBeneath(root.get(), detail::joinComponents(components),
-                                     O_RDONLY | O_NONBLOCK | O_NOCTTY |
-                                         (directoryOnly ? O_DIRECTORY : 0)));
+    target.reset(
+        detail::openBeneath(root.get(), detail::joinComponents(components),
+                            O_RDONLY | O_NONBLOCK | O_NOCTTY | (directoryOnly ? O_DIRECTORY : 0)));
   }
   if (!target) {
     const int error = errno;
@@ -174,6 +172,8 @@ bool httpGetFile(soap* connection) {
   return true;
 }
 
-int httpGet(soap* connection) { return httpGetFile(connection) ? 0 : -1; }
+int httpGet(soap* connection) {
+  return httpGetFile(connection) ? 0 : -1;
+}
 
 }  // namespace ZR

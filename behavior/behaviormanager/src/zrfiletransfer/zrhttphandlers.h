@@ -11,14 +11,13 @@
 // reply at all.
 #pragma once
 
+#include <stdsoap2.h>
+
+#include <boost/filesystem/path.hpp>
 #include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
-
-#include <boost/filesystem/path.hpp>
-
-#include <stdsoap2.h>
 
 namespace ZR {
 

@@ -4,21 +4,18 @@
 // Content-Length gets 411, one above the size limit 413, before anything is written.
 // When the body cannot be received or written completely, no reply is sent: the client
 // never sees "ok" for a file that is not all on disk (the bytes that did arrive stay).
-#include <zrfiletransfer/zrhttphandlers.h>
-
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vu/log.h>
+#include <vu/settings.h>
+#include <zrfiletransfer/zrhttphandlers.h>
 
 #include <algorithm>
 #include <atomic>
+#include <boost/filesystem/operations.hpp>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-
-#include <boost/filesystem/operations.hpp>
-
-#include <vu/log.h>
-#include <vu/settings.h>
 
 #include "zrbeneath.h"
 #include "zrhttpreply.h"
@@ -33,7 +30,6 @@ namespace {
 // The PUT size limit in bytes; written by loadPutSizeLimit (a server's constructor),
 // read by the listener threads.
 std::atomic<std::uint64_t> gPutSizeLimit{kDefaultPutSizeLimit};
-
 
 void logError(const std::string& text) {
   vu::log::write(vu::log::warning, detail::kNetworkLog, "httpPut", "Write file error: " + text);
@@ -141,8 +137,7 @@ int openForWriting(int directory, const std::string& name) {
 // Refuses, with a 403 that says why, a request that would change what it must not.
 bool refusedWrite(soap* connection, const fs::path& requestPath, const fs::path& root,
                   const std::vector<std::string>& components) {
-  const std::string why =
-      detail::writeRefusal(root, components, detail::WriteKind::Create, {});
+  const std::string why = detail::writeRefusal(root, components, detail::WriteKind::Create, {});
   if (why.empty()) {
     return false;
   }
@@ -154,10 +149,13 @@ bool refusedWrite(soap* connection, const fs::path& requestPath, const fs::path&
 }  // namespace
 
 void loadPutSizeLimit() {
-  gPutSizeLimit.store(vu::settings::positiveNumber("TUQVU_FILE_PUT_MAX_BYTES", kDefaultPutSizeLimit));
+  gPutSizeLimit.store(
+      vu::settings::positiveNumber("TUQVU_FILE_PUT_MAX_BYTES", kDefaultPutSizeLimit));
 }
 
-std::uint64_t putSizeLimit() { return gPutSizeLimit.load(); }
+std::uint64_t putSizeLimit() {
+  return gPutSizeLimit.load();
+}
 
 int httpPut(soap* connection) {
   if (detail::refuseRequest(connection, detail::Access::Write)) {

@@ -2,7 +2,6 @@
 
 #include <vu/log.h>
 #include <vu/unicode.h>
-
 #include <zrfiletransfer/zrhttphandlers.h>
 
 namespace ZR {

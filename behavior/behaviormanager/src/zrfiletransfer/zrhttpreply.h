@@ -3,12 +3,11 @@
 // write.
 #pragma once
 
-#include <string>
-#include <vector>
+#include <stdsoap2.h>
 
 #include <boost/filesystem/path.hpp>
-
-#include <stdsoap2.h>
+#include <string>
+#include <vector>
 
 namespace ZR {
 namespace detail {

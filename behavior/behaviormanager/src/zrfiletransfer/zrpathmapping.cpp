@@ -14,14 +14,13 @@
 // outside the root it was mapped under, is refused and logged. This is the first check
 // only: the hooks then open every target beneath its root by descriptor (zrbeneath.h),
 // which no link or rename can get around.
-#include <zrfiletransfer/zrhttphandlers.h>
-
-#include <boost/filesystem/operations.hpp>
-
 #include <vu/log.h>
 #include <vu/os.h>
 #include <vu/path.h>
 #include <vu/unicode.h>
+#include <zrfiletransfer/zrhttphandlers.h>
+
+#include <boost/filesystem/operations.hpp>
 
 namespace fs = boost::filesystem;
 
@@ -30,7 +29,9 @@ namespace {
 
 const char* const kCategory = "core.common.network";
 
-fs::path toPath(const std::string& text) { return fs::path(text, vu::unicodeFacet()); }
+fs::path toPath(const std::string& text) {
+  return fs::path(text, vu::unicodeFacet());
+}
 
 // The components of `p` from the index `first` on, joined again.
 fs::path componentsFrom(const fs::path& p, std::size_t first) {
@@ -100,8 +101,8 @@ void logRefused(const fs::path& requestPath, const std::string& reason) {
 }
 
 bool isRefusedExtension(const std::string& extension) {
-  return extension.empty() || extension == ".xsl" || extension == ".xml" ||
-         extension == ".css" || extension == ".js" || extension == ".html";
+  return extension.empty() || extension == ".xsl" || extension == ".xml" || extension == ".css" ||
+         extension == ".js" || extension == ".html";
 }
 
 }  // namespace

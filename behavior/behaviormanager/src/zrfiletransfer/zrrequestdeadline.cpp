@@ -1,10 +1,10 @@
 #include "zrrequestdeadline.h"
 
+#include <vu/settings.h>
+
 #include <algorithm>
 #include <atomic>
 #include <limits>
-
-#include <vu/settings.h>
 
 namespace ZR {
 namespace detail {
@@ -19,9 +19,9 @@ std::atomic<std::uint64_t> gBodyBytesPerSecond{RequestTimeLimits::kDefaultBodyBy
 void loadRequestTimeLimits() {
   gHeaderSeconds = static_cast<int>(vu::settings::positiveNumber(
       "TUQVU_FILE_HEADER_DEADLINE_S", RequestTimeLimits::kDefaultHeaderSeconds, 86400));
-  gBodyBytesPerSecond = vu::settings::positiveNumber(
-      "TUQVU_FILE_BODY_MIN_RATE", RequestTimeLimits::kDefaultBodyBytesPerSecond,
-      std::uint64_t{1} << 40);
+  gBodyBytesPerSecond = vu::settings::positiveNumber("TUQVU_FILE_BODY_MIN_RATE",
+                                                     RequestTimeLimits::kDefaultBodyBytesPerSecond,
+                                                     std::uint64_t{1} << 40);
 }
 
 RequestTimeLimits requestTimeLimits() {

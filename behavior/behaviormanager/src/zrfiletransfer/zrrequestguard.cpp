@@ -3,13 +3,12 @@
 #include <arpa/inet.h>
 #include <poll.h>
 #include <strings.h>
+#include <vu/log.h>
+#include <zr/zrnetworkaccess.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
-
-#include <vu/log.h>
-#include <zr/zrnetworkaccess.h>
 
 #include "zrhttpreply.h"
 
@@ -20,7 +19,9 @@ namespace {
 // The longest wait for one read when the connection has no time-out of its own.
 constexpr int kLongestReadSeconds = 15;
 
-bool named(const char* key, const char* name) { return ::strcasecmp(key, name) == 0; }
+bool named(const char* key, const char* name) {
+  return ::strcasecmp(key, name) == 0;
+}
 
 std::string lowerCase(std::string text) {
   std::transform(text.begin(), text.end(), text.begin(),
@@ -66,23 +67,24 @@ bool isAllowedHost(const std::string& host, const ZRNetworkAccess& access) {
 
 void logRefusal(const soap* connection, const std::string& why) {
   vu::log::write(vu::log::warning, kNetworkLog, "refuseRequest",
-                 std::string("Refused request: ") + connection->path +
-                     " (" + why + ")");
+                 std::string("Refused request: ") + connection->path + " (" + why + ")");
+}
+
+// Sends a plain-text answer and ends the connection after it, since the body that may
+// follow the request's head is not read. `headers` (each line ending in "\n") come
+// after the Server line; "Connection: close" is said only where `sayClose` asks for it.
+void sendFinalAnswer(soap* connection, const std::string& status, const std::string& headers,
+                     const std::string& body, bool sayClose) {
+  sendNow(connection,
+          statusLine(connection, status) + "Server: TuqVu\n" + headers +
+              "Content-Type: text/plain\nContent-Length: " + std::to_string(body.size()) + "\n" +
+              (sayClose ? "Connection: close\n" : "") + "\n" + body);
+  connection->keep_alive = 0;
 }
 
 void sendUnauthorized(soap* connection) {
-  const std::string body = "401 - Unauthorized: this robot asks for its secret\n";
-  sendNow(connection, statusLine(connection, "401 Unauthorized") +
-                          "Server: TuqVu\n"
-                          "WWW-Authenticate: Basic realm=\"tuqvu\"\n"
-                          "Content-Type: text/plain\n"
-                          "Content-Length: " +
-                          std::to_string(body.size()) +
-                          "\n"
-                          "Connection: close\n"
-                          "\n" +
-                          body);
-  connection->keep_alive = 0;  // the body that may follow is not read
+  sendFinalAnswer(connection, "401 Unauthorized", "WWW-Authenticate: Basic realm=\"tuqvu\"\n",
+                  "401 - Unauthorized: this robot asks for its secret\n", true);
 }
 
 }  // namespace
@@ -177,8 +179,7 @@ int ConnectionGuard::parseHeader(soap* connection, const char* key, const char* 
     guard->fHeaders.origin = text;
     return SOAP_OK;  // not for gSOAP: it would answer with CORS headers
   }
-  if (named(key, "Access-Control-Request-Method") ||
-      named(key, "Access-Control-Request-Headers")) {
+  if (named(key, "Access-Control-Request-Method") || named(key, "Access-Control-Request-Headers")) {
     return SOAP_OK;
   }
   if (named(key, "Sec-Fetch-Site")) {
@@ -210,9 +211,8 @@ bool refuseRequest(soap* connection, Access access) {
     return true;
   }
   if (access == Access::Write) {
-    const bool ownOrigin =
-        headers.hasHost &&
-        ::strcasecmp(headers.origin.c_str(), ("http://" + headers.host).c_str()) == 0;
+    const bool ownOrigin = headers.hasHost && ::strcasecmp(headers.origin.c_str(),
+                                                           ("http://" + headers.host).c_str()) == 0;
     if (headers.hasOrigin && !ownOrigin) {
       logRefusal(connection, "origin " + headers.origin);
       sendRefusal(connection, "403 Forbidden",
@@ -240,29 +240,14 @@ bool refuseRequest(soap* connection, Access access) {
 void sendRefusal(soap* connection, const std::string& status, const std::string& why) {
   const std::size_t blank = status.find(' ');
   const std::string body = status.substr(0, blank) + " -" +
-                           (blank == std::string::npos ? "" : status.substr(blank)) + ": " +
-                           why + "\n";
-  sendNow(connection, statusLine(connection, status) +
-                          "Server: TuqVu\n"
-                          "Content-Type: text/plain\n"
-                          "Content-Length: " +
-                          std::to_string(body.size()) +
-                          "\n"
-                          "Connection: close\n"
-                          "\n" +
-                          body);
-  connection->keep_alive = 0;
+                           (blank == std::string::npos ? "" : status.substr(blank)) + ": " + why +
+                           "\n";
+  sendFinalAnswer(connection, status, "", body, true);
 }
 
 void sendMethodNotAllowed(soap* connection) {
-  const std::string body = "405 - Method Not Allowed\n";
-  sendNow(connection, statusLine(connection, "405 Method Not Allowed") +
-                          "Server: TuqVu\n"
-                          "Allow: GET, PUT, DELETE\n"
-                          "Content-Type: text/plain\n"
-                          "Content-Length: " +
-                          std::to_string(body.size()) + "\n\n" + body);
-  connection->keep_alive = 0;
+  sendFinalAnswer(connection, "405 Method Not Allowed", "Allow: GET, PUT, DELETE\n",
+                  "405 - Method Not Allowed\n", false);
 }
 
 }  // namespace detail

@@ -13,10 +13,10 @@
 // connection without a reply.
 #pragma once
 
+#include <stdsoap2.h>
+
 #include <cstdint>
 #include <string>
-
-#include <stdsoap2.h>
 
 #include "zrrequestdeadline.h"
 

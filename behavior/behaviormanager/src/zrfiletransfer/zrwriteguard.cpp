@@ -1,14 +1,12 @@
 #include "zrwriteguard.h"
 
 #include <sys/stat.h>
-
-#include <boost/filesystem/operations.hpp>
-
 #include <vu/os.h>
 #include <vu/path.h>
 #include <vu/unicode.h>
-
 #include <zrfiletransfer/zrhttphandlers.h>
+
+#include <boost/filesystem/operations.hpp>
 
 namespace fs = boost::filesystem;
 
@@ -16,7 +14,9 @@ namespace ZR {
 namespace detail {
 namespace {
 
-fs::path toPath(const std::string& text) { return fs::path(text, vu::unicodeFacet()); }
+fs::path toPath(const std::string& text) {
+  return fs::path(text, vu::unicodeFacet());
+}
 
 // Whether `inner` is `outer` or lies below it; both canonical.
 bool isWithin(const fs::path& inner, const fs::path& outer) {

@@ -6,10 +6,9 @@
 //   if (!why.empty()) sendRefusal(connection, "403 Forbidden", why);
 #pragma once
 
+#include <boost/filesystem/path.hpp>
 #include <string>
 #include <vector>
-
-#include <boost/filesystem/path.hpp>
 
 #include "zrbeneath.h"
 

@@ -23,7 +23,7 @@ struct TextPosition {
 };
 
 class TextIndex {
- public:
+public:
   explicit TextIndex(const std::string& text) : fText(text) {
     fLineStarts.push_back(0);
     fCharactersBeforeBlock.reserve(text.size() / kBlock + 1);
@@ -48,7 +48,7 @@ class TextIndex {
 
   const std::string& text() const { return fText; }
 
- private:
+private:
   // Every kBlock bytes the index keeps how many characters came before: 4 bytes per 64 of
   // text, and at most one block to count per query.
   static constexpr std::size_t kBlock = 64;

@@ -20,7 +20,7 @@ class ZRBroker;
 namespace detail {
 
 class BehaviorInstance {
- public:
+public:
   BehaviorInstance(std::string id, std::string name,
                    std::shared_ptr<const BehaviorProgram> program);
 
@@ -40,7 +40,7 @@ class BehaviorInstance {
   // ahead of its run (a preload) that nobody has used yet.
   bool isWaitingForFirstRun() const;
 
- private:
+private:
   struct Context;
   bool runSteps(const std::vector<BehaviorStep>& steps, Context& context);
   bool runStep(const BehaviorStep& step, Context& context);

@@ -22,7 +22,7 @@ const char* const kMethod = "newBehaviorFromFile";
 
 // Builds the steps of one file and reports its problems with their position.
 class Parser {
- public:
+public:
   Parser(const std::string& module, const std::string& path, const std::string& text)
       : fModule(module), fPath(path), fText(text), fIndex(text) {}
 
@@ -48,7 +48,7 @@ class Parser {
     return program;
   }
 
- private:
+private:
   [[noreturn]] void fail(const pugi::xml_node& node, const std::string& reason) const {
     const TextPosition at = positionOfNode(fIndex, node);
     throw ZRError(fModule, kMethod,

@@ -1,5 +1,6 @@
 #include <vu/log.h>
 #include <zr/modules/zrframemanager.h>
+#include <zr/zrbinding.h>
 #include <zr/zrbroker.h>
 #include <zr/zrerror.h>
 
@@ -7,7 +8,6 @@
 #include <atomic>
 #include <boost/filesystem.hpp>
 
-#include <zr/zrbinding.h>
 #include "framemanager/behaviorinstance.h"
 #include "framemanager/behaviorprogram.h"
 

@@ -41,7 +41,7 @@ struct MemoryNotification {
 };
 
 class MemoryNotifier {
- public:
+public:
   using Observer = std::function<void(const std::string& key, const ZRValue& value)>;
   enum class PushResult { queued, dropped, firstDrop };
 
@@ -64,7 +64,7 @@ class MemoryNotifier {
   bool flush(int timeoutMs);
   bool onNotificationThread() const { return std::this_thread::get_id() == fThread.get_id(); }
 
- private:
+private:
   void run();
   void deliver(const MemoryNotification& notification);
   void notifyObservers(const MemoryNotification& notification);

@@ -1,12 +1,11 @@
 #include <vu/log.h>
 #include <vu/settings.h>
 #include <zr/modules/zrmemory.h>
+#include <zr/zrbinding.h>
 #include <zr/zrbroker.h>
 #include <zr/zrerror.h>
 
-#include <zr/zrbinding.h>
 #include "memory/memorynotifier.h"
-
 
 namespace ZR {
 namespace {
@@ -40,10 +39,10 @@ std::size_t entrySize(const std::string& key, const ZRValue& value) {
 
 ZRMemory::ZRMemory(boost::shared_ptr<ZRBroker> broker, const std::string& name)
     : ZRModule(broker, name),
-      fValueLimitBytes(vu::settings::positiveNumber("TUQVU_MEMORY_VALUE_MAX_BYTES",
-                                                     kDefaultValueLimitBytes)),
-      fTotalLimitBytes(vu::settings::positiveNumber("TUQVU_MEMORY_TOTAL_MAX_BYTES",
-                                                     kDefaultTotalLimitBytes)),
+      fValueLimitBytes(
+          vu::settings::positiveNumber("TUQVU_MEMORY_VALUE_MAX_BYTES", kDefaultValueLimitBytes)),
+      fTotalLimitBytes(
+          vu::settings::positiveNumber("TUQVU_MEMORY_TOTAL_MAX_BYTES", kDefaultTotalLimitBytes)),
       fNotifier(new detail::MemoryNotifier(name, broker, kMaxPendingNotifications)) {
   setModuleDescription(
       "Shared memory of the middleware: named data, events, and notification of the "

@@ -22,7 +22,7 @@ std::system_error failure(const std::string& what) {
 
 // Closes a descriptor on every way out.
 class FileDescriptor {
- public:
+public:
   explicit FileDescriptor(int fd) : fFd(fd) {}
   ~FileDescriptor() {
     if (fFd >= 0) ::close(fFd);
@@ -36,7 +36,7 @@ class FileDescriptor {
     return fd;
   }
 
- private:
+private:
   int fFd;
 };
 

@@ -1,7 +1,8 @@
 #include "preferences/preferencexml.h"
 
-#include <pugixml.hpp>
 #include <vu/base64.h>
+
+#include <pugixml.hpp>
 #include <sstream>
 
 #include "detail/textposition.h"
@@ -79,14 +80,14 @@ void checkEntry(const ZRValue& entry, std::size_t index) {
 }
 
 class PositionOf {
- public:
+public:
   explicit PositionOf(const std::string& text) : fIndex(text) {}
   PreferenceFormatError error(const pugi::xml_node& node, const std::string& reason) const {
     const TextPosition at = positionOfNode(fIndex, node);
     return PreferenceFormatError(reason, at.line, at.column);
   }
 
- private:
+private:
   const TextIndex fIndex;
 };
 

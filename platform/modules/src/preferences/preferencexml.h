@@ -15,13 +15,13 @@ namespace detail {
 // What is wrong with a value to write or a text read; line and column are 0 when the
 // problem has no place in a text.
 class PreferenceFormatError : public std::runtime_error {
- public:
+public:
   PreferenceFormatError(const std::string& reason, int line = 0, int column = 0)
       : std::runtime_error(reason), fLine(line), fColumn(column) {}
   int line() const { return fLine; }
   int column() const { return fColumn; }
 
- private:
+private:
   int fLine;
   int fColumn;
 };

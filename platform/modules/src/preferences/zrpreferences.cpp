@@ -1,13 +1,13 @@
 #include <vu/log.h>
 #include <vu/path.h>
 #include <zr/modules/zrpreferences.h>
+#include <zr/zrbinding.h>
 #include <zr/zrbroker.h>
 #include <zr/zrerror.h>
 
 #include <system_error>
 
 #include "detail/wholefile.h"
-#include <zr/zrbinding.h>
 #include "preferences/atomicfile.h"
 #include "preferences/preferencexml.h"
 

@@ -1,12 +1,11 @@
 #include "detail/filecopy.h"
 
-#include <vu/project/error.h>
-#include <vu/project/filecopy.h>
-
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vu/project/error.h>
+#include <vu/project/filecopy.h>
 
 #include <boost/filesystem.hpp>
 #include <cerrno>
@@ -43,8 +42,8 @@ void copyFile(const std::string& from, const std::string& to, boost::system::err
     ssize_t done = -1;
     if (kernelCopy) {
       done = ::copy_file_range(in, nullptr, out, nullptr, 1 << 30, 0);
-      if (done < 0 && (errno == EXDEV || errno == ENOSYS || errno == EINVAL ||
-                       errno == EOPNOTSUPP)) {
+      if (done < 0 &&
+          (errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP)) {
         kernelCopy = false;
         continue;
       }

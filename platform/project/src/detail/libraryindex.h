@@ -19,7 +19,7 @@ namespace project {
 namespace detail {
 
 class LibraryIndex {
- public:
+public:
   // The index of root (absolute and normalised), shared by every library of that root
   // in the process.
   static std::shared_ptr<LibraryIndex> acquire(const std::string& root);
@@ -43,7 +43,7 @@ class LibraryIndex {
   // lock of the index.
   std::mutex& writeMutex() { return fWriteMutex; }
 
- private:
+private:
   struct Dir {
     int wd;         // inotify watch, -1 without one
     bool behavior;  // holds behavior.xar (never true for the root)

@@ -1,6 +1,4 @@
 // LibraryIndex: keeping in step with the disk through inotify (see libraryindex.cpp).
-#include "detail/libraryindex.h"
-
 #include <dirent.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
@@ -12,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "detail/libraryindex.h"
 #include "detail/libraryindexshared.h"
 #include "detail/paths.h"
 #include "detail/projectfile.h"

@@ -1,10 +1,9 @@
 #include "detail/unpacker.h"
 
-#include <vu/project/error.h>
-
 #include <archive.h>
 #include <archive_entry.h>
 #include <sys/statvfs.h>
+#include <vu/project/error.h>
 #include <vu/settings.h>
 
 #include <algorithm>
@@ -91,7 +90,7 @@ struct UnpackLimits {
 };
 
 class Unpacker {
- public:
+public:
   Unpacker(const std::string& package, const std::string& into, std::uint64_t packageBytes)
       : fPackage(package),
         fInto(into),
@@ -145,7 +144,7 @@ class Unpacker {
     }
   }
 
- private:
+private:
   [[noreturn]] void fail(const std::string& reason) const {
     throw ProjectError(fPackage + " is not a package: " + reason);
   }
@@ -248,8 +247,8 @@ class Unpacker {
       const std::uint64_t free = static_cast<std::uint64_t>(disk.f_bavail) * disk.f_frsize;
       if (free < fLimits.reserveBytes + size) {
         throw ProjectError(fPackage + " is refused: unpacking it would leave less than " +
-                                 std::to_string(fLimits.reserveBytes) +
-                                 " bytes free on the disk (TUQVU_PACKAGE_DISK_RESERVE_BYTES)");
+                           std::to_string(fLimits.reserveBytes) +
+                           " bytes free on the disk (TUQVU_PACKAGE_DISK_RESERVE_BYTES)");
       }
     }
   }

@@ -3,10 +3,10 @@
 // libarchive's secure options, and the whole within the size limits (docs/limits.md).
 #pragma once
 
+#include <vu/project/package.h>
+
 #include <cstdint>
 #include <string>
-
-#include <vu/project/package.h>
 
 namespace vu {
 namespace project {

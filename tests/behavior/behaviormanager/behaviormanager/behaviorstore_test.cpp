@@ -66,13 +66,13 @@ TEST_F(BehaviorStore, SamePathStopsAllThenRemovesEveryBehaviorThenAddsEveryOneAs
 
   manager->setBehaviorsPath(userRoot().string());
 
-  EXPECT_EQ(describeAll(events->drain()),
-            (std::vector<std::string>{
-                "BehaviorsRun []",  // the run was stopped first
-                std::string(kRemoved) + " a", std::string(kRemoved) + " b",
-                std::string(kRemoved) + " dir/sub", std::string(kRemoved) + " idle",
-                std::string(kAdded) + " a", std::string(kAdded) + " b",
-                std::string(kAdded) + " dir/sub", std::string(kAdded) + " idle"}));
+  EXPECT_EQ(
+      describeAll(events->drain()),
+      (std::vector<std::string>{"BehaviorsRun []",  // the run was stopped first
+                                std::string(kRemoved) + " a", std::string(kRemoved) + " b",
+                                std::string(kRemoved) + " dir/sub", std::string(kRemoved) + " idle",
+                                std::string(kAdded) + " a", std::string(kAdded) + " b",
+                                std::string(kAdded) + " dir/sub", std::string(kAdded) + " idle"}));
   EXPECT_TRUE(broker->waitTask(run, 20000));
   EXPECT_TRUE(manager->getRunningBehaviors().empty());
   EXPECT_TRUE(manager->getLoadedBehaviors().empty());
@@ -98,10 +98,10 @@ TEST_F(BehaviorStore, AnotherPathRetiresTheOldLibraryAndAnnouncesTheNewOne) {
   args.arrayPush(ZR::ZRValue(other.string()));
   broker->call("ZRBehaviorManager", "_setBehaviorsPath", args);  // the remote form
 
-  EXPECT_EQ(describeAll(events->drain()),
-            (std::vector<std::string>{std::string(kRemoved) + " old1",
-                                      std::string(kRemoved) + " old2",
-                                      std::string(kAdded) + " new", std::string(kAdded) + " x/y"}));
+  EXPECT_EQ(
+      describeAll(events->drain()),
+      (std::vector<std::string>{std::string(kRemoved) + " old1", std::string(kRemoved) + " old2",
+                                std::string(kAdded) + " new", std::string(kAdded) + " x/y"}));
   EXPECT_TRUE(manager->getLoadedBehaviors().empty());
   EXPECT_TRUE(frameManager->getBehaviorInstances().empty());
   EXPECT_EQ(manager->behaviorState("old1"), StateUnknown);
@@ -121,7 +121,8 @@ TEST_F(BehaviorStore, PathThatDoesNotExistIsTakenAndListsNothing) {
 
   manager->setBehaviorsPath(missing.string());
 
-  EXPECT_EQ(describeAll(events->drain()), std::vector<std::string>{std::string(kRemoved) + " dance"});
+  EXPECT_EQ(describeAll(events->drain()),
+            std::vector<std::string>{std::string(kRemoved) + " dance"});
   EXPECT_TRUE(manager->getInstalledBehaviors().empty());
   EXPECT_FALSE(fs::exists(home() / "nowhere"));
   EXPECT_TRUE(logs->messages().empty());

@@ -28,7 +28,7 @@ protected:
   }
 
   const Names& names() const {
-    static const Names all = {"short0", "short1", "short2", "quick",
+    static const Names all = {"short0", "short1", "short2",          "quick",
                               "long0",  "long1",  "System/sysshort", "System/syslong"};
     return all;
   }
@@ -40,7 +40,8 @@ protected:
     if (result.module != "ZRBehaviorManager") return false;
     const std::string& text = result.description;
     const auto endsWith = [&](const std::string& tail) {
-      return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+      return text.size() >= tail.size() &&
+             text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
     };
     return endsWith(" is already running.") || endsWith(" failed to load.") ||
            text == "behavior was found in an inconsistent state." ||
@@ -121,8 +122,8 @@ TEST_F(Concurrency, RunsStopsLoadsAndQueriesFromManyThreadsEndConsistent) {
   std::cout << "[          ] " << fCalls.load() << " remote calls, " << fRaces.load()
             << " of them refused because of another caller\n";
 
-  EXPECT_TRUE(fUnexpected.empty()) << fUnexpected.size() << " unexpected, first: "
-                                   << fUnexpected.front();
+  EXPECT_TRUE(fUnexpected.empty())
+      << fUnexpected.size() << " unexpected, first: " << fUnexpected.front();
   EXPECT_TRUE(manager->getRunningBehaviors().empty());
   const Names loaded = manager->getLoadedBehaviors();
   for (const std::string& name : names()) {

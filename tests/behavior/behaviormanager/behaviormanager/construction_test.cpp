@@ -1,15 +1,14 @@
 // Construction of the module: the user behaviors directory (created, used as it is, or
 // impossible to create), and a memory module that refuses the subscription or some of the
 // event declarations.
-#include <mutex>
-#include <set>
-#include <stdexcept>
-
-#include <boost/make_shared.hpp>
-
 #include <vu/project/project.h>
 #include <zr/zrerror.h>
 #include <zr/zrtypes.h>
+
+#include <boost/make_shared.hpp>
+#include <mutex>
+#include <set>
+#include <stdexcept>
 
 #include "fixture.h"
 
@@ -76,7 +75,8 @@ TEST_F(Construction, ExistingUserDirectoryIsUsedAsItIs) {
 
   EXPECT_EQ(tree(home()), before);  // nothing created, no project.xml written at the root
   EXPECT_FALSE(fs::exists(userRoot() / "project.xml"));
-  EXPECT_EQ(manager->getInstalledBehaviors(), (std::vector<std::string>{"dance", "dir/sub", "wave"}));
+  EXPECT_EQ(manager->getInstalledBehaviors(),
+            (std::vector<std::string>{"dance", "dir/sub", "wave"}));
   // Announced as a remote subscriber sees it, in ascending order, each one unloaded.
   EXPECT_EQ(stringsOf(events->valuesOf("ZRBehaviorManager/BehaviorAdded")),
             (std::vector<std::string>{"dance", "dir/sub", "wave"}));
@@ -95,8 +95,8 @@ TEST_F(Construction, UserDirectoryThatCannotBeCreatedIsLoggedAndLeftEmpty) {
   startPlatform();
   startManager();
 
-  const std::string text = "Could not create behaviors path " + userRoot().string() +
-                           " for the Behavior Manager.";
+  const std::string text =
+      "Could not create behaviors path " + userRoot().string() + " for the Behavior Manager.";
   EXPECT_EQ(logs->count(3, "behavior.manager", "ZRBehaviorManager", text), 1);
   EXPECT_EQ(logs->withText(text).size(), 1u);
   EXPECT_TRUE(fs::is_regular_file(home() / ".tuqvu"));
@@ -146,9 +146,9 @@ TEST_F(Construction, DestructionLogsEachUnloadThatFailsAndGoesOn) {
     }
   }
   // Each loaded behavior was still attempted, in name order.
-  EXPECT_EQ(failures,
-            (std::vector<std::string>{"Could not unload behavior System/stand while shutting down",
-                                      "Could not unload behavior System/wave while shutting down"}));
+  EXPECT_EQ(failures, (std::vector<std::string>{
+                          "Could not unload behavior System/stand while shutting down",
+                          "Could not unload behavior System/wave while shutting down"}));
 }
 
 // ---- a memory module that refuses some calls
@@ -186,23 +186,22 @@ private:
       getCurrentMethodDescription().parameters[i].type = types[i];
     }
     getCurrentMethodDescription().returnType = ZR::getTypeString(ZR::TypeCodeValue);
-    bindMethod(boost::make_shared<ZR::ZRCallableFunctor>(
-        [this, method](const ZR::ZRValue& args, ZR::ZRValue& result) {
-          const std::string key = args[0].toString();
-          if (method != "raiseMicroEvent") {
-            std::lock_guard<std::mutex> lock(fMutex);
-            fAttempts.push_back(method + " " + key);
-          }
-          if (method == "subscribeToMicroEvent" && fRefuseReadySubscription &&
-              key == "TUQvuReady") {
-            throw std::runtime_error("subscriptions are refused");  // not even a ZRError
-          }
-          if (method == "declareEvent" && fRefusedDeclarations.count(key) != 0) {
-            throw ZR::ZRError("ZRMemory", "declareEvent", "declarations are refused", __FILE__,
-                              __LINE__);
-          }
-          result = getParentBroker()->call(fTarget, method, args);
-        }));
+    bindMethod(boost::make_shared<ZR::ZRCallableFunctor>([this, method](const ZR::ZRValue& args,
+                                                                        ZR::ZRValue& result) {
+      const std::string key = args[0].toString();
+      if (method != "raiseMicroEvent") {
+        std::lock_guard<std::mutex> lock(fMutex);
+        fAttempts.push_back(method + " " + key);
+      }
+      if (method == "subscribeToMicroEvent" && fRefuseReadySubscription && key == "TUQvuReady") {
+        throw std::runtime_error("subscriptions are refused");  // not even a ZRError
+      }
+      if (method == "declareEvent" && fRefusedDeclarations.count(key) != 0) {
+        throw ZR::ZRError("ZRMemory", "declareEvent", "declarations are refused", __FILE__,
+                          __LINE__);
+      }
+      result = getParentBroker()->call(fTarget, method, args);
+    }));
   }
 
   const std::string fTarget;
@@ -217,9 +216,8 @@ protected:
   void start(std::set<std::string> refusedDeclarations, bool refuseReadySubscription) {
     startPlatform(false, true, true);
     realMemory = std::make_unique<ZR::ZRMemory>(broker, "RealMemory");
-    refusing = std::make_unique<RefusingMemory>(broker, "RealMemory",
-                                                std::move(refusedDeclarations),
-                                                refuseReadySubscription);
+    refusing = std::make_unique<RefusingMemory>(
+        broker, "RealMemory", std::move(refusedDeclarations), refuseReadySubscription);
     events = std::make_unique<EventRecorder>(broker, managerEventKeys());
     makeBehavior(userRoot() / "dance");
     logs->clear();
@@ -261,9 +259,9 @@ TEST_F(RefusedByMemory, RefusedSubscriptionIsLoggedOnceAndTheEventsAreStillDecla
   EXPECT_EQ(managerAttempts(), kEveryAttempt);
   EXPECT_EQ(logs->count(2, "behaviormanager", "ZRBehaviorManager", kSubscribeMessage), 1);
   EXPECT_EQ(logs->withText(kSubscribeMessage).size(), 1u);
-  for (const char* key : {"BehaviorsRun", "ZRBehaviorManager/BehaviorAdded",
-                          "ZRBehaviorManager/BehaviorUpdated",
-                          "ZRBehaviorManager/BehaviorRemoved"}) {
+  for (const char* key :
+       {"BehaviorsRun", "ZRBehaviorManager/BehaviorAdded", "ZRBehaviorManager/BehaviorUpdated",
+        "ZRBehaviorManager/BehaviorRemoved"}) {
     EXPECT_TRUE(logs->withText(declareMessage(key)).empty()) << key;
   }
   EXPECT_EQ(realMemory->getEventList(),

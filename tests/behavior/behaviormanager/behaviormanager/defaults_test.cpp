@@ -1,19 +1,17 @@
 // The default behaviors: the preference file's shape, adding and removing names, reading
 // what others wrote, and the start of the defaults when "TUQvuReady" is announced.
-#include "fixture.h"
+#include <sys/stat.h>
+#include <zr/proxies/zrmemoryproxy.h>
+#include <zr/proxies/zrpreferencesproxy.h>
 #include <zr/zrbinding.h>
-#include "interposer.h"
 
 #include <atomic>
+#include <boost/make_shared.hpp>
 #include <condition_variable>
 #include <thread>
 
-#include <boost/make_shared.hpp>
-
-#include <sys/stat.h>
-
-#include <zr/proxies/zrmemoryproxy.h>
-#include <zr/proxies/zrpreferencesproxy.h>
+#include "fixture.h"
+#include "interposer.h"
 
 namespace bmtest {
 namespace {
@@ -26,11 +24,11 @@ class Gate : public ZR::ZRModule {
 public:
   explicit Gate(boost::shared_ptr<ZR::ZRBroker> broker) : ZR::ZRModule(broker, "Gate") {
     ZR::bindCallable(*this, {"enter", "records a name", {{"name", ZR::TypeCodeString}}},
-        ([this](const ZR::ZRValue& args, ZR::ZRValue&) {
-          std::lock_guard<std::mutex> lock(fMutex);
-          fEntered.push_back(args[0].toString());
-          fChanged.notify_all();
-        }));
+                     ([this](const ZR::ZRValue& args, ZR::ZRValue&) {
+                       std::lock_guard<std::mutex> lock(fMutex);
+                       fEntered.push_back(args[0].toString());
+                       fChanged.notify_all();
+                     }));
   }
   std::vector<std::string> entered() {
     std::lock_guard<std::mutex> lock(fMutex);
@@ -106,7 +104,9 @@ protected:
   }
 
   // The id the broker gives to the next posted task; posts a task that does nothing.
-  int nextTaskId() { return broker->postTask("Gate", [] {}); }
+  int nextTaskId() {
+    return broker->postTask("Gate", [] {});
+  }
 
   // Announces "TUQvuReady" through the memory module (inserted, or raised as an event)
   // and waits until the manager has handled it and the runs it posted have ended.
@@ -215,7 +215,10 @@ TEST_F(Defaults, UnknownBehaviorIsAnErrorOfLoadBehaviorAndTheFileStays) {
   const ino_t before = inode();
   for (const bool remote : {true, false}) {
     try {
-      if (remote) call("addDefaultBehavior", "User/ghost"); else manager->addDefaultBehavior("User/ghost");
+      if (remote)
+        call("addDefaultBehavior", "User/ghost");
+      else
+        manager->addDefaultBehavior("User/ghost");
       ADD_FAILURE() << "no error";
     } catch (const ZR::ZRError& error) {
       EXPECT_EQ(error.module(), "ZRBehaviorManager");
@@ -283,8 +286,8 @@ INSTANTIATE_TEST_SUITE_P(
                       Stored{"EmptyLines", "\n\na\n\n\nb\n\n", {"a", "b"}},
                       Stored{"CarriageReturnsStay", "a\r\nb\r\n", {"a\r", "b\r"}},
                       Stored{"BlanksStay", " a \n\tb\n", {"\tb", " a "}},
-                      Stored{"Duplicates", "b\na\nb\n", {"a", "b"}},
-                      Stored{"Empty", "", {}}, Stored{"OnlyLineFeeds", "\n\n", {}}),
+                      Stored{"Duplicates", "b\na\nb\n", {"a", "b"}}, Stored{"Empty", "", {}},
+                      Stored{"OnlyLineFeeds", "\n\n", {}}),
     [](const ::testing::TestParamInfo<Stored>& info) { return std::string(info.param.name); });
 
 TEST_F(Defaults, NamesAlreadyInTheSetAreKept) {
@@ -352,9 +355,8 @@ TEST_F(Defaults, ReadyValuesThatDoNotTruncateToOneDoNothing) {
   makeBehavior(userRoot() / "a", gateBehavior("a"));
   start();
   call("addDefaultBehavior", "a");
-  for (const ZR::ZRValue& value :
-       {ZR::ZRValue(0), ZR::ZRValue(2), ZR::ZRValue(0.99f), ZR::ZRValue(2.0), ZR::ZRValue(-1),
-        ZR::ZRValue(-1.5f)}) {
+  for (const ZR::ZRValue& value : {ZR::ZRValue(0), ZR::ZRValue(2), ZR::ZRValue(0.99f),
+                                   ZR::ZRValue(2.0), ZR::ZRValue(-1), ZR::ZRValue(-1.5f)}) {
     SCOPED_TRACE(value.toDebugString());
     EXPECT_EQ(announceReady(value), 0);
     EXPECT_EQ(announceReady(value, true), 0);
@@ -408,13 +410,13 @@ protected:
   void startGated() {
     startPlatform(true, false, true);
     preferences = std::make_unique<ZR::ZRPreferences>(broker, "RealPreferences");
-    interposer = std::make_unique<Interposer>(
-        broker, "ZRPreferences", "RealPreferences",
-        [this](const std::string& method, const ZR::ZRValue&) {
-          if (method != "readPrefFile" || !armed) return;
-          heldRead = gate->waitFor(".default", 10000);
-          enteredAtRead = gate->entered();
-        });
+    interposer =
+        std::make_unique<Interposer>(broker, "ZRPreferences", "RealPreferences",
+                                     [this](const std::string& method, const ZR::ZRValue&) {
+                                       if (method != "readPrefFile" || !armed) return;
+                                       heldRead = gate->waitFor(".default", 10000);
+                                       enteredAtRead = gate->entered();
+                                     });
     gate = std::make_unique<Gate>(broker);
     startManager();
     events->clear();

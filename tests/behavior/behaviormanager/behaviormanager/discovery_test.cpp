@@ -125,7 +125,7 @@ TEST_F(Discovery, SubBehaviorResolvesWithTheDeprecationWarning) {
 }
 
 TEST_F(Discovery, ResourceResolvesWithoutWarningThoughTheLibraryDeniesIt) {
-  makeResource(userRoot() / "sounds");            // Type "Resources"
+  makeResource(userRoot() / "sounds");  // Type "Resources"
   makeResource(userRoot() / "images", "Resource");
   makeResource(userRoot() / "other", "resources");  // the type is compared exactly
   start();

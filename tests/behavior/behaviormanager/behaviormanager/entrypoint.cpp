@@ -2,22 +2,20 @@
 // name and called with a broker that holds the platform modules. This executable does
 // not link the module library, so the library really is loaded here.
 #include <dlfcn.h>
-
-#include <cstdlib>
-#include <fstream>
-#include <memory>
-#include <string>
-#include <vector>
-
-#include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
-
 #include <vu/log.h>
 #include <zr/modules/zrframemanager.h>
 #include <zr/modules/zrmemory.h>
 #include <zr/modules/zrpreferences.h>
 #include <zr/zrbroker.h>
 #include <zr/zrmodule.h>
+
+#include <boost/filesystem.hpp>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -41,8 +39,8 @@ TEST(EntryPoint, BrokerLoadsTheLibraryAndConstructsTheModuleThroughTuqvuCreateMo
 
   void* library = dlopen(BM_MODULE_LIBRARY, RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(library, nullptr) << dlerror();
-  const auto create = reinterpret_cast<ZR::ZRCreateModuleFunction>(
-      dlsym(library, ZR::kCreateModuleSymbol));
+  const auto create =
+      reinterpret_cast<ZR::ZRCreateModuleFunction>(dlsym(library, ZR::kCreateModuleSymbol));
   ASSERT_NE(create, nullptr) << "no symbol " << ZR::kCreateModuleSymbol;
 
   {

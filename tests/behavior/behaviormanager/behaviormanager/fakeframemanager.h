@@ -1,8 +1,8 @@
 // A frame-manager module for the lifecycle suites: it registers as "ZRFrameManager",
 // records every call it receives, and can be made to misbehave the ways the real one
 // never does on demand — a load that throws, a load held until the test lets it go, a
-// run that ignores exit requests, an exit request that throws, a run that fails. Header-only: each suite
-// is its own executable.
+// run that ignores exit requests, an exit request that throws, a run that fails. Header-only: each
+// suite is its own executable.
 //
 // An instance runs until it is exited (exitBehavior, deleteBehavior or cleanBehaviors,
 // which like the real one keeps instances that have not run yet),
@@ -10,6 +10,14 @@
 // the real module, an exit requested before the run starts ends the next run at once.
 #pragma once
 
+#include <zr/zrbinding.h>
+#include <zr/zrerror.h>
+#include <zr/zrfunctorbase.h>
+#include <zr/zrmodule.h>
+#include <zr/zrtypes.h>
+#include <zr/zrvalue.h>
+
+#include <boost/make_shared.hpp>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -20,15 +28,6 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <boost/make_shared.hpp>
-
-#include <zr/zrbinding.h>
-#include <zr/zrerror.h>
-#include <zr/zrfunctorbase.h>
-#include <zr/zrmodule.h>
-#include <zr/zrtypes.h>
-#include <zr/zrvalue.h>
 
 namespace bmtest {
 
@@ -178,8 +177,8 @@ private:
     const auto fault = fLoadFaults.find(name);
     if (fault != fLoadFaults.end() && fault->second == LoadFault::ZRError) {
       throw ZR::ZRError("ZRFrameManager", "newBehaviorFromFile",
-                        "behavior file " + path + " cannot be read: refused by the test",
-                        __FILE__, __LINE__);
+                        "behavior file " + path + " cannot be read: refused by the test", __FILE__,
+                        __LINE__);
     }
     if (fault != fLoadFaults.end() && fault->second == LoadFault::StdException) {
       throw std::runtime_error("the test frame manager ran out of memory");
@@ -203,8 +202,7 @@ private:
     found->second.started = true;
     const auto runFault = fRunFaults.find(name);
     if (runFault != fRunFaults.end()) {
-      throw ZR::ZRError("ZRFrameManager", "completeBehavior", runFault->second, __FILE__,
-                        __LINE__);
+      throw ZR::ZRError("ZRFrameManager", "completeBehavior", runFault->second, __FILE__, __LINE__);
     }
     if (fQuick.count(name) > 0) return;
     fRunning.insert(id);

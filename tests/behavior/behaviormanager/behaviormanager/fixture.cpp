@@ -4,15 +4,13 @@
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
-
-#include <chrono>
-#include <fstream>
-
-#include <boost/make_shared.hpp>
-
 #include <zr/proxies/zrmemoryproxy.h>
 #include <zr/zrbinding.h>
 #include <zr/zrtypes.h>
+
+#include <boost/make_shared.hpp>
+#include <chrono>
+#include <fstream>
 
 namespace bmtest {
 
@@ -37,9 +35,9 @@ EventRecorder::EventRecorder(boost::shared_ptr<ZR::ZRBroker> broker,
                     {{"name", ZR::TypeCodeString},
                      {"value", ZR::TypeCodeValue},
                      {"message", ZR::TypeCodeString}}},
-      ([this](const ZR::ZRValue& args, ZR::ZRValue&) {
-        onEvent(args[0].toString(), args[1], args[2].toString());
-      }));
+                   ([this](const ZR::ZRValue& args, ZR::ZRValue&) {
+                     onEvent(args[0].toString(), args[1], args[2].toString());
+                   }));
   ZR::ZRMemoryProxy memory(broker);
   for (const std::string& key : keys) {
     memory.subscribeToMicroEvent(key, getName(), "", "onEvent");
@@ -49,8 +47,7 @@ EventRecorder::EventRecorder(boost::shared_ptr<ZR::ZRBroker> broker,
 
 EventRecorder::~EventRecorder() = default;
 
-void EventRecorder::onEvent(const std::string& name, const ZR::ZRValue& value,
-                            const std::string&) {
+void EventRecorder::onEvent(const std::string& name, const ZR::ZRValue& value, const std::string&) {
   std::lock_guard<std::mutex> lock(fMutex);
   if (name == kMarkKey) {
     ++fMarksSeen;
@@ -138,11 +135,11 @@ void ManagerTest::SetUp() {
   fPrefix = fBase / "prefix";
   fs::create_directories(fHome);
   fs::create_directories(systemRoot());
-  for (const auto& [name, value] :
-       std::vector<std::pair<const char*, std::string>>{{"HOME", fHome.string()},
-                                                        {"TUQVU_SDK_PREFIX", fPrefix.string()},
-                                                        {"XDG_DATA_HOME", (fHome / "data").string()},
-                                                        {"TMPDIR", (fBase / "tmp").string()}}) {
+  for (const auto& [name, value] : std::vector<std::pair<const char*, std::string>>{
+           {"HOME", fHome.string()},
+           {"TUQVU_SDK_PREFIX", fPrefix.string()},
+           {"XDG_DATA_HOME", (fHome / "data").string()},
+           {"TMPDIR", (fBase / "tmp").string()}}) {
     const char* old = std::getenv(name);
     fSavedEnv.emplace_back(name, old ? old : std::string("\x01unset"));
     setenv(name, value.c_str(), 1);
@@ -165,7 +162,9 @@ ZRBehaviorManager& ManagerTest::startManager() {
   return *manager;
 }
 
-void ManagerTest::stopManager() { manager.reset(); }
+void ManagerTest::stopManager() {
+  manager.reset();
+}
 
 void ManagerTest::TearDown() {
   manager.reset();
@@ -178,7 +177,10 @@ void ManagerTest::TearDown() {
   broker.reset();
   logs.reset();
   for (const auto& [name, value] : fSavedEnv) {
-    if (value == "\x01unset") unsetenv(name.c_str()); else setenv(name.c_str(), value.c_str(), 1);
+    if (value == "\x01unset")
+      unsetenv(name.c_str());
+    else
+      setenv(name.c_str(), value.c_str(), 1);
   }
   boost::system::error_code ignored;
   fs::remove_all(fBase, ignored);

@@ -3,8 +3,17 @@
 // a module that records memory events the way a remote subscriber receives them.
 #pragma once
 
+#include <behaviormanager.h>
 #include <common/logcapture.h>
+#include <gtest/gtest.h>
+#include <vu/log.h>
+#include <zr/modules/zrframemanager.h>
+#include <zr/modules/zrmemory.h>
+#include <zr/modules/zrpreferences.h>
+#include <zr/zrbroker.h>
+#include <zr/zrmodule.h>
 
+#include <boost/filesystem.hpp>
 #include <condition_variable>
 #include <cstdlib>
 #include <functional>
@@ -13,17 +22,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <boost/filesystem.hpp>
-#include <gtest/gtest.h>
-
-#include <behaviormanager.h>
-#include <vu/log.h>
-#include <zr/modules/zrframemanager.h>
-#include <zr/modules/zrmemory.h>
-#include <zr/modules/zrpreferences.h>
-#include <zr/zrbroker.h>
-#include <zr/zrmodule.h>
 
 namespace bmtest {
 

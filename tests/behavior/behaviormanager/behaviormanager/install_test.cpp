@@ -1,9 +1,11 @@
 // Installing behaviors and resources: in place, from directories and from zip and tar.gz
 // packages built here with the zip and bsdtar commands, with and without overwrite, and
 // what each leaves in the temporary directory (TMPDIR is private to each test).
-#include "fixture.h"
-#include "interposer.h"
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vu/project/package.h>
 
+#include <boost/make_shared.hpp>
 #include <condition_variable>
 #include <fstream>
 #include <map>
@@ -11,12 +13,8 @@
 #include <sstream>
 #include <thread>
 
-#include <boost/make_shared.hpp>
-
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <vu/project/package.h>
+#include "fixture.h"
+#include "interposer.h"
 
 namespace bmtest {
 namespace {
@@ -271,7 +269,8 @@ TEST_P(InstallNotAPackage, LogsTheLibraryTextReturnsFalseAndLeavesNoTemporaryDir
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0].level, 2);
   EXPECT_EQ(lines[0].category, "behavior.manager");
-  EXPECT_EQ(lines[0].text, "Error trying to import package " + source.string() + ": " + libraryText);
+  EXPECT_EQ(lines[0].text,
+            "Error trying to import package " + source.string() + ": " + libraryText);
   EXPECT_TRUE(tmpEntries().empty());
   EXPECT_FALSE(fs::exists(userRoot() / "target"));
   EXPECT_TRUE(libraryEvents().empty());
@@ -279,20 +278,21 @@ TEST_P(InstallNotAPackage, LogsTheLibraryTextReturnsFalseAndLeavesNoTemporaryDir
 
 INSTANTIATE_TEST_SUITE_P(
     Files, InstallNotAPackage,
-    ::testing::Values(
-        NotAPackage{"TextFile", [](const fs::path& p) { writeFile(p, "just some notes\n"); }},
-        NotAPackage{"EmptyFile", [](const fs::path& p) { writeFile(p, ""); }},
-        NotAPackage{"Missing", [](const fs::path&) {}},
-        NotAPackage{"TruncatedTarGz",
-                    [](const fs::path& p) {
-                      makeBehavior(p.parent_path() / "big");
-                      std::string noise;
-                      for (int i = 0; i < 200000; ++i) noise += std::to_string(i * 7919);
-                      writeFile(p.parent_path() / "big" / "noise.txt", noise);
-                      pack(p.parent_path() / "big", p.string() + ".full", false);
-                      const std::string whole = readFile(p.string() + ".full");
-                      writeFile(p, whole.substr(0, whole.size() / 2));
-                    }}),
+    ::testing::Values(NotAPackage{"TextFile",
+                                  [](const fs::path& p) { writeFile(p, "just some notes\n"); }},
+                      NotAPackage{"EmptyFile", [](const fs::path& p) { writeFile(p, ""); }},
+                      NotAPackage{"Missing", [](const fs::path&) {}},
+                      NotAPackage{"TruncatedTarGz",
+                                  [](const fs::path& p) {
+                                    makeBehavior(p.parent_path() / "big");
+                                    std::string noise;
+                                    for (int i = 0; i < 200000; ++i)
+                                      noise += std::to_string(i * 7919);
+                                    writeFile(p.parent_path() / "big" / "noise.txt", noise);
+                                    pack(p.parent_path() / "big", p.string() + ".full", false);
+                                    const std::string whole = readFile(p.string() + ".full");
+                                    writeFile(p, whole.substr(0, whole.size() / 2));
+                                  }}),
     [](const ::testing::TestParamInfo<NotAPackage>& info) { return std::string(info.param.name); });
 
 // ---- resources
@@ -366,7 +366,8 @@ TEST_F(InstallResource, PackageOverAnExistingResourceWithoutOverwriteLeavesTheTe
   EXPECT_EQ(readTree(userRoot() / "sounds"), old);
   const std::vector<std::string> left = tmpEntries();
   ASSERT_EQ(left.size(), 1u);
-  EXPECT_TRUE(std::regex_match(left[0], std::regex("[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}")))
+  EXPECT_TRUE(
+      std::regex_match(left[0], std::regex("[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}")))
       << left[0];
   EXPECT_EQ(readTree(tmpDir() / left[0]), unpacked);
   EXPECT_TRUE(installLogs().empty());  // nothing is logged for this refusal
@@ -477,8 +478,9 @@ TEST_F(Install, WithoutAValidUserLibraryNothingIsInstalled) {
   logs->clear();
 
   EXPECT_FALSE(install(scratch() / "wave", "wave", true));
-  EXPECT_EQ(installLogCount(2, "No valid user behavior library path was set, behavior will not be "
-                               "installed."),
+  EXPECT_EQ(installLogCount(2,
+                            "No valid user behavior library path was set, behavior will not be "
+                            "installed."),
             1);
   EXPECT_EQ(installLogs().size(), 1u);
   EXPECT_FALSE(fs::exists(userRoot() / "wave"));
@@ -597,10 +599,10 @@ TEST_F(InstallObserved, BehaviorGoneRightAfterItsImportIsReportedAfterTheEvent) 
   pack(scratch() / "vanish", scratch() / "vanish.zip", true);
 
   EXPECT_FALSE(install(scratch() / "vanish.zip", "vanish", false));
-  EXPECT_EQ(installLogCount(2, "Error trying to import package " +
-                                   (scratch() / "vanish.zip").string() +
-                                   ": behavior was not properly installed"),
-            1);
+  EXPECT_EQ(
+      installLogCount(2, "Error trying to import package " + (scratch() / "vanish.zip").string() +
+                             ": behavior was not properly installed"),
+      1);
   EXPECT_EQ(libraryEvents(), std::vector<std::string>{std::string(kAdded) + " vanish"});
   EXPECT_TRUE(tmpEntries().empty());
 }

@@ -4,6 +4,8 @@
 #pragma once
 
 #include <common/eventually.h>
+#include <vu/os.h>
+#include <zr/zrerror.h>
 
 #include <chrono>
 #include <functional>
@@ -12,9 +14,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <vu/os.h>
-#include <zr/zrerror.h>
 
 #include "fakeframemanager.h"
 #include "fixture.h"
@@ -33,9 +32,15 @@ using ZR::BehaviorManager::StateUnloading;
 inline const char* untilStoppedXar() {
   return "<behavior>\n  <repeat>\n    <wait ms=\"60000\"/>\n  </repeat>\n</behavior>\n";
 }
-inline const char* endsAtOnceXar() { return "<behavior/>\n"; }
-inline const char* failsXar() { return "<behavior>\n  <fail message=\"out of battery\"/>\n</behavior>\n"; }
-inline const char* shortWaitXar() { return "<behavior>\n  <wait ms=\"30\"/>\n</behavior>\n"; }
+inline const char* endsAtOnceXar() {
+  return "<behavior/>\n";
+}
+inline const char* failsXar() {
+  return "<behavior>\n  <fail message=\"out of battery\"/>\n</behavior>\n";
+}
+inline const char* shortWaitXar() {
+  return "<behavior>\n  <wait ms=\"30\"/>\n</behavior>\n";
+}
 
 // What a remote call ended with.
 struct CallResult {
@@ -103,13 +108,13 @@ protected:
     return callThrough(broker, method, args);
   }
   // The same call on a thread of its own; the result arrives through the future.
-  std::future<CallResult> callAsync(const std::string& method, const std::vector<ZR::ZRValue>& args) {
+  std::future<CallResult> callAsync(const std::string& method,
+                                    const std::vector<ZR::ZRValue>& args) {
     auto promise = std::make_shared<std::promise<CallResult>>();
     std::future<CallResult> future = promise->get_future();
     boost::shared_ptr<ZR::ZRBroker> target = broker;
-    fThreads.emplace_back([target, method, args, promise] {
-      promise->set_value(callThrough(target, method, args));
-    });
+    fThreads.emplace_back(
+        [target, method, args, promise] { promise->set_value(callThrough(target, method, args)); });
     return future;
   }
   // Runs any work on a thread joined at tear-down.
@@ -181,10 +186,12 @@ private:
 };
 
 // Matchers for the module's own errors.
-inline ::testing::AssertionResult isManagerError(const CallResult& result, const std::string& method,
+inline ::testing::AssertionResult isManagerError(const CallResult& result,
+                                                 const std::string& method,
                                                  const std::string& description) {
   if (!result.threw) return ::testing::AssertionFailure() << "nothing was thrown";
-  if (!result.zrError) return ::testing::AssertionFailure() << "not a ZRError: " << result.description;
+  if (!result.zrError)
+    return ::testing::AssertionFailure() << "not a ZRError: " << result.description;
   if (result.module != "ZRBehaviorManager" || result.method != method ||
       result.description != description ||
       result.file != "behavior/behaviormanager/src/behaviormanager" || result.line <= 0) {
@@ -195,7 +202,8 @@ inline ::testing::AssertionResult isManagerError(const CallResult& result, const
   return ::testing::AssertionSuccess();
 }
 
-inline ::testing::AssertionResult isManagerError(const ZR::ZRError& error, const std::string& method,
+inline ::testing::AssertionResult isManagerError(const ZR::ZRError& error,
+                                                 const std::string& method,
                                                  const std::string& description) {
   CallResult result;
   result.threw = result.zrError = true;

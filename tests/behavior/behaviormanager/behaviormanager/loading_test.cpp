@@ -61,7 +61,7 @@ TEST_F(Loading, IsBehaviorLoadedDoesNotNormaliseButTheIdQueryDoes) {
 
 TEST_F(Loading, FrameManagerIdOfANameNotLoadedIsEmpty) {
   startReal();
-  EXPECT_EQ(manager->getBehaviorFrameManagerId("wave"), "");        // installed, not loaded
+  EXPECT_EQ(manager->getBehaviorFrameManagerId("wave"), "");         // installed, not loaded
   EXPECT_EQ(manager->getBehaviorFrameManagerId("no/such/one"), "");  // not even installed
   const CallResult remote = call("_getBehaviorFrameManagerId", {"no/such/one"});
   ASSERT_FALSE(remote.threw) << remote.description;
@@ -124,7 +124,8 @@ TEST_F(Loading, SystemBehaviorLoadsUnderItsPrefixedName) {
 
 TEST_F(Loading, LoadedBehaviorsAreListedInByteWiseOrder) {
   startReal();
-  for (const char* name : {"wave", "System/stand", "idle"}) ASSERT_TRUE(manager->loadBehavior(name));
+  for (const char* name : {"wave", "System/stand", "idle"})
+    ASSERT_TRUE(manager->loadBehavior(name));
   EXPECT_EQ(manager->getLoadedBehaviors(), (Names{"System/stand", "idle", "wave"}));
   EXPECT_EQ(frameManager->getBehaviorInstances().size(), 3u);
 }
@@ -344,12 +345,12 @@ TEST_F(LoadingFaults, AnEntryRemovedDuringTheLoadDeletesTheNewInstanceAndFails) 
   manager->xUnloadBehavior("wave");  // the entry has no id yet: nothing to ask the frame manager
   EXPECT_EQ(fake->calls().size(), 1u);
   fake->releaseLoad("wave");
-  EXPECT_TRUE(isManagerError(load.get(), "loadBehavior",
-                             "Could not load behavior wave, yet file exists."));
+  EXPECT_TRUE(
+      isManagerError(load.get(), "loadBehavior", "Could not load behavior wave, yet file exists."));
   const std::string id = fake->idOf("wave");
-  EXPECT_EQ(fake->calls(), (Names{"newBehaviorFromFile(" + (userRoot() / "wave").string() +
-                                      "/behavior.xar, wave)",
-                                  "deleteBehavior(" + id + ")"}));
+  EXPECT_EQ(fake->calls(),
+            (Names{"newBehaviorFromFile(" + (userRoot() / "wave").string() + "/behavior.xar, wave)",
+                   "deleteBehavior(" + id + ")"}));
   EXPECT_TRUE(fake->instances().empty());
   EXPECT_EQ(manager->behaviorState("wave"), StateUnloaded);
   EXPECT_FALSE(manager->isBehaviorLoaded("wave"));
@@ -419,9 +420,10 @@ TEST_F(LoadingFaults, UnloadOfARunningBehaviorWhoseStopTimesOutLogsAndKeepsItLoa
   const std::string id = fake->idOf("idle");
   logs->clear();
   EXPECT_FALSE(manager->unloadBehavior("User/idle"));
-  EXPECT_EQ(logs->count(5, "behavior.manager", "unloadBehavior",
-                        "Could not stop behavior: Behavior User/idle could not be stopped properly."),
-            1);
+  EXPECT_EQ(
+      logs->count(5, "behavior.manager", "unloadBehavior",
+                  "Could not stop behavior: Behavior User/idle could not be stopped properly."),
+      1);
   EXPECT_TRUE(manager->isBehaviorLoaded("idle"));
   EXPECT_EQ(manager->getBehaviorFrameManagerId("idle"), id);
   EXPECT_EQ(manager->behaviorState("idle"), StateRunning);

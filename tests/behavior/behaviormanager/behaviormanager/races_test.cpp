@@ -1,17 +1,16 @@
 // Races between loads, run ends and stops of one behavior that the soak test
 // (tests/soak) met with many clients: two loads that both found the behavior unloaded,
 // and waits for the unloaded state that a reload passed between two looks.
-#include <condition_variable>
-#include <map>
-#include <mutex>
-#include <thread>
-
-#include <boost/make_shared.hpp>
-
 #include <zr/zrbinding.h>
 #include <zr/zrfunctorbase.h>
 #include <zr/zrmodule.h>
 #include <zr/zrtypes.h>
+
+#include <boost/make_shared.hpp>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <thread>
 
 #include "lifecycle.h"
 
@@ -41,11 +40,10 @@ public:
       fChanged.wait(lock, [&] { return !fExitsClosed; });
       fExitsWaiting -= 1;
     });
-    bind("deleteBehavior", {"id"}, ZR::TypeCodeVoid,
-         [this](const ZR::ZRValue& args, ZR::ZRValue&) {
-           std::lock_guard<std::mutex> lock(fMutex);
-           fInstances.erase(args[0].toString());
-         });
+    bind("deleteBehavior", {"id"}, ZR::TypeCodeVoid, [this](const ZR::ZRValue& args, ZR::ZRValue&) {
+      std::lock_guard<std::mutex> lock(fMutex);
+      fInstances.erase(args[0].toString());
+    });
     bind("cleanBehaviors", {}, ZR::TypeCodeVoid, [this](const ZR::ZRValue&, ZR::ZRValue&) {
       std::lock_guard<std::mutex> lock(fMutex);
       fInstances.clear();

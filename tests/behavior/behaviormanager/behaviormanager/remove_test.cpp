@@ -1,19 +1,17 @@
 // Removing behaviors, directories of behaviors and resources from the user library:
 // events, default list, running behaviors, and the errors for what cannot be removed.
-#include "fixture.h"
-#include <zr/zrbinding.h>
-
-#include <condition_variable>
-#include <thread>
-
-#include <boost/make_shared.hpp>
-
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
 #include <zr/proxies/zrpreferencesproxy.h>
+#include <zr/zrbinding.h>
+
+#include <boost/make_shared.hpp>
+#include <condition_variable>
+#include <thread>
+
+#include "fixture.h"
 
 namespace bmtest {
 namespace {
@@ -27,12 +25,12 @@ class Blocker : public ZR::ZRModule {
 public:
   explicit Blocker(boost::shared_ptr<ZR::ZRBroker> broker) : ZR::ZRModule(broker, "Blocker") {
     ZR::bindCallable(*this, {"hold", "blocks until released"},
-        ([this](const ZR::ZRValue&, ZR::ZRValue&) {
-          std::unique_lock<std::mutex> lock(fMutex);
-          ++fEntered;
-          fChanged.notify_all();
-          fChanged.wait(lock, [this] { return fReleased; });
-        }));
+                     ([this](const ZR::ZRValue&, ZR::ZRValue&) {
+                       std::unique_lock<std::mutex> lock(fMutex);
+                       ++fEntered;
+                       fChanged.notify_all();
+                       fChanged.wait(lock, [this] { return fReleased; });
+                     }));
   }
   bool waitEntered(int timeoutMs) {
     std::unique_lock<std::mutex> lock(fMutex);
@@ -177,8 +175,8 @@ TEST_F(Remove, RunningBehaviorIsStoppedBeforeItIsRemoved) {
   });
   const bool running = events->waitFor(
       [](const EventRecorder::Event& e) {
-        return e.first == "BehaviorsRun" && e.second.toStringVector() ==
-                                                std::vector<std::string>{"loop"};
+        return e.first == "BehaviorsRun" &&
+               e.second.toStringVector() == std::vector<std::string>{"loop"};
       },
       10000);
   if (!running) {
@@ -207,7 +205,8 @@ TEST_F(Remove, RunningBehaviorIsStoppedBeforeItIsRemoved) {
 }
 
 TEST_F(Remove, BehaviorThatCannotBeStoppedIsRemovedAllTheSame) {
-  makeBehavior(userRoot() / "stuck", "<behavior><call module=\"Blocker\" method=\"hold\"/></behavior>");
+  makeBehavior(userRoot() / "stuck",
+               "<behavior><call module=\"Blocker\" method=\"hold\"/></behavior>");
   startPlatform();
   Blocker blocker(broker);
   startManager();
@@ -334,8 +333,9 @@ TEST_F(Remove, BehaviorTheLibraryCannotDeleteMakesTheResultFalseAndTheOthersGo) 
 
   EXPECT_FALSE(remove("group"));
 
-  EXPECT_EQ(logs->count(2, "behavior.manager", "removeBehavior", "Error removing the behavior group/a"),
-            1);
+  EXPECT_EQ(
+      logs->count(2, "behavior.manager", "removeBehavior", "Error removing the behavior group/a"),
+      1);
   EXPECT_TRUE(fs::exists(userRoot() / "group" / "a" / "behavior.xar"));
   EXPECT_FALSE(fs::exists(userRoot() / "group" / "b"));
   EXPECT_EQ(removedEvents(), std::vector<std::string>{"group/b"});

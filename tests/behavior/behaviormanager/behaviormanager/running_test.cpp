@@ -107,7 +107,8 @@ TEST_F(Running, TwoRunningBehaviorsAreListedInOrder) {
   EXPECT_FALSE(call("stopAllBehaviors", {}).threw);
   for (std::future<CallResult>* run : {&first, &second}) {
     const CallResult result = run->get();
-    EXPECT_FALSE(result.threw) << result.module << "::" << result.method << " " << result.description;
+    EXPECT_FALSE(result.threw) << result.module << "::" << result.method << " "
+                               << result.description;
   }
   // Stopped in name order: "idle" leaves the list first.
   EXPECT_EQ(published(), (std::vector<Names>{{"other"}, {"idle", "other"}, {"other"}, {}}));

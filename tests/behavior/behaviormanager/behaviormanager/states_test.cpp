@@ -105,10 +105,8 @@ TEST_F(States, TheCompleteSortedListIsPublishedOnEveryChange) {
   manager->setBehaviorState("System/x", StateRunning);
   EXPECT_EQ(manager->getRunningBehaviors(), (Names{"System/x", "Zeta", "a"}));
   manager->setBehaviorState("Zeta", StateUnloading);
-  EXPECT_EQ(published(), (std::vector<Names>{{"a"},
-                                             {"Zeta", "a"},
-                                             {"System/x", "Zeta", "a"},
-                                             {"System/x", "a"}}));
+  EXPECT_EQ(published(), (std::vector<Names>{
+                             {"a"}, {"Zeta", "a"}, {"System/x", "Zeta", "a"}, {"System/x", "a"}}));
   for (const char* name : {"a", "Zeta", "System/x"}) manager->setBehaviorState(name, StateUnloaded);
   EXPECT_EQ(published().back(), Names{});
 }
@@ -158,8 +156,9 @@ TEST_F(States, WaitForAReachedStateReturnsAtOnceWithoutSleeping) {
   for (const int timeout : {10000, 1000, 0, -1}) {
     SCOPED_TRACE(timeout);
     bool reached = false;
-    EXPECT_EQ(sleepsDuring([&] { reached = manager->waitBehaviorState("a", StateUnloaded, timeout); }),
-              0u);
+    EXPECT_EQ(
+        sleepsDuring([&] { reached = manager->waitBehaviorState("a", StateUnloaded, timeout); }),
+        0u);
     EXPECT_TRUE(reached);
   }
   // An unknown name reads as StateUnknown, which is then reached at once.
@@ -191,8 +190,9 @@ TEST_F(States, WaitLooksOnceMorePerFull200Milliseconds) {
        std::vector<std::pair<int, unsigned long>>{{199, 1}, {200, 2}, {399, 2}, {1000, 6}}) {
     SCOPED_TRACE(timeout);
     bool reached = true;
-    EXPECT_EQ(sleepsDuring([&] { reached = manager->waitBehaviorState("a", StateLoaded, timeout); }),
-              sleeps);
+    EXPECT_EQ(
+        sleepsDuring([&] { reached = manager->waitBehaviorState("a", StateLoaded, timeout); }),
+        sleeps);
     EXPECT_FALSE(reached);
   }
 }

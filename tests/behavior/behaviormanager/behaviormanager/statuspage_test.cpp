@@ -1,8 +1,8 @@
-#include "fixture.h"
+#include <zr/zrmutex.h>
 
 #include <thread>
 
-#include <zr/zrmutex.h>
+#include "fixture.h"
 
 namespace bmtest {
 namespace {
@@ -36,7 +36,8 @@ std::string scriptLines(const std::string& function, const std::string& first,
       "xhr_object.send(null);",
       "}",
       "}",
-      "xhr_object.open(\"GET\", evalUrl + \"ZRBehaviorManager." + first + "('\" + behavior + \"')\");",
+      "xhr_object.open(\"GET\", evalUrl + \"ZRBehaviorManager." + first +
+          "('\" + behavior + \"')\");",
       "xhr_object.send(null);",
       "}",
   };
@@ -84,9 +85,13 @@ TEST_F(StatusPage, LoadedRunningAndInstalledSectionsHaveTheirExactRows) {
       opening() + "<i><u>Loaded behaviors</u></i><br>" + table +
       "<tr><td><b>Name</b></td><td><b>Loaded by dependency</b></td></tr>"
       "<tr><td>a</td><td></td></tr><tr><td>b</td><td></td></tr></table><br><br><br>"
-      "<i><u>Running behaviors</u></i><br>" + table + "<tr><td><b>Name</b></td></tr>"
+      "<i><u>Running behaviors</u></i><br>" +
+      table +
+      "<tr><td><b>Name</b></td></tr>"
       "<tr><td><a href=\"javascript:stopBehavior('a');\">a</a></td></tr></table><br><br><br>"
-      "<i><u>Installed behaviors</u></i><br>" + table + "<tr><td><b>Name</b></td></tr>"
+      "<i><u>Installed behaviors</u></i><br>" +
+      table +
+      "<tr><td><b>Name</b></td></tr>"
       "<tr><td><a href=\"javascript:playBehavior('a');\">a</a></td></tr>"
       "<tr><td><a href=\"javascript:playBehavior('b');\">b</a></td></tr></table></body></html>";
   EXPECT_EQ(page, expected);
@@ -98,8 +103,9 @@ TEST_F(StatusPage, RowsCarryPlainNamesUnchanged) {
   // A name without special characters is printed untouched.
   manager->setBehaviorState("User/a", ZR::BehaviorManager::StateRunning);
   const std::string page = manager->httpGet();
-  EXPECT_NE(page.find("<tr><td><a href=\"javascript:stopBehavior('User/a');\">User/a</a></td></tr>"),
-            std::string::npos);
+  EXPECT_NE(
+      page.find("<tr><td><a href=\"javascript:stopBehavior('User/a');\">User/a</a></td></tr>"),
+      std::string::npos);
   manager->setBehaviorState("User/a", ZR::BehaviorManager::StateUnloaded);
 }
 
@@ -127,7 +133,8 @@ TEST_F(StatusPage, FileTransferPortIsTheServersPort) {
   startManager();
   const int port = manager->httpFileTransferPort();
   EXPECT_GE(port, 15000);
-  ZR::ZRValue result = broker->call("ZRBehaviorManager", "_httpFileTransferPort", ZR::ZRValue::array());
+  ZR::ZRValue result =
+      broker->call("ZRBehaviorManager", "_httpFileTransferPort", ZR::ZRValue::array());
   EXPECT_EQ(result, ZR::ZRValue(port));
 }
 

@@ -56,8 +56,8 @@ TEST_F(Tags, BareNamesAskTheUserLibraryFirst) {
   makeBehavior(userRoot() / "moves" / "b", "<behavior/>", {"two", "one"});
   start();
 
-  EXPECT_EQ(manager->getBehaviorTags("stand"), Strings{"posture"});      // system only
-  EXPECT_EQ(manager->getBehaviorTags("dance"), Strings{"user-dance"});   // both: user only
+  EXPECT_EQ(manager->getBehaviorTags("stand"), Strings{"posture"});       // system only
+  EXPECT_EQ(manager->getBehaviorTags("dance"), Strings{"user-dance"});    // both: user only
   EXPECT_EQ(manager->getBehaviorTags("moves"), (Strings{"one", "two"}));  // a directory
   ZR::ZRValue args = ZR::ZRValue::array();
   args.arrayPush(ZR::ZRValue("dance"));
@@ -71,8 +71,9 @@ TEST_F(Tags, UnknownBareNameIsEmptyWithAVerboseNote) {
   start();
 
   EXPECT_TRUE(manager->getBehaviorTags("nothing/here").empty());
-  EXPECT_EQ(logs->count(5, "behavior.manager", "getBehaviorTags", "No behavior found in nothing/here"),
-            1);
+  EXPECT_EQ(
+      logs->count(5, "behavior.manager", "getBehaviorTags", "No behavior found in nothing/here"),
+      1);
   EXPECT_EQ(logs->messages().size(), 1u);
 }
 

@@ -1,6 +1,5 @@
-#include <zr/detail/zrcompleteandcheck.h>
-
 #include <gtest/gtest.h>
+#include <zr/detail/zrcompleteandcheck.h>
 
 namespace {
 struct Target {

@@ -1,7 +1,5 @@
-#include <zr/detail/zrfunctor.h>
-
 #include <gtest/gtest.h>
-
+#include <zr/detail/zrfunctor.h>
 #include <zr/zrerror.h>
 
 using ZR::createFunctor;
@@ -69,9 +67,9 @@ TEST(ZRFunctor, IntegerForAStringParameterIsRefusedBeforeTheMemberRuns) {
   Target target;
   ZRValue result;
   auto functor = createFunctor(&target, &Target::runBehavior);
-  EXPECT_EQ(conversionError([&] { functor->call(args({3}), result); }),
-            "Parameter type is " + ZRValue::TypeToString(ZRValue::TypeInt) +
-                " instead of string@88");
+  EXPECT_EQ(
+      conversionError([&] { functor->call(args({3}), result); }),
+      "Parameter type is " + ZRValue::TypeToString(ZRValue::TypeInt) + " instead of string@88");
   EXPECT_TRUE(target.calls.empty());
 }
 
@@ -79,9 +77,11 @@ TEST(ZRFunctor, IntegerForTheBoolOfInstallBehaviorIsRefused) {
   Target target;
   ZRValue result;
   auto functor = createFunctor(&target, &Target::installBehavior);
-  EXPECT_EQ(conversionError([&] { functor->call(args({"/a", "b", 1}), result); }),
-            "Parameter type is " + ZRValue::TypeToString(ZRValue::TypeInt) +
-                " instead of bool@137");
+  EXPECT_EQ(
+      conversionError([&] {
+        functor->call(args({"/a", "b", 1}), result);
+      }),
+      "Parameter type is " + ZRValue::TypeToString(ZRValue::TypeInt) + " instead of bool@137");
   EXPECT_TRUE(target.calls.empty());
   functor->call(args({"/a", "b", true}), result);
   EXPECT_EQ(target.calls, std::vector<std::string>{"install /a b 1"});

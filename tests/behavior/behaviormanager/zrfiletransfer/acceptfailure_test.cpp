@@ -2,26 +2,23 @@
 // waiting client cannot be accepted; the listener logs that once, backs off, and serves
 // the client as soon as a descriptor is free again.
 #include <arpa/inet.h>
+#include <common/eventually.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <zrfiletransfer/zracceptbackoff.h>
+#include <zrfiletransfer/zrfiletransfer.h>
 
-#include <cerrno>
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <functional>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include <zrfiletransfer/zrfiletransfer.h>
-#include <zrfiletransfer/zracceptbackoff.h>
-
-#include <common/eventually.h>
 
 #include "support/logcapture.h"
 #include "support/rawclient.h"
@@ -74,7 +71,6 @@ private:
   bool fExhausted = false;
 };
 
-
 }  // namespace
 
 TEST(AcceptFailures, TheListenerOutlivesDescriptorExhaustionAndServesTheWaitingClient) {
@@ -98,8 +94,7 @@ TEST(AcceptFailures, TheListenerOutlivesDescriptorExhaustionAndServesTheWaitingC
 
     // Several failed accepts (the back-off reaches 160 ms within 310 ms), one log line.
     EXPECT_TRUE(tuqvutest::eventually(
-        [&] { return !log.find("listenRequest", "accepting connections failed").empty(); },
-        5s));
+        [&] { return !log.find("listenRequest", "accepting connections failed").empty(); }, 5s));
     std::this_thread::sleep_for(1500ms);
     EXPECT_EQ(1u, log.find("listenRequest", "accepting connections failed").size());
     EXPECT_NE(std::string::npos,

@@ -1,19 +1,17 @@
 // The descriptor-based operations the hooks use to stay beneath a root (zrbeneath.h),
 // called directly: links, dangling links and ".." never lead out, and removals keep what
 // must be kept. openBeneath and its fallback walk are held to the same cases.
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <zrfiletransfer/zrbeneath.h>
 
 #include <algorithm>
+#include <boost/filesystem/operations.hpp>
 #include <cerrno>
 #include <cstring>
 #include <string>
 #include <vector>
-
-#include <boost/filesystem/operations.hpp>
-#include <gtest/gtest.h>
-
-#include <zrfiletransfer/zrbeneath.h>
 
 #include "support/files.h"
 #include "support/testenvironment.h"
@@ -145,8 +143,7 @@ INSTANTIATE_TEST_SUITE_P(Openat2AndWalk, OpenBeneath,
                          ::testing::Values(&ZR::detail::openBeneath,
                                            &ZR::detail::openBeneathByWalk),
                          [](const ::testing::TestParamInfo<OpenFunction>& info) {
-                           return info.index == 0 ? std::string("Openat2")
-                                                  : std::string("Walk");
+                           return info.index == 0 ? std::string("Openat2") : std::string("Walk");
                          });
 
 TEST_F(BeneathTest, MakeDirectoriesCreatesWhatIsMissingAndReturnsTheLast) {

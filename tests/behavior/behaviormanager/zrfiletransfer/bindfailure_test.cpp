@@ -3,15 +3,13 @@
 // through to the C library unless a test armed a failure.
 #include <dlfcn.h>
 #include <errno.h>
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <atomic>
-
-#include <gtest/gtest.h>
-
 #include <zr/zrerror.h>
 #include <zrfiletransfer/zrfiletransfer.h>
+
+#include <atomic>
 
 #include "support/logcapture.h"
 #include "support/ports.h"

@@ -1,11 +1,11 @@
 // How the server treats connections: one at a time, keep-alive, pipelining, idle and
 // misbehaving clients. The idle-client test waits for the server's 15 s time-out; it is
 // the only test that does.
-#include <string>
-#include <thread>
+#include <gtest/gtest.h>
 
 #include <boost/filesystem/operations.hpp>
-#include <gtest/gtest.h>
+#include <string>
+#include <thread>
 
 #include "support/files.h"
 #include "support/rawclient.h"

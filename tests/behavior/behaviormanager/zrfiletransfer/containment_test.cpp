@@ -1,16 +1,14 @@
 // What GET, PUT and DELETE may reach, against the real server over raw sockets: never
 // outside a served folder (links, dangling links), never a served folder itself, nothing
 // of the installation, no names with control characters, no body above the size limit.
+#include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <zrfiletransfer/zrhttphandlers.h>
 
+#include <boost/filesystem/operations.hpp>
 #include <cstdlib>
 #include <string>
 #include <vector>
-
-#include <boost/filesystem/operations.hpp>
-#include <gtest/gtest.h>
-
-#include <zrfiletransfer/zrhttphandlers.h>
 
 #include "support/files.h"
 #include "support/logcapture.h"
@@ -37,9 +35,13 @@ std::string put(const std::string& path, const std::string& body) {
          "\n\n" + body;
 }
 
-std::string del(const std::string& path) { return "DELETE " + path + " HTTP/1.1\nHost: robot\n\n"; }
+std::string del(const std::string& path) {
+  return "DELETE " + path + " HTTP/1.1\nHost: robot\n\n";
+}
 
-std::string get(const std::string& path) { return "GET " + path + " HTTP/1.1\nHost: robot\n\n"; }
+std::string get(const std::string& path) {
+  return "GET " + path + " HTTP/1.1\nHost: robot\n\n";
+}
 
 // Makes the installation prefix look like a source tree while alive.
 class SourceTreePrefix {
@@ -98,16 +100,18 @@ protected:
 
 TEST_F(Containment, DeleteOfAServedFolderItselfIs403AndRemovesNothing) {
   const std::vector<fs::path> markers = {
-      paths().dataHome / "marker.txt", paths().dataHome / "app" / "marker.txt",
+      paths().dataHome / "marker.txt",
+      paths().dataHome / "app" / "marker.txt",
       paths().home / ".tuqvu" / "behaviors" / "keep" / "behavior.xar",
-      paths().home / ".tuqvu" / "boxlibraries" / "marker.txt", paths().tmp / "marker.txt",
+      paths().home / ".tuqvu" / "boxlibraries" / "marker.txt",
+      paths().tmp / "marker.txt",
       paths().prefix / "share" / "behaviors" / "sys" / "behavior.xar"};
   for (const fs::path& marker : markers) {
     writeFile(marker, "kept");
   }
-  for (const char* path : {"/share", "/share/", "/share/app", "/behaviors/User/", "/behaviors/User",
-                           "/behaviors", "/behaviors/", "/boxlibraries", "/tmp", "/tmp/",
-                           "/tmp/.", "/behaviors/System/"}) {
+  for (const char* path :
+       {"/share", "/share/", "/share/app", "/behaviors/User/", "/behaviors/User", "/behaviors",
+        "/behaviors/", "/boxlibraries", "/tmp", "/tmp/", "/tmp/.", "/behaviors/System/"}) {
     bool closed = false;
     const std::string received = exchange(del(path), &closed);
     EXPECT_EQ(received.find("HTTP/1.1 403 Forbidden\nServer: TuqVu\nContent-Type: text/plain\n"),
@@ -167,8 +171,8 @@ TEST_F(Containment, ASourceTreePrefixServesNothingOutsideTheKnownFolders) {
   writeFile(paths().tmp / "tree.txt", "tmp");
   SourceTreePrefix sourceTree;
   LogCapture log;
-  for (const char* path : {"/CMakeCache.txt", "/scripts/run.sh",
-                           "/build/lib/libzrbehaviormanager.so", "/img.png"}) {
+  for (const char* path :
+       {"/CMakeCache.txt", "/scripts/run.sh", "/build/lib/libzrbehaviormanager.so", "/img.png"}) {
     expectNoReply(get(path));
   }
   EXPECT_EQ(log.find("translateHttp", "the installation is a source tree").size(), 4u);

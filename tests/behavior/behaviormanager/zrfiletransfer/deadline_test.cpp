@@ -1,7 +1,11 @@
 // Slow clients against a server whose header deadline is 2 s: one that dribbles its
 // headers or its body is cut off at its deadline, and the client waiting behind it is
 // served then, not when the slow one would have finished.
+#include <common/environment.h>
+#include <gtest/gtest.h>
 #include <stdlib.h>
+#include <zrfiletransfer/zrfiletransfer.h>
+#include <zrfiletransfer/zrrequestdeadline.h>
 
 #include <algorithm>
 #include <atomic>
@@ -9,13 +13,6 @@
 #include <future>
 #include <string>
 #include <thread>
-
-#include <gtest/gtest.h>
-
-#include <common/environment.h>
-
-#include <zrfiletransfer/zrfiletransfer.h>
-#include <zrfiletransfer/zrrequestdeadline.h>
 
 #include "support/files.h"
 #include "support/logcapture.h"
@@ -60,15 +57,17 @@ TEST_F(Deadlines, HeadersSentAByteAtATimeAreCutOffAndTheNextClientIsServed) {
   LogCapture log;
   ZR::ZRFileTransfer server;
   const int port = server.httpFileTransferPort();
-  const std::string request = "GET /tmp/slow.txt HTTP/1.1\nHost: robot\nX-Padding: " +
-                              std::string(60, 'p') + "\n\n";  // 100 bytes: 20 s at 5 bytes/s
+  const std::string request =
+      "GET /tmp/slow.txt HTTP/1.1\nHost: robot\nX-Padding: " + std::string(60, 'p') +
+      "\n\n";  // 100 bytes: 20 s at 5 bytes/s
 
   const auto start = Clock::now();
   RawConnection slow(port);
-  auto slowSender = std::async(std::launch::async,
-                               [&] { return dribble(slow, request, 1, 200ms); });
+  auto slowSender =
+      std::async(std::launch::async, [&] { return dribble(slow, request, 1, 200ms); });
   std::this_thread::sleep_for(300ms);
-  const zrft_test::Reply waiting = zrft_test::request(port, "GET /tmp/none.txt HTTP/1.1\nHost: robot\n\n", 15s);
+  const zrft_test::Reply waiting =
+      zrft_test::request(port, "GET /tmp/none.txt HTTP/1.1\nHost: robot\n\n", 15s);
   const auto servedAfter = Clock::now() - start;
 
   EXPECT_EQ("HTTP/1.1 404 Not Found", waiting.statusLine);

@@ -1,12 +1,11 @@
 // GET against the real server over raw sockets: files, listings, 404, content types, and
 // the paths that get no reply at all.
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <boost/filesystem/operations.hpp>
 #include <string>
 #include <vector>
-
-#include <boost/filesystem/operations.hpp>
-#include <gtest/gtest.h>
 
 #include "support/files.h"
 #include "support/logcapture.h"
@@ -33,8 +32,8 @@ protected:
   // Sends the GET and expects the server to close without a byte.
   void expectNoReply(const std::string& path) {
     bool closed = false;
-    const std::string received = zrft_test::requestUntilClosed(
-        fPort, "GET " + path + " HTTP/1.1\nHost: robot\n\n", &closed);
+    const std::string received =
+        zrft_test::requestUntilClosed(fPort, "GET " + path + " HTTP/1.1\nHost: robot\n\n", &closed);
     EXPECT_TRUE(closed) << path;
     EXPECT_EQ(received, "") << path;
   }
@@ -46,11 +45,11 @@ protected:
 
 void expectFileReply(const Reply& reply, const std::string& body, const std::string& type) {
   ASSERT_TRUE(reply.complete);
-  EXPECT_EQ(reply.headLines(),
-            (std::vector<std::string>{"HTTP/1.1 200 OK", "Server: TuqVu",
-                                      "Tuqvu-File-Type: regular-file",
-                                      "Content-Length: " + std::to_string(body.size()),
-                                      "Content-Type: " + type, "Connection: keep-alive"}));
+  EXPECT_EQ(
+      reply.headLines(),
+      (std::vector<std::string>{"HTTP/1.1 200 OK", "Server: TuqVu", "Tuqvu-File-Type: regular-file",
+                                "Content-Length: " + std::to_string(body.size()),
+                                "Content-Type: " + type, "Connection: keep-alive"}));
   EXPECT_EQ(reply.head.find('\r'), std::string::npos);
   EXPECT_EQ(reply.body, body);
 }
@@ -59,8 +58,7 @@ void expectFileReply(const Reply& reply, const std::string& body, const std::str
 
 TEST_F(Get, UserBehaviorFileWithHeadersInOrderAndLineFeedsOnly) {
   writeFile(userBehaviors() / "x" / "behavior.xar", "<xar version=\"3\"/>\n");
-  expectFileReply(get("/behaviors/User/x/behavior.xar"), "<xar version=\"3\"/>\n",
-                  "text/plain");
+  expectFileReply(get("/behaviors/User/x/behavior.xar"), "<xar version=\"3\"/>\n", "text/plain");
 }
 
 TEST_F(Get, BehaviorWithoutLibraryPrefixIsAUserBehavior) {
@@ -122,9 +120,12 @@ TEST_F(Get, OtherFilesComeFromThePrefixTypedByTheLowerCasedExtension) {
   expectFileReply(get("/img.PNG"), "png bytes", "image/png");
 
   const std::vector<std::pair<std::string, std::string>> types = {
-      {"a.jpg", "image/jpeg"},      {"a.gif", "image/gif"},
-      {"a.mp3", "audio/mp3"},       {"a.wav", "audio/x-wav"},
-      {"a.txt", "text/plain"},      {"a.vkp", "application/octet-stream"},
+      {"a.jpg", "image/jpeg"},
+      {"a.gif", "image/gif"},
+      {"a.mp3", "audio/mp3"},
+      {"a.wav", "audio/x-wav"},
+      {"a.txt", "text/plain"},
+      {"a.vkp", "application/octet-stream"},
       {"a.zip", "application/octet-stream"}};
   for (const auto& entry : types) {
     writeFile(paths().prefix / "media" / entry.first, entry.first);
@@ -143,7 +144,9 @@ TEST_F(Get, EvalPathsGetNoReply) {
   expectNoReply("/?eval=ZRBehaviorManager.runBehavior('x')");
 }
 
-TEST_F(Get, RootPathGetsNoReply) { expectNoReply("/"); }
+TEST_F(Get, RootPathGetsNoReply) {
+  expectNoReply("/");
+}
 
 TEST_F(Get, SystemBehaviorsComeFromTheInstallation) {
   writeFile(paths().prefix / "share" / "behaviors" / "sys" / "behavior.xar", "system");

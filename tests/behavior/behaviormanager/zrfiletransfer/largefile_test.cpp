@@ -1,14 +1,14 @@
 // A 100 MB file goes up with PUT and comes back with GET on the same connection, byte
 // for byte. The test streams from and to files in 64 KiB blocks and never holds the
 // file in memory.
+#include <gtest/gtest.h>
+
+#include <boost/filesystem/operations.hpp>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
 #include <vector>
-
-#include <boost/filesystem/operations.hpp>
-#include <gtest/gtest.h>
 
 #include "support/rawclient.h"
 #include "support/testenvironment.h"
@@ -46,7 +46,8 @@ void writePattern(const fs::path& path, std::uint64_t size) {
       state ^= state << 17;
       word = state;
     }
-    const std::size_t count = static_cast<std::size_t>(std::min<std::uint64_t>(kBlock, size - written));
+    const std::size_t count =
+        static_cast<std::size_t>(std::min<std::uint64_t>(kBlock, size - written));
     ASSERT_EQ(std::fwrite(block.data(), 1, count, file.get()), count);
     written += count;
   }

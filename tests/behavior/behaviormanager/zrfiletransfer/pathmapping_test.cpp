@@ -1,13 +1,12 @@
 // translateHttp, behaviorsPath, replaceSpecialChar and the content-type table, called
 // directly (no server). HOME, TMPDIR, XDG_DATA_HOME and TUQVU_SDK_PREFIX point into a
 // temporary directory (support/testenvironment.h).
-#include <cstdlib>
-#include <string>
+#include <gtest/gtest.h>
+#include <zrfiletransfer/zrhttphandlers.h>
 
 #include <boost/filesystem/operations.hpp>
-#include <gtest/gtest.h>
-
-#include <zrfiletransfer/zrhttphandlers.h>
+#include <cstdlib>
+#include <string>
 
 #include "support/files.h"
 #include "support/logcapture.h"
@@ -20,7 +19,9 @@ using zrft_test::writeFile;
 
 namespace {
 
-fs::path userBehaviors() { return paths().home / ".tuqvu" / "behaviors"; }
+fs::path userBehaviors() {
+  return paths().home / ".tuqvu" / "behaviors";
+}
 
 // The refusal log lines about `requestPath`, checked for level and category.
 std::size_t refusalsLogged(const LogCapture& log, const std::string& requestPath) {
@@ -43,9 +44,9 @@ TEST(ContentTypeTable, IsEmptyUntilFilledAndThenHoldsTheNineRows) {
 
   ZR::fillContentTypeTable();
   const std::map<std::string, std::string> expected = {
-      {".jpg", "image/jpeg"},   {".png", "image/png"},  {".gif", "image/gif"},
-      {".mp3", "audio/mp3"},    {".wav", "audio/x-wav"}, {".xar", "text/plain"},
-      {".xml", "text/plain"},   {".txt", "text/plain"}, {".vkp", "application/octet-stream"}};
+      {".jpg", "image/jpeg"}, {".png", "image/png"},   {".gif", "image/gif"},
+      {".mp3", "audio/mp3"},  {".wav", "audio/x-wav"}, {".xar", "text/plain"},
+      {".xml", "text/plain"}, {".txt", "text/plain"},  {".vkp", "application/octet-stream"}};
   EXPECT_EQ(ZR::contentTypeTable(), expected);
 
   ZR::fillContentTypeTable();  // a second server overwrites the same rows
@@ -134,8 +135,8 @@ TEST(TranslateHttp, MapsOtherFilesToThePrefixExceptRefusedExtensions) {
   EXPECT_EQ(ZR::translateHttp("img.PNG"), paths().prefix / "img.PNG");
   EXPECT_EQ(ZR::translateHttp("lib/data.bin"), paths().prefix / "lib" / "data.bin");
   EXPECT_EQ(ZR::translateHttp("Behaviors/x.txt"), paths().prefix / "Behaviors" / "x.txt");
-  for (const char* refused : {"x.html", "x.css", "x.js", "x.xml", "x.xsl", "noextension",
-                              "dir/page.html"}) {
+  for (const char* refused :
+       {"x.html", "x.css", "x.js", "x.xml", "x.xsl", "noextension", "dir/page.html"}) {
     EXPECT_TRUE(ZR::translateHttp(refused).empty()) << refused;
   }
   // Extensions are compared exactly, so upper case is served.
@@ -154,8 +155,8 @@ TEST(TranslateHttp, RefusesEmptyAndEvalPathsWithoutLogging) {
 TEST(TranslateHttp, RefusesAndLogsParentComponents) {
   LogCapture log;
   for (const char* path : {"behaviors/User/../x.txt", "behaviors/../../x.png", "tmp/../x.txt",
-                           "boxlibraries/a/../../b.txt", "share/../x.txt",
-                           "share/app/../../x.txt", "../x.png", "lib/../../etc/x.png"}) {
+                           "boxlibraries/a/../../b.txt", "share/../x.txt", "share/app/../../x.txt",
+                           "../x.png", "lib/../../etc/x.png"}) {
     EXPECT_TRUE(ZR::translateHttp(path).empty()) << path;
     EXPECT_EQ(refusalsLogged(log, path), 1u) << path;
   }

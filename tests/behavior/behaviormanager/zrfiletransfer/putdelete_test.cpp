@@ -1,11 +1,10 @@
 // PUT and DELETE against the real server over raw sockets.
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <boost/filesystem/operations.hpp>
 #include <string>
 #include <thread>
-
-#include <boost/filesystem/operations.hpp>
-#include <gtest/gtest.h>
 
 #include "support/files.h"
 #include "support/logcapture.h"
@@ -31,7 +30,9 @@ std::string put(const std::string& path, const std::string& body) {
          "\n\n" + body;
 }
 
-std::string del(const std::string& path) { return "DELETE " + path + " HTTP/1.1\nHost: robot\n\n"; }
+std::string del(const std::string& path) {
+  return "DELETE " + path + " HTTP/1.1\nHost: robot\n\n";
+}
 
 class PutDelete : public ::testing::Test {
 protected:

@@ -1,14 +1,13 @@
 // What a request must pass before the hooks act, against the real server over raw
 // sockets: no CORS, no OPTIONS, no pages of other sites, no rebound host names, and the
 // secret once the server listens beyond loopback.
-#include <string>
-#include <vector>
+#include <gtest/gtest.h>
+#include <zr/zrnetworkaccess.h>
 
 #include <boost/beast/core/detail/base64.hpp>
 #include <boost/filesystem/operations.hpp>
-#include <gtest/gtest.h>
-
-#include <zr/zrnetworkaccess.h>
+#include <string>
+#include <vector>
 
 #include "support/files.h"
 #include "support/logcapture.h"
@@ -37,11 +36,11 @@ std::string basic(const std::string& credentials) {
 }
 
 // A request with these extra header lines ("Name: value\n" each).
-std::string request(const std::string& method, const std::string& path,
-                    const std::string& headers, const std::string& body = "") {
+std::string request(const std::string& method, const std::string& path, const std::string& headers,
+                    const std::string& body = "") {
   return method + " " + path + " HTTP/1.1\nHost: robot\n" + headers +
-         (method == "PUT" ? "Content-Length: " + std::to_string(body.size()) + "\n" : "") +
-         "\n" + body;
+         (method == "PUT" ? "Content-Length: " + std::to_string(body.size()) + "\n" : "") + "\n" +
+         body;
 }
 
 // Sets the process's network access for the lifetime of the object.
@@ -99,7 +98,8 @@ TEST_F(RequestGuard, RepliesOfGsoapItselfCarryNoCorsHeadersWhateverTheOrigin) {
   writeFile(paths().tmp / "cors.txt", "x");
   for (const std::string& bytes :
        {std::string("GET /tmp/cors.txt HTTP/1.1\nHost: robot\nOrigin: http://attacker.example\n\n"),
-        std::string("BREW /tmp/cors.txt HTTP/1.1\nHost: robot\nOrigin: http://attacker.example\n\n"),
+        std::string(
+            "BREW /tmp/cors.txt HTTP/1.1\nHost: robot\nOrigin: http://attacker.example\n\n"),
         std::string("POST /tmp/cors.txt HTTP/1.1\nHost: robot\nOrigin: http://attacker.example\n"
                     "Content-Type: text/xml\nContent-Length: 4\n\n<a/>")}) {
     const std::string received = exchange(bytes);
@@ -131,11 +131,9 @@ TEST_F(RequestGuard, WritesThatABrowserMarksCrossSiteOrSameSiteAre403) {
   writeFile(paths().tmp / "site.txt", "untouched");
   expectRefused(request("PUT", "/tmp/site.txt", "Sec-Fetch-Site: cross-site\n", "x"),
                 "403 Forbidden");
-  expectRefused(request("DELETE", "/tmp/site.txt", "Sec-Fetch-Site: same-site\n"),
-                "403 Forbidden");
+  expectRefused(request("DELETE", "/tmp/site.txt", "Sec-Fetch-Site: same-site\n"), "403 Forbidden");
   EXPECT_EQ(readFile(paths().tmp / "site.txt"), "untouched");
-  EXPECT_EQ(exchange(request("PUT", "/tmp/site.txt", "Sec-Fetch-Site: same-origin\n", "new")),
-            kOk);
+  EXPECT_EQ(exchange(request("PUT", "/tmp/site.txt", "Sec-Fetch-Site: same-origin\n", "new")), kOk);
   EXPECT_EQ(readFile(paths().tmp / "site.txt"), "new");
 }
 
@@ -151,7 +149,8 @@ TEST_F(RequestGuard, ReadsFromOtherSitesAreServedAsBefore) {
 TEST_F(RequestGuard, AReboundHostNameIsRefusedForEveryMethod) {
   writeFile(paths().tmp / "rebound.txt", "untouched");
   for (const std::string method : {"GET", "PUT", "DELETE"}) {
-    const std::string bytes = method + " /tmp/rebound.txt HTTP/1.1\nHost: attacker.example:15000\n" +
+    const std::string bytes = method +
+                              " /tmp/rebound.txt HTTP/1.1\nHost: attacker.example:15000\n" +
                               (method == "PUT" ? "Content-Length: 1\n\nx" : "\n");
     expectRefused(bytes, "403 Forbidden");
   }
@@ -209,8 +208,8 @@ TEST_F(RequestGuard, CredentialsCountForTheRequestThatCarriesThemOnly) {
   writeFile(paths().tmp / "second.txt", "second");
 
   RawConnection connection(fPort);
-  connection.send(request("GET", "/tmp/first.txt",
-                          "Authorization: " + basic("tuqvu:" + access.secret) + "\n"));
+  connection.send(
+      request("GET", "/tmp/first.txt", "Authorization: " + basic("tuqvu:" + access.secret) + "\n"));
   EXPECT_EQ(connection.readReply(10s).body, "first");
   connection.send(request("GET", "/tmp/second.txt", ""));
   EXPECT_EQ(connection.readReply(10s).statusLine, "HTTP/1.1 401 Unauthorized");

@@ -1,14 +1,13 @@
 // The server's life: choosing its port, answering on it, and stopping. Each test builds
 // its own ZRFileTransfer (the program runs alone, so port 15000 is free unless another
 // program holds it).
+#include <gtest/gtest.h>
+#include <zrfiletransfer/zrfiletransfer.h>
+#include <zrfiletransfer/zrfiletransferprivate.h>
+
 #include <chrono>
 #include <future>
 #include <memory>
-
-#include <gtest/gtest.h>
-
-#include <zrfiletransfer/zrfiletransfer.h>
-#include <zrfiletransfer/zrfiletransferprivate.h>
 
 #include "support/ports.h"
 #include "support/rawclient.h"

@@ -1,13 +1,12 @@
 // The rules of what PUT and DELETE may change (zrwriteguard.h), called directly: never a
 // served folder itself, nothing of the installation, no folder the robot depends on.
+#include <gtest/gtest.h>
+#include <zrfiletransfer/zrwriteguard.h>
+
 #include <algorithm>
+#include <boost/filesystem/operations.hpp>
 #include <string>
 #include <vector>
-
-#include <boost/filesystem/operations.hpp>
-#include <gtest/gtest.h>
-
-#include <zrfiletransfer/zrwriteguard.h>
 
 #include "support/files.h"
 #include "support/testenvironment.h"
@@ -60,9 +59,9 @@ TEST(WriteRefusal, ARootThatALinkTakesIntoTheInstallationIsNotWritten) {
 
 TEST(WriteRefusal, FilesBelowAServedFolderMayBeWrittenAndRemoved) {
   EXPECT_EQ(writeRefusal(paths().tmp, {"upload", "a.txt"}, WriteKind::Create, {}), "");
-  EXPECT_EQ(writeRefusal(paths().tmp, {"upload"}, WriteKind::Remove,
-                         ZR::detail::protectedDirectories()),
-            "");
+  EXPECT_EQ(
+      writeRefusal(paths().tmp, {"upload"}, WriteKind::Remove, ZR::detail::protectedDirectories()),
+      "");
 }
 
 TEST(WriteRefusal, AFolderThatIsOrHoldsAProtectedOneIsNotRemoved) {

@@ -3,11 +3,11 @@
 // declared with addParam get records named "arg1", "arg2", ...
 #pragma once
 
-#include <string>
-
+#include <zr/detail/zrfunctorconvert.h>
 #include <zr/zrmethodinfo.h>
 #include <zr/zrtypes.h>
-#include <zr/detail/zrfunctorconvert.h>
+
+#include <string>
 
 namespace ZR {
 

@@ -9,26 +9,33 @@
 // as C++ member-pointer calls always are.
 #pragma once
 
-#include <boost/shared_ptr.hpp>
-
+#include <zr/detail/zrfunctorconvert.h>
 #include <zr/zrfunctorbase.h>
 #include <zr/zrvalue.h>
-#include <zr/detail/zrfunctorconvert.h>
+
+#include <boost/shared_ptr.hpp>
 
 namespace ZR {
 namespace detail {
 
 // Stores a member's result as a ZRValue; a void member leaves the result untouched.
-template <typename R> struct ResultStore {
-  template <typename Call> static void invoke(Call&& call, ZRValue& result) {
+template <typename R>
+struct ResultStore {
+  template <typename Call>
+  static void invoke(Call&& call, ZRValue& result) {
     result = ZRValue(call());
   }
 };
-template <> struct ResultStore<void> {
-  template <typename Call> static void invoke(Call&& call, ZRValue&) { call(); }
+template <>
+struct ResultStore<void> {
+  template <typename Call>
+  static void invoke(Call&& call, ZRValue&) {
+    call();
+  }
 };
 
-template <typename C, typename R> class ZRFunctor_0 : public ZRFunctorBase {
+template <typename C, typename R>
+class ZRFunctor_0 : public ZRFunctorBase {
 public:
   using Member = R (C::*)();
   ZRFunctor_0(C* object, Member member) : fObject(object), fMember(member) {}
@@ -43,7 +50,8 @@ private:
   Member fMember;
 };
 
-template <typename C, typename P1, typename R> class ZRFunctor_1 : public ZRFunctorBase {
+template <typename C, typename P1, typename R>
+class ZRFunctor_1 : public ZRFunctorBase {
 public:
   using Member = R (C::*)(P1);
   ZRFunctor_1(C* object, Member member) : fObject(object), fMember(member) {}
@@ -54,8 +62,8 @@ public:
     // this against the closure instead of the functor, reports it and crashes.
     C* const object = fObject;
     const Member member = fMember;
-    ResultStore<R>::invoke(
-        [&]() -> R { return (object->*member)(convertArgument<P1>(args, 0)); }, result);
+    ResultStore<R>::invoke([&]() -> R { return (object->*member)(convertArgument<P1>(args, 0)); },
+                           result);
   }
 
 private:

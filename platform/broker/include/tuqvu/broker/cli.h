@@ -1,14 +1,13 @@
 // Pieces of the tuqvu-call command line client that do not touch the network: the
 // command line, URLs, requests and answers, upload plans and progress texts. The
-// network side is in cli_client.h.
+// network side is in cliclient.h.
 #pragma once
 
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 namespace tuqvu {
 namespace broker {

@@ -1,14 +1,13 @@
 // Accepts connections and starts an HttpSession on a strand of its own for each.
 #pragma once
 
-#include <memory>
+#include <tuqvu/broker/servercontext.h>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/error.hpp>
-
-#include <tuqvu/broker/server_context.h>
+#include <memory>
 
 namespace tuqvu {
 namespace broker {

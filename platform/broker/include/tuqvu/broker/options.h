@@ -22,11 +22,11 @@ struct ModuleSpec {
 struct Options {
   int port = 9600;  // 0: any free port
   std::string bind = "127.0.0.1";
-  bool bindGiven = false;  // false: $TUQVU_BIND, when set, chooses the address
+  bool bindGiven = false;              // false: $TUQVU_BIND, when set, chooses the address
   std::vector<std::string> hostNames;  // --host-name, repeatable
   std::string secretFile;              // empty: the user's data folder
-  std::vector<ModuleSpec> modules;  // in load order
-  bool modulesGiven = false;        // false: load the default module library
+  std::vector<ModuleSpec> modules;     // in load order
+  bool modulesGiven = false;           // false: load the default module library
   int logLevel = 4;
   int shutdownGraceMs = 10000;
   bool showHelp = false;

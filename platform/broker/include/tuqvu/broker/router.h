@@ -10,13 +10,13 @@
 //   GET  /events?key=K...       Server-Sent Events of memory events
 #pragma once
 
+#include <tuqvu/broker/httptypes.h>
+#include <tuqvu/broker/rpcdispatcher.h>
+
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <tuqvu/broker/http_types.h>
-#include <tuqvu/broker/rpc_dispatcher.h>
 
 namespace tuqvu {
 namespace broker {
@@ -24,12 +24,12 @@ namespace broker {
 struct Routed {
   enum class Kind { Respond, Call, EventStream };
   Kind kind = Kind::Respond;
-  Response response;                // Respond
-  std::function<Response()> call;   // Call: may block; runs on a call thread
+  Response response;               // Respond
+  std::function<Response()> call;  // Call: may block; runs on a call thread
   // Call: the answer when the call is not made because too many run already; the text
   // says why.
   std::function<Response(const std::string& why)> refuse;
-  std::vector<std::string> keys;    // EventStream: keys to follow, empty for all
+  std::vector<std::string> keys;  // EventStream: keys to follow, empty for all
 };
 
 // The request's body is moved into the call when there is one.

@@ -29,7 +29,7 @@ class BehaviorInstance;
 }
 
 class ZRFrameManager : public ZRModule {
- public:
+public:
   explicit ZRFrameManager(boost::shared_ptr<ZRBroker> broker,
                           const std::string& name = "ZRFrameManager");
   ~ZRFrameManager() override;  // exits and drops every instance
@@ -59,7 +59,7 @@ class ZRFrameManager : public ZRModule {
   bool isBehaviorRunning(const std::string& id);
   std::vector<std::string> getBehaviorInstances();  // ids, oldest first
 
- private:
+private:
   void bindMethods();
   std::shared_ptr<detail::BehaviorInstance> find(const std::string& id);
 

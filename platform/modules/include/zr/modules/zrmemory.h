@@ -45,7 +45,7 @@ struct MemorySubscription;
 }  // namespace detail
 
 class ZRMemory : public ZRModule {
- public:
+public:
   using Observer = std::function<void(const std::string& key, const ZRValue& value)>;
 
   // Notifications waiting for the notification thread beyond which new ones are dropped.
@@ -90,7 +90,7 @@ class ZRMemory : public ZRModule {
   // The size of all stored data as the total limit counts it.
   std::size_t storedBytes();
 
- private:
+private:
   void bindMethods();
   void storeAndNotify(const char* method, const std::string& key, const ZRValue& value);
 

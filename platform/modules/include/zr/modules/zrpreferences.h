@@ -22,7 +22,7 @@ namespace ZR {
 class ZRBroker;
 
 class ZRPreferences : public ZRModule {
- public:
+public:
   explicit ZRPreferences(boost::shared_ptr<ZRBroker> broker,
                          const std::string& name = "ZRPreferences");
   ~ZRPreferences() override;
@@ -41,7 +41,7 @@ class ZRPreferences : public ZRModule {
   // Where the user's file of a module is (the name is checked first).
   std::string prefFilePath(const std::string& moduleName);
 
- private:
+private:
   void bindMethods();
   std::string checkedPath(const std::string& moduleName, const char* method);
 

@@ -16,7 +16,7 @@ namespace ZR {
 class ZRBroker;
 
 class ZRFrameManagerProxy : public ZRProxy {
- public:
+public:
   explicit ZRFrameManagerProxy(boost::shared_ptr<ZRBroker> broker,
                                const std::string& module = "ZRFrameManager");
 

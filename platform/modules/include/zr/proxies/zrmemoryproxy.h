@@ -19,7 +19,7 @@ namespace ZR {
 class ZRBroker;
 
 class ZRMemoryProxy : public ZRProxy {
- public:
+public:
   ZRMemoryProxy(boost::shared_ptr<ZRBroker> broker, const std::string& module = "ZRMemory");
 
   void insertData(const std::string& key, const ZRValue& value);

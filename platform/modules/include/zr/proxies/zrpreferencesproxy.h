@@ -15,7 +15,7 @@ namespace ZR {
 class ZRBroker;
 
 class ZRPreferencesProxy : public ZRProxy {
- public:
+public:
   explicit ZRPreferencesProxy(boost::shared_ptr<ZRBroker> broker,
                               const std::string& module = "ZRPreferences");
 

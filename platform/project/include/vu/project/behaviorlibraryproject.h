@@ -29,7 +29,7 @@ class LibraryIndex;
 }
 
 class BehaviorLibraryProject : public Project {
- public:
+public:
   // The library rooted at root. "" gives an invalid library that holds nothing; a root
   // that does not exist yet is watched for and indexed once it appears.
   explicit BehaviorLibraryProject(const std::string& root);
@@ -86,7 +86,7 @@ class BehaviorLibraryProject : public Project {
   boost::signals2::signal<void(const std::string&)> behaviorUpdated;
   boost::signals2::signal<void(const std::string&)> behaviorRemoved;
 
- private:
+private:
   std::shared_ptr<detail::LibraryIndex> index() const;
 
   // Guards fIndex and fKnown, which operator= replaces while other threads read them.

@@ -5,9 +5,9 @@
 //   // format is now ArchiveFormatZip or ArchiveFormatTar
 #pragma once
 
-#include <string>
-
 #include <vu/project/error.h>
+
+#include <string>
 
 namespace vu {
 namespace project {

@@ -13,7 +13,7 @@ namespace vu {
 namespace project {
 
 class Project {
- public:
+public:
   // An invalid project with an empty path.
   Project();
   // The project rooted at dir. Nothing is read yet; a relative dir is taken from the
@@ -35,7 +35,7 @@ class Project {
   // and read as having no metadata.
   std::string getMetadata(const std::string& key) const;
 
- private:
+private:
   mutable std::mutex fMutex;  // guards fPath: a library is re-assigned while others read it
   std::string fPath;
 };

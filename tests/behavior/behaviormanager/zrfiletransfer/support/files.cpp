@@ -1,10 +1,9 @@
 #include "files.h"
 
+#include <boost/filesystem/operations.hpp>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-
-#include <boost/filesystem/operations.hpp>
 
 namespace zrft_test {
 

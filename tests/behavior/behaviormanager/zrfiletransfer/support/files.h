@@ -1,9 +1,8 @@
 // Small file helpers for the file-transfer tests.
 #pragma once
 
-#include <string>
-
 #include <boost/filesystem/path.hpp>
+#include <string>
 
 namespace zrft_test {
 

@@ -1,14 +1,13 @@
 #include "testenvironment.h"
 
+#include <gtest/gtest.h>
+#include <zr/zrnetworkaccess.h>
+#include <zrfiletransfer/zrfiletransfer.h>
+
+#include <boost/filesystem/operations.hpp>
 #include <cstdlib>
 #include <memory>
 #include <stdexcept>
-
-#include <boost/filesystem/operations.hpp>
-#include <gtest/gtest.h>
-
-#include <zr/zrnetworkaccess.h>
-#include <zrfiletransfer/zrfiletransfer.h>
 
 namespace fs = boost::filesystem;
 
@@ -51,7 +50,9 @@ public:
 
 }  // namespace
 
-const Paths& paths() { return gPaths; }
+const Paths& paths() {
+  return gPaths;
+}
 
 int sharedServerPort() {
   if (!gServer) {

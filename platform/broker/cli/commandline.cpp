@@ -1,0 +1,132 @@
+// tuqvu-call: its command line and its help.
+#include <tuqvu/broker/cli.h>
+
+namespace tuqvu {
+namespace broker {
+
+CliCommand parseCommandLine(const std::vector<std::string>& args) {
+  CliCommand command;
+  bool watch = false, put = false, help = false;
+  std::vector<std::string> words;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    const std::string& argument = args[i];
+    if (!command.method.empty()) {
+      words.push_back(argument);  // arguments of the call, taken as they are
+    } else if (argument == "--help" || argument == "-h") {
+      help = true;
+    } else if (argument == "--url") {
+      if (i + 1 >= args.size()) throw UsageError("--url needs a URL");
+      command.url = args[++i];
+    } else if (argument.rfind("--url=", 0) == 0) {
+      command.url = argument.substr(6);
+    } else if (argument == "--watch") {
+      watch = true;
+    } else if (argument == "--put") {
+      if (i + 2 >= args.size()) throw UsageError("--put needs LOCAL and REMOTE");
+      if (put) throw UsageError("--put can be given once only");
+      put = true;
+      words.push_back(args[i + 1]);
+      words.push_back(args[i + 2]);
+      i += 2;
+    } else if (argument == "--progress") {
+      command.progress = true;
+    } else if (argument.size() > 1 && argument[0] == '-' && (watch || put || words.empty())) {
+      throw UsageError("unknown option " + argument);
+    } else if (watch || put) {
+      words.push_back(argument);
+    } else {
+      command.method = argument;
+    }
+  }
+  if (help) {
+    command.kind = CliCommand::Help;
+    return command;
+  }
+  if (watch && put) throw UsageError("--watch and --put cannot be combined");
+  if (put) {
+    if (words.size() != 2)
+      throw UsageError("--put takes LOCAL and REMOTE only, not \"" + words[2] + "\"");
+    command.kind = CliCommand::Put;
+  } else if (watch) {
+    command.kind = CliCommand::Watch;
+  } else {
+    if (command.method.empty()) throw UsageError("no method given");
+    const std::size_t dot = command.method.find('.');
+    if (dot == std::string::npos || dot == 0 || dot + 1 == command.method.size()) {
+      throw UsageError("the method must be written Module.method, not \"" + command.method + "\"");
+    }
+  }
+  command.words = std::move(words);
+  try {
+    parseUrl(command.url);
+  } catch (const std::invalid_argument& error) {
+    throw UsageError(error.what());
+  }
+  return command;
+}
+
+std::string cliHelpText() {
+  return "Usage:\n"
+         "  tuqvu-call [OPTIONS] Module.method [ARG ...]\n"
+         "  tuqvu-call [OPTIONS] --watch [KEY ...]\n"
+         "  tuqvu-call [OPTIONS] --put LOCAL REMOTE\n"
+         "  tuqvu-call --help\n"
+         "\n"
+         "Talks to a tuqvu broker over HTTP.\n"
+         "\n"
+         "Module.method [ARG ...]\n"
+         "  Calls a method of a module hosted by the broker (JSON-RPC, POST /rpc) and\n"
+         "  prints its result as JSON on standard output (exit status 0), or the error's\n"
+         "  description on standard error (exit status 1). Each ARG is read as a JSON\n"
+         "  literal (5, 1.5, true, null, [1,\"a\"], \"quoted text\") and otherwise taken as a\n"
+         "  plain string; everything after Module.method is an argument, even when it\n"
+         "  begins with '-'. A call that has not been answered after a second shows an\n"
+         "  elapsed-time spinner on standard error when that is a terminal (runBehavior,\n"
+         "  for instance, answers when the behavior ends). ZRBroker.getModules lists the\n"
+         "  modules and ZRBroker.getMethods MODULE describes the methods of one.\n"
+         "\n"
+         "--watch [KEY ...]\n"
+         "  Prints the memory events for the given keys (every key when none is given) as\n"
+         "  they are raised, one JSON object {\"key\":..,\"value\":..} per line, until the\n"
+         "  broker ends the stream or the command is interrupted (Ctrl-C).\n"
+         "\n"
+         "--put LOCAL REMOTE\n"
+         "  Uploads LOCAL through the behavior manager's file-transfer service: its port\n"
+         "  is asked from ZRBehaviorManager._httpFileTransferPort, and the file is sent\n"
+         "  with HTTP PUT to that port on the broker's host, at the request path REMOTE.\n"
+         "  A directory is sent file by file under REMOTE (empty directories are not\n"
+         "  sent). A REMOTE ending in '/' gets LOCAL's name appended. Request paths:\n"
+         "    /behaviors/User/P   the user's behaviors folder (~/.tuqvu/behaviors/P)\n"
+         "    /tmp/P              the broker's temporary folder (for packages to install)\n"
+         "  Missing folders are created and existing files replaced. Each file sent is\n"
+         "  printed on standard output once the service confirmed it; progress (bytes\n"
+         "  sent, percentage, rate) shows on standard error when that is a terminal, and\n"
+         "  a summary line at the end in any case.\n"
+         "\n"
+         "Options:\n"
+         "  --url URL    the broker (default http://127.0.0.1:9600)\n"
+         "  --progress   show progress and the waiting spinner on standard error even\n"
+         "               when it is not a terminal\n"
+         "  --help, -h   show this text\n"
+         "\n"
+         "Examples:\n"
+         "  tuqvu-call ZRBroker.getModules\n"
+         "  tuqvu-call ZRBroker.getMethods ZRBehaviorManager\n"
+         "  tuqvu-call ZRBehaviorManager.getInstalledBehaviors\n"
+         "  tuqvu-call ZRBehaviorManager.runBehavior System/animations/wave\n"
+         "  tuqvu-call ZRBehaviorManager.stopBehavior System/animations/wave\n"
+         "  tuqvu-call ZRMemory.insertData Demo/Count 3\n"
+         "  tuqvu-call ZRMemory.insertData Demo/Text '\"3\"'\n"
+         "  tuqvu-call --url http://robot:9600 ZRBehaviorManager.getRunningBehaviors\n"
+         "  tuqvu-call --watch BehaviorsRun ZRBehaviorManager/BehaviorAdded\n"
+         "  tuqvu-call --put hello /behaviors/User/greetings/\n"
+         "  tuqvu-call ZRBehaviorManager.installBehavior greetings/hello\n"
+         "  tuqvu-call --put wave.zip /tmp/wave.zip\n"
+         "  tuqvu-call ZRBehaviorManager.installBehavior /tmp/wave.zip moves/wave false\n"
+         "\n"
+         "Exit status: 0 success; 1 the call or upload failed or the broker cannot be\n"
+         "reached; 2 the command line is wrong.\n";
+}
+
+}  // namespace broker
+}  // namespace tuqvu

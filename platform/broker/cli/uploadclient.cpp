@@ -1,0 +1,156 @@
+// tuqvu-call --put: sending files to the behavior manager's file-transfer service.
+#include <tuqvu/broker/cliclient.h>
+
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/core.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+#include <vector>
+
+#include "connection.h"
+#include "rpcclient.h"
+
+namespace tuqvu {
+namespace broker {
+
+namespace beast = boost::beast;
+namespace net = boost::asio;
+using tcp = net::ip::tcp;
+using cli::authorization;
+using cli::Clock;
+using cli::connectTo;
+using cli::fileTransferPort;
+using cli::hostField;
+using cli::secondsSince;
+
+namespace {
+
+struct FileCloser {
+  void operator()(std::FILE* file) const { std::fclose(file); }
+};
+
+// One PUT on a connection of its own. onSent is told every block written.
+void putFile(const Url& server, const UploadItem& item,
+             const std::function<void(std::uint64_t)>& onSent) {
+  const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(item.local.c_str(), "rb"));
+  if (!file) throw ClientError(item.local + ": " + std::strerror(errno));
+  net::io_context ioc;
+  tcp::socket socket(ioc);
+  connectTo(socket, server);
+  const std::string credentials = authorization();
+  const std::string head =
+      "PUT " + item.remote + " HTTP/1.1\r\nHost: " + hostField(server) +
+      (credentials.empty() ? "" : "\r\nAuthorization: " + credentials) +
+      "\r\nContent-Type: application/octet-stream\r\nContent-Length: " + std::to_string(item.size) +
+      "\r\n\r\n";
+  beast::error_code error;
+  net::write(socket, net::buffer(head), error);
+  std::vector<char> block(64 * 1024);
+  std::uint64_t left = item.size;
+  while (!error && left > 0) {
+    const std::size_t wanted = left < block.size() ? static_cast<std::size_t>(left) : block.size();
+    const std::size_t got = std::fread(block.data(), 1, wanted, file.get());
+    if (got == 0) {
+      throw ClientError(item.local + ": " +
+                        (std::ferror(file.get()) ? std::strerror(errno)
+                                                 : "the file became shorter while it was sent"));
+    }
+    net::write(socket, net::buffer(block.data(), got), error);
+    if (!error) {
+      left -= got;
+      onSent(got);
+    }
+  }
+  if (error) {
+    // The service stops reading when it refuses a request; it says nothing then.
+    throw ClientError("the file-transfer service ended the connection after " +
+                      std::to_string(item.size - left) + " of " + std::to_string(item.size) +
+                      " bytes (" + error.message() + "); the broker's log may say why");
+  }
+
+  std::string bytes;
+  FileReply reply;
+  char chunk[4096];
+  for (;;) {
+    const std::size_t got = socket.read_some(net::buffer(chunk), error);
+    const bool closed = error == net::error::eof || error == net::error::connection_reset;
+    if (error && !closed) throw beast::system_error(error);
+    bytes.append(chunk, got);
+    if (parseFileReply(bytes, closed, reply)) break;
+    if (closed) {
+      throw ClientError(
+          "the file-transfer service closed the connection without an answer: it refuses "
+          "this path or could not write the file (the broker's log says which)");
+    }
+  }
+  socket.shutdown(tcp::socket::shutdown_both, error);
+  if (reply.status != 200 || reply.body != "ok\n") {
+    std::string body = reply.body.substr(0, 200);
+    while (!body.empty() && (body.back() == '\n' || body.back() == '\r')) body.pop_back();
+    throw ClientError("the file-transfer service answered " + std::to_string(reply.status) + " " +
+                      reply.reason + (body.empty() ? "" : ": " + body));
+  }
+}
+
+}  // namespace
+
+int runPut(const Url& url, const std::vector<UploadItem>& items, Feedback& feedback) {
+  const Url server{url.host, std::to_string(fileTransferPort(url)), ""};
+  std::uint64_t total = 0;
+  for (const UploadItem& item : items) total += item.size;
+
+  const Clock::time_point start = Clock::now();
+  Clock::time_point shown = start - std::chrono::seconds(1);
+  std::uint64_t sent = 0;
+  std::size_t done = 0;
+  const auto progress = [&](std::uint64_t bytes) {
+    sent += bytes;
+    const Clock::time_point now = Clock::now();
+    if (!feedback.live() || (now - shown < std::chrono::milliseconds(100) && sent < total)) return;
+    shown = now;
+    std::string text = formatTransfer(sent, total, secondsSince(start));
+    if (items.size() > 1) {
+      text = "[" + std::to_string(done + 1) + "/" + std::to_string(items.size()) + "] " + text;
+    }
+    feedback.show(text);
+  };
+  for (const UploadItem& item : items) {
+    try {
+      putFile(server, item, progress);
+    } catch (const std::exception& error) {
+      feedback.clear();
+      std::cerr << "tuqvu-call: " << item.remote << " on " << hostField(server) << ": "
+                << error.what() << "\n";
+      if (done > 0) {
+        std::cerr << "tuqvu-call: " << done << " of " << items.size()
+                  << " files were sent before this one\n";
+      }
+      return 1;
+    }
+    ++done;
+    feedback.clear();  // the path gets a line of its own when both streams are the terminal
+    std::cout << item.remote << std::endl;
+  }
+  const double seconds = secondsSince(start);
+  char timing[64];
+  std::snprintf(timing, sizeof timing, " in %.2f s", seconds);
+  std::string summary = "tuqvu-call: sent " + formatBytes(total) + " in " +
+                        std::to_string(items.size()) + (items.size() == 1 ? " file" : " files") +
+                        " to " + hostField(server) + timing;
+  if (seconds >= 0.1) {
+    summary += " (" +
+               formatBytes(static_cast<std::uint64_t>(static_cast<double>(total) / seconds)) +
+               "/s)";
+  }
+  feedback.finish(summary);
+  return 0;
+}
+
+}  // namespace broker
+}  // namespace tuqvu

@@ -1,0 +1,54 @@
+// One HTTP/1.1 connection: reads requests one after the other (keep-alive), routes each,
+// and writes the answer. Calls run on the executor's threads, never on the I/O threads;
+// the connection waits for its answer meanwhile. GET /events hands the connection over
+// to an SseSession.
+#pragma once
+
+#include <tuqvu/broker/httptypes.h>
+#include <tuqvu/broker/router.h>
+#include <tuqvu/broker/servercontext.h>
+
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+#include <memory>
+#include <optional>
+
+namespace tuqvu {
+namespace broker {
+
+class HttpSession : public std::enable_shared_from_this<HttpSession> {
+public:
+  HttpSession(boost::asio::ip::tcp::socket&& socket, std::shared_ptr<ServerContext> context);
+  void run();
+
+private:
+  void doRead();
+  void onHeader(boost::beast::error_code error, std::size_t bytes);
+  void onRead(boost::beast::error_code error, std::size_t bytes);
+  void handle(Request&& request);
+  void startCall(Routed&& routed, unsigned version, bool keepAlive);
+  // Finishes the response for the request (version, keep-alive, length) and writes it.
+  // token, when set, is held until the write ends.
+  void send(Response&& response, unsigned version, bool keepAlive,
+            std::shared_ptr<void> token = nullptr);
+  void sendAndClose(http::status status, const std::string& text);
+  void doClose();
+  // After the answer that ends a connection: what the client still sends is read and
+  // dropped for a while, so that closing does not reset the connection before the client
+  // has read the answer.
+  void drainBeforeClose(std::size_t drained);
+
+  boost::beast::tcp_stream fStream;
+  boost::beast::flat_buffer fBuffer;
+  std::optional<http::request_parser<http::string_body>> fParser;
+  std::shared_ptr<Response> fResponse;  // the response being written
+  // The request being answered came with the secret: its answer sets the session cookie.
+  // Touched only by this session's handlers, one request at a time.
+  bool fHandOutSessionCookie = false;
+  std::shared_ptr<ServerContext> fContext;
+  char fDiscard[16384];
+};
+
+}  // namespace broker
+}  // namespace tuqvu

@@ -1,0 +1,49 @@
+// The checks a request passes before it reaches a route. They keep web pages of other
+// origins from driving the robot through a visitor's browser:
+//   - Host must be an IP literal, "localhost" or a name the administrator allowed, so a
+//     DNS name rebound to the robot's address is refused;
+//   - an Origin header must name the broker itself, and Sec-Fetch-Site must not say the
+//     request comes from another site;
+// and calls must come as application/json (isJsonContentType), which a page of another
+// origin cannot send without the browser asking the broker first.
+//
+//   if (auto refusal = guardRequest(request, ZR::networkAccess())) send(*refusal);
+#pragma once
+
+#include <tuqvu/broker/httptypes.h>
+#include <zr/zrnetworkaccess.h>
+
+#include <optional>
+#include <string>
+
+namespace tuqvu {
+namespace broker {
+
+// Once the broker listens beyond loopback, every request must also present the secret
+// (HTTP Basic, any user name) or the session cookie handed out for it.
+struct GuardVerdict {
+  std::optional<Response> refusal;  // to send instead of routing the request
+  bool signedIn = false;            // the secret came with it: hand out the session cookie
+};
+GuardVerdict guardRequest(const Request& request, const ZR::ZRNetworkAccess& access,
+                          const std::string& sessionToken);
+
+// The cookie that carries the session token, and its Set-Cookie value.
+extern const char* const kSessionCookie;
+std::string sessionCookieHeader(const std::string& sessionToken);
+
+// The host part of a Host header value ("[::1]:9600" gives "::1", "robot:80" "robot").
+std::string hostOfHostHeader(const std::string& value);
+
+// True for "localhost", IPv4 and IPv6 literals and the names in access.hostNames.
+bool isAllowedHost(const std::string& host, const ZR::ZRNetworkAccess& access);
+
+// True when Content-Type is application/json, parameters such as charset aside.
+bool isJsonContentType(const Request& request);
+
+// Headers every page of the web interface carries: no framing, no sniffing of types,
+// scripts and requests only from the broker itself.
+void addPageSecurityHeaders(Response& response);
+
+}  // namespace broker
+}  // namespace tuqvu

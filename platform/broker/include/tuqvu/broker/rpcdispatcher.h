@@ -1,0 +1,72 @@
+// JSON-RPC 2.0 over the broker: turns a request body into calls of module methods and
+// their answers into a response body. It runs on the calling thread and blocks for as
+// long as the methods run.
+//
+//   RpcDispatcher rpc(broker);
+//   std::string reply = rpc.handle(R"({"jsonrpc":"2.0","id":1,"method":"M.m","params":[1]})");
+//
+// "ZRBroker.getModules()" and "ZRBroker.getMethods(module)" are answered here, from the
+// broker's registry, not by a module.
+#pragma once
+
+#include <zr/zrbroker.h>
+#include <zr/zrvalue.h>
+
+#include <boost/shared_ptr.hpp>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+namespace tuqvu {
+namespace broker {
+
+namespace rpc {
+constexpr int kParseError = -32700;
+constexpr int kInvalidRequest = -32600;
+constexpr int kMethodNotFound = -32601;
+constexpr int kInvalidParams = -32602;
+constexpr int kCallFailed = -32000;    // the method threw; data describes the ZRError
+constexpr int kTooManyCalls = -32005;  // not made: the client or all have too many running
+constexpr const char* kIntrospectionModule = "ZRBroker";
+}  // namespace rpc
+
+// The outcome of one call: the JSON text of its result, or a JSON-RPC error object
+// {"code":..,"message":..,"data":{..}}.
+struct CallOutcome {
+  bool ok = false;
+  std::string result;
+  nlohmann::json error;
+};
+
+class RpcDispatcher {
+public:
+  explicit RpcDispatcher(boost::shared_ptr<ZR::ZRBroker> broker);
+
+  // Answers one body: a request or a batch. Returns "" when there is nothing to answer
+  // (only notifications).
+  std::string handle(const std::string& body) const;
+
+  // Calls module.method with an array of arguments.
+  CallOutcome invoke(const std::string& module, const std::string& method,
+                     const ZR::ZRValue& args) const;
+
+  // The web console's answer to one call: {"result":..} or {"error":{..}}.
+  std::string evaluate(const std::string& module, const std::string& method,
+                       const ZR::ZRValue& args) const;
+
+  const boost::shared_ptr<ZR::ZRBroker>& broker() const { return fBroker; }
+
+private:
+  std::optional<std::string> handleOne(const nlohmann::json& request) const;
+  CallOutcome introspect(const std::string& method, const ZR::ZRValue& args) const;
+  std::optional<CallOutcome> classifyRefusal(const std::string& module, const std::string& method,
+                                             int arity) const;
+
+  boost::shared_ptr<ZR::ZRBroker> fBroker;
+};
+
+// {"code":code,"message":message} with "data" when data is not null.
+nlohmann::json rpcError(int code, const std::string& message, const nlohmann::json& data = nullptr);
+
+}  // namespace broker
+}  // namespace tuqvu

@@ -1,0 +1,34 @@
+// What every connection of the server shares: the call dispatcher, the threads calls run
+// on, the event hub, and the count of answers still owed to clients.
+#pragma once
+
+#include <tuqvu/broker/calladmission.h>
+#include <tuqvu/broker/callexecutor.h>
+#include <tuqvu/broker/rpcdispatcher.h>
+#include <tuqvu/broker/ssehub.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+namespace tuqvu {
+namespace broker {
+
+struct ServerContext {
+  std::shared_ptr<const RpcDispatcher> rpc;
+  std::shared_ptr<CallExecutor> executor;
+  // How many calls run at once, per client and in all; null: no limit.
+  std::shared_ptr<CallAdmission> admission;
+  std::shared_ptr<SseHub> hub;
+  // Calls handed to the executor whose answer is not yet written (or dropped).
+  std::atomic<int> pendingAnswers{0};
+  // Set when the broker shuts down: new calls are answered 503 and not made, while the
+  // modules themselves may still call one another.
+  std::atomic<bool> refusingCalls{false};
+  // The value of the session cookie handed to clients that presented the secret; made
+  // at start-up, never the secret itself.
+  std::string sessionToken;
+};
+
+}  // namespace broker
+}  // namespace tuqvu

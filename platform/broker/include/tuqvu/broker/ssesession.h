@@ -1,0 +1,60 @@
+// A GET /events connection after its request: writes the stream header, then one
+// "data:" frame per memory event for its keys, in publish order. Frames are queued by
+// the hub without blocking; a client that lets more than kMaxQueuedBytes pile up, or
+// does not take a write within the write time-out, is disconnected. A comment line
+// every 15 s finds dead clients.
+#pragma once
+
+#include <tuqvu/broker/ssehub.h>
+
+#include <boost/asio/steady_timer.hpp>
+#include <boost/beast/core.hpp>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace tuqvu {
+namespace broker {
+
+class SseSession : public SseSubscriber, public std::enable_shared_from_this<SseSession> {
+public:
+  static constexpr std::size_t kMaxQueuedBytes = 1024 * 1024;
+
+  SseSession(boost::beast::tcp_stream&& stream, std::shared_ptr<SseHub> hub,
+             std::vector<std::string> keys);
+  ~SseSession() override;
+
+  // Queues the header, subscribes, and starts writing.
+  void start();
+
+  void deliver(const std::shared_ptr<const std::string>& frame) override;
+  void close() override;
+
+private:
+  void enqueue(const std::shared_ptr<const std::string>& frame, bool limited);
+  void doWrite();
+  void onWrite(boost::beast::error_code error, std::size_t bytes);
+  void doRead();
+  void scheduleHeartbeat();
+  void shutdown();
+
+  boost::beast::tcp_stream fStream;
+  std::shared_ptr<SseHub> fHub;
+  std::vector<std::string> fKeys;
+  SseHub::Token fToken = 0;
+  boost::asio::steady_timer fHeartbeat;
+  char fReadBuffer[256];
+  std::string fWriting;  // the bytes of the write in progress (strand only)
+
+  // Guards the queue and the flags below; taken by the hub's thread and the strand.
+  std::mutex fMutex;
+  std::deque<std::shared_ptr<const std::string>> fQueue;
+  std::size_t fQueuedBytes = 0;
+  bool fWriteActive = false;
+  bool fClosing = false;
+};
+
+}  // namespace broker
+}  // namespace tuqvu

@@ -1,0 +1,229 @@
+#include <tuqvu/broker/jsonio.h>
+#include <tuqvu/broker/registryjson.h>
+#include <tuqvu/broker/rpcdispatcher.h>
+#include <zr/zrerror.h>
+#include <zr/zrvaluejson.h>
+
+#include <algorithm>
+
+namespace tuqvu {
+namespace broker {
+
+using nlohmann::json;
+
+namespace {
+
+CallOutcome success(std::string resultJson) {
+  CallOutcome outcome;
+  outcome.ok = true;
+  outcome.result = std::move(resultJson);
+  return outcome;
+}
+
+CallOutcome failure(int code, const std::string& message, const json& data = nullptr) {
+  CallOutcome outcome;
+  outcome.error = rpcError(code, message, data);
+  return outcome;
+}
+
+json errorData(const std::string& module, const std::string& method, const std::string& description,
+               const std::string& source, int line) {
+  return {{"module", module},
+          {"method", method},
+          {"description", description},
+          {"source", source},
+          {"line", line}};
+}
+
+std::string responseText(const json& id, const CallOutcome& outcome) {
+  std::string text = "{\"jsonrpc\":\"2.0\",\"id\":" + dumpJson(id);
+  if (outcome.ok) {
+    text += ",\"result\":" + outcome.result;
+  } else {
+    text += ",\"error\":" + dumpJson(outcome.error);
+  }
+  return text + "}";
+}
+
+std::string errorResponse(const json& id, int code, const std::string& message) {
+  return responseText(id, failure(code, message));
+}
+
+}  // namespace
+
+json rpcError(int code, const std::string& message, const json& data) {
+  json error = {{"code", code}, {"message", message}};
+  if (!data.is_null()) error["data"] = data;
+  return error;
+}
+
+RpcDispatcher::RpcDispatcher(boost::shared_ptr<ZR::ZRBroker> broker) : fBroker(std::move(broker)) {}
+
+std::string RpcDispatcher::handle(const std::string& body) const {
+  json document;
+  try {
+    document = parseJson(body);
+  } catch (const JsonParseError& error) {
+    return errorResponse(nullptr, rpc::kParseError, std::string("Parse error: ") + error.what());
+  }
+  if (!document.is_array()) return handleOne(document).value_or("");
+  if (document.empty()) {
+    return errorResponse(nullptr, rpc::kInvalidRequest, "Invalid Request: empty batch");
+  }
+  std::string replies;
+  for (const json& request : document) {
+    if (auto reply = handleOne(request)) replies += (replies.empty() ? "" : ",") + *reply;
+  }
+  return replies.empty() ? "" : "[" + replies + "]";
+}
+
+std::optional<std::string> RpcDispatcher::handleOne(const json& request) const {
+  if (!request.is_object()) {
+    return errorResponse(nullptr, rpc::kInvalidRequest, "Invalid Request: not a JSON object");
+  }
+  const auto idMember = request.find("id");
+  const bool notification = idMember == request.end();
+  const json id = notification ? json(nullptr) : *idMember;
+  if (!id.is_null() && !id.is_string() && !id.is_number()) {
+    return errorResponse(nullptr, rpc::kInvalidRequest,
+                         "Invalid Request: id must be a string, a number or null");
+  }
+  const auto reply = [&](const CallOutcome& outcome) -> std::optional<std::string> {
+    if (notification) return std::nullopt;
+    return responseText(id, outcome);
+  };
+
+  const auto version = request.find("jsonrpc");
+  if (version == request.end() || !version->is_string() || *version != "2.0") {
+    return reply(failure(rpc::kInvalidRequest, "Invalid Request: \"jsonrpc\" must be \"2.0\""));
+  }
+  const auto methodMember = request.find("method");
+  if (methodMember == request.end() || !methodMember->is_string()) {
+    return reply(failure(rpc::kInvalidRequest, "Invalid Request: \"method\" must be a string"));
+  }
+  const std::string& fullName = methodMember->get_ref<const std::string&>();
+  const std::size_t dot = fullName.find('.');
+  if (dot == std::string::npos || dot == 0 || dot + 1 == fullName.size()) {
+    return reply(failure(rpc::kMethodNotFound, "Method not found: \"" + fullName +
+                                                   "\" is not of the form Module.method"));
+  }
+  ZR::ZRValue args = ZR::ZRValue::array();
+  const auto params = request.find("params");
+  if (params != request.end()) {
+    if (params->is_object()) {
+      return reply(failure(rpc::kInvalidParams,
+                           "Invalid params: parameters are passed by position, in an array"));
+    }
+    if (!params->is_array()) {
+      return reply(failure(rpc::kInvalidRequest, "Invalid Request: \"params\" must be an array"));
+    }
+    try {
+      args = toValue(*params);
+    } catch (const std::exception& error) {
+      const auto* zrError = dynamic_cast<const ZR::ZRError*>(&error);
+      return reply(failure(
+          rpc::kInvalidParams,
+          "Invalid params: " + (zrError ? zrError->description() : std::string(error.what()))));
+    }
+  }
+  return reply(invoke(fullName.substr(0, dot), fullName.substr(dot + 1), args));
+}
+
+CallOutcome RpcDispatcher::invoke(const std::string& module, const std::string& method,
+                                  const ZR::ZRValue& args) const {
+  if (module == rpc::kIntrospectionModule) return introspect(method, args);
+  try {
+    return success(ZR::toJson(fBroker->call(module, method, args)));
+  } catch (const ZR::ZRError& error) {
+    // The broker refuses unknown modules, unknown methods and wrong arities with its own
+    // name; the same error may also come from a call the method itself made, so the
+    // target is checked before the refusal is taken as ours.
+    if (error.module() == fBroker->getName() && error.method() == "call") {
+      if (auto refusal = classifyRefusal(module, method, static_cast<int>(args.size()))) {
+        return *refusal;
+      }
+    }
+    return failure(
+        rpc::kCallFailed, error.what(),
+        errorData(error.module(), error.method(), error.description(), error.file(), error.line()));
+  } catch (const std::exception& error) {
+    return failure(rpc::kCallFailed, error.what(), errorData(module, method, error.what(), "", 0));
+  } catch (...) {
+    return failure(rpc::kCallFailed, module + "." + method + " failed with an unknown exception",
+                   errorData(module, method, "unknown exception", "", 0));
+  }
+}
+
+std::optional<CallOutcome> RpcDispatcher::classifyRefusal(const std::string& module,
+                                                          const std::string& method,
+                                                          int arity) const {
+  if (!fBroker->hasModule(module)) {
+    return failure(rpc::kMethodNotFound,
+                   "Method not found: module " + module + " is not registered");
+  }
+  std::vector<ZR::ZRMethodInfo> methods;
+  try {
+    methods = fBroker->getMethods(module);
+  } catch (const ZR::ZRError&) {
+    return failure(rpc::kMethodNotFound,
+                   "Method not found: module " + module + " is not registered");
+  }
+  std::vector<int> arities;
+  for (const ZR::ZRMethodInfo& info : methods) {
+    if (info.name == method) arities.push_back(info.arity());
+  }
+  if (arities.empty()) {
+    return failure(rpc::kMethodNotFound,
+                   "Method not found: module " + module + " has no method " + method);
+  }
+  if (std::find(arities.begin(), arities.end(), arity) != arities.end()) return std::nullopt;
+  std::string expected;
+  for (std::size_t i = 0; i < arities.size(); ++i) {
+    expected +=
+        (i == 0 ? "" : (i + 1 == arities.size() ? " or " : ", ")) + std::to_string(arities[i]);
+  }
+  return failure(rpc::kInvalidParams, "Invalid params: " + module + "." + method + " takes " +
+                                          expected + " argument(s), not " + std::to_string(arity));
+}
+
+CallOutcome RpcDispatcher::introspect(const std::string& method, const ZR::ZRValue& args) const {
+  const std::string module = rpc::kIntrospectionModule;
+  if (method == "getModules") {
+    if (args.size() != 0) {
+      return failure(rpc::kInvalidParams,
+                     "Invalid params: ZRBroker.getModules takes 0 argument(s), not " +
+                         std::to_string(args.size()));
+    }
+    return success(dumpJson(modulesJson(*fBroker)));
+  }
+  if (method == "getMethods") {
+    if (args.size() != 1) {
+      return failure(rpc::kInvalidParams,
+                     "Invalid params: ZRBroker.getMethods takes 1 argument(s), not " +
+                         std::to_string(args.size()));
+    }
+    if (!args[0].isString()) {
+      return failure(rpc::kInvalidParams,
+                     "Invalid params: ZRBroker.getMethods expects a module name (a string), not " +
+                         ZR::ZRValue::TypeToString(args[0].getType()));
+    }
+    try {
+      return success(dumpJson(methodsJson(*fBroker, args[0].toString())));
+    } catch (const ZR::ZRError& error) {
+      return failure(rpc::kCallFailed, error.what(),
+                     errorData(module, method, error.description(), error.file(), error.line()));
+    }
+  }
+  return failure(rpc::kMethodNotFound, "Method not found: module " + module + " has no method " +
+                                           method + " (it has getModules and getMethods)");
+}
+
+std::string RpcDispatcher::evaluate(const std::string& module, const std::string& method,
+                                    const ZR::ZRValue& args) const {
+  const CallOutcome outcome = invoke(module, method, args);
+  if (outcome.ok) return "{\"result\":" + outcome.result + "}";
+  return "{\"error\":" + dumpJson(outcome.error) + "}";
+}
+
+}  // namespace broker
+}  // namespace tuqvu

@@ -1,0 +1,151 @@
+#include <tuqvu/broker/ssesession.h>
+#include <vu/log.h>
+
+#include <boost/asio/post.hpp>
+#include <boost/asio/write.hpp>
+#include <chrono>
+
+namespace tuqvu {
+namespace broker {
+
+namespace beast = boost::beast;
+namespace net = boost::asio;
+
+namespace {
+
+constexpr auto kWriteTimeout = std::chrono::seconds(30);
+constexpr auto kHeartbeatPeriod = std::chrono::seconds(15);
+
+const char* const kHeader =
+    "HTTP/1.1 200 OK\r\n"
+    "Content-Type: text/event-stream\r\n"
+    "Cache-Control: no-store\r\n"
+    "Connection: close\r\n"
+    "X-Accel-Buffering: no\r\n"
+    "\r\n";
+
+}  // namespace
+
+SseSession::SseSession(beast::tcp_stream&& stream, std::shared_ptr<SseHub> hub,
+                       std::vector<std::string> keys)
+    : fStream(std::move(stream)),
+      fHub(std::move(hub)),
+      fKeys(std::move(keys)),
+      fHeartbeat(fStream.get_executor()) {}
+
+SseSession::~SseSession() {
+  if (fToken != 0) fHub->unsubscribe(fToken);
+}
+
+void SseSession::start() {
+  // The header goes first in the queue, before any event can reach it.
+  enqueue(std::make_shared<const std::string>(kHeader), false);
+  fToken = fHub->subscribe(weak_from_this(), fKeys);
+  if (fToken == 0) {
+    close();  // the broker is shutting down
+    return;
+  }
+  doRead();
+  scheduleHeartbeat();
+}
+
+void SseSession::deliver(const std::shared_ptr<const std::string>& frame) {
+  enqueue(frame, true);
+}
+
+void SseSession::enqueue(const std::shared_ptr<const std::string>& frame, bool limited) {
+  std::lock_guard<std::mutex> lock(fMutex);
+  if (fClosing) return;
+  if (limited && fQueuedBytes + frame->size() > kMaxQueuedBytes) {
+    // Too slow a reader: drop it rather than hold the events back or lose some silently.
+    fClosing = true;
+    vu::log::write(vu::log::warning, "tuqvu.events", "deliver",
+                   "an event stream client reads too slowly and is disconnected");
+    net::post(fStream.get_executor(),
+              beast::bind_front_handler(&SseSession::shutdown, shared_from_this()));
+    return;
+  }
+  fQueue.push_back(frame);
+  fQueuedBytes += frame->size();
+  if (!fWriteActive) {
+    fWriteActive = true;
+    net::post(fStream.get_executor(),
+              beast::bind_front_handler(&SseSession::doWrite, shared_from_this()));
+  }
+}
+
+void SseSession::close() {
+  std::lock_guard<std::mutex> lock(fMutex);
+  fClosing = true;
+  net::post(fStream.get_executor(),
+            beast::bind_front_handler(&SseSession::shutdown, shared_from_this()));
+}
+
+void SseSession::doWrite() {
+  {
+    std::lock_guard<std::mutex> lock(fMutex);
+    if (fClosing || fQueue.empty()) {
+      fWriteActive = false;
+      return;
+    }
+    // Everything queued goes out in one write.
+    fWriting.clear();
+    for (const auto& frame : fQueue) fWriting += *frame;
+    fQueue.clear();
+    fQueuedBytes = 0;
+  }
+  fStream.expires_after(kWriteTimeout);
+  net::async_write(fStream, net::buffer(fWriting),
+                   beast::bind_front_handler(&SseSession::onWrite, shared_from_this()));
+}
+
+void SseSession::onWrite(beast::error_code error, std::size_t) {
+  if (error) {
+    if (error != net::error::operation_aborted) {
+      vu::log::write(vu::log::verbose, "tuqvu.events", "write",
+                     "event stream ends: " + error.message());
+    }
+    return shutdown();
+  }
+  doWrite();
+}
+
+void SseSession::doRead() {
+  // A client sends nothing more; reading only tells when it goes away.
+  auto self = shared_from_this();
+  fStream.socket().async_read_some(net::buffer(fReadBuffer),
+                                   [self](beast::error_code error, std::size_t) {
+                                     if (error) return self->shutdown();
+                                     self->doRead();
+                                   });
+}
+
+void SseSession::scheduleHeartbeat() {
+  fHeartbeat.expires_after(kHeartbeatPeriod);
+  auto self = shared_from_this();
+  fHeartbeat.async_wait([self](beast::error_code error) {
+    if (error) return;
+    self->enqueue(std::make_shared<const std::string>(": keep-alive\n\n"), true);
+    self->scheduleHeartbeat();
+  });
+}
+
+void SseSession::shutdown() {
+  {
+    std::lock_guard<std::mutex> lock(fMutex);
+    fClosing = true;
+    fQueue.clear();
+    fQueuedBytes = 0;
+  }
+  if (fToken != 0) {
+    fHub->unsubscribe(fToken);
+    fToken = 0;
+  }
+  fHeartbeat.cancel();
+  beast::error_code ignored;
+  fStream.socket().shutdown(net::ip::tcp::socket::shutdown_both, ignored);
+  fStream.socket().close(ignored);
+}
+
+}  // namespace broker
+}  // namespace tuqvu

@@ -1,0 +1,251 @@
+// tuqvu: the broker daemon. It hosts the platform modules and the loaded module
+// libraries, announces "TUQvuReady", serves the remote API and the web interface, and
+// shuts down cleanly on SIGINT or SIGTERM.
+#include <pthread.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <tuqvu/broker/callexecutor.h>
+#include <tuqvu/broker/httpserver.h>
+#include <tuqvu/broker/moduleloader.h>
+#include <tuqvu/broker/options.h>
+#include <tuqvu/broker/rpcdispatcher.h>
+#include <tuqvu/broker/secretfile.h>
+#include <tuqvu/broker/servercontext.h>
+#include <tuqvu/broker/ssehub.h>
+#include <unistd.h>
+#include <vu/log.h>
+#include <zr/zrbroker.h>
+#include <zr/zrnetworkaccess.h>
+
+#include <boost/asio/ip/address.hpp>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <future>
+#include <iostream>
+#include <memory>
+#include <thread>
+
+#include "platformmodules.h"
+
+namespace tb = tuqvu::broker;
+
+namespace {
+
+const char* const kCategory = "tuqvu";
+constexpr auto kAnswerDrain = std::chrono::seconds(5);
+
+void logLine(int level, const std::string& function, const std::string& text) {
+  vu::log::write(level, kCategory, function, text);
+}
+
+// SIGINT and SIGTERM are blocked in every thread and taken here: the first one asks for
+// a clean shutdown, a second one ends the process at once.
+void watchSignals(std::promise<int> first, sigset_t signals) {
+  int signal = 0;
+  sigwait(&signals, &signal);
+  first.set_value(signal);
+  sigwait(&signals, &signal);
+  static const char kMessage[] = "tuqvu: second signal, exiting at once\n";
+  ssize_t ignored = ::write(STDERR_FILENO, kMessage, sizeof kMessage - 1);
+  (void)ignored;
+  _exit(128 + signal);
+}
+
+bool isFile(const std::string& path) {
+  struct stat status;
+  return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+// The modules to load: those given, else the behavior manager of the build or installation.
+std::vector<tb::ModuleSpec> modulesToLoad(const tb::Options& options) {
+  if (options.modulesGiven) return options.modules;
+  for (const std::string& candidate : tb::defaultModuleCandidates()) {
+    if (isFile(candidate)) return {tb::parseModuleArgument(candidate, false)};
+  }
+  std::string looked;
+  for (const std::string& candidate : tb::defaultModuleCandidates()) looked += " " + candidate;
+  logLine(vu::log::warning, "main",
+          "the default module library was not found (looked for" + looked +
+              "); running with the platform modules only");
+  return {};
+}
+
+void announceReady(const boost::shared_ptr<ZR::ZRBroker>& broker) {
+  ZR::ZRValue args = ZR::ZRValue::array();
+  args.arrayPush(ZR::ZRValue("TUQvuReady"));
+  args.arrayPush(ZR::ZRValue(1));
+  try {
+    broker->call("ZRMemory", "insertData", args);
+  } catch (const std::exception& error) {
+    logLine(vu::log::warning, "main", std::string("cannot insert TUQvuReady: ") + error.what());
+  }
+}
+
+// Lets the calls in progress finish, up to the grace period. Calls that their own module
+// ends when it is destroyed (a behavior run that lasts until it is stopped) are not
+// waited for: destroying the module answers them at once.
+bool letCallsFinish(tb::HttpServer& server, const tb::ServerContext& context,
+                    const ZR::ZRBroker& broker, std::chrono::milliseconds grace) {
+  const auto deadline = std::chrono::steady_clock::now() + grace;
+  for (;;) {
+    if (server.drain(std::chrono::milliseconds(0))) return true;
+    const ZR::ZRBroker::CallCounts calls = broker.callsInProgress();
+    if (calls.all == calls.endedByTheirModules && context.pendingAnswers.load() <= calls.all) {
+      return true;
+    }
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  tb::Options options;
+  try {
+    options = tb::parseOptions(argc, argv);
+  } catch (const tb::OptionsError& error) {
+    std::cerr << "tuqvu: " << error.what() << "\n";
+    return 2;
+  }
+  if (options.showHelp) {
+    std::cout << tb::helpText();
+    return 0;
+  }
+  if (options.showVersion) {
+    std::cout << tb::versionText();
+    return 0;
+  }
+  vu::log::setMaxLevel(options.logLevel);
+  // The service's configuration file sets the address through the environment.
+  if (const char* bind = std::getenv("TUQVU_BIND"); bind != nullptr && !options.bindGiven) {
+    boost::system::error_code error;
+    boost::asio::ip::make_address(bind, error);
+    if (error) {
+      std::cerr << "tuqvu: TUQVU_BIND must be an IP address, not \"" << bind << "\"\n";
+      return 2;
+    }
+    options.bind = bind;
+  }
+
+  // Who may reach the servers of this process: set before any module starts one.
+  ZR::ZRNetworkAccess access;
+  access.bindAddress = options.bind;
+  access.hostNames = options.hostNames;
+  const std::string secretFile =
+      options.secretFile.empty() ? tb::defaultSecretFile() : options.secretFile;
+  try {
+    access.secret = tb::loadOrCreateSecret(secretFile);
+  } catch (const tb::SecretFileError& error) {
+    if (access.requiresCredentials()) {
+      logLine(vu::log::error, "main",
+              std::string("cannot listen beyond loopback without the secret: ") + error.what());
+      return 1;
+    }
+    logLine(vu::log::warning, "main", std::string("no secret: ") + error.what());
+  }
+  ZR::setNetworkAccess(access);
+
+  // Every connection and every call in progress takes a descriptor or a thread: allow
+  // as many descriptors as the system lets this process have.
+  rlimit files{};
+  if (::getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
+    files.rlim_cur = files.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &files);
+  }
+
+  // Before any thread starts, so that every thread inherits the mask.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  ::signal(SIGPIPE, SIG_IGN);
+  std::promise<int> firstSignal;
+  std::future<int> shutdownRequested = firstSignal.get_future();
+  std::thread(watchSignals, std::move(firstSignal), signals).detach();
+
+  boost::shared_ptr<ZR::ZRBroker> broker = ZR::ZRBroker::create("tuqvu");
+  std::unique_ptr<tb::PlatformModules> platform;
+  try {
+    platform = tb::PlatformModules::create(broker);
+  } catch (const std::exception& error) {
+    logLine(vu::log::error, "main",
+            std::string("cannot create the platform modules: ") + error.what());
+    return 1;
+  }
+
+  tb::ModuleLoader loader(broker);
+  for (const tb::ModuleSpec& moduleSpec : modulesToLoad(options)) {
+    try {
+      loader.load(moduleSpec);
+    } catch (const tb::ModuleLoadError& error) {
+      if (moduleSpec.optional) {
+        logLine(vu::log::warning, "main", std::string(error.what()) + " (optional; going on)");
+        continue;
+      }
+      logLine(vu::log::error, "main", error.what());
+      loader.destroyAll();
+      platform->destroy();
+      return 1;
+    }
+  }
+
+  auto context = std::make_shared<tb::ServerContext>();
+  context->rpc = std::make_shared<tb::RpcDispatcher>(broker);
+  context->executor = std::make_shared<tb::CallExecutor>();
+  context->admission =
+      std::make_shared<tb::CallAdmission>(tb::CallAdmission::limitsFromEnvironment());
+  context->hub = std::make_shared<tb::SseHub>();
+  context->sessionToken = tb::randomHex(16);
+  std::shared_ptr<tb::SseHub> hub = context->hub;
+  platform->observeMemory(
+      [hub](const std::string& key, const ZR::ZRValue& value) { hub->publish(key, value); });
+
+  tb::HttpServer server(context, 2);
+  std::string listening;
+  try {
+    const auto endpoint = server.start(options.bind, options.port);
+    listening = endpoint.address().to_string() + ":" + std::to_string(endpoint.port());
+  } catch (const std::exception& error) {
+    logLine(vu::log::error, "main",
+            "cannot listen on " + options.bind + ":" + std::to_string(options.port) + ": " +
+                error.what());
+    platform->stopObserving();
+    loader.destroyAll();
+    platform->destroy();
+    return 1;
+  }
+
+  announceReady(broker);
+  std::cout << "tuqvu: listening on " << listening << std::endl;
+
+  const int signal = shutdownRequested.get();
+  // Remote calls stop here; the modules keep calling one another until they are gone,
+  // since a module's destructor may need another module (to stop what it started).
+  server.stopAccepting();
+  context->refusingCalls = true;
+  logLine(vu::log::info, "main", "signal " + std::to_string(signal) + ", shutting down");
+  if (!letCallsFinish(server, *context, *broker,
+                      std::chrono::milliseconds(options.shutdownGraceMs))) {
+    logLine(vu::log::warning, "main",
+            "calls still running after the grace period; their modules end them");
+  }
+  platform->stopObserving();
+  hub->closeAll();
+  loader.destroyAll();
+  platform->destroy();
+  broker->shutdown(0);
+  context->executor->stop();
+  if (!server.drain(kAnswerDrain)) {
+    // A call that outlived its module; the process cannot wait for it forever.
+    logLine(vu::log::warning, "main", "answers still pending at exit");
+    std::fflush(nullptr);
+    std::_Exit(0);
+  }
+  server.stop();
+  logLine(vu::log::info, "main", "stopped");
+  return 0;
+}

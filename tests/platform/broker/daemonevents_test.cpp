@@ -1,0 +1,131 @@
+// GET /events and the platform modules of a real tuqvu process.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <thread>
+
+#include "support/httpclient.h"
+#include "support/shareddaemon.h"
+#include "support/tuqvuprocess.h"
+
+using namespace brokertest;
+using nlohmann::json;
+
+namespace {
+
+class DaemonEvents : public SharedDaemonTest {
+protected:
+  static void raise(const std::string& key, const json& value) {
+    const json reply = rpc(port(), "ZRMemory.raiseMicroEvent", {key, value});
+    ASSERT_TRUE(reply.contains("result")) << reply;
+  }
+  static void insert(const std::string& key, const json& value) {
+    const json reply = rpc(port(), "ZRMemory.insertData", {key, value});
+    ASSERT_TRUE(reply.contains("result")) << reply;
+  }
+};
+
+json event(const std::string& key, const json& value) {
+  return {{"key", key}, {"value", value}};
+}
+
+}  // namespace
+
+TEST_F(DaemonEvents, ThePlatformModulesAreHostedFirstAndReadyIsAnnounced) {
+  const json modules = rpc(port(), "ZRBroker.getModules", json::array())["result"];
+  EXPECT_EQ(json::parse(R"(["ZRMemory","ZRPreferences","ZRFrameManager","TestModule"])"), modules);
+  EXPECT_EQ(json(1), rpc(port(), "ZRMemory.getData", {"TUQvuReady"})["result"]);
+}
+
+TEST_F(DaemonEvents, StreamDeliversTheChosenKeysInRaiseOrder) {
+  EventStream stream(port(), "/events?key=Test/A&key=Test%2FB");
+  EXPECT_EQ(0u, stream.head().find("HTTP/1.1 200 OK\r\n"));
+  EXPECT_NE(std::string::npos, stream.head().find("Content-Type: text/event-stream\r\n"));
+  std::vector<json> expected;
+  for (int i = 0; i < 100; ++i) {
+    raise("Test/A", i);
+    raise("Test/Other", i);  // not asked for
+    expected.push_back(event("Test/A", i));
+    if (i % 10 == 0) {
+      insert("Test/B", {"inserted", i});
+      expected.push_back(event("Test/B", {"inserted", i}));
+    }
+  }
+  for (const json& want : expected) {
+    const std::string got = stream.next();
+    ASSERT_FALSE(got.empty()) << "the stream stopped before " << want;
+    EXPECT_EQ(want, json::parse(got));
+  }
+}
+
+TEST_F(DaemonEvents, WithoutKeysEveryKeyArrives) {
+  EventStream stream(port(), "/events");
+  raise("Any/One", "first");
+  insert("Any/Two", json::array({1.5, true}));
+  // The broker's own start-up data ("TUQvuReady") may still be on its way to a stream
+  // that opened early; only this test's keys are compared.
+  const auto nextOfTest = [&stream]() {
+    for (;;) {
+      const std::string got = stream.next();
+      if (got.empty()) return json();
+      json parsed = json::parse(got);
+      if (parsed.value("key", std::string()).rfind("Any/", 0) == 0) return parsed;
+    }
+  };
+  EXPECT_EQ(event("Any/One", "first"), nextOfTest());
+  EXPECT_EQ(event("Any/Two", {1.5, true}), nextOfTest());
+}
+
+TEST_F(DaemonEvents, EventsRaisedByModulesArriveToo) {
+  EventStream stream(port(), "/events?key=From/Module");
+  ASSERT_TRUE(rpc(port(), "TestModule.raise", {"From/Module", "by the module"}).contains("result"));
+  EXPECT_EQ(event("From/Module", "by the module"), json::parse(stream.next()));
+}
+
+TEST_F(DaemonEvents, ASlowClientIsDisconnectedWhileOthersKeepUp) {
+  // The slow client reads nothing while 400 events of 64 KiB (25 MiB, more than the
+  // socket buffers and the broker's queue hold) are raised.
+  EventStream slow(port(), "/events?key=Flood");
+  EventStream reader(port(), "/events?key=Flood/Mark");
+  const std::string payload(64 * 1024, 'x');
+  constexpr int kRaised = 400;
+  for (int i = 0; i < kRaised; ++i) raise("Flood", payload);
+  raise("Flood/Mark", "still here");
+  // Others are served meanwhile...
+  EXPECT_EQ(event("Flood/Mark", "still here"), json::parse(reader.next()));
+  EXPECT_EQ(json(3), rpc(port(), "TestModule.add", {1, 2})["result"]);
+  // ...and the slow client finds its stream cut short: what was buffered, then the end.
+  const int received = slow.countUntilClosed(60000);
+  EXPECT_GE(received, 0) << "the slow client's stream was not closed";
+  EXPECT_LT(received, kRaised);
+}
+
+TEST_F(DaemonEvents, TuqvuCallWatchPrintsEventsAsTheyCome) {
+  // A broker of its own: the watcher runs until its broker ends the stream.
+  TuqvuProcess own({"--module", "TestModule=" + testModulePath()});
+  TuqvuProcess::Setup setup;
+  setup.program = tuqvuCallPath();
+  setup.args = {"--url", "http://127.0.0.1:" + std::to_string(own.port()), "--watch", "W/1", "W/2"};
+  setup.waitUntilListening = false;
+  TuqvuProcess watcher(setup);
+  // Raise until the watcher shows the first event: from then on it is connected.
+  std::string first;
+  for (int round = 0; round < 300 && first.empty(); ++round) {
+    rpc(own.port(), "ZRMemory.raiseMicroEvent", {"W/1", round});
+    first = watcher.readLine(200);
+  }
+  ASSERT_FALSE(first.empty()) << watcher.stderrText();
+  EXPECT_EQ("W/1", json::parse(first)["key"]);
+  // Drain the rounds raised before the first line arrived.
+  for (std::string line = watcher.readLine(300); !line.empty(); line = watcher.readLine(300)) {
+    EXPECT_EQ("W/1", json::parse(line)["key"]);
+  }
+  rpc(own.port(), "ZRMemory.raiseMicroEvent", {"W/2", "second"});
+  rpc(own.port(), "ZRMemory.raiseMicroEvent", {"W/3", "not watched"});
+  rpc(own.port(), "ZRMemory.insertData", {"W/1", json::array({"third", 3})});
+  EXPECT_EQ(event("W/2", "second"), json::parse(watcher.readLine(30000)));
+  EXPECT_EQ(event("W/1", {"third", 3}), json::parse(watcher.readLine(30000)));
+  // The broker going away ends the watch normally.
+  EXPECT_EQ(0, own.terminate(SIGTERM)) << own.stderrText();
+  EXPECT_EQ(0, watcher.waitExit()) << watcher.stderrText();
+}
