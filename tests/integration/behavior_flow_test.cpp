@@ -2,6 +2,7 @@
 // the user library over the file-transfer service, installed in place over JSON-RPC
 // (the event stream announces it), made a default behavior, and after a restart of the
 // broker with the same home it starts by itself once "TUQvuReady" is announced.
+#include <common/files.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -19,6 +20,8 @@
 using namespace brokertest;
 using nlohmann::json;
 namespace fs = boost::filesystem;
+
+using tuqvutest::readFile;
 
 namespace {
 
@@ -51,13 +54,6 @@ bool put(int port, const std::string& path, const std::string& body) {
   const std::string reply = connection.readUntil("ok\n", std::chrono::milliseconds(30000));
   EXPECT_EQ(reply.rfind("HTTP/1.1 200 OK", 0), 0u) << reply;
   return reply.size() >= 3 && reply.compare(reply.size() - 3, 3, "ok\n") == 0;
-}
-
-std::string readFile(const fs::path& file) {
-  std::ifstream in(file.string(), std::ios::binary);
-  std::stringstream content;
-  content << in.rdbuf();
-  return content.str();
 }
 
 // Waits (within a guard) until the broker reports the behavior running.

@@ -2,6 +2,7 @@
 // overwriting what holds the robot's data and installation, writing outside a served
 // folder through a link or a rename race, reading the build configuration of a run from
 // a source tree, and the CORS preflight of a page of another site.
+#include <common/files.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -24,14 +25,9 @@ using namespace brokertest;
 using nlohmann::json;
 namespace fs = boost::filesystem;
 
-namespace {
+using tuqvutest::readFile;
 
-std::string readFile(const fs::path& path) {
-  std::ifstream in(path.string(), std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
+namespace {
 
 void writeFile(const fs::path& path, const std::string& text) {
   fs::create_directories(path.parent_path());

@@ -3,6 +3,7 @@
 // loopback nothing is served without the installation's secret, the file-transfer
 // server's writes included.
 #include <arpa/inet.h>
+#include <common/files.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -23,6 +24,8 @@ using namespace brokertest;
 using nlohmann::json;
 namespace fs = boost::filesystem;
 
+using tuqvutest::readFile;
+
 namespace {
 
 const std::map<std::string, std::string> kJson = {{"Content-Type", "application/json"}};
@@ -38,13 +41,6 @@ std::string basic(const std::string& credentials) {
   encoded.resize(
       boost::beast::detail::base64::encode(encoded.data(), credentials.data(), credentials.size()));
   return "Basic " + encoded;
-}
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
 }
 
 std::string secretIn(const std::string& home) {

@@ -1,6 +1,7 @@
 // A tuqvu starting after a crash in the middle of an install: the staging copies the
 // dead process left in the temporary folder and in the user library are removed (and
 // logged); those of a process still running are not.
+#include <common/process.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -15,15 +16,9 @@
 using namespace brokertest;
 namespace fs = boost::filesystem;
 
-namespace {
+using tuqvutest::endedProcess;
 
-pid_t endedProcess() {
-  const pid_t child = ::fork();
-  if (child == 0) ::_exit(0);
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  return child;
-}
+namespace {
 
 void plant(const fs::path& file) {
   fs::create_directories(file.parent_path());

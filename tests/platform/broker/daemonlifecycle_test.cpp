@@ -1,5 +1,6 @@
 // Start-up and shut-down of a real tuqvu process.
 #include <common/eventually.h>
+#include <common/files.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -13,14 +14,9 @@
 using namespace brokertest;
 using nlohmann::json;
 
-namespace {
+using tuqvutest::readFile;
 
-std::string readFile(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
+namespace {
 
 // Polls until the predicate holds; the 60 s only guard against a hang.
 template <typename Predicate>

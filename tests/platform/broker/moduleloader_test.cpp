@@ -1,3 +1,4 @@
+#include <common/files.h>
 #include <gtest/gtest.h>
 #include <tuqvu/broker/moduleloader.h>
 
@@ -9,16 +10,9 @@
 
 using namespace tuqvu::broker;
 
-namespace {
+using tuqvutest::readFile;
 
-std::string readFile(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-}  // namespace
+namespace {}  // namespace
 
 TEST(ModuleLoader, LoadsLibrariesUnderTheGivenNames) {
   auto broker = ZR::ZRBroker::create("tuqvu");

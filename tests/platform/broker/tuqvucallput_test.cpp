@@ -1,6 +1,7 @@
 // tuqvu-call --put and the waiting spinner against a real tuqvu with its behavior
 // manager: files and directories uploaded through the file-transfer service, installed
 // and run; progress on a terminal, with --progress, and the summary line otherwise.
+#include <common/files.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -25,14 +26,9 @@ using namespace brokertest;
 using nlohmann::json;
 namespace fs = boost::filesystem;
 
-namespace {
+using tuqvutest::readFile;
 
-std::string readFile(const fs::path& file) {
-  std::ifstream in(file.string(), std::ios::binary);
-  std::stringstream content;
-  content << in.rdbuf();
-  return content.str();
-}
+namespace {
 
 void writeFile(const fs::path& file, const std::string& content) {
   fs::create_directories(file.parent_path());

@@ -1,4 +1,5 @@
 // What a start removes of the staging copies that imports cut short by a crash left.
+#include <common/process.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -13,16 +14,9 @@
 
 using namespace projecttest;
 
-namespace {
+using tuqvutest::endedProcess;
 
-// The id of a process that has ended.
-pid_t endedProcess() {
-  const pid_t child = ::fork();
-  if (child == 0) ::_exit(0);
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  return child;
-}
+namespace {
 
 std::string staging(pid_t pid, const std::string& rest) {
   return ".tuqvu-import-" + std::to_string(pid) + "-" + rest;

@@ -13,31 +13,22 @@
 #include "support/files.h"
 #include "support/logcapture.h"
 #include "support/rawclient.h"
+#include "support/requests.h"
 #include "support/testenvironment.h"
 
 namespace fs = boost::filesystem;
 using namespace std::chrono_literals;
+using zrft_test::del;
+using zrft_test::kOk;
 using zrft_test::LogCapture;
 using zrft_test::paths;
+using zrft_test::put;
 using zrft_test::RawConnection;
 using zrft_test::readFile;
 using zrft_test::Reply;
 using zrft_test::writeFile;
 
 namespace {
-
-const char* const kOk =
-    "HTTP/1.1 200 OK\nServer: TuqVu\nContent-Length: 3\nContent-Type: text/plain\n"
-    "Connection: keep-alive\n\nok\n";
-
-std::string put(const std::string& path, const std::string& body) {
-  return "PUT " + path + " HTTP/1.1\nHost: robot\nContent-Length: " + std::to_string(body.size()) +
-         "\n\n" + body;
-}
-
-std::string del(const std::string& path) {
-  return "DELETE " + path + " HTTP/1.1\nHost: robot\n\n";
-}
 
 std::string get(const std::string& path) {
   return "GET " + path + " HTTP/1.1\nHost: robot\n\n";

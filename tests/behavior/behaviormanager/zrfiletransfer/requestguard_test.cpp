@@ -12,10 +12,12 @@
 #include "support/files.h"
 #include "support/logcapture.h"
 #include "support/rawclient.h"
+#include "support/requests.h"
 #include "support/testenvironment.h"
 
 namespace fs = boost::filesystem;
 using namespace std::chrono_literals;
+using zrft_test::kOk;
 using zrft_test::paths;
 using zrft_test::RawConnection;
 using zrft_test::readFile;
@@ -23,10 +25,6 @@ using zrft_test::Reply;
 using zrft_test::writeFile;
 
 namespace {
-
-const char* const kOk =
-    "HTTP/1.1 200 OK\nServer: TuqVu\nContent-Length: 3\nContent-Type: text/plain\n"
-    "Connection: keep-alive\n\nok\n";
 
 std::string basic(const std::string& credentials) {
   std::string encoded(boost::beast::detail::base64::encoded_size(credentials.size()), '\0');
