@@ -92,14 +92,19 @@ std::optional<std::string> RpcDispatcher::handleOne(const json& request) const {
     if (notification) return std::nullopt;
     return responseText(id, outcome);
   };
+  // An object that is not a well-formed request is no notification, whether or not it has
+  // an id: it is answered, with a null id when it has none.
+  const auto refuse = [&](const std::string& message) -> std::optional<std::string> {
+    return responseText(id, failure(rpc::kInvalidRequest, message));
+  };
 
   const auto version = request.find("jsonrpc");
   if (version == request.end() || !version->is_string() || *version != "2.0") {
-    return reply(failure(rpc::kInvalidRequest, "Invalid Request: \"jsonrpc\" must be \"2.0\""));
+    return refuse("Invalid Request: \"jsonrpc\" must be \"2.0\"");
   }
   const auto methodMember = request.find("method");
   if (methodMember == request.end() || !methodMember->is_string()) {
-    return reply(failure(rpc::kInvalidRequest, "Invalid Request: \"method\" must be a string"));
+    return refuse("Invalid Request: \"method\" must be a string");
   }
   const std::string& fullName = methodMember->get_ref<const std::string&>();
   const std::size_t dot = fullName.find('.');
@@ -115,7 +120,7 @@ std::optional<std::string> RpcDispatcher::handleOne(const json& request) const {
                            "Invalid params: parameters are passed by position, in an array"));
     }
     if (!params->is_array()) {
-      return reply(failure(rpc::kInvalidRequest, "Invalid Request: \"params\" must be an array"));
+      return refuse("Invalid Request: \"params\" must be an array");
     }
     try {
       args = toValue(*params);

@@ -94,6 +94,14 @@ TEST_F(DaemonRpc, NotificationsAreAnsweredWithNoContent) {
   EXPECT_EQ("", reply.body);
 }
 
+TEST_F(DaemonRpc, AnObjectWithoutIdOrMethodIsAnsweredAsAnInvalidRequest) {
+  const HttpReply reply = httpPost(port(), "/rpc", R"({"jsonrpc":"2.0"})");
+  EXPECT_EQ(200, reply.status);
+  const json answer = json::parse(reply.body);
+  EXPECT_EQ(-32600, answer["error"]["code"]);
+  EXPECT_TRUE(answer["id"].is_null());
+}
+
 TEST_F(DaemonRpc, IntrospectionListsModulesAndMethods) {
   const json modules = rpc(port(), "ZRBroker.getModules", json::array())["result"];
   ASSERT_TRUE(modules.is_array());

@@ -156,6 +156,21 @@ TEST_F(RpcDispatcherTest, NotificationsAloneGetNoAnswer) {
           R"([{"jsonrpc":"2.0","method":"Calc.nothing"},{"jsonrpc":"2.0","method":"Calc.fail","params":["x"]}])"));
 }
 
+TEST_F(RpcDispatcherTest, MalformedRequestsWithoutIdAreStillAnsweredWithANullId) {
+  for (const char* body :
+       {R"({"jsonrpc":"2.0"})", R"({"method":"Calc.nothing"})",
+        R"({"jsonrpc":"1.0","method":"Calc.nothing"})", R"({"jsonrpc":"2.0","method":7})",
+        R"({"jsonrpc":"2.0","method":"Calc.nothing","params":3})"}) {
+    const json reply = call(body);
+    EXPECT_EQ(-32600, reply["error"]["code"]) << body;
+    EXPECT_TRUE(reply.contains("id") && reply["id"].is_null()) << body;
+  }
+  const json batch = call(R"([{"jsonrpc":"2.0"},{"jsonrpc":"2.0","method":"Calc.nothing"}])");
+  ASSERT_TRUE(batch.is_array());
+  ASSERT_EQ(1u, batch.size()) << batch;
+  EXPECT_EQ(-32600, batch[0]["error"]["code"]);
+}
+
 TEST_F(RpcDispatcherTest, IntrospectionListsModulesAndMethodsInRegistrationOrder) {
   brokertest::InProcessModule second(broker, "Second");
   EXPECT_EQ(json::parse(R"(["Calc","Second"])"),

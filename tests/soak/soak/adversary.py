@@ -51,16 +51,23 @@ class Adversary:
         self.stats.fail(self.tag, text)
 
     def _loop(self):
-        while not self.world.stopping.is_set():
-            name, attack = self.rng.choices(self._attacks, self._weights)[0]
-            start = time.monotonic()
-            try:
-                attack()
-            except (OSError, TransportError, RpcError, http.client.HTTPException) as error:
-                self.fail(f"{name}: {type(error).__name__}: {error}")
-            self.stats.op("adversary " + name, time.monotonic() - start)
-            self.world.stopping.wait(self.rng.expovariate(1 / 0.5))
-        self.rpc.close()
+        try:
+            while not self.world.stopping.is_set():
+                name, attack = self.rng.choices(self._attacks, self._weights)[0]
+                start = time.monotonic()
+                try:
+                    attack()
+                except Exception as error:  # any surprise is the attack's failure, not the end
+                    self.fail(f"{name}: {type(error).__name__}: {error}")
+                self.stats.op("adversary " + name, time.monotonic() - start)
+                self.world.stopping.wait(self.rng.expovariate(1 / 0.5))
+        except Exception as error:  # a bug of the driver must not pass as success
+            self.fail(f"adversary crashed: {type(error).__name__}: {error}")
+            raise
+        finally:
+            self.rpc.close()
+            if not self.world.stopping.is_set():
+                self.fail("adversary ended before the load did")
 
     def _connect(self, port):
         return socket.create_connection(("127.0.0.1", port), timeout=self.options.call_timeout)
@@ -219,9 +226,15 @@ class Adversary:
         try:
             connection.request("POST", "/rpc", body, {"Content-Type": "application/json"})
             response = connection.getresponse()
-            answer = json.loads(response.read())
+            text = response.read()
         finally:
             connection.close()
+        try:
+            answer = json.loads(text)
+        except ValueError:
+            self.fail(f"malformed JSON-RPC {body[:30]!r} answered {response.status} "
+                      f"with a body that is not JSON: {text[:60]!r}")
+            return
         codes = {-32700, -32600}
         if response.status != 200 or answer.get("error", {}).get("code") not in codes:
             self.fail(f"malformed JSON-RPC {body[:30]!r} answered {response.status} {answer}")
