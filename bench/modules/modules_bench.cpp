@@ -199,9 +199,12 @@ public:
         {"onEvent",
          "count",
          {{"name", TypeCodeString}, {"value", TypeCodeValue}, {"message", TypeCodeString}}},
-        [this](const ZRValue&, ZRValue&) { count.fetch_add(1, std::memory_order_relaxed); });
+        [this](const ZRValue&, ZRValue&) { fCount.fetch_add(1, std::memory_order_relaxed); });
   }
-  std::atomic<long> count{0};
+  long count() const { return fCount.load(); }
+
+private:
+  std::atomic<long> fCount{0};
 };
 
 struct TenSubscribers {
@@ -216,7 +219,7 @@ struct TenSubscribers {
   }
   long delivered() const {
     long total = 0;
-    for (const auto& s : subscribers) total += s->count.load();
+    for (const auto& s : subscribers) total += s->count();
     return total;
   }
 };

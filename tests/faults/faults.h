@@ -4,9 +4,9 @@
 // fail, with a ZRError of the module they stand in for.
 //
 //   FaultyFrameManager frames(broker);        // registers "ZRFrameManager"
-//   frames.plan.fail("exitBehavior");         // every exitBehavior now throws
-//   frames.plan.fail("deleteBehavior", 1);    // only the next deleteBehavior throws
-//   frames.plan.heal("exitBehavior");
+//   frames.plan().fail("exitBehavior");         // every exitBehavior now throws
+//   frames.plan().fail("deleteBehavior", 1);    // only the next deleteBehavior throws
+//   frames.plan().heal("exitBehavior");
 #pragma once
 
 #include <common/eventually.h>
@@ -101,7 +101,7 @@ private:
 // A module registered under the name of the one it stands in for.
 class StandIn : public ZR::ZRModule {
 public:
-  FaultPlan plan;
+  FaultPlan& plan() { return fPlan; }
 
 protected:
   StandIn(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name)
@@ -116,95 +116,110 @@ protected:
     }
     ZR::bindCallable(*this, {method, "stand-in for " + method, params, resultType},
                      [this, method, forward](const ZR::ZRValue& args, ZR::ZRValue& result) {
-                       plan.onCall(getName(), method);
+                       fPlan.onCall(getName(), method);
                        result = forward(args);
                      });
   }
+
+private:
+  FaultPlan fPlan;
 };
 
 class FaultyFrameManager : public StandIn {
 public:
   explicit FaultyFrameManager(boost::shared_ptr<ZR::ZRBroker> broker)
       : StandIn(broker, "ZRFrameManager"),
-        real(std::make_unique<ZR::ZRFrameManager>(broker, "RealFrameManager")) {
+        fReal(std::make_unique<ZR::ZRFrameManager>(broker, "RealFrameManager")) {
     using ZR::ZRValue;
     const int s = ZR::TypeCodeString;
     bind("newBehaviorFromFile", {s, s}, s, [this](const ZRValue& a) {
-      return ZRValue(real->newBehaviorFromFile(a[0].toString(), a[1].toString()));
+      return ZRValue(fReal->newBehaviorFromFile(a[0].toString(), a[1].toString()));
     });
     bind("completeBehavior", {s}, ZR::TypeCodeVoid, [this](const ZRValue& a) {
-      real->completeBehavior(a[0].toString());
+      fReal->completeBehavior(a[0].toString());
       return ZRValue();
     });
     bind("exitBehavior", {s}, ZR::TypeCodeVoid, [this](const ZRValue& a) {
-      real->exitBehavior(a[0].toString());
+      fReal->exitBehavior(a[0].toString());
       return ZRValue();
     });
     bind("deleteBehavior", {s}, ZR::TypeCodeVoid, [this](const ZRValue& a) {
-      real->deleteBehavior(a[0].toString());
+      fReal->deleteBehavior(a[0].toString());
       return ZRValue();
     });
     bind("cleanBehaviors", {}, ZR::TypeCodeVoid, [this](const ZRValue&) {
-      real->cleanBehaviors();
+      fReal->cleanBehaviors();
       return ZRValue();
     });
   }
   ~FaultyFrameManager() override = default;
 
-  std::unique_ptr<ZR::ZRFrameManager> real;
+  // The real module the calls are passed to.
+  ZR::ZRFrameManager& real() { return *fReal; }
+
+private:
+  std::unique_ptr<ZR::ZRFrameManager> fReal;
 };
 
 class RefusingMemory : public StandIn {
 public:
   explicit RefusingMemory(boost::shared_ptr<ZR::ZRBroker> broker)
-      : StandIn(broker, "ZRMemory"), real(std::make_unique<ZR::ZRMemory>(broker, "RealMemory")) {
+      : StandIn(broker, "ZRMemory"), fReal(std::make_unique<ZR::ZRMemory>(broker, "RealMemory")) {
     using ZR::ZRValue;
     const int s = ZR::TypeCodeString;
     const int v = ZR::TypeCodeValue;
     bind("insertData", {s, v}, ZR::TypeCodeVoid, [this](const ZRValue& a) {
-      real->insertData(a[0].toString(), a[1]);
+      fReal->insertData(a[0].toString(), a[1]);
       return ZRValue();
     });
-    bind("getData", {s}, v, [this](const ZRValue& a) { return real->getData(a[0].toString()); });
+    bind("getData", {s}, v, [this](const ZRValue& a) { return fReal->getData(a[0].toString()); });
     bind("declareEvent", {s}, ZR::TypeCodeVoid, [this](const ZRValue& a) {
-      real->declareEvent(a[0].toString());
+      fReal->declareEvent(a[0].toString());
       return ZRValue();
     });
     bind("raiseMicroEvent", {s, v}, ZR::TypeCodeVoid, [this](const ZRValue& a) {
-      real->raiseMicroEvent(a[0].toString(), a[1]);
+      fReal->raiseMicroEvent(a[0].toString(), a[1]);
       return ZRValue();
     });
     bind("subscribeToMicroEvent", {s, s, s, s}, ZR::TypeCodeVoid, [this](const ZRValue& a) {
-      real->subscribeToMicroEvent(a[0].toString(), a[1].toString(), a[2].toString(),
-                                  a[3].toString());
+      fReal->subscribeToMicroEvent(a[0].toString(), a[1].toString(), a[2].toString(),
+                                   a[3].toString());
       return ZRValue();
     });
     bind("unsubscribeToMicroEvent", {s, s}, ZR::TypeCodeVoid, [this](const ZRValue& a) {
-      real->unsubscribeToMicroEvent(a[0].toString(), a[1].toString());
+      fReal->unsubscribeToMicroEvent(a[0].toString(), a[1].toString());
       return ZRValue();
     });
   }
 
-  std::unique_ptr<ZR::ZRMemory> real;
+  // The real module the calls are passed to.
+  ZR::ZRMemory& real() { return *fReal; }
+
+private:
+  std::unique_ptr<ZR::ZRMemory> fReal;
 };
 
 class FailingPreferences : public StandIn {
 public:
   explicit FailingPreferences(boost::shared_ptr<ZR::ZRBroker> broker)
       : StandIn(broker, "ZRPreferences"),
-        real(std::make_unique<ZR::ZRPreferences>(broker, "RealPreferences")) {
+        fReal(std::make_unique<ZR::ZRPreferences>(broker, "RealPreferences")) {
     using ZR::ZRValue;
     const int s = ZR::TypeCodeString;
     const int b = ZR::TypeCodeBool;
     bind("readPrefFile", {s, b}, ZR::TypeCodeValue,
-         [this](const ZRValue& a) { return real->readPrefFile(a[0].toString(), a[1].toBool()); });
+         [this](const ZRValue& a) { return fReal->readPrefFile(a[0].toString(), a[1].toBool()); });
     bind("writePrefFile", {s, ZR::TypeCodeValue, b}, ZR::TypeCodeVoid, [this](const ZRValue& a) {
-      real->writePrefFile(a[0].toString(), a[1], a[2].toBool());
+      fReal->writePrefFile(a[0].toString(), a[1], a[2].toBool());
       return ZRValue();
     });
   }
 
-  std::unique_ptr<ZR::ZRPreferences> real;
+  // The real module the calls are passed to.
+  ZR::ZRPreferences& real() { return *fReal; }
+
+private:
+  std::unique_ptr<ZR::ZRPreferences> fReal;
 };
 
 // What a remote call ended with.

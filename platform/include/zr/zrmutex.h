@@ -5,6 +5,7 @@
 //   { ZRCriticalSection section(lock); ... }   // the same thread may enter again
 #pragma once
 
+#include <atomic>
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/recursive_mutex.hpp>
 
@@ -18,9 +19,14 @@ public:
   void unlock();
   bool tryLock();
 
+  // How many threads are blocked in lock() at this moment. It may change as soon as it is
+  // read; it serves to observe contention (tests wait on it to know a thread queues).
+  int waiting() const { return fWaiting.load(); }
+
 private:
   ZRMutex() = default;
   boost::recursive_mutex fMutex;
+  std::atomic<int> fWaiting{0};
 };
 
 // Holds the mutex from construction to destruction. It keeps its own copy of the

@@ -7,7 +7,10 @@ boost::shared_ptr<ZRMutex> ZRMutex::createZRMutex() {
 }
 
 void ZRMutex::lock() {
+  if (fMutex.try_lock()) return;
+  fWaiting.fetch_add(1);
   fMutex.lock();
+  fWaiting.fetch_sub(1);
 }
 void ZRMutex::unlock() {
   fMutex.unlock();

@@ -11,11 +11,16 @@ namespace {
 class Recorder : public SseSubscriber {
 public:
   void deliver(const std::shared_ptr<const std::string>& frame) override {
-    frames.push_back(*frame);
+    fFrames.push_back(*frame);
   }
-  void close() override { closed = true; }
-  std::vector<std::string> frames;
-  bool closed = false;
+  void close() override { fClosed = true; }
+
+  const std::vector<std::string>& frames() const { return fFrames; }
+  bool closed() const { return fClosed; }
+
+private:
+  std::vector<std::string> fFrames;
+  bool fClosed = false;
 };
 
 }  // namespace
@@ -41,10 +46,10 @@ TEST(SseHub, DeliversMatchingKeysInPublishOrder) {
   hub.publish("A", ZR::ZRValue(4));
   EXPECT_EQ((std::vector<std::string>{SseHub::frame("A", 1), SseHub::frame("B", 2),
                                       SseHub::frame("C", 3), SseHub::frame("A", 4)}),
-            all->frames);
+            all->frames());
   EXPECT_EQ((std::vector<std::string>{SseHub::frame("A", 1), SseHub::frame("C", 3),
                                       SseHub::frame("A", 4)}),
-            some->frames);
+            some->frames());
 }
 
 TEST(SseHub, UnsubscribedAndVanishedSubscribersGetNothing) {
@@ -59,7 +64,7 @@ TEST(SseHub, UnsubscribedAndVanishedSubscribersGetNothing) {
   hub.publish("A", ZR::ZRValue(1));
   hub.unsubscribe(keptToken);
   hub.publish("A", ZR::ZRValue(2));
-  EXPECT_EQ(1u, kept->frames.size());
+  EXPECT_EQ(1u, kept->frames().size());
   EXPECT_EQ(0u, hub.subscriberCount());
 }
 
@@ -68,11 +73,11 @@ TEST(SseHub, CloseAllClosesEveryoneAndRefusesNewcomers) {
   auto first = std::make_shared<Recorder>();
   hub.subscribe(first, {});
   hub.closeAll();
-  EXPECT_TRUE(first->closed);
+  EXPECT_TRUE(first->closed());
   auto late = std::make_shared<Recorder>();
   EXPECT_EQ(0u, hub.subscribe(late, {}));
   hub.publish("A", ZR::ZRValue(1));
-  EXPECT_TRUE(first->frames.empty());
+  EXPECT_TRUE(first->frames().empty());
 }
 
 TEST(SseHub, PublishingFromOneThreadKeepsOrderWhileOthersSubscribe) {
@@ -87,6 +92,6 @@ TEST(SseHub, PublishingFromOneThreadKeepsOrderWhileOthersSubscribe) {
   });
   for (int i = 0; i < 2000; ++i) hub.publish("K", ZR::ZRValue(i));
   churn.join();
-  ASSERT_EQ(2000u, recorder->frames.size());
-  for (int i = 0; i < 2000; ++i) EXPECT_EQ(SseHub::frame("K", i), recorder->frames[i]);
+  ASSERT_EQ(2000u, recorder->frames().size());
+  for (int i = 0; i < 2000; ++i) EXPECT_EQ(SseHub::frame("K", i), recorder->frames()[i]);
 }

@@ -1,6 +1,8 @@
+#include <common/environment.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <vu/base64.h>
+#include <vu/containment.h>
 #include <vu/html.h>
 #include <vu/log.h>
 #include <vu/os.h>
@@ -15,32 +17,7 @@
 
 namespace fs = boost::filesystem;
 
-namespace {
-
-// Sets an environment variable for the life of the object.
-class ScopedEnv {
-public:
-  ScopedEnv(const char* name, const char* value) : fName(name) {
-    if (const char* old = std::getenv(name)) fOld = old, fHad = true;
-    if (value)
-      setenv(name, value, 1);
-    else
-      unsetenv(name);
-  }
-  ~ScopedEnv() {
-    if (fHad)
-      setenv(fName, fOld.c_str(), 1);
-    else
-      unsetenv(fName);
-  }
-
-private:
-  const char* fName;
-  std::string fOld;
-  bool fHad = false;
-};
-
-}  // namespace
+using ScopedEnv = tuqvutest::ScopedEnvironment;
 
 TEST(VuOs, HomeFollowsTheEnvironment) {
   ScopedEnv home("HOME", "/some/home");
@@ -87,6 +64,34 @@ TEST(VuPath, UserWritableDataPathIsUnderTheDataHome) {
   ScopedEnv home("HOME", "/h");
   EXPECT_EQ(vu::path::userWritableDataPath("tuqvu", "prefs.xml"),
             "/h/.local/share/tuqvu/prefs.xml");
+}
+
+TEST(VuPath, IsWithinComparesWholeComponentsAndSkipsDots) {
+  using vu::path::isWithin;
+  EXPECT_TRUE(isWithin("/a/b/c", "/a/b"));
+  EXPECT_TRUE(isWithin("/a/b", "/a/b"));
+  EXPECT_TRUE(isWithin("/a/b/", "/a/b"));
+  EXPECT_TRUE(isWithin("/a/b", "/a/b/"));
+  EXPECT_TRUE(isWithin("/a/./b/c", "/a/b"));
+  EXPECT_TRUE(isWithin("/anything", "/"));
+  EXPECT_FALSE(isWithin("/a/bc", "/a/b"));
+  EXPECT_FALSE(isWithin("/a", "/a/b"));
+  EXPECT_FALSE(isWithin("/x/b", "/a/b"));
+  // ".." is taken as it stands: resolving is the caller's part.
+  EXPECT_TRUE(isWithin("/a/b/../c", "/a/b"));
+}
+
+TEST(VuPath, TheInstallationIsThePrefixAndAllBelowItWithLinksResolved) {
+  const fs::path scratch = fs::canonical(fs::temp_directory_path()) / fs::unique_path();
+  fs::create_directories(scratch / "prefix" / "lib");
+  fs::create_directory_symlink(scratch / "prefix", scratch / "link");
+  ScopedEnv env("TUQVU_SDK_PREFIX", (scratch / "link").string().c_str());
+  EXPECT_EQ(vu::path::resolvedSdkPrefix(), scratch / "prefix");
+  EXPECT_TRUE(vu::path::liesInInstallation(scratch / "prefix"));
+  EXPECT_TRUE(vu::path::liesInInstallation(scratch / "prefix" / "lib" / "not-yet-there.so"));
+  EXPECT_FALSE(vu::path::liesInInstallation(scratch));
+  EXPECT_FALSE(vu::path::liesInInstallation(scratch / "prefix-sibling"));
+  fs::remove_all(scratch);
 }
 
 TEST(VuLog, DefaultLineFormatIsTimestampLevelCategoryFunctionText) {

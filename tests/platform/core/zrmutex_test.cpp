@@ -1,3 +1,4 @@
+#include <common/eventually.h>
 #include <gtest/gtest.h>
 #include <zr/zrmutex.h>
 
@@ -56,6 +57,23 @@ TEST(ZRMutex, OtherThreadIsExcludedWhileHeld) {
   });
   after.join();
   EXPECT_TRUE(acquiredElsewhere);
+}
+
+TEST(ZRMutex, CountsTheThreadsBlockedInLock) {
+  boost::shared_ptr<ZRMutex> mutex = ZRMutex::createZRMutex();
+  EXPECT_EQ(0, mutex->waiting());
+  std::vector<std::thread> waiters;
+  {
+    ZRCriticalSection held(mutex);
+    ZRCriticalSection again(mutex);  // the holder entering again does not wait
+    EXPECT_EQ(0, mutex->waiting());
+    for (int i = 0; i < 2; ++i) {
+      waiters.emplace_back([&] { ZRCriticalSection section(mutex); });
+    }
+    EXPECT_TRUE(tuqvutest::eventually([&] { return mutex->waiting() == 2; }));
+  }
+  for (std::thread& waiter : waiters) waiter.join();
+  EXPECT_EQ(0, mutex->waiting());
 }
 
 TEST(ZRMutex, CriticalSectionsSerialiseIncrements) {

@@ -24,11 +24,15 @@ public:
     for (int i = 0; i < arity; ++i) params.emplace_back("p" + std::to_string(i), TypeCodeValue);
     bindCallable(*this, {method, "stand-in", params, TypeCodeValue},
                  [this, method, handler](const ZRValue& args, ZRValue& result) {
-                   received.push_back(method + " " + args.toDebugString());
+                   fReceived.push_back(method + " " + args.toDebugString());
                    result = handler(args);
                  });
   }
-  std::vector<std::string> received;
+  // "<method> <arguments>" of each call, in order.
+  const std::vector<std::string>& received() const { return fReceived; }
+
+private:
+  std::vector<std::string> fReceived;
 };
 
 TEST(ProxiesTest, TheMemoryProxyReachesAStandInAndPassesItsErrorsOn) {
@@ -48,7 +52,7 @@ TEST(ProxiesTest, TheMemoryProxyReachesAStandInAndPassesItsErrorsOn) {
   } catch (const ZRError& error) {
     EXPECT_EQ(error.description(), "the stand-in refuses");
   }
-  EXPECT_EQ(memory.received,
+  EXPECT_EQ(memory.received(),
             (std::vector<std::string>{"raiseMicroEvent [\"BehaviorsRun\", [\"a\"]]",
                                       "subscribeToMicroEvent [\"TUQvuReady\", \"Me\", \"\", "
                                       "\"_onDataChanged\"]",
@@ -74,8 +78,8 @@ TEST(ProxiesTest, TheFrameManagerProxyReachesAStandIn) {
   proxy.exitBehavior("id-of-x");
   proxy.deleteBehavior("id-of-x");
   proxy.cleanBehaviors();
-  EXPECT_EQ(frames.received.size(), 5u);
-  EXPECT_EQ(frames.received.back(), "cleanBehaviors []");
+  EXPECT_EQ(frames.received().size(), 5u);
+  EXPECT_EQ(frames.received().back(), "cleanBehaviors []");
 }
 
 TEST(ProxiesTest, ThePreferencesProxyReachesAStandIn) {
@@ -89,7 +93,7 @@ TEST(ProxiesTest, ThePreferencesProxyReachesAStandIn) {
   EXPECT_EQ(proxy.readPrefFile("DefaultBehaviors", false).toStringVector(),
             (std::vector<std::string>{"DefaultBehaviors", "f"}));
   proxy.writePrefFile("DefaultBehaviors", ZRValue::array(), true);
-  EXPECT_EQ(prefs.received.back(), "writePrefFile [\"DefaultBehaviors\", [], true]");
+  EXPECT_EQ(prefs.received().back(), "writePrefFile [\"DefaultBehaviors\", [], true]");
 }
 
 TEST(ProxiesTest, AProxyToAModuleTheBrokerDoesNotHostFails) {

@@ -263,7 +263,9 @@ TEST_F(MemoryTest, RemoveObserverReturnsOnlyAfterARunningCallEnded) {
     runningWhenRemoved = callRunning.load();
     removed = true;
   });
-  // Give the remover time to reach removeObserver while the call is still blocked.
+  // Not an ordering wait: this is the window in which a removeObserver that did not wait
+  // for the running call would return. Nothing happens when it is right, so there is no
+  // event to wait on instead.
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   EXPECT_FALSE(removed.load()) << "removeObserver returned while its observer was running";
   release.open();

@@ -85,7 +85,10 @@ ZRBehaviorManager::ZRBehaviorManager(boost::shared_ptr<ZRBroker> broker, const s
   }
 
   // Imports that a crash cut short left their staging copies in the temporary folder
-  // (unpacked packages) and beside their destination in the library.
+  // (unpacked packages) and beside their destination in the library. This walk is kept
+  // apart from the library index's first scan, though both cover the same folders: the
+  // index only reads (and is rebuilt whenever its root is replaced), while this deletes,
+  // once, before any library object and its notifications see the tree.
   vu::project::removeStagingLeftovers(vu::os::tmp(), 1);
   vu::project::removeStagingLeftovers(defaultUserBehaviorsPath, kStagingSearchDepth);
 

@@ -156,6 +156,8 @@ public:
   bool copy(const boost::filesystem::path& source, const boost::filesystem::path& destination);
   // A copy of the state table, entries with StateUnknown included.
   std::map<std::string, BehaviorState> xStateTable() const;
+  // How many threads are queued for the registry lock at this moment.
+  int xRegistryLockWaiters() const { return fRegistryLock->waiting(); }
 
   // Library notifications.
   void onBehaviorAdded(const std::string& path);

@@ -1,6 +1,6 @@
 // The user library, its notifications, and the names behaviors go by.
+#include <vu/containment.h>
 #include <vu/os.h>
-#include <vu/path.h>
 #include <vu/project/project.h>
 
 #include <boost/algorithm/string/erase.hpp>
@@ -27,14 +27,6 @@ fs::path resolved(const fs::path& path) {
   return error ? fs::path() : result;
 }
 
-bool isWithin(const fs::path& inner, const fs::path& outer) {
-  auto a = inner.begin();
-  for (auto b = outer.begin(); b != outer.end(); ++b, ++a) {
-    if (a == inner.end() || *a != *b) return false;
-  }
-  return true;
-}
-
 }  // namespace
 
 // A user library receives uploads and installs, and removals delete inside it: it must not
@@ -56,14 +48,19 @@ void ZRBehaviorManager::xCheckUserLibraryPath(const std::string& path) {
   };
   if (candidate == candidate.root_path()) refuse("the root directory");
   const fs::path home = resolved(vu::os::home());
+  using vu::path::isWithin;
   if (!home.empty() && isWithin(home, candidate)) refuse("the home directory itself");
-  for (const auto& [raw, what] :
-       {std::make_pair(vu::path::sdkPrefix(), std::string("the installation prefix")),
-        std::make_pair(fSystemLibrary.projectPath(), std::string("the system library"))}) {
-    if (raw.empty()) continue;
-    const fs::path place = resolved(raw);
-    if (place.empty() || place == place.root_path()) continue;
-    if (isWithin(candidate, place) || isWithin(place, candidate)) refuse(what);
+  const fs::path installation = vu::path::resolvedSdkPrefix();
+  if (vu::path::liesInInstallation(candidate) ||
+      (!installation.empty() && isWithin(installation, candidate))) {
+    refuse("the installation prefix");
+  }
+  if (!fSystemLibrary.projectPath().empty()) {
+    const fs::path system = resolved(fSystemLibrary.projectPath());
+    if (!system.empty() && system != system.root_path() &&
+        (isWithin(candidate, system) || isWithin(system, candidate))) {
+      refuse("the system library");
+    }
   }
 }
 

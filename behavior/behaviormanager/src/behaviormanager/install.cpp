@@ -1,5 +1,5 @@
 // Installing behaviors, packages and resources into the user library.
-#include <vu/path.h>
+#include <vu/containment.h>
 #include <vu/project/filecopy.h>
 #include <vu/project/package.h>
 #include <vu/project/project.h>
@@ -21,15 +21,6 @@ bool somethingAt(const fs::path& path) {
   boost::system::error_code ignored;
   const fs::file_type type = fs::status(path, ignored).type();
   return type != fs::status_error && type != fs::file_not_found;
-}
-
-// True when inner is outer or lies below it (both absolute and canonical).
-bool isWithin(const fs::path& inner, const fs::path& outer) {
-  auto i = inner.begin();
-  for (auto o = outer.begin(); o != outer.end(); ++o, ++i) {
-    if (i == inner.end() || *i != *o) return false;
-  }
-  return true;
 }
 
 void removeTemporary(const fs::path& tmp) {
@@ -77,9 +68,8 @@ bool ZRBehaviorManager::installBehavior(const std::string& absolutePath,
       const fs::path from = fs::weakly_canonical(project.projectPath());
       const fs::path to = fs::weakly_canonical(dest);
       // Nor may it replace anything of the installation, wherever the library lies.
-      const std::string prefix = vu::path::sdkPrefix();
-      if ((!prefix.empty() && isWithin(to, fs::weakly_canonical(prefix))) ||
-          !detail::namesAPlaceBelowRoot(localPath) ||
+      using vu::path::isWithin;
+      if (vu::path::liesInInstallation(to) || !detail::namesAPlaceBelowRoot(localPath) ||
           !isWithin(to, fs::weakly_canonical(fUserLibrary.projectPath())) ||
           (from != to && (isWithin(from, to) || isWithin(to, from)))) {
         throw std::runtime_error(

@@ -4,7 +4,6 @@
 #include <zrfiletransfer/zrhttphandlers.h>
 
 #include "zrfiletransferprivate.h"
-#include "zrrequestdeadline.h"
 
 namespace ZR {
 namespace {
@@ -25,8 +24,6 @@ ZRFileTransfer::ZRFileTransfer() : _p(new ZRFileTransferPrivate) {
   }
   // Filled before the listener runs, so no request ever sees a partial table.
   fillContentTypeTable();
-  loadPutSizeLimit();
-  detail::loadRequestTimeLimits();
   vu::os::msleep(kStartDelayMs);
   _p->start();
 }

@@ -37,7 +37,8 @@ void finalise(soap* context) {
 
 }  // namespace
 
-ZRFileTransferPrivate::ZRFileTransferPrivate() : fServer(nullptr), fStop(0), fPort(0) {}
+ZRFileTransferPrivate::ZRFileTransferPrivate()
+    : fServer(nullptr), fStop(0), fPort(0), fLimits(detail::ServerLimits::fromEnvironment()) {}
 
 ZRFileTransferPrivate::~ZRFileTransferPrivate() {
   stop();
@@ -170,7 +171,7 @@ void ZRFileTransferPrivate::run(soap* connection) {
   std::memset(connection->buf, 0, sizeof(connection->buf));
   connection->recv_timeout = kIoTimeout;
   connection->send_timeout = kIoTimeout;
-  ZR::soap_serve(connection);
+  ZR::soap_serve(connection, fLimits);
   finalise(connection);
   soap_free(connection);
 }

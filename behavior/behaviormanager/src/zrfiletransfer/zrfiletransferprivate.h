@@ -7,6 +7,8 @@
 #include <boost/thread/thread.hpp>
 #include <string>
 
+#include "zrserverlimits.h"
+
 struct soap;
 
 namespace ZR {
@@ -52,6 +54,9 @@ public:
   std::atomic<int> fStop;
   // The port chosen by findFreePort, 0 until then.
   int fPort;
+  // The limits every connection is held to, read from the environment when this server
+  // is made; fixed from then on.
+  const detail::ServerLimits fLimits;
   // The listener thread (not-a-thread until start()).
   boost::thread fThread;
 };

@@ -19,6 +19,8 @@
 #include <string>
 #include <vector>
 
+#include "zrserverlimits.h"
+
 namespace ZR {
 
 // The GET hook: 0 when a reply was sent, -1 (no reply, the exchange ends) otherwise.
@@ -33,9 +35,10 @@ int httpPut(soap* connection);
 // The DELETE hook: 0 after the "ok" reply, -1 when the path is empty or not served.
 int httpDel(soap* connection);
 
-// Serves the requests of one accepted connection through the hooks above and returns
-// when the connection is finished (closed, timed out or not reusable).
-int soap_serve(soap* connection);
+// Serves the requests of one accepted connection through the hooks above, held to the
+// serving server's `limits`, and returns when the connection is finished (closed, timed
+// out or not reusable).
+int soap_serve(soap* connection, const detail::ServerLimits& limits);
 
 // Maps a relative request path to a file-system path; an empty result means the path
 // is not served.
@@ -61,14 +64,6 @@ std::string behaviorsPath(const std::string& name);
 // `s` with every occurrence of `from` replaced by `to` (inserted text is not rescanned).
 std::string replaceSpecialChar(const std::string& s, const std::string& from,
                                const std::string& to);
-
-// The largest body a PUT may have, in bytes. loadPutSizeLimit() reads it from the
-// environment variable TUQVU_FILE_PUT_MAX_BYTES (a positive decimal number; anything else
-// is logged and ignored); until then, and when the variable is not set or empty, it is
-// kDefaultPutSizeLimit. Every ZRFileTransfer constructor loads it.
-constexpr std::uint64_t kDefaultPutSizeLimit = 512ULL * 1024 * 1024;
-void loadPutSizeLimit();
-std::uint64_t putSizeLimit();
 
 // The process-wide content-type table: extension with its dot, lower case, to MIME type.
 // fillContentTypeTable() (re)writes its rows; contentTypeFor() looks an extension up in

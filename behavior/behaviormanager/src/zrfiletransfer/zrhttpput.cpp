@@ -7,11 +7,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vu/log.h>
-#include <vu/settings.h>
 #include <zrfiletransfer/zrhttphandlers.h>
 
 #include <algorithm>
-#include <atomic>
 #include <boost/filesystem/operations.hpp>
 #include <cerrno>
 #include <cstdlib>
@@ -26,10 +24,6 @@ namespace fs = boost::filesystem;
 
 namespace ZR {
 namespace {
-
-// The PUT size limit in bytes; written by loadPutSizeLimit (a server's constructor),
-// read by the listener threads.
-std::atomic<std::uint64_t> gPutSizeLimit{kDefaultPutSizeLimit};
 
 void logError(const std::string& text) {
   vu::log::write(vu::log::warning, detail::kNetworkLog, "httpPut", "Write file error: " + text);
@@ -148,15 +142,6 @@ bool refusedWrite(soap* connection, const fs::path& requestPath, const fs::path&
 
 }  // namespace
 
-void loadPutSizeLimit() {
-  gPutSizeLimit.store(
-      vu::settings::positiveNumber("TUQVU_FILE_PUT_MAX_BYTES", kDefaultPutSizeLimit));
-}
-
-std::uint64_t putSizeLimit() {
-  return gPutSizeLimit.load();
-}
-
 int httpPut(soap* connection) {
   if (detail::refuseRequest(connection, detail::Access::Write)) {
     return 0;
@@ -202,7 +187,9 @@ int httpPut(soap* connection) {
     connection->keep_alive = 0;
     return 0;
   }
-  const std::uint64_t limit = putSizeLimit();
+  const detail::ServerLimits* limits = detail::ConnectionGuard::limitsOf(connection);
+  const std::uint64_t limit =
+      limits != nullptr ? limits->putMaxBytes : detail::ServerLimits::kDefaultPutMaxBytes;
   if (connection->length > limit) {
     detail::logRefusedPath("httpPut", relative,
                            std::to_string(connection->length) + " bytes, above the limit");

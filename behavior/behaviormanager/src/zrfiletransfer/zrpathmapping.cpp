@@ -14,6 +14,7 @@
 // outside the root it was mapped under, is refused and logged. This is the first check
 // only: the hooks then open every target beneath its root by descriptor (zrbeneath.h),
 // which no link or rename can get around.
+#include <vu/containment.h>
 #include <vu/log.h>
 #include <vu/os.h>
 #include <vu/path.h>
@@ -73,26 +74,6 @@ fs::path resolved(const fs::path& p) {
     result = p.lexically_normal();
   }
   return result;
-}
-
-// Whether `target` is `root` or lies below it, once both are resolved.
-bool isInside(const fs::path& root, const fs::path& target) {
-  const fs::path resolvedRoot = resolved(root);
-  const fs::path resolvedTarget = resolved(target);
-  auto t = resolvedTarget.begin();
-  for (const fs::path& part : resolvedRoot) {
-    if (part == ".") {
-      continue;
-    }
-    while (t != resolvedTarget.end() && *t == ".") {
-      ++t;
-    }
-    if (t == resolvedTarget.end() || *t != part) {
-      return false;
-    }
-    ++t;
-  }
-  return true;
 }
 
 void logRefused(const fs::path& requestPath, const std::string& reason) {
@@ -184,7 +165,7 @@ bool mapRequestPath(const fs::path& requestPath, MappedPath* mapped) {
     return false;
   }
   const fs::path result = relative.empty() ? root : root / relative;
-  if (!isInside(root, result)) {
+  if (!vu::path::isWithin(resolved(result), resolved(root))) {
     logRefused(requestPath, "outside " + root.string());
     return false;
   }

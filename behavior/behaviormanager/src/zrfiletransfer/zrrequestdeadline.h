@@ -2,40 +2,25 @@
 // so a client that sends slowly would hold every other client back: the headers of a
 // request must all arrive within a deadline, and a body at a minimum rate.
 //
-//   RequestDeadline deadline;
+//   RequestDeadline deadline(limits);    // the server's limits (zrserverlimits.h)
 //   deadline.startHeaders();             // before a request is read
 //   deadline.startBody(contentLength);   // when its body is about to be read
 //   deadline.millisecondsLeft();         // before each read; 0: the time is up
-//
-// The limits come from the environment, read by loadRequestTimeLimits() (each
-// ZRFileTransfer constructor calls it):
-//   TUQVU_FILE_HEADER_DEADLINE_S   seconds for the request line and headers (default 15)
-//   TUQVU_FILE_BODY_MIN_RATE       bytes per second a body must keep up (default 32768);
-//                                  a body of n bytes may take the header deadline plus
-//                                  n / rate seconds.
-// A value that is not a positive whole number is logged and the default kept.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
 
+#include "zrserverlimits.h"
+
 namespace ZR {
 namespace detail {
-
-struct RequestTimeLimits {
-  static constexpr int kDefaultHeaderSeconds = 15;
-  static constexpr std::uint64_t kDefaultBodyBytesPerSecond = 32768;
-
-  int headerSeconds = kDefaultHeaderSeconds;
-  std::uint64_t bodyBytesPerSecond = kDefaultBodyBytesPerSecond;
-};
-
-void loadRequestTimeLimits();
-RequestTimeLimits requestTimeLimits();
 
 class RequestDeadline {
 public:
   using Clock = std::chrono::steady_clock;
+
+  explicit RequestDeadline(const ServerLimits& limits);
 
   // The headers of the next request must arrive within the header deadline from now.
   void startHeaders();
@@ -48,6 +33,8 @@ public:
   bool passed() const { return Clock::now() >= fDeadline; }
 
 private:
+  std::chrono::seconds fHeaderTime;
+  std::uint64_t fBodyBytesPerSecond;
   Clock::time_point fDeadline = Clock::time_point::max();
 };
 

@@ -89,11 +89,13 @@ void sendUnauthorized(soap* connection) {
 
 }  // namespace
 
-ConnectionGuard::ConnectionGuard(soap* connection)
+ConnectionGuard::ConnectionGuard(soap* connection, const ServerLimits& limits)
     : fConnection(connection),
       fPreviousUser(connection->user),
       fPreviousParseHeader(connection->fparsehdr),
-      fPreviousReceive(connection->frecv) {
+      fPreviousReceive(connection->frecv),
+      fLimits(limits),
+      fDeadline(fLimits) {
   connection->user = this;
   connection->fparsehdr = &ConnectionGuard::parseHeader;
   connection->frecv = &ConnectionGuard::receive;
@@ -120,6 +122,13 @@ void ConnectionGuard::beginRequest() {
   fConnection->passwd = nullptr;
   fConnection->origin = nullptr;
   fDeadline.startHeaders();
+}
+
+const ServerLimits* ConnectionGuard::limitsOf(const soap* connection) {
+  if (connection->frecv == &ConnectionGuard::receive && connection->user != nullptr) {
+    return &static_cast<const ConnectionGuard*>(connection->user)->fLimits;
+  }
+  return nullptr;
 }
 
 void ConnectionGuard::beginBody(soap* connection, std::uint64_t length) {

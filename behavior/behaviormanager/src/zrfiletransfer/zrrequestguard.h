@@ -1,6 +1,6 @@
 // What a request must pass before a hook acts on it, and the replies that refuse it.
 //
-//   ConnectionGuard guard(connection);        // in the dispatcher, for one connection
+//   ConnectionGuard guard(connection, limits);   // in the dispatcher, for one connection
 //   guard.beginRequest();                     // before each request is read
 //   ...
 //   if (refuseRequest(connection, Access::Write)) return 0;   // in a hook: already answered
@@ -19,6 +19,7 @@
 #include <string>
 
 #include "zrrequestdeadline.h"
+#include "zrserverlimits.h"
 
 namespace ZR {
 namespace detail {
@@ -34,7 +35,8 @@ struct RequestHeaders {
 
 class ConnectionGuard {
 public:
-  explicit ConnectionGuard(soap* connection);
+  // `limits` are the serving server's; the guard keeps a copy.
+  ConnectionGuard(soap* connection, const ServerLimits& limits);
   ~ConnectionGuard();
   ConnectionGuard(const ConnectionGuard&) = delete;
   ConnectionGuard& operator=(const ConnectionGuard&) = delete;
@@ -45,6 +47,9 @@ public:
 
   // The headers of the request being served; null when the connection has no guard.
   static const RequestHeaders* headersOf(const soap* connection);
+
+  // The limits of the server serving the connection; null when it has no guard.
+  static const ServerLimits* limitsOf(const soap* connection);
 
   // The body of `length` bytes is read next: its deadline starts.
   static void beginBody(soap* connection, std::uint64_t length);
@@ -58,6 +63,7 @@ private:
   int (*fPreviousParseHeader)(soap*, const char*, const char*);
   size_t (*fPreviousReceive)(soap*, char*, size_t);
   RequestHeaders fHeaders;
+  const ServerLimits fLimits;
   RequestDeadline fDeadline;
   bool fDeadlineLogged = false;
 };

@@ -8,8 +8,8 @@
 
 namespace ZR {
 
-int soap_serve(soap* connection) {
-  detail::ConnectionGuard guard(connection);
+int soap_serve(soap* connection, const detail::ServerLimits& limits) {
+  detail::ConnectionGuard guard(connection, limits);
   // A negative limit means any number of requests per connection.
   connection->keep_alive = connection->max_keep_alive < 0 ? -1 : connection->max_keep_alive + 1;
   do {

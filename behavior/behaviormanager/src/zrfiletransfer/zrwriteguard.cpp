@@ -1,6 +1,7 @@
 #include "zrwriteguard.h"
 
 #include <sys/stat.h>
+#include <vu/containment.h>
 #include <vu/os.h>
 #include <vu/path.h>
 #include <vu/unicode.h>
@@ -16,18 +17,6 @@ namespace {
 
 fs::path toPath(const std::string& text) {
   return fs::path(text, vu::unicodeFacet());
-}
-
-// Whether `inner` is `outer` or lies below it; both canonical.
-bool isWithin(const fs::path& inner, const fs::path& outer) {
-  auto i = inner.begin();
-  for (const fs::path& part : outer) {
-    if (i == inner.end() || *i != part) {
-      return false;
-    }
-    ++i;
-  }
-  return true;
 }
 
 void addCanonical(const fs::path& path, std::vector<fs::path>* paths) {
@@ -53,7 +42,8 @@ bool holdsControlCharacter(const std::string& text) {
 std::vector<fs::path> protectedDirectories() {
   const fs::path home = toPath(vu::os::home());
   std::vector<fs::path> directories;
-  addCanonical(toPath(vu::path::sdkPrefix()), &directories);
+  const fs::path installation = vu::path::resolvedSdkPrefix();
+  if (!installation.empty()) directories.push_back(installation);
   addCanonical(home, &directories);
   addCanonical(home / ".tuqvu", &directories);
   addCanonical(home / ".tuqvu" / "behaviors", &directories);
@@ -90,13 +80,12 @@ std::string writeRefusal(const fs::path& root, const std::vector<std::string>& c
   for (const std::string& component : components) {
     target /= toPath(component);
   }
-  fs::path prefix = fs::canonical(toPath(vu::path::sdkPrefix()), error);
-  if (!error && isWithin(target, prefix)) {
+  if (vu::path::liesInInstallation(target)) {
     return "the installation is never changed";
   }
   if (kind == WriteKind::Remove) {
     for (const fs::path& kept : protectedOnes) {
-      if (isWithin(kept, target)) {
+      if (vu::path::isWithin(kept, target)) {
         return "it is or holds a folder this robot needs";
       }
     }

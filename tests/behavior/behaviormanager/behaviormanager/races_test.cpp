@@ -130,8 +130,8 @@ TEST_F(Races, LoadsThatBothFoundTheBehaviorUnloadedCreateOneInstance) {
       }
     });
   }
-  // Both loads read the state in microseconds and then wait for the lock; give them time.
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  // Both loads have read the state and queue for the lock.
+  ASSERT_TRUE(eventually([this] { return manager->xRegistryLockWaiters() == 2; }));
   EXPECT_EQ(manager->behaviorState("wave"), StateUnloaded);
   gated->openExits();
   joinAll();

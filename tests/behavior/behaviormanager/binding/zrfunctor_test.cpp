@@ -18,22 +18,26 @@ ZRValue args(std::initializer_list<ZRValue> values) {
 class Target {
 public:
   virtual ~Target() = default;
-  void runBehavior(const std::string& name) { calls.push_back("run " + name); }
+  void runBehavior(const std::string& name) { fCalls.push_back("run " + name); }
   bool installBehavior(const std::string& source, const std::string& local, bool overwrite) {
-    calls.push_back("install " + source + " " + local + (overwrite ? " 1" : " 0"));
+    fCalls.push_back("install " + source + " " + local + (overwrite ? " 1" : " 0"));
     return overwrite;
   }
   void onDataChanged(const std::string& name, const ZRValue& value, const std::string& message) {
-    calls.push_back("data " + name + " " + value.toDebugString() + " " + message);
+    fCalls.push_back("data " + name + " " + value.toDebugString() + " " + message);
   }
   std::vector<std::string> list() { return {"a", "b"}; }
   int port() { return 15000; }
-  void stopAll() { calls.push_back("stopAll"); }
+  void stopAll() { fCalls.push_back("stopAll"); }
   std::string id(const std::string& name) { return "id-" + name; }
   virtual bool isRunning(const std::string&) { return false; }
   void throws(const std::string&) { throw ZRError("T", "throws", "boom", "f", 1); }
 
-  std::vector<std::string> calls;
+  // What the bound methods were called with, in order.
+  const std::vector<std::string>& calls() const { return fCalls; }
+
+private:
+  std::vector<std::string> fCalls;
 };
 
 class Derived : public Target {
@@ -59,7 +63,7 @@ TEST(ZRFunctor, StringArgumentReachesTheMember) {
   Target target;
   ZRValue result;
   createFunctor(&target, &Target::runBehavior)->call(args({"dance"}), result);
-  EXPECT_EQ(target.calls, std::vector<std::string>{"run dance"});
+  EXPECT_EQ(target.calls(), std::vector<std::string>{"run dance"});
   EXPECT_FALSE(result.isValid());  // a void member leaves the result untouched
 }
 
@@ -70,7 +74,7 @@ TEST(ZRFunctor, IntegerForAStringParameterIsRefusedBeforeTheMemberRuns) {
   EXPECT_EQ(
       conversionError([&] { functor->call(args({3}), result); }),
       "Parameter type is " + ZRValue::TypeToString(ZRValue::TypeInt) + " instead of string@88");
-  EXPECT_TRUE(target.calls.empty());
+  EXPECT_TRUE(target.calls().empty());
 }
 
 TEST(ZRFunctor, IntegerForTheBoolOfInstallBehaviorIsRefused) {
@@ -82,9 +86,9 @@ TEST(ZRFunctor, IntegerForTheBoolOfInstallBehaviorIsRefused) {
         functor->call(args({"/a", "b", 1}), result);
       }),
       "Parameter type is " + ZRValue::TypeToString(ZRValue::TypeInt) + " instead of bool@137");
-  EXPECT_TRUE(target.calls.empty());
+  EXPECT_TRUE(target.calls().empty());
   functor->call(args({"/a", "b", true}), result);
-  EXPECT_EQ(target.calls, std::vector<std::string>{"install /a b 1"});
+  EXPECT_EQ(target.calls(), std::vector<std::string>{"install /a b 1"});
   EXPECT_EQ(result, ZRValue(true));
 }
 
@@ -96,9 +100,9 @@ TEST(ZRFunctor, ValueParameterAcceptsAnyType) {
   functor->call(args({"TUQvuReady", 1.5, "m"}), result);
   functor->call(args({"TUQvuReady", "text", ""}), result);
   functor->call(args({"TUQvuReady", ZRValue::array(), ""}), result);
-  ASSERT_EQ(target.calls.size(), 4u);
-  EXPECT_EQ(target.calls[0], "data TUQvuReady 1 ");
-  EXPECT_EQ(target.calls[2], "data TUQvuReady \"text\" ");
+  ASSERT_EQ(target.calls().size(), 4u);
+  EXPECT_EQ(target.calls()[0], "data TUQvuReady 1 ");
+  EXPECT_EQ(target.calls()[2], "data TUQvuReady \"text\" ");
 }
 
 TEST(ZRFunctor, ResultsOfEveryUsedTypeAreStored) {

@@ -1,8 +1,10 @@
 // What GET, PUT and DELETE may reach, against the real server over raw sockets: never
 // outside a served folder (links, dangling links), never a served folder itself, nothing
 // of the installation, no names with control characters, no body above the size limit.
+#include <common/environment.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <zrfiletransfer/zrfiletransfer.h>
 #include <zrfiletransfer/zrhttphandlers.h>
 
 #include <boost/filesystem/operations.hpp>
@@ -42,19 +44,6 @@ public:
 
 private:
   static fs::path marker() { return paths().prefix / "CMakeLists.txt"; }
-};
-
-// Sets TUQVU_FILE_PUT_MAX_BYTES and loads the limit; restores both when it goes.
-class PutLimit {
-public:
-  explicit PutLimit(const char* value) {
-    setenv("TUQVU_FILE_PUT_MAX_BYTES", value, 1);
-    ZR::loadPutSizeLimit();
-  }
-  ~PutLimit() {
-    unsetenv("TUQVU_FILE_PUT_MAX_BYTES");
-    ZR::loadPutSizeLimit();
-  }
 };
 
 class Containment : public ::testing::Test {
@@ -260,7 +249,10 @@ TEST_F(Containment, AListingLeavesOutNamesWithControlCharactersAndStaysOneLinePe
 }
 
 TEST_F(Containment, APutAboveTheSizeLimitIs413AndWritesNothing) {
-  PutLimit limit("1000");
+  // The limit is the server's own, read when it is made.
+  tuqvutest::ScopedEnvironment limit("TUQVU_FILE_PUT_MAX_BYTES", "1000");
+  ZR::ZRFileTransfer server;
+  fPort = server.httpFileTransferPort();
   writeFile(paths().tmp / "limited.txt", "old");
   fs::remove_all(paths().tmp / "limit");
   bool closed = false;
@@ -277,6 +269,10 @@ TEST_F(Containment, APutAboveTheSizeLimitIs413AndWritesNothing) {
 
   EXPECT_EQ(exchange(put("/tmp/limited.txt", std::string(1000, 'a'))), kOk);
   EXPECT_EQ(readFile(paths().tmp / "limited.txt"), std::string(1000, 'a'));
+
+  // The shared server, made without the setting, keeps its default of 512 MiB.
+  fPort = zrft_test::sharedServerPort();
+  EXPECT_EQ(exchange(put("/tmp/limited.txt", std::string(5000, 'c'))), kOk);
 }
 
 TEST_F(Containment, APutOverwritesTheFileInPlaceKeepingItsPermissions) {
@@ -299,24 +295,4 @@ TEST_F(Containment, APutOverAFifoIsRefusedWithoutBlockingTheServer) {
   EXPECT_TRUE(closed);
   EXPECT_EQ(exchange(put("/tmp/fifos/after.txt", "after")), kOk);
   fs::remove(fifo);
-}
-
-TEST(PutSizeLimit, ComesFromTheEnvironmentWithADefaultOf512MiB) {
-  unsetenv("TUQVU_FILE_PUT_MAX_BYTES");
-  ZR::loadPutSizeLimit();
-  EXPECT_EQ(ZR::putSizeLimit(), 512ULL * 1024 * 1024);
-  {
-    PutLimit limit("2048");
-    EXPECT_EQ(ZR::putSizeLimit(), 2048u);
-  }
-  EXPECT_EQ(ZR::putSizeLimit(), 512ULL * 1024 * 1024);
-}
-
-TEST(PutSizeLimit, AValueThatIsNoPositiveNumberIsLoggedAndIgnored) {
-  for (const char* value : {"abc", "0", "-1", "12x", " 12", "99999999999999999999999"}) {
-    LogCapture log;
-    PutLimit limit(value);
-    EXPECT_EQ(ZR::putSizeLimit(), 512ULL * 1024 * 1024) << value;
-    EXPECT_EQ(log.find("wholeNumber", "TUQVU_FILE_PUT_MAX_BYTES").size(), 1u) << value;
-  }
 }

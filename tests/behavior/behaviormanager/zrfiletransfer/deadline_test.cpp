@@ -11,6 +11,7 @@
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -111,20 +112,57 @@ TEST_F(Deadlines, AKeptAliveConnectionGetsAFreshDeadlineForEachRequest) {
   }
 }
 
-TEST(RequestTimeLimits, ComeFromTheEnvironmentWithDefaultsAndIgnoreNonsense) {
-  LogCapture log;
-  ::unsetenv("TUQVU_FILE_HEADER_DEADLINE_S");
-  ::unsetenv("TUQVU_FILE_BODY_MIN_RATE");
-  ZR::detail::loadRequestTimeLimits();
-  EXPECT_EQ(15, ZR::detail::requestTimeLimits().headerSeconds);
-  EXPECT_EQ(32768u, ZR::detail::requestTimeLimits().bodyBytesPerSecond);
+TEST(ServerLimits, ComeFromTheEnvironmentWithTheirDefaults) {
   {
-    Setting headers("TUQVU_FILE_HEADER_DEADLINE_S", "30");
-    Setting rate("TUQVU_FILE_BODY_MIN_RATE", "-5");
-    ZR::detail::loadRequestTimeLimits();
-    EXPECT_EQ(30, ZR::detail::requestTimeLimits().headerSeconds);
-    EXPECT_EQ(32768u, ZR::detail::requestTimeLimits().bodyBytesPerSecond);
-    EXPECT_EQ(1u, log.find("wholeNumber", "TUQVU_FILE_BODY_MIN_RATE").size());
+    Setting put("TUQVU_FILE_PUT_MAX_BYTES", nullptr);
+    Setting headers("TUQVU_FILE_HEADER_DEADLINE_S", nullptr);
+    Setting rate("TUQVU_FILE_BODY_MIN_RATE", "");
+    const ZR::detail::ServerLimits limits = ZR::detail::ServerLimits::fromEnvironment();
+    EXPECT_EQ(512ULL * 1024 * 1024, limits.putMaxBytes);
+    EXPECT_EQ(15, limits.headerSeconds);
+    EXPECT_EQ(32768u, limits.bodyBytesPerSecond);
   }
-  ZR::detail::loadRequestTimeLimits();
+  Setting put("TUQVU_FILE_PUT_MAX_BYTES", "2048");
+  Setting headers("TUQVU_FILE_HEADER_DEADLINE_S", "30");
+  Setting rate("TUQVU_FILE_BODY_MIN_RATE", "1000");
+  const ZR::detail::ServerLimits limits = ZR::detail::ServerLimits::fromEnvironment();
+  EXPECT_EQ(2048u, limits.putMaxBytes);
+  EXPECT_EQ(30, limits.headerSeconds);
+  EXPECT_EQ(1000u, limits.bodyBytesPerSecond);
+}
+
+TEST(ServerLimits, AValueThatIsNoPositiveNumberIsLoggedByNameAndTheDefaultKept) {
+  for (const char* value : {"abc", "0", "-1", "12x", " 12", "99999999999999999999999"}) {
+    LogCapture log;
+    Setting put("TUQVU_FILE_PUT_MAX_BYTES", value);
+    Setting headers("TUQVU_FILE_HEADER_DEADLINE_S", value);
+    Setting rate("TUQVU_FILE_BODY_MIN_RATE", value);
+    const ZR::detail::ServerLimits limits = ZR::detail::ServerLimits::fromEnvironment();
+    EXPECT_EQ(512ULL * 1024 * 1024, limits.putMaxBytes) << value;
+    EXPECT_EQ(15, limits.headerSeconds) << value;
+    EXPECT_EQ(32768u, limits.bodyBytesPerSecond) << value;
+    for (const char* name :
+         {"TUQVU_FILE_PUT_MAX_BYTES", "TUQVU_FILE_HEADER_DEADLINE_S", "TUQVU_FILE_BODY_MIN_RATE"}) {
+      EXPECT_EQ(1u, log.find("wholeNumber", name).size()) << name << " = " << value;
+    }
+  }
+}
+
+TEST(ServerLimits, EachServerKeepsTheLimitsItWasMadeWith) {
+  std::unique_ptr<ZR::ZRFileTransfer> strict;
+  {
+    Setting headers("TUQVU_FILE_HEADER_DEADLINE_S", "1");
+    strict = std::make_unique<ZR::ZRFileTransfer>();
+  }
+  ZR::ZRFileTransfer lenient;  // made with the default of 15 s
+  RawConnection toStrict(strict->httpFileTransferPort());
+  RawConnection toLenient(lenient.httpFileTransferPort());
+  toStrict.send("GET /tmp/none.txt HT");
+  toLenient.send("GET /tmp/none.txt HT");
+  bool closed = false;
+  EXPECT_EQ("", toStrict.readUntilClosed(10s, &closed));
+  EXPECT_TRUE(closed) << "the 1 s deadline of the first server did not end its connection";
+  // The other connection, just as old, is still open and gets its answer.
+  toLenient.send("TP/1.1\nHost: robot\n\n");
+  EXPECT_EQ("HTTP/1.1 404 Not Found", toLenient.readReply(5s).statusLine);
 }

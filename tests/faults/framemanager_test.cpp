@@ -24,7 +24,7 @@ protected:
     startManager();
   }
   void TearDown() override {
-    if (frames) frames->plan.healAll();
+    if (frames) frames->plan().healAll();
     manager.reset();
     frames.reset();
     ManagerTest::TearDown();
@@ -41,7 +41,8 @@ protected:
   void waitRunning(const std::string& name) {
     ASSERT_TRUE(eventually([&] {
       const std::string id = manager->getBehaviorFrameManagerId(name);
-      return manager->isBehaviorRunning(name) && !id.empty() && frames->real->isBehaviorRunning(id);
+      return manager->isBehaviorRunning(name) && !id.empty() &&
+             frames->real().isBehaviorRunning(id);
     })) << name
         << " did not start";
   }
@@ -67,7 +68,7 @@ protected:
 };
 
 TEST_F(FrameManagerFaults, NewBehaviorFromFileErrorReachesTheCallerAndLeavesTheBehaviorUnloaded) {
-  frames->plan.fail("newBehaviorFromFile");
+  frames->plan().fail("newBehaviorFromFile");
 
   expectInjected(call("preloadBehavior", {ZRValue("quick")}), "newBehaviorFromFile");
   EXPECT_EQ(StateUnloaded, manager->behaviorState("quick"));
@@ -76,22 +77,22 @@ TEST_F(FrameManagerFaults, NewBehaviorFromFileErrorReachesTheCallerAndLeavesTheB
 
   expectInjected(call("runBehavior", {ZRValue("quick")}), "newBehaviorFromFile");
   EXPECT_EQ(StateUnloaded, manager->behaviorState("quick"));
-  EXPECT_EQ(0, frames->plan.calls("completeBehavior"));
-  EXPECT_TRUE(frames->real->getBehaviorInstances().empty());
+  EXPECT_EQ(0, frames->plan().calls("completeBehavior"));
+  EXPECT_TRUE(frames->real().getBehaviorInstances().empty());
 
-  frames->plan.heal("newBehaviorFromFile");
+  frames->plan().heal("newBehaviorFromFile");
   expectStillWorking();
 }
 
 TEST_F(FrameManagerFaults, CompleteBehaviorErrorPassesOutAfterTheRunIsCleanedUp) {
-  frames->plan.fail("completeBehavior");
+  frames->plan().fail("completeBehavior");
   events->clear();
 
   expectInjected(call("runBehavior", {ZRValue("quick")}), "completeBehavior");
   EXPECT_EQ(StateUnloaded, manager->behaviorState("quick"));
   EXPECT_TRUE(manager->getLoadedBehaviors().empty());
   EXPECT_TRUE(manager->getRunningBehaviors().empty());
-  EXPECT_TRUE(frames->real->getBehaviorInstances().empty());
+  EXPECT_TRUE(frames->real().getBehaviorInstances().empty());
   const std::vector<ZRValue> published = events->valuesOf("BehaviorsRun");
   ASSERT_EQ(2u, published.size());
   EXPECT_EQ(std::vector<std::string>{"quick"}, published[0].toStringVector());
@@ -101,17 +102,17 @@ TEST_F(FrameManagerFaults, CompleteBehaviorErrorPassesOutAfterTheRunIsCleanedUp)
   expectInjected(call("runBehavior", {ZRValue("System/stand")}), "completeBehavior");
   EXPECT_EQ(StateLoaded, manager->behaviorState("System/stand"));
   EXPECT_TRUE(manager->isBehaviorLoaded("System/stand"));
-  EXPECT_EQ(1u, frames->real->getBehaviorInstances().size());
+  EXPECT_EQ(1u, frames->real().getBehaviorInstances().size());
 
-  frames->plan.heal("completeBehavior");
+  frames->plan().heal("completeBehavior");
   expectStillWorking();
 }
 
 TEST_F(FrameManagerFaults, ExitBehaviorErrorMakesTheStopFailWithoutLosingTheRun) {
   std::future<Outcome> run = runInBackground("forever");
   waitRunning("forever");
-  const int cleansBefore = frames->plan.calls("cleanBehaviors");
-  frames->plan.fail("exitBehavior");
+  const int cleansBefore = frames->plan().calls("cleanBehaviors");
+  frames->plan().fail("exitBehavior");
 
   const Outcome stop = call("stopBehavior", {ZRValue("forever")});
   EXPECT_TRUE(stop.threw);
@@ -127,17 +128,17 @@ TEST_F(FrameManagerFaults, ExitBehaviorErrorMakesTheStopFailWithoutLosingTheRun)
   EXPECT_EQ(1, logs->count(2, "behavior.manager", "stopAllBehaviors",
                            "A problem arose in StopAllBehaviors: Behavior forever could not be "
                            "stopped properly."));
-  EXPECT_EQ(cleansBefore, frames->plan.calls("cleanBehaviors"));
+  EXPECT_EQ(cleansBefore, frames->plan().calls("cleanBehaviors"));
   EXPECT_EQ(std::vector<std::string>{"forever"},
             call("getRunningBehaviors").value.toStringVector());
 
-  frames->plan.heal("exitBehavior");
+  frames->plan().heal("exitBehavior");
   const Outcome stopAgain = call("stopBehavior", {ZRValue("forever")});
   EXPECT_FALSE(stopAgain.threw) << stopAgain.description;
   const Outcome ran = run.get();
   EXPECT_FALSE(ran.threw) << ran.description;
   EXPECT_EQ(StateUnloaded, manager->behaviorState("forever"));
-  EXPECT_TRUE(frames->real->getBehaviorInstances().empty());
+  EXPECT_TRUE(frames->real().getBehaviorInstances().empty());
   expectStillWorking();
 }
 
@@ -146,11 +147,11 @@ TEST_F(FrameManagerFaults, DeleteBehaviorErrorDuringAStopIsSwallowed) {
   waitRunning("forever");
   // Only the stop's own request fails: the run, ended by the exit request, unloads on
   // its thread at the same time.
-  frames->plan.failOnThisThread("deleteBehavior", 1);
+  frames->plan().failOnThisThread("deleteBehavior", 1);
 
   const Outcome stop = call("stopBehavior", {ZRValue("forever")});
   EXPECT_FALSE(stop.threw) << stop.description;
-  EXPECT_EQ(1, frames->plan.failed("deleteBehavior"));
+  EXPECT_EQ(1, frames->plan().failed("deleteBehavior"));
   const Outcome ran = run.get();
   // The one injected failure goes to whichever deleteBehavior comes first once the exit
   // request has ended the run: the stop's (swallowed) or the run's own unload (passed
@@ -160,25 +161,25 @@ TEST_F(FrameManagerFaults, DeleteBehaviorErrorDuringAStopIsSwallowed) {
   }
   EXPECT_EQ(StateUnloaded, manager->behaviorState("forever"));
   // One of the two unloads deleted the instance.
-  EXPECT_TRUE(frames->real->getBehaviorInstances().empty());
+  EXPECT_TRUE(frames->real().getBehaviorInstances().empty());
   expectStillWorking();
 }
 
 TEST_F(FrameManagerFaults, DeleteBehaviorErrorAfterARunPassesOutOnceTheRetriedUnloadWorked) {
-  frames->plan.fail("deleteBehavior", 1);
+  frames->plan().fail("deleteBehavior", 1);
 
   expectInjected(call("runBehavior", {ZRValue("quick")}), "deleteBehavior");
-  EXPECT_EQ(2, frames->plan.calls("deleteBehavior"));
+  EXPECT_EQ(2, frames->plan().calls("deleteBehavior"));
   EXPECT_EQ(StateUnloaded, manager->behaviorState("quick"));
   EXPECT_TRUE(manager->getLoadedBehaviors().empty());
-  EXPECT_TRUE(frames->real->getBehaviorInstances().empty());
+  EXPECT_TRUE(frames->real().getBehaviorInstances().empty());
   expectStillWorking();
 }
 
 TEST_F(FrameManagerFaults, CleanBehaviorsErrorIsLoggedByStopAllBehaviors) {
   std::future<Outcome> run = runInBackground("forever");
   waitRunning("forever");
-  frames->plan.fail("cleanBehaviors");
+  frames->plan().fail("cleanBehaviors");
   const std::string line =
       "A problem arose in StopAllBehaviors: " + FaultPlan::description("cleanBehaviors");
 

@@ -17,9 +17,9 @@ protected:
     ManagerTest::SetUp();
     startPlatform(false, true, true);
     memory = std::make_unique<RefusingMemory>(broker);
-    memory->plan.fail("subscribeToMicroEvent");
-    memory->plan.fail("declareEvent");
-    observer = memory->real->addObserver([this](const std::string& key, const ZRValue& value) {
+    memory->plan().fail("subscribeToMicroEvent");
+    memory->plan().fail("declareEvent");
+    observer = memory->real().addObserver([this](const std::string& key, const ZRValue& value) {
       std::lock_guard<std::mutex> lock(fMutex);
       fRaised.emplace_back(key, value);
     });
@@ -27,13 +27,13 @@ protected:
   }
   void TearDown() override {
     manager.reset();
-    if (memory) memory->real->removeObserver(observer);
+    if (memory) memory->real().removeObserver(observer);
     memory.reset();
     ManagerTest::TearDown();
   }
 
   std::vector<std::pair<std::string, ZRValue>> raised(const std::string& key) {
-    EXPECT_TRUE(memory->real->flushNotifications(10000));
+    EXPECT_TRUE(memory->real().flushNotifications(10000));
     std::lock_guard<std::mutex> lock(fMutex);
     std::vector<std::pair<std::string, ZRValue>> found;
     for (const auto& event : fRaised) {
@@ -56,10 +56,10 @@ private:
 TEST_F(MemoryFaults, EveryRefusalIsLoggedOnceAndTheModuleStillComesUp) {
   startManager();
 
-  EXPECT_EQ(1, memory->plan.failed("subscribeToMicroEvent"));
+  EXPECT_EQ(1, memory->plan().failed("subscribeToMicroEvent"));
   EXPECT_EQ(1, logs->count(2, "behaviormanager", "ZRBehaviorManager",
                            notStarted("Could not subscribe to the TUQvuReady event")));
-  EXPECT_EQ(4, memory->plan.failed("declareEvent"));
+  EXPECT_EQ(4, memory->plan().failed("declareEvent"));
   for (const char* key :
        {"BehaviorsRun", "ZRBehaviorManager/BehaviorAdded", "ZRBehaviorManager/BehaviorUpdated",
         "ZRBehaviorManager/BehaviorRemoved"}) {

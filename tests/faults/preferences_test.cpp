@@ -46,7 +46,7 @@ protected:
 
 TEST_F(PreferencesFaults, AddDefaultBehaviorReportsTheWriteErrorAndKeepsTheList) {
   ASSERT_FALSE(call("addDefaultBehavior", {ZRValue("a")}).threw);
-  prefs->plan.fail("writePrefFile");
+  prefs->plan().fail("writePrefFile");
 
   expectWriteError(call("addDefaultBehavior", {ZRValue("b")}));
   EXPECT_EQ(std::vector<std::string>{"a"}, defaults());
@@ -59,14 +59,14 @@ TEST_F(PreferencesFaults, AddDefaultBehaviorReportsTheWriteErrorAndKeepsTheList)
   EXPECT_EQ("ZRBehaviorManager", unknown.module);
   EXPECT_EQ("behavior nobody is not installed", unknown.description);
 
-  prefs->plan.heal("writePrefFile");
+  prefs->plan().heal("writePrefFile");
   EXPECT_FALSE(call("addDefaultBehavior", {ZRValue("b")}).threw);
   EXPECT_EQ((std::vector<std::string>{"a", "b"}), defaults());
 }
 
 TEST_F(PreferencesFaults, RemoveBehaviorStopsAtTheWriteErrorBeforeDeletingAnything) {
   ASSERT_FALSE(call("addDefaultBehavior", {ZRValue("group/c")}).threw);
-  prefs->plan.fail("writePrefFile");
+  prefs->plan().fail("writePrefFile");
 
   expectWriteError(call("removeBehavior", {ZRValue("group")}));
   EXPECT_TRUE(manager->isBehaviorInstalled("group/c"));
@@ -77,7 +77,7 @@ TEST_F(PreferencesFaults, RemoveBehaviorStopsAtTheWriteErrorBeforeDeletingAnythi
   ASSERT_FALSE(installed.threw) << installed.description;
   EXPECT_EQ((std::vector<std::string>{"a", "b", "group/c"}), installed.value.toStringVector());
 
-  prefs->plan.heal("writePrefFile");
+  prefs->plan().heal("writePrefFile");
   const Outcome removed = call("removeBehavior", {ZRValue("group")});
   ASSERT_FALSE(removed.threw) << removed.description;
   EXPECT_TRUE(removed.value.toBool());
