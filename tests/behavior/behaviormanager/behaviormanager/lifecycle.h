@@ -56,13 +56,13 @@ struct CallResult {
 
 using tuqvutest::eventually;
 
-// The sleeps vu::os::msleep made on this thread while `work` ran.
 // Blocks until the thread owning `counter` (see vu::os::msleepCounterOfThisThread) has
 // slept more than `before` times, that is until its polling loop has looked at least once.
 inline bool pollsSeen(const std::atomic<unsigned long>& counter, unsigned long before) {
   return eventually([&] { return counter.load() > before; });
 }
 
+// The sleeps vu::os::msleep made on this thread while `work` ran.
 inline unsigned long sleepsDuring(const std::function<void()>& work) {
   const unsigned long before = vu::os::msleepCountOnThisThread();
   work();

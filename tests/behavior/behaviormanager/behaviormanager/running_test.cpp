@@ -363,8 +363,10 @@ TEST_F(RunningFaults, AStopWhileALoadEndsInLoadedIsAnInconsistentState) {
   fake->holdLoad("idle");
   std::future<CallResult> load = callAsync("preloadBehavior", {"idle"});
   ASSERT_TRUE(fake->waitLoadHeld("idle", 20000));
-  spawn([this] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  const std::atomic<unsigned long>& stopperSleeps = vu::os::msleepCounterOfThisThread();
+  const unsigned long before = stopperSleeps.load();
+  spawn([this, &stopperSleeps, before] {
+    EXPECT_TRUE(pollsSeen(stopperSleeps, before));  // the stop is waiting on the load now
     fake->releaseLoad("idle");
   });
   const unsigned long sleeps = sleepsDuring([&] {
@@ -388,8 +390,10 @@ TEST_F(RunningFaults, AStopOfAnUnloadingBehaviorWaitsUntilItIsUnloaded) {
   ASSERT_TRUE(manager->loadBehavior("idle"));
   manager->setBehaviorState("idle", StateUnloading);  // a run that has just ended
   fake->clearCalls();
-  spawn([this] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  const std::atomic<unsigned long>& stopperSleeps = vu::os::msleepCounterOfThisThread();
+  const unsigned long before = stopperSleeps.load();
+  spawn([this, &stopperSleeps, before] {
+    EXPECT_TRUE(pollsSeen(stopperSleeps, before));  // the stop has polled once
     manager->xUnloadBehavior("idle");
   });
   const unsigned long sleeps = sleepsDuring([&] { manager->stopBehavior("User/idle"); });

@@ -199,8 +199,10 @@ TEST_F(States, WaitLooksOnceMorePerFull200Milliseconds) {
 
 TEST_F(States, WaitSeesAStateSetByAnotherThread) {
   startReal();
-  spawn([this] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  const std::atomic<unsigned long>& waiterSleeps = vu::os::msleepCounterOfThisThread();
+  const unsigned long before = waiterSleeps.load();
+  spawn([this, &waiterSleeps, before] {
+    EXPECT_TRUE(pollsSeen(waiterSleeps, before));  // the wait has looked once
     manager->setBehaviorState("a", StateLoaded);
   });
   bool reached = false;
@@ -241,8 +243,10 @@ TEST_F(States, WaitForChangeComparesOncePerFull200Milliseconds) {
 TEST_F(States, WaitForChangeSeesAnyNewStateSetByAnotherThread) {
   startReal();
   manager->setBehaviorState("a", StateLoading);
-  spawn([this] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  const std::atomic<unsigned long>& waiterSleeps = vu::os::msleepCounterOfThisThread();
+  const unsigned long before = waiterSleeps.load();
+  spawn([this, &waiterSleeps, before] {
+    EXPECT_TRUE(pollsSeen(waiterSleeps, before));   // the wait has looked once
     manager->setBehaviorState("a", StateUnloaded);  // not the state anyone waits for
   });
   bool changed = false;
