@@ -16,6 +16,7 @@
 #include "support/logcapture.h"
 #include "support/rawclient.h"
 #include "support/requests.h"
+#include "support/sharedserverfixture.h"
 #include "support/testenvironment.h"
 
 namespace fs = boost::filesystem;
@@ -46,35 +47,7 @@ private:
   static fs::path marker() { return paths().prefix / "CMakeLists.txt"; }
 };
 
-class Containment : public ::testing::Test {
-protected:
-  void SetUp() override { fPort = zrft_test::sharedServerPort(); }
-
-  // The answer to one request on a new connection ("" when the server closed without
-  // one); `closed` tells whether the server then closed the connection.
-  std::string exchange(const std::string& request, bool* closed = nullptr) {
-    RawConnection connection(fPort);
-    connection.send(request);
-    const Reply reply = connection.readReply(10s);
-    std::string received = reply.head.empty() ? reply.head : reply.head + "\n" + reply.body;
-    if (closed != nullptr) {
-      received += connection.readUntilClosed(5s, closed);
-    }
-    return received;
-  }
-
-  std::string statusOf(const std::string& request) {
-    return zrft_test::request(fPort, request).statusLine;
-  }
-
-  void expectNoReply(const std::string& request) {
-    bool closed = false;
-    EXPECT_EQ(exchange(request, &closed), "") << request;
-    EXPECT_TRUE(closed) << request;
-  }
-
-  int fPort = 0;
-};
+using Containment = zrft_test::SharedServerTest;
 
 }  // namespace
 

@@ -66,7 +66,7 @@ TEST_F(Deadlines, HeadersSentAByteAtATimeAreCutOffAndTheNextClientIsServed) {
   RawConnection slow(port);
   auto slowSender =
       std::async(std::launch::async, [&] { return dribble(slow, request, 1, 200ms); });
-  std::this_thread::sleep_for(300ms);
+  std::this_thread::sleep_for(300ms);  // the slow client is under way before the other comes
   const zrft_test::Reply waiting =
       zrft_test::request(port, "GET /tmp/none.txt HTTP/1.1\nHost: robot\n\n", 15s);
   const auto servedAfter = Clock::now() - start;

@@ -10,6 +10,7 @@
 #include "support/logcapture.h"
 #include "support/rawclient.h"
 #include "support/requests.h"
+#include "support/sharedserverfixture.h"
 #include "support/testenvironment.h"
 
 namespace fs = boost::filesystem;
@@ -25,32 +26,7 @@ using zrft_test::writeFile;
 
 namespace {
 
-class PutDelete : public ::testing::Test {
-protected:
-  void SetUp() override { fPort = zrft_test::sharedServerPort(); }
-
-  // Sends one request and returns the reply as it came over the wire ("" when the server
-  // closed without one). `closed`, when given, tells whether the server then closed the
-  // connection.
-  std::string exchange(const std::string& request, bool* closed = nullptr) {
-    RawConnection connection(fPort);
-    connection.send(request);
-    const Reply reply = connection.readReply(10s);
-    std::string received = reply.head.empty() ? reply.head : reply.head + "\n" + reply.body;
-    if (closed != nullptr) {
-      received += connection.readUntilClosed(5s, closed);
-    }
-    return received;
-  }
-
-  void expectNoReply(const std::string& request) {
-    bool closed = false;
-    EXPECT_EQ(exchange(request, &closed), "") << request;
-    EXPECT_TRUE(closed) << request;
-  }
-
-  int fPort = 0;
-};
+using PutDelete = zrft_test::SharedServerTest;
 
 }  // namespace
 
