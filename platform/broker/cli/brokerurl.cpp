@@ -12,7 +12,7 @@ Url parseUrl(const std::string& text) {
   const std::size_t scheme = rest.find("://");
   if (scheme != std::string::npos) {
     if (rest.substr(0, scheme) != "http") {
-      throw std::invalid_argument("only http:// URLs are supported, not \"" + text + "\"");
+      throw UsageError("only http:// URLs are supported, not \"" + text + "\"");
     }
     rest.erase(0, scheme + 3);
   }
@@ -21,15 +21,14 @@ Url parseUrl(const std::string& text) {
   std::string authority = rest.substr(0, slash);
   if (slash != std::string::npos) url.basePath = rest.substr(slash);
   while (!url.basePath.empty() && url.basePath.back() == '/') url.basePath.pop_back();
-  if (authority.empty()) throw std::invalid_argument("no host in the URL \"" + text + "\"");
+  if (authority.empty()) throw UsageError("no host in the URL \"" + text + "\"");
   std::string port = "80";
   if (authority[0] == '[') {  // [IPv6]:port
     const std::size_t close = authority.find(']');
-    if (close == std::string::npos) throw std::invalid_argument("unclosed '[' in \"" + text + "\"");
+    if (close == std::string::npos) throw UsageError("unclosed '[' in \"" + text + "\"");
     url.host = authority.substr(1, close - 1);
     if (close + 1 < authority.size()) {
-      if (authority[close + 1] != ':')
-        throw std::invalid_argument("malformed URL \"" + text + "\"");
+      if (authority[close + 1] != ':') throw UsageError("malformed URL \"" + text + "\"");
       port = authority.substr(close + 2);
     }
   } else {
@@ -37,10 +36,10 @@ Url parseUrl(const std::string& text) {
     url.host = authority.substr(0, colon);
     if (colon != std::string::npos) port = authority.substr(colon + 1);
   }
-  if (url.host.empty()) throw std::invalid_argument("no host in the URL \"" + text + "\"");
+  if (url.host.empty()) throw UsageError("no host in the URL \"" + text + "\"");
   if (port.empty() || port.size() > 5 ||
       port.find_first_not_of("0123456789") != std::string::npos || std::stoi(port) > 65535) {
-    throw std::invalid_argument("bad port in the URL \"" + text + "\"");
+    throw UsageError("bad port in the URL \"" + text + "\"");
   }
   url.port = port;
   return url;

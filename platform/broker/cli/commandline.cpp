@@ -57,11 +57,7 @@ CliCommand parseCommandLine(const std::vector<std::string>& args) {
     }
   }
   command.words = std::move(words);
-  try {
-    parseUrl(command.url);
-  } catch (const std::invalid_argument& error) {
-    throw UsageError(error.what());
-  }
+  parseUrl(command.url);  // refuses a malformed URL before anything is sent
   return command;
 }
 

@@ -24,7 +24,7 @@ TEST(Cli, ParsesUrls) {
   EXPECT_EQ("80", parseUrl("http://host").port);
   for (const char* bad : {"https://host", "http://", "http://host:", "http://host:70000",
                           "http://host:x1", "http://[::1"}) {
-    EXPECT_THROW(parseUrl(bad), std::invalid_argument) << bad;
+    EXPECT_THROW(parseUrl(bad), UsageError) << bad;
   }
 }
 

@@ -14,7 +14,7 @@ namespace detail {
 
 // Unpacks `package` (of `packageBytes` bytes) into `into`, an existing real directory
 // (no link in its path), reading only the formats `format` allows; returns the format
-// found. Throws std::runtime_error: "<package> is not a package: <reason>" for what is no
+// found. Throws ProjectError: "<package> is not a package: <reason>" for what is no
 // sound archive, "<package> is refused: <reason>" beyond a limit. What was written so far
 // stays in `into`; the caller removes it.
 ArchiveFormat unpackInto(const std::string& package, const std::string& into,

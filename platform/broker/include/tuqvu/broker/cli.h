@@ -18,8 +18,14 @@ struct Url {
   std::string basePath;  // "" or "/prefix", never ending in '/'
 };
 
+// A command line that cannot be understood; what() says why (exit status 2).
+class UsageError : public std::runtime_error {
+public:
+  using std::runtime_error::runtime_error;
+};
+
 // "http://HOST[:PORT][/PATH]" (the scheme may be left out; the port defaults to 80).
-// Throws std::invalid_argument saying what is wrong.
+// Throws UsageError saying what is wrong.
 Url parseUrl(const std::string& text);
 
 // A command-line argument: a JSON literal when it reads as one, else the text as a string.
@@ -52,12 +58,6 @@ struct CliCommand {
   bool progress = false;           // --progress: show progress even when stderr is no terminal
   std::string method;              // Call: "Module.method"
   std::vector<std::string> words;  // Call: the arguments; Watch: the keys; Put: LOCAL, REMOTE
-};
-
-// A command line that cannot be understood; what() says why (exit status 2).
-class UsageError : public std::runtime_error {
-public:
-  using std::runtime_error::runtime_error;
 };
 
 // A failure of the client's work itself: a local file it cannot send, an answer that
