@@ -7,6 +7,7 @@
 #include <vu/os.h>
 #include <zr/zrerror.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <future>
@@ -56,11 +57,23 @@ struct CallResult {
 
 using tuqvutest::eventually;
 
-// Blocks until the thread owning `counter` (see vu::os::msleepCounterOfThisThread) has
-// slept more than `before` times, that is until its polling loop has looked at least once.
-inline bool pollsSeen(const std::atomic<unsigned long>& counter, unsigned long before) {
-  return eventually([&] { return counter.load() > before; });
-}
+// Made on the thread that is about to poll (a waiting call); another thread calls
+// waitForPoll() to block until that thread has slept at least once more, that is until
+// its polling loop has looked at the state once (see vu::os::msleepCounterOfThisThread).
+// Copy it into the other thread: the counter it refers to lives as long as the polling
+// thread, the copy as long as the thread that waits.
+class PollWatch {
+public:
+  PollWatch() : fSleeps(vu::os::msleepCounterOfThisThread()), fBefore(fSleeps.load()) {}
+
+  bool waitForPoll() const {
+    return eventually([this] { return fSleeps.load() > fBefore; });
+  }
+
+private:
+  const std::atomic<unsigned long>& fSleeps;  // the polling thread's counter
+  const unsigned long fBefore;                // its value when the watch was made
+};
 
 // The sleeps vu::os::msleep made on this thread while `work` ran.
 inline unsigned long sleepsDuring(const std::function<void()>& work) {

@@ -294,10 +294,9 @@ TEST_F(LoadingFaults, AStateAboveFiveIsAnInconsistentStateAtOnce) {
 TEST_F(LoadingFaults, ALoadWaitsForAnUnloadingBehaviorToBeUnloadedThenLoads) {
   startFake();
   manager->setBehaviorState("wave", StateUnloading);
-  const std::atomic<unsigned long>& loaderSleeps = vu::os::msleepCounterOfThisThread();
-  const unsigned long before = loaderSleeps.load();
-  spawn([this, &loaderSleeps, before] {
-    EXPECT_TRUE(pollsSeen(loaderSleeps, before));  // the load is waiting now
+  const PollWatch loader;
+  spawn([this, loader] {
+    EXPECT_TRUE(loader.waitForPoll());  // the load is waiting now
     manager->xUnloadBehavior("wave");
   });
   bool loaded = false;
@@ -320,10 +319,9 @@ TEST_F(LoadingFaults, ASecondLoadWaitsForTheFirstAndCreatesNoSecondInstance) {
   EXPECT_TRUE(manager->getLoadedBehaviors().empty());
   EXPECT_EQ(manager->getBehaviorFrameManagerId("wave"), "");
 
-  const std::atomic<unsigned long>& loaderSleeps = vu::os::msleepCounterOfThisThread();
-  const unsigned long before = loaderSleeps.load();
-  spawn([this, &loaderSleeps, before] {
-    EXPECT_TRUE(pollsSeen(loaderSleeps, before));  // the second load is waiting now
+  const PollWatch loader;
+  spawn([this, loader] {
+    EXPECT_TRUE(loader.waitForPoll());  // the second load is waiting now
     fake->releaseLoad("wave");
   });
   bool loaded = false;

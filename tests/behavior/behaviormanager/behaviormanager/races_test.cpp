@@ -150,10 +150,9 @@ TEST_F(Races, ALoadWaitingForAnUnloadAcceptsABehaviorLoadedAgainMeanwhile) {
   startFake();
   ASSERT_TRUE(manager->loadBehavior("wave"));
   manager->setBehaviorState("wave", StateUnloading);  // a run that has just ended
-  const std::atomic<unsigned long>& waiterSleeps = vu::os::msleepCounterOfThisThread();
-  const unsigned long before = waiterSleeps.load();
-  spawn([this, &waiterSleeps, before] {
-    EXPECT_TRUE(pollsSeen(waiterSleeps, before));  // the waiting call has polled once
+  const PollWatch waiter;
+  spawn([this, waiter] {
+    EXPECT_TRUE(waiter.waitForPoll());  // the waiting call has polled once
     manager->xUnloadBehavior("wave");
     manager->loadBehavior("wave");  // at once, as the reload of a system behavior does
   });
@@ -178,10 +177,9 @@ TEST_F(Races, AStopOfAnUnloadingBehaviorAcceptsABehaviorLoadedAgainMeanwhile) {
   startFake();
   ASSERT_TRUE(manager->loadBehavior("idle"));
   manager->setBehaviorState("idle", StateUnloading);
-  const std::atomic<unsigned long>& waiterSleeps = vu::os::msleepCounterOfThisThread();
-  const unsigned long before = waiterSleeps.load();
-  spawn([this, &waiterSleeps, before] {
-    EXPECT_TRUE(pollsSeen(waiterSleeps, before));  // the waiting call has polled once
+  const PollWatch waiter;
+  spawn([this, waiter] {
+    EXPECT_TRUE(waiter.waitForPoll());  // the waiting call has polled once
     manager->xUnloadBehavior("idle");
     manager->loadBehavior("idle");
   });

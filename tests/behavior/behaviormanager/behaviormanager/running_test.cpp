@@ -363,10 +363,9 @@ TEST_F(RunningFaults, AStopWhileALoadEndsInLoadedIsAnInconsistentState) {
   fake->holdLoad("idle");
   std::future<CallResult> load = callAsync("preloadBehavior", {"idle"});
   ASSERT_TRUE(fake->waitLoadHeld("idle", 20000));
-  const std::atomic<unsigned long>& stopperSleeps = vu::os::msleepCounterOfThisThread();
-  const unsigned long before = stopperSleeps.load();
-  spawn([this, &stopperSleeps, before] {
-    EXPECT_TRUE(pollsSeen(stopperSleeps, before));  // the stop is waiting on the load now
+  const PollWatch stopper;
+  spawn([this, stopper] {
+    EXPECT_TRUE(stopper.waitForPoll());  // the stop is waiting on the load now
     fake->releaseLoad("idle");
   });
   const unsigned long sleeps = sleepsDuring([&] {
@@ -390,10 +389,9 @@ TEST_F(RunningFaults, AStopOfAnUnloadingBehaviorWaitsUntilItIsUnloaded) {
   ASSERT_TRUE(manager->loadBehavior("idle"));
   manager->setBehaviorState("idle", StateUnloading);  // a run that has just ended
   fake->clearCalls();
-  const std::atomic<unsigned long>& stopperSleeps = vu::os::msleepCounterOfThisThread();
-  const unsigned long before = stopperSleeps.load();
-  spawn([this, &stopperSleeps, before] {
-    EXPECT_TRUE(pollsSeen(stopperSleeps, before));  // the stop has polled once
+  const PollWatch stopper;
+  spawn([this, stopper] {
+    EXPECT_TRUE(stopper.waitForPoll());  // the stop has polled once
     manager->xUnloadBehavior("idle");
   });
   const unsigned long sleeps = sleepsDuring([&] { manager->stopBehavior("User/idle"); });

@@ -199,10 +199,9 @@ TEST_F(States, WaitLooksOnceMorePerFull200Milliseconds) {
 
 TEST_F(States, WaitSeesAStateSetByAnotherThread) {
   startReal();
-  const std::atomic<unsigned long>& waiterSleeps = vu::os::msleepCounterOfThisThread();
-  const unsigned long before = waiterSleeps.load();
-  spawn([this, &waiterSleeps, before] {
-    EXPECT_TRUE(pollsSeen(waiterSleeps, before));  // the wait has looked once
+  const PollWatch waiter;
+  spawn([this, waiter] {
+    EXPECT_TRUE(waiter.waitForPoll());  // the wait has looked once
     manager->setBehaviorState("a", StateLoaded);
   });
   bool reached = false;
@@ -243,10 +242,9 @@ TEST_F(States, WaitForChangeComparesOncePerFull200Milliseconds) {
 TEST_F(States, WaitForChangeSeesAnyNewStateSetByAnotherThread) {
   startReal();
   manager->setBehaviorState("a", StateLoading);
-  const std::atomic<unsigned long>& waiterSleeps = vu::os::msleepCounterOfThisThread();
-  const unsigned long before = waiterSleeps.load();
-  spawn([this, &waiterSleeps, before] {
-    EXPECT_TRUE(pollsSeen(waiterSleeps, before));   // the wait has looked once
+  const PollWatch waiter;
+  spawn([this, waiter] {
+    EXPECT_TRUE(waiter.waitForPoll());              // the wait has looked once
     manager->setBehaviorState("a", StateUnloaded);  // not the state anyone waits for
   });
   bool changed = false;

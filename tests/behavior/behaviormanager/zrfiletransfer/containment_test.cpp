@@ -111,7 +111,7 @@ TEST_F(Containment, TheInstallationIsNeverWrittenNorRemoved) {
   EXPECT_EQ(log.find("httpPut", "the installation is never changed").size(), 3u);
   EXPECT_EQ(log.find("httpDel", "the installation is never changed").size(), 3u);
   // Reading it stays as it was.
-  EXPECT_EQ(zrft_test::request(fPort, get("/lib/libzrbehaviormanager.so")).body,
+  EXPECT_EQ(zrft_test::request(port, get("/lib/libzrbehaviormanager.so")).body,
             "the loaded module");
 }
 
@@ -129,8 +129,8 @@ TEST_F(Containment, ASourceTreePrefixServesNothingOutsideTheKnownFolders) {
     expectNoReply(get(path));
   }
   EXPECT_EQ(log.find("translateHttp", "the installation is a source tree").size(), 4u);
-  EXPECT_EQ(zrft_test::request(fPort, get("/behaviors/System/src/behavior.xar")).body, "sample");
-  EXPECT_EQ(zrft_test::request(fPort, get("/tmp/tree.txt")).body, "tmp");
+  EXPECT_EQ(zrft_test::request(port, get("/behaviors/System/src/behavior.xar")).body, "sample");
+  EXPECT_EQ(zrft_test::request(port, get("/tmp/tree.txt")).body, "tmp");
 }
 
 TEST_F(Containment, PutThroughADanglingLinkCreatesNothingOutside) {
@@ -211,7 +211,7 @@ TEST_F(Containment, AListingLeavesOutNamesWithControlCharactersAndStaysOneLinePe
   writeFile(directory / "escape\x1b[2J", "x");
   writeFile(directory / "plain.txt", "x");
   LogCapture log;
-  const Reply reply = zrft_test::request(fPort, get("/tmp/odd-names"));
+  const Reply reply = zrft_test::request(port, get("/tmp/odd-names"));
   EXPECT_EQ(reply.header("Tuqvu-File-Type"), "directory");
   EXPECT_EQ(reply.body, "plain.txt\n");
   EXPECT_EQ(reply.header("Content-Length"), "10");
@@ -225,7 +225,7 @@ TEST_F(Containment, APutAboveTheSizeLimitIs413AndWritesNothing) {
   // The limit is the server's own, read when it is made.
   tuqvutest::ScopedEnvironment limit("TUQVU_FILE_PUT_MAX_BYTES", "1000");
   ZR::ZRFileTransfer server;
-  fPort = server.httpFileTransferPort();
+  port = server.httpFileTransferPort();
   writeFile(paths().tmp / "limited.txt", "old");
   fs::remove_all(paths().tmp / "limit");
   bool closed = false;
@@ -244,7 +244,7 @@ TEST_F(Containment, APutAboveTheSizeLimitIs413AndWritesNothing) {
   EXPECT_EQ(readFile(paths().tmp / "limited.txt"), std::string(1000, 'a'));
 
   // The shared server, made without the setting, keeps its default of 512 MiB.
-  fPort = zrft_test::sharedServerPort();
+  port = zrft_test::sharedServerPort();
   EXPECT_EQ(exchange(put("/tmp/limited.txt", std::string(5000, 'c'))), kOk);
 }
 
@@ -261,7 +261,7 @@ TEST_F(Containment, APutOverAFifoIsRefusedWithoutBlockingTheServer) {
   const fs::path fifo = paths().tmp / "fifos" / "pipe";
   fs::create_directories(fifo.parent_path());
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-  RawConnection connection(fPort);
+  RawConnection connection(port);
   connection.send(put("/tmp/fifos/pipe", "data"));
   bool closed = false;
   EXPECT_EQ(connection.readUntilClosed(10s, &closed), "");

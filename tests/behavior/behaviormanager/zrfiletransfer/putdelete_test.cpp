@@ -76,7 +76,7 @@ TEST_F(PutDelete, PutBodyArrivingInPiecesIsWrittenWhole) {
   for (int i = 0; i < 200000; ++i) {
     body += static_cast<char>('a' + i % 26);
   }
-  RawConnection connection(fPort);
+  RawConnection connection(port);
   const std::string request = put("/tmp/pieces.bin", body);
   const std::size_t header = request.size() - body.size();
   connection.send(request.substr(0, header));
@@ -101,7 +101,7 @@ TEST_F(PutDelete, PutDecodesTheUpperCaseDotEscapeOnly) {
 
 TEST_F(PutDelete, PutTruncatedByTheClientLeavesThePartialFileAndNoReply) {
   const std::string sent(5000, 'p');
-  RawConnection connection(fPort);
+  RawConnection connection(port);
   connection.send("PUT /tmp/truncated.bin HTTP/1.1\nHost: robot\nContent-Length: 100000\n\n" +
                   sent);
   connection.shutdownWrite();
@@ -176,7 +176,7 @@ TEST_F(PutDelete, DeleteThroughParentComponentsIsRefusedAndRemovesNothing) {
 }
 
 TEST_F(PutDelete, PutThenGetThenDeleteOnOneConnection) {
-  RawConnection connection(fPort);
+  RawConnection connection(port);
   connection.send(put("/behaviors/User/roundtrip/behavior.xar", "<xar/>"));
   EXPECT_EQ(connection.readReply(10s).body, "ok\n");
   connection.send("GET /behaviors/User/roundtrip/behavior.xar HTTP/1.1\nHost: robot\n\n");
