@@ -40,7 +40,7 @@ fi
 
 # The installed broker on its own: no TUQVU_SDK_PREFIX, a fresh home.
 mkdir -p "$work/home"
-env -u TUQVU_SDK_PREFIX -u XDG_DATA_HOME HOME="$work/home" TMPDIR="$work" \
+env -u TUQVU_SDK_PREFIX -u XDG_DATA_HOME -u XDG_CONFIG_HOME HOME="$work/home" TMPDIR="$work" \
   "$prefix/bin/tuqvu" --port 0 >"$work/tuqvu.out" 2>"$work/tuqvu.err" &
 pid=$!
 port=""
@@ -50,7 +50,9 @@ for _ in $(seq 1 150); do
   sleep 0.2
 done
 [ -n "$port" ] || { cat "$work/tuqvu.err" >&2; say "the installed tuqvu did not start" >&2; exit 1; }
-call() { "$prefix/bin/tuqvu-call" --url "http://127.0.0.1:$port" "$@"; }
+# As the broker's user (its home), whose secret tuqvu-call sends by itself.
+as_broker_user() { env -u XDG_CONFIG_HOME HOME="$work/home" "$@"; }
+call() { as_broker_user "$prefix/bin/tuqvu-call" --url "http://127.0.0.1:$port" "$@"; }
 grep -q "loaded module ZRBehaviorManager from $prefix/bin/../lib/libzrbehaviormanager.so" \
   "$work/tuqvu.err" || { cat "$work/tuqvu.err" >&2; exit 1; }
 names=$(call ZRBehaviorManager.getSystemBehaviorNames | tr -d ' \n')
@@ -60,7 +62,7 @@ say "the installed tuqvu loaded $prefix/lib/libzrbehaviormanager.so and found $n
 
 # Completion of options, request paths and Module.method names asked from this broker.
 completion() {  # the command line up to the cursor; prints the candidates, one a line
-  COMP_LINE=$1 PATH="$prefix/bin:$PATH" bash -c 'source "$0"; COMP_POINT=${#COMP_LINE}
+  COMP_LINE=$1 PATH="$prefix/bin:$PATH" as_broker_user bash -c 'source "$0"; COMP_POINT=${#COMP_LINE}
     _tuqvu_call; printf "%s\n" "${COMPREPLY[@]}"' \
     "$prefix/share/bash-completion/completions/tuqvu-call"
 }

@@ -78,10 +78,22 @@ else
 fi
 
 url="http://127.0.0.1:$port"
+# Every client presents the secret the service made at its first start; root reads it as
+# the postinst says.
+secret_file=/var/lib/tuqvu/.config/tuqvu/secret
 for _ in $(seq 1 150); do
-  if tuqvu-call --url "$url" ZRBroker.getModules >/dev/null 2>&1; then break; fi
+  if [ -s "$secret_file" ]; then
+    TUQVU_SECRET=$(cat "$secret_file")
+    export TUQVU_SECRET
+    if tuqvu-call --url "$url" ZRBroker.getModules >/dev/null 2>&1; then break; fi
+  fi
   sleep 0.2
 done
+[ "$(stat -c '%U %a' "$secret_file")" = "tuqvu 600" ]
+status=0
+env -u TUQVU_SECRET HOME=/nonexistent tuqvu-call --url "$url" ZRBroker.getModules \
+  >/dev/null 2>&1 || status=$?
+[ "$status" -ne 0 ] || { say "a client without the secret was served" >&2; exit 1; }
 modules=$(tuqvu-call --url "$url" ZRBroker.getModules)
 echo "$modules" | grep -q '"ZRBehaviorManager"' || { say "modules: $modules" >&2; exit 1; }
 names=$(tuqvu-call --url "$url" ZRBehaviorManager.getSystemBehaviorNames | tr -d ' \n')

@@ -167,7 +167,7 @@ async function main() {
     await eventually(`${SYSTEM} is preloaded`, async () =>
       (await rpc(port, 'ZRBehaviorManager._getBehaviorFrameManagerId', [SYSTEM])) !== '');
 
-    context = await launch(chromium, path.join(root, 'browser'));
+    context = await launch(chromium, path.join(root, 'browser'), tuqvu.secret);
     const { page, errors, traffic } = await preparePage(context);
     const pageUrl = `http://127.0.0.1:${port}/ZRBehaviorManager/`;
     const answer = await page.goto(pageUrl);

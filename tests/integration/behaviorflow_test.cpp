@@ -47,10 +47,12 @@ json call(int port, const std::string& method, const json& params) {
 }
 
 // One PUT of the file service, as raw HTTP; true when the server answered "ok".
-bool put(int port, const std::string& path, const std::string& body) {
+bool put(int port, const std::string& authorization, const std::string& path,
+         const std::string& body) {
   RawConnection connection(port);
-  connection.send("PUT " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: " +
-                  std::to_string(body.size()) + "\r\n\r\n" + body);
+  connection.send("PUT " + path +
+                  " HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: " + authorization +
+                  "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
   const std::string reply = connection.readUntil("ok\n", std::chrono::milliseconds(30000));
   EXPECT_EQ(reply.rfind("HTTP/1.1 200 OK", 0), 0u) << reply;
   return reply.size() >= 3 && reply.compare(reply.size() - 3, 3, "ok\n") == 0;
@@ -95,8 +97,10 @@ TEST(BehaviorFlow, PutInstalledMadeDefaultAndStartedByItselfAfterARestart) {
     ASSERT_TRUE(filePort.is_number_integer()) << broker.stderrText();
     EventStream added(port, "/events?key=ZRBehaviorManager%2FBehaviorAdded");
 
-    ASSERT_TRUE(put(filePort.get<int>(), "/behaviors/User/" + name + "/behavior.xar", kBehavior));
-    ASSERT_TRUE(put(filePort.get<int>(), "/behaviors/User/" + name + "/project.xml", kProject));
+    ASSERT_TRUE(put(filePort.get<int>(), broker.authorization(),
+                    "/behaviors/User/" + name + "/behavior.xar", kBehavior));
+    ASSERT_TRUE(put(filePort.get<int>(), broker.authorization(),
+                    "/behaviors/User/" + name + "/project.xml", kProject));
     const fs::path dir = fs::path(home.path()) / ".tuqvu" / "behaviors" / name;
     EXPECT_EQ(readFile(dir / "behavior.xar"), kBehavior);
 
@@ -151,7 +155,7 @@ TEST(BehaviorFlow, PackagePutIntoTheTemporaryFolderIsInstalledAndRemoved) {
   const int port = broker.port();
   const int filePort =
       call(port, "ZRBehaviorManager._httpFileTransferPort", json::array()).get<int>();
-  ASSERT_TRUE(put(filePort, "/tmp/wave.zip", readFile(zip)));
+  ASSERT_TRUE(put(filePort, broker.authorization(), "/tmp/wave.zip", readFile(zip)));
   const std::string uploaded = tmp.path() + "/wave.zip";
   ASSERT_TRUE(fs::exists(uploaded));
 

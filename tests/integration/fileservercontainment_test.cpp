@@ -68,7 +68,8 @@ protected:
   static std::string ask(const std::string& method, const std::string& path,
                          const std::string& body = "", const std::string& moreHeaders = "") {
     RawConnection connection(filePort);
-    connection.send(method + " " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" + moreHeaders +
+    connection.send(method + " " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: " +
+                    broker->authorization() + "\r\n" + moreHeaders +
                     (method == "PUT" ? "Content-Length: " + std::to_string(body.size()) + "\r\n"
                                      : std::string()) +
                     "Connection: close\r\n\r\n" + body);
@@ -104,7 +105,7 @@ TEST_F(FileServerOfTuqvu, DeletingTheDataFoldersLibraryOrTemporaryFolderIsRefuse
   EXPECT_EQ("<kept/>", readFile(home() / ".local/share/other/settings.xml"));
   EXPECT_EQ("<behavior/>", readFile(home() / ".tuqvu/behaviors/dance/behavior.xar"));
   EXPECT_EQ("zip", readFile(temporary() / "upload.zip"));
-  EXPECT_TRUE(fs::exists(home() / ".local/share/tuqvu/secret"));
+  EXPECT_TRUE(fs::exists(home() / ".config/tuqvu/secret"));
 
   // What lies inside them is still removed as before.
   EXPECT_EQ("HTTP/1.1 200 OK", statusOf(ask("DELETE", "/behaviors/User/dance")));
@@ -122,6 +123,31 @@ TEST_F(FileServerOfTuqvu, TheInstallationIsNeitherOverwrittenNorRemoved) {
   EXPECT_FALSE(fs::exists(prefix() / "lib" / "planted.so"));
   // Reading it stays as it was.
   EXPECT_EQ("HTTP/1.1 200 OK", statusOf(ask("GET", "/lib/libzrbehaviormanager.so")));
+}
+
+// The secret lives where nothing is served; other programs of the robot's account keep
+// their data to themselves (a planted unit drop-in would run code at their next start).
+TEST_F(FileServerOfTuqvu, NeitherTheSecretNorOtherApplicationsDataCanBeReachedOrWritten) {
+  const fs::path secretFile = home() / ".config/tuqvu/secret";
+  const std::string secret = readFile(secretFile);
+  ASSERT_EQ(33u, secret.size());
+  for (const std::string& path : {"/share/tuqvu/secret", "/share/tuqvu/../../.config/tuqvu/secret",
+                                  "/share/.config/tuqvu/secret"}) {
+    ask("PUT", path, "0");
+    EXPECT_EQ(std::string::npos, ask("GET", path).find(secret.substr(0, 32))) << path;
+  }
+  EXPECT_EQ(secret, readFile(secretFile));
+
+  writeFile(home() / ".local/share/keyrings/login.keyring", "private");
+  const std::string dropIn = "/share/systemd/user/dbus.service.d/zz.conf";
+  EXPECT_EQ("HTTP/1.1 403 Forbidden", statusOf(ask("PUT", dropIn, "[Service]\n")));
+  EXPECT_FALSE(fs::exists(home() / ".local/share/systemd"));
+  EXPECT_EQ("HTTP/1.1 403 Forbidden", statusOf(ask("GET", "/share/keyrings/login.keyring")));
+  EXPECT_EQ("HTTP/1.1 403 Forbidden", statusOf(ask("DELETE", "/share/keyrings")));
+  EXPECT_EQ("private", readFile(home() / ".local/share/keyrings/login.keyring"));
+  // This system's own data folder is still served.
+  EXPECT_EQ("HTTP/1.1 200 OK", statusOf(ask("PUT", "/share/tuqvu/notes.txt", "kept")));
+  EXPECT_EQ("kept", readFile(home() / ".local/share/tuqvu/notes.txt"));
 }
 
 TEST_F(FileServerOfTuqvu, ARunFromASourceTreeServesNoneOfIt) {

@@ -44,7 +44,7 @@ std::string basic(const std::string& credentials) {
 }
 
 std::string secretIn(const std::string& home) {
-  std::string secret = readFile(home + "/.local/share/tuqvu/secret");
+  std::string secret = readFile(home + "/.config/tuqvu/secret");
   while (!secret.empty() && secret.back() == '\n') secret.pop_back();
   return secret;
 }
@@ -53,11 +53,22 @@ std::string secretOf(const TuqvuProcess& broker) {
   return secretIn(broker.home());
 }
 
-// One request on a connection of its own, with exactly these headers.
+// One request on a connection of its own, with exactly these headers: no credentials
+// unless they are among them.
 HttpReply ask(int port, const std::string& method, const std::string& target,
               const std::map<std::string, std::string>& headers, const std::string& body = "") {
+  std::map<std::string, std::string> exactly = headers;
+  exactly.emplace("Authorization", "");
   HttpConnection connection(port);
-  return connection.request(method, target, body, headers);
+  return connection.request(method, target, body, exactly);
+}
+
+// "tuqvu-session=..." as a browser keeps it after signing in with `authorization`.
+std::string sessionCookie(int port, const std::string& authorization) {
+  const HttpReply page = ask(port, "GET", "/", {{"Authorization", authorization}});
+  EXPECT_EQ(200, page.status) << page.body;
+  const std::string cookie = page.headers.count("set-cookie") ? page.headers.at("set-cookie") : "";
+  return cookie.substr(0, cookie.find(';'));
 }
 
 std::string put(int port, const std::string& path, const std::string& body,
@@ -80,6 +91,11 @@ protected:
     broker = nullptr;
   }
   static int port() { return broker->port(); }
+  // The headers with the daemon's secret added.
+  static std::map<std::string, std::string> withSecret(std::map<std::string, std::string> headers) {
+    headers["Authorization"] = broker->authorization();
+    return headers;
+  }
   static TuqvuProcess* broker;
 };
 
@@ -94,16 +110,22 @@ TEST_F(OnLoopback, ACallFromAPageOfAnotherOriginIsRefused) {
   EXPECT_EQ(403, refused.status);
   EXPECT_EQ(std::string::npos, refused.body.find("result"));
   const HttpReply own =
-      ask(port(), "POST", "/rpc", with(kJson, {{"Origin", "http://127.0.0.1"}}), call);
+      ask(port(), "POST", "/rpc", withSecret(with(kJson, {{"Origin", "http://127.0.0.1"}})), call);
   EXPECT_EQ(200, own.status);
   EXPECT_EQ(5, json::parse(own.body)["result"]);
 }
 
 TEST_F(OnLoopback, AnEvalThatABrowserMarksCrossSiteIsRefused) {
   const std::string target = "/TestModule/?eval=TestModule.add(2,3)";
-  EXPECT_EQ(403, ask(port(), "GET", target, {{"Sec-Fetch-Site", "cross-site"}}).status);
-  EXPECT_EQ(403, ask(port(), "GET", target, {{"Sec-Fetch-Site", "same-site"}}).status);
-  const HttpReply own = ask(port(), "GET", target, {{"Sec-Fetch-Site", "same-origin"}});
+  const std::string cookie = sessionCookie(port(), broker->authorization());
+  EXPECT_EQ(
+      403,
+      ask(port(), "GET", target, {{"Sec-Fetch-Site", "cross-site"}, {"Cookie", cookie}}).status);
+  EXPECT_EQ(
+      403,
+      ask(port(), "GET", target, {{"Sec-Fetch-Site", "same-site"}, {"Cookie", cookie}}).status);
+  const HttpReply own =
+      ask(port(), "GET", target, {{"Sec-Fetch-Site", "same-origin"}, {"Cookie", cookie}});
   EXPECT_EQ(200, own.status);
   EXPECT_EQ(5, json::parse(own.body)["result"]);
 }
@@ -115,14 +137,15 @@ TEST_F(OnLoopback, ARequestForAReboundHostNameIsRefused) {
   EXPECT_EQ(403, ask(port(), "POST", "/rpc", with(kJson, {{"Host", "attacker.example"}}),
                      rpcRequest("TestModule.add", {2, 3}))
                      .status);
-  EXPECT_EQ(200, ask(port(), "GET", "/", {{"Host", "localhost:9600"}}).status);
+  EXPECT_EQ(200, ask(port(), "GET", "/", withSecret({{"Host", "localhost:9600"}})).status);
 }
 
 TEST_F(OnLoopback, ACallSentAsPlainTextIsRefused) {
   const std::string call = rpcRequest("TestModule.add", {2, 3});
-  EXPECT_EQ(415, ask(port(), "POST", "/rpc", {{"Content-Type", "text/plain"}}, call).status);
+  EXPECT_EQ(415,
+            ask(port(), "POST", "/rpc", withSecret({{"Content-Type", "text/plain"}}), call).status);
   EXPECT_EQ(415, ask(port(), "POST", "/rpc",
-                     {{"Content-Type", "application/x-www-form-urlencoded"}}, call)
+                     withSecret({{"Content-Type", "application/x-www-form-urlencoded"}}), call)
                      .status);
 }
 
@@ -134,9 +157,72 @@ TEST_F(OnLoopback, PagesCarryASecurityPolicy) {
   EXPECT_EQ("DENY", page.headers["x-frame-options"]);
 }
 
+// Every program of every account reaches loopback: it is asked for the secret as well.
+TEST_F(OnLoopback, CallsEventsPagesAndEvalNeedTheSecret) {
+  const std::string call = rpcRequest("TestModule.add", {2, 3});
+  for (const std::string& target :
+       {"/", "/TestModule/", "/TestModule/?eval=TestModule.add(2,3)", "/events"}) {
+    const HttpReply refused = ask(port(), "GET", target, {});
+    EXPECT_EQ(401, refused.status) << target;
+    EXPECT_EQ("Basic realm=\"tuqvu\", charset=\"UTF-8\"", refused.headers.at("www-authenticate"));
+  }
+  EXPECT_EQ(401, ask(port(), "POST", "/rpc", kJson, call).status);
+  EXPECT_EQ(401, ask(port(), "POST", "/rpc",
+                     with(kJson, {{"Authorization", basic("tuqvu:not-the-secret")}}), call)
+                     .status);
+  const HttpReply own = ask(port(), "POST", "/rpc", withSecret(kJson), call);
+  EXPECT_EQ(200, own.status);
+  EXPECT_EQ(5, json::parse(own.body)["result"]);
+}
+
+TEST(TrustedLoopback, ServesWithoutTheSecretOnlyOnLoopbackAndOnlyWhenTold) {
+  TuqvuProcess trusted({"--trust-loopback", "--module", "TestModule=" + testModulePath()});
+  const std::string call = rpcRequest("TestModule.add", {2, 3});
+  const HttpReply reply = ask(trusted.port(), "POST", "/rpc", kJson, call);
+  EXPECT_EQ(200, reply.status) << reply.body;
+  EXPECT_EQ(5, json::parse(reply.body)["result"]);
+  EXPECT_EQ(200, ask(trusted.port(), "GET", "/TestModule/?eval=TestModule.add(2,3)", {}).status);
+  EXPECT_EQ(0, trusted.terminate(SIGTERM)) << trusted.stderrText();
+
+  TuqvuProcess::Setup open;
+  open.args = {"--bind", "0.0.0.0", "--trust-loopback", "--module",
+               "TestModule=" + testModulePath()};
+  TuqvuProcess beyond(open);
+  EXPECT_EQ(401, ask(beyond.port(), "POST", "/rpc", kJson, call).status);
+  EXPECT_EQ(0, beyond.terminate(SIGTERM)) << beyond.stderrText();
+}
+
+TEST(FileServerOnLoopback, EveryMethodNeedsTheSecret) {
+  TempDir tmp;
+  TuqvuProcess::Setup setup;
+  setup.env["TMPDIR"] = tmp.path();
+  TuqvuProcess broker(setup);
+  const json filePort =
+      rpc(broker.port(), "ZRBehaviorManager._httpFileTransferPort", json::array())["result"];
+  ASSERT_TRUE(filePort.is_number_integer()) << broker.stderrText();
+  std::ofstream(tmp.path() + "/kept.txt") << "kept";
+  const auto exchange = [&](const std::string& head) {
+    RawConnection connection(filePort.get<int>());
+    connection.send(head + "Host: 127.0.0.1\r\nConnection: close\r\n\r\n");
+    return connection.readUntilClosed(std::chrono::milliseconds(5000));
+  };
+  for (const std::string& request :
+       {std::string("GET /tmp/kept.txt HTTP/1.1\r\n"),
+        std::string("PUT /tmp/planted.txt HTTP/1.1\r\nContent-Length: 0\r\n"),
+        std::string("DELETE /tmp/kept.txt HTTP/1.1\r\n")}) {
+    EXPECT_EQ(0u, exchange(request).find("HTTP/1.1 401 Unauthorized\n")) << request;
+  }
+  EXPECT_EQ("kept", readFile(tmp.path() + "/kept.txt"));
+  EXPECT_FALSE(fs::exists(tmp.path() + "/planted.txt"));
+  const std::string signedIn =
+      exchange("GET /tmp/kept.txt HTTP/1.1\r\nAuthorization: " + broker.authorization() + "\r\n");
+  EXPECT_EQ(0u, signedIn.find("HTTP/1.1 200 OK\n")) << signedIn;
+  EXPECT_EQ(0, broker.terminate(SIGTERM)) << broker.stderrText();
+}
+
 TEST_F(OnLoopback, TheFirstStartMakesAPrivateSecret) {
   struct stat status {};
-  const std::string path = broker->home() + "/.local/share/tuqvu/secret";
+  const std::string path = broker->home() + "/.config/tuqvu/secret";
   ASSERT_EQ(0, ::stat(path.c_str(), &status));
   EXPECT_EQ(0600u, status.st_mode & 0777);
   EXPECT_EQ(32u, secretOf(*broker).size());
@@ -175,8 +261,34 @@ TEST_F(BeyondLoopback, CallsEventsPagesAndEvalNeedTheSecret) {
   EXPECT_EQ(401, ask(port, "POST", "/rpc",
                      with(kJson, {{"Authorization", basic("tuqvu:not-the-secret")}}), call)
                      .status);
-  EXPECT_EQ(200, ask(port, "GET", "/ZRMemory/?eval=ZRMemory.getDataList('')", signedIn()).status);
   EXPECT_EQ(200, ask(port, "POST", "/rpc", with(kJson, signedIn()), call).status);
+}
+
+// An <img> of any page makes a browser send the Basic credentials it holds, never the
+// SameSite=Strict cookie: "?eval=" runs only with the cookie of a signed-in page.
+TEST_F(BeyondLoopback, AnEvalWithBasicCredentialsAloneIsRefusedAndRunsWithTheSessionCookie) {
+  const int port = broker->port();
+  const std::string eval = "/ZRMemory/?eval=ZRMemory.insertData('planted',1)";
+  const HttpReply basicOnly = ask(port, "GET", eval, signedIn());
+  EXPECT_EQ(403, basicOnly.status);
+  EXPECT_NE(std::string::npos, basicOnly.body.find("sign in")) << basicOnly.body;
+  EXPECT_EQ(std::string::npos, basicOnly.body.find("result"));
+  const json before = json::parse(ask(port, "POST", "/rpc", with(kJson, signedIn()),
+                                      rpcRequest("ZRMemory.getDataList", {"planted"}))
+                                      .body);
+  EXPECT_EQ(json::array(), before["result"]) << before;
+
+  // The page signs in once; its own requests carry the cookie (and the credentials).
+  const HttpReply page = ask(port, "GET", "/ZRMemory/", signedIn());
+  ASSERT_EQ(200, page.status);
+  const std::string cookie = page.headers.at("set-cookie");
+  const std::string session = cookie.substr(0, cookie.find(';'));
+  EXPECT_EQ(200, ask(port, "GET", eval, {{"Cookie", session}}).status);
+  EXPECT_EQ(200, ask(port, "GET", eval, with(signedIn(), {{"Cookie", session}})).status);
+  const json after = json::parse(ask(port, "POST", "/rpc", with(kJson, signedIn()),
+                                     rpcRequest("ZRMemory.getDataList", {"planted"}))
+                                     .body);
+  EXPECT_EQ(json::array({"planted"}), after["result"]) << after;
 }
 
 TEST_F(BeyondLoopback, ABrowserSignsInOnceAndKeepsAStrictHttpOnlyCookie) {
@@ -231,12 +343,12 @@ TEST_F(BeyondLoopback, TuqvuCallSendsTheSecretOfItsUser) {
   const std::string url = "http://127.0.0.1:" + std::to_string(broker->port());
   const CommandResult result =
       runCommand({tuqvuCallPath(), "--url", url, "ZRBroker.getModules"},
-                 {{"HOME", broker->home()}, {"XDG_DATA_HOME", broker->home() + "/.local/share"}});
+                 {{"HOME", broker->home()}, {"XDG_CONFIG_HOME", broker->home() + "/.config"}});
   EXPECT_EQ(0, result.status) << result.err;
   EXPECT_NE(std::string::npos, result.out.find("ZRMemory")) << result.out;
   const CommandResult stranger =
       runCommand({tuqvuCallPath(), "--url", url, "ZRBroker.getModules"},
-                 {{"HOME", tmp.path()}, {"XDG_DATA_HOME", tmp.path() + "/.local/share"}});
+                 {{"HOME", tmp.path()}, {"XDG_CONFIG_HOME", tmp.path() + "/.config"}});
   EXPECT_NE(0, stranger.status);
   EXPECT_NE(std::string::npos, stranger.err.find("401")) << stranger.err;
 }
@@ -256,6 +368,41 @@ TEST(SecretAcrossStarts, TheSameHomeKeepsTheSameSecret) {
   EXPECT_EQ(first, second);
 }
 
+// Earlier versions kept the secret in the data folder, which the file server serves.
+TEST(SecretAcrossStarts, ASecretInTheServedDataFolderMovesOutAndStaysTheSame) {
+  TempDir home;
+  const std::string old = home.path() + "/.local/share/tuqvu/secret";
+  fs::create_directories(fs::path(old).parent_path());
+  const std::string secret = "00112233445566778899aabbccddeeff";
+  std::ofstream(old) << secret << "\n";
+  ASSERT_EQ(0, ::chmod(old.c_str(), 0600));
+  TuqvuProcess::Setup setup;
+  setup.args = {"--module", "TestModule=" + testModulePath()};
+  setup.env["HOME"] = home.path();
+  TuqvuProcess broker(setup);
+  EXPECT_EQ(secret, secretIn(home.path()));
+  EXPECT_FALSE(fs::exists(old));
+  struct stat status {};
+  ASSERT_EQ(0, ::stat((home.path() + "/.config/tuqvu/secret").c_str(), &status));
+  EXPECT_EQ(0600u, status.st_mode & 0777);
+  EXPECT_EQ(0, broker.terminate(SIGTERM));
+}
+
+TEST(SecretAcrossStarts, AWeakSecretStopsAStartBeyondLoopback) {
+  TempDir home;
+  const std::string file = home.path() + "/.config/tuqvu/secret";
+  fs::create_directories(fs::path(file).parent_path());
+  std::ofstream(file) << "0\n";
+  ASSERT_EQ(0, ::chmod(file.c_str(), 0600));
+  TuqvuProcess::Setup setup;
+  setup.args = {"--bind", "0.0.0.0", "--module", "TestModule=" + testModulePath()};
+  setup.env["HOME"] = home.path();
+  setup.waitUntilListening = false;
+  TuqvuProcess broker(setup);
+  EXPECT_EQ(1, broker.waitExit());
+  EXPECT_NE(std::string::npos, broker.stderrText().find("too weak")) << broker.stderrText();
+}
+
 TEST(InternalMethods, TheUserLibraryCannotBePointedAtTheInstallationOrTheSystem) {
   TempDir tmp;
   TuqvuProcess::Setup setup;
@@ -264,10 +411,31 @@ TEST(InternalMethods, TheUserLibraryCannotBePointedAtTheInstallationOrTheSystem)
   fs::create_directories(broker.prefix() + "/lib");
   fs::create_directories(broker.prefix() + "/share/tuqvu/behaviors");
   const std::string home = broker.home();
-  for (const std::string& path :
-       {broker.prefix(), broker.prefix() + "/lib", broker.prefix() + "/share",
-        fs::path(broker.prefix()).parent_path().string(), std::string("/"), home, home + "/",
-        home + "/../" + fs::path(home).filename().string()}) {
+  // Links and ".." that reach the installation from elsewhere.
+  fs::create_directories(home + "/spellings");
+  fs::create_directory_symlink(broker.prefix(), home + "/spellings/prefix-link");
+  fs::create_directory_symlink("/usr/lib", home + "/spellings/lib-link");
+  const std::string prefixName = fs::path(broker.prefix()).filename().string();
+  for (const std::string& path : {broker.prefix(),
+                                  broker.prefix() + "/lib",
+                                  broker.prefix() + "/share",
+                                  fs::path(broker.prefix()).parent_path().string(),
+                                  std::string("/"),
+                                  home,
+                                  home + "/",
+                                  home + "/../" + fs::path(home).filename().string(),
+                                  std::string("//"),
+                                  std::string("///"),
+                                  std::string("/lib/.."),
+                                  std::string("/bin/.."),
+                                  std::string("/usr"),
+                                  std::string("/etc/tuqvu"),
+                                  "/bin/.." + broker.prefix(),
+                                  broker.prefix() + "/../" + prefixName + "/lib",
+                                  home + "/spellings/prefix-link",
+                                  home + "/spellings/prefix-link/lib",
+                                  home + "/spellings/lib-link/..",
+                                  home + "/spellings/lib-link/../../" + broker.prefix()}) {
     const json reply = rpc(broker.port(), "ZRBehaviorManager._setBehaviorsPath", {path});
     ASSERT_TRUE(reply.contains("error")) << path << ": " << reply;
     EXPECT_NE(std::string::npos,
@@ -279,6 +447,30 @@ TEST(InternalMethods, TheUserLibraryCannotBePointedAtTheInstallationOrTheSystem)
   const json accepted =
       rpc(broker.port(), "ZRBehaviorManager._setBehaviorsPath", {home + "/elsewhere"});
   EXPECT_FALSE(accepted.contains("error")) << accepted;
+}
+
+TEST(InternalMethods, TheUserLibraryIsTheFolderThatWasChecked) {
+  TempDir tmp;
+  TuqvuProcess::Setup setup;
+  setup.env["TMPDIR"] = tmp.path();
+  TuqvuProcess broker(setup);
+  const std::string home = broker.home();
+  // "jump" leads elsewhere, so "jump/../library" is checked and used as that elsewhere's
+  // library, not as home/library.
+  fs::create_directories(home + "/real/inner");
+  fs::create_directories(home + "/library");
+  fs::create_directories(home + "/real/library");
+  fs::create_directory_symlink(home + "/real/inner", home + "/jump");
+  const json accepted =
+      rpc(broker.port(), "ZRBehaviorManager._setBehaviorsPath", {home + "/jump/../library"});
+  ASSERT_FALSE(accepted.contains("error")) << accepted;
+  fs::create_directories(tmp.path() + "/source/hello");
+  std::ofstream(tmp.path() + "/source/hello/behavior.xar") << "<behavior/>";
+  const json installed = rpc(broker.port(), "ZRBehaviorManager.installBehavior",
+                             {tmp.path() + "/source/hello", "hello", false});
+  ASSERT_FALSE(installed.contains("error")) << installed;
+  EXPECT_TRUE(fs::exists(home + "/real/library/hello/behavior.xar"));
+  EXPECT_FALSE(fs::exists(home + "/library/hello"));
 }
 
 namespace {
@@ -317,7 +509,8 @@ TEST(FileServerAddress, FollowsTheBrokersBindAddress) {
   const std::string reply =
       exchangeWith("127.0.0.2", broker.port(),
                    "POST /rpc HTTP/1.1\r\nHost: 127.0.0.2\r\nContent-Type: application/json\r\n"
-                   "Connection: close\r\nContent-Length: " +
+                   "Authorization: " +
+                       broker.authorization() + "\r\nConnection: close\r\nContent-Length: " +
                        std::to_string(call.size()) + "\r\n\r\n" + call);
   const std::size_t body = reply.find("\r\n\r\n");
   ASSERT_NE(std::string::npos, body) << reply;
@@ -325,7 +518,8 @@ TEST(FileServerAddress, FollowsTheBrokersBindAddress) {
   ASSERT_TRUE(port.is_number_integer()) << reply;
 
   const std::string get =
-      "GET /tmp/none.txt HTTP/1.1\r\nHost: 127.0.0.2\r\nConnection: close\r\n\r\n";
+      "GET /tmp/none.txt HTTP/1.1\r\nHost: 127.0.0.2\r\nAuthorization: " + broker.authorization() +
+      "\r\nConnection: close\r\n\r\n";
   EXPECT_EQ(0u, exchangeWith("127.0.0.2", port.get<int>(), get).find("HTTP/1.1 404 Not Found"));
   EXPECT_EQ("", exchangeWith("127.0.0.1", port.get<int>(), get))
       << "the file server listens beyond the broker's address";
@@ -342,7 +536,8 @@ TEST(StatusPage, AHostileBehaviorNameIsShownEscapedByARealTuqvu) {
   TuqvuProcess::Setup setup;
   setup.env["HOME"] = home.path();
   TuqvuProcess broker(setup);
-  const HttpReply page = ask(broker.port(), "GET", "/ZRBehaviorManager/", {});
+  const HttpReply page =
+      ask(broker.port(), "GET", "/ZRBehaviorManager/", {{"Authorization", broker.authorization()}});
   ASSERT_EQ(200, page.status) << page.body;
   EXPECT_NE(std::string::npos, page.body.find("x&lt;img src=x onerror=alert(1)&gt;")) << page.body;
   EXPECT_EQ(std::string::npos, page.body.find("<img")) << page.body;

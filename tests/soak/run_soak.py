@@ -25,7 +25,7 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from soak import adversary, content, final  # noqa: E402
 from soak.broker import BrokerProcess, Sampler, fd_targets, read_counts  # noqa: E402
 from soak.client import BM, Client  # noqa: E402
-from soak.transport import EventWatcher, FileService, Rpc  # noqa: E402
+from soak.transport import EventWatcher, FileService, Rpc, use_secret  # noqa: E402
 from soak.world import World  # noqa: E402
 
 IDLE_POOL = 4  # call threads the broker keeps waiting when idle (CallExecutor keepIdle)
@@ -228,6 +228,7 @@ def main():
                            {} if options.no_adversary else adversary.SETTINGS)
     try:
         port = broker.wait_listening(60)
+        use_secret(broker.secret)
     except RuntimeError as error:
         broker.terminate(10)
         print(f"soak: {error}; log: {broker.log_path}", file=sys.stderr)

@@ -2,6 +2,7 @@
 #include "rpcclient.h"
 
 #include <tuqvu/broker/jsonio.h>
+#include <tuqvu/broker/secretfile.h>
 
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core.hpp>
@@ -95,12 +96,26 @@ using cli::postRpc;
 using cli::RpcResponse;
 using cli::setAuthorization;
 
+namespace {
+
+// What to do about a refusal that the user can fix.
+void explainRefusal(int status) {
+  if (status == 401) {
+    std::cerr << "tuqvu-call: the broker wants its secret: run tuqvu-call as the broker's user, "
+                 "who has it in "
+              << defaultSecretFile() << ", or set TUQVU_SECRET\n";
+  }
+}
+
+}  // namespace
+
 int runCall(const Url& url, const std::string& method, const std::vector<std::string>& args,
             Feedback& feedback) {
   const RpcResponse response = postRpc(url, buildCallRequest(method, args), method, &feedback);
   if (response.status != 200) {
     std::cerr << "tuqvu-call: the broker answered " << response.status << " " << response.reason
               << ": " << response.body << "\n";
+    explainRefusal(response.status);
     return 1;
   }
   const CallAnswer answer = interpretAnswer(response.body);
@@ -121,10 +136,14 @@ int runWatch(const Url& url, const std::vector<std::string>& keys) {
   beast::flat_buffer buffer;
   http::response_parser<http::buffer_body> parser;
   parser.body_limit(boost::none);
-  http::read_header(stream, buffer, parser);
+  beast::error_code headerError;
+  http::read_header(stream, buffer, parser, headerError);
+  // A refusal's small body may arrive with its header; only the header matters here.
+  if (headerError && !parser.is_header_done()) throw beast::system_error(headerError);
   if (parser.get().result() != http::status::ok) {
     std::cerr << "tuqvu-call: the broker answered " << parser.get().result_int() << " "
               << parser.get().reason() << "\n";
+    explainRefusal(parser.get().result_int());
     return 1;
   }
   std::string pending;

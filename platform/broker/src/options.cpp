@@ -99,6 +99,8 @@ Options parseOptions(int argc, const char* const* argv) {
       options.hostNames.push_back(takeValue());
     } else if (option == "--secret-file") {
       options.secretFile = takeValue();
+    } else if (option == "--trust-loopback") {
+      options.trustLoopback = true;
     } else {
       throw OptionsError("unknown option \"" + option + "\" (try --help)");
     }
@@ -116,13 +118,16 @@ std::string helpText() {
          "\n"
          "Options:\n"
          "  --port PORT          TCP port to listen on (default 9600; 0 takes any free port)\n"
-         "  --bind ADDRESS       address to listen on (default 127.0.0.1). Any other address\n"
-         "                       requires the installation's secret from every client\n"
+         "  --bind ADDRESS       address to listen on (default 127.0.0.1)\n"
          "  --host-name NAME     a name browsers may use for the robot besides its addresses\n"
          "                       and localhost (repeatable)\n"
-         "  --secret-file PATH   the installation's secret, made at the first start (mode\n"
-         "                       0600; default $XDG_DATA_HOME/tuqvu/secret, else\n"
-         "                       ~/.local/share/tuqvu/secret)\n"
+         "  --secret-file PATH   the installation's secret, which every client presents\n"
+         "                       (HTTP Basic, any user name); made at the first start (mode\n"
+         "                       0600; default $XDG_CONFIG_HOME/tuqvu/secret, else\n"
+         "                       ~/.config/tuqvu/secret)\n"
+         "  --trust-loopback     serve clients on loopback without the secret: every program\n"
+         "                       of every account on this machine may then control the\n"
+         "                       robot. Addresses beyond loopback always need the secret\n"
          "  --module [NAME=]PATH load a module library (repeatable, in this order); NAME\n"
          "                       defaults to the library's module name. Without --module the\n"
          "                       behavior manager library of the build or installation is loaded.\n"

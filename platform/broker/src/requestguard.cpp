@@ -1,25 +1,15 @@
 #include <tuqvu/broker/requestguard.h>
+#include <tuqvu/broker/url.h>
 #include <vu/base64.h>
+#include <zr/zrbrowserguard.h>
 
 #include <algorithm>
-#include <boost/asio/ip/address.hpp>
 #include <boost/beast/core/string.hpp>
 #include <cctype>
 
 namespace tuqvu {
 namespace broker {
 namespace {
-
-std::string lowerCase(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return text;
-}
-
-bool allDigits(const std::string& text) {
-  return !text.empty() && std::all_of(text.begin(), text.end(),
-                                      [](unsigned char c) { return std::isdigit(c) != 0; });
-}
 
 Response refused(const std::string& why) {
   return textResponse(http::status::forbidden, why);
@@ -29,31 +19,6 @@ Response refused(const std::string& why) {
 
 // The checks that keep pages of other sites and rebound DNS names out.
 std::optional<Response> browserRefusal(const Request& request, const ZR::ZRNetworkAccess& access);
-
-std::string hostOfHostHeader(const std::string& value) {
-  if (!value.empty() && value[0] == '[') {
-    const std::size_t close = value.find(']');
-    return close == std::string::npos ? value : value.substr(1, close - 1);
-  }
-  const std::size_t colon = value.rfind(':');
-  if (colon != std::string::npos && value.find(':') == colon &&
-      allDigits(value.substr(colon + 1))) {
-    return value.substr(0, colon);
-  }
-  return value;
-}
-
-bool isAllowedHost(const std::string& host, const ZR::ZRNetworkAccess& access) {
-  const std::string name = lowerCase(host);
-  if (name == "localhost") return true;
-  boost::system::error_code error;
-  boost::asio::ip::make_address(name, error);
-  if (!error) return true;
-  for (const std::string& allowed : access.hostNames) {
-    if (lowerCase(allowed) == name) return true;
-  }
-  return false;
-}
 
 const char* const kSessionCookie = "tuqvu-session";
 
@@ -117,6 +82,15 @@ GuardVerdict guardRequest(const Request& request, const ZR::ZRNetworkAccess& acc
   if (!access.requiresCredentials() || hasSessionCookie(request, sessionToken)) return verdict;
   const std::optional<std::string> password = basicPassword(request);
   if (password && access.acceptsSecret(*password)) {
+    // A browser sends the Basic credentials it holds with any request a page of another
+    // site makes it send, an image included; the SameSite=Strict cookie it never sends
+    // there. So what a plain GET can change needs the cookie.
+    if (changesStateThroughAPlainGet(request)) {
+      verdict.refusal = refused(
+          "this request changes the robot and needs the session of a signed-in page: open "
+          "the robot's page in the browser, sign in there and use its controls");
+      return verdict;
+    }
     verdict.signedIn = true;
     return verdict;
   }
@@ -129,27 +103,31 @@ GuardVerdict guardRequest(const Request& request, const ZR::ZRNetworkAccess& acc
 }
 
 std::optional<Response> browserRefusal(const Request& request, const ZR::ZRNetworkAccess& access) {
-  const auto hostField = request.find(http::field::host);
-  const std::string hostValue =
-      hostField == request.end() ? std::string() : std::string(hostField->value());
-  if (hostField != request.end() && !isAllowedHost(hostOfHostHeader(hostValue), access)) {
-    return refused("the host name " + hostValue +
-                   " is not one of this robot's; allow it with --host-name");
-  }
-
+  ZR::ZRRequestOrigin seen;
+  const auto host = request.find(http::field::host);
+  if (host != request.end()) seen.host = std::string(host->value());
   const auto origin = request.find(http::field::origin);
-  if (origin != request.end() && !(hostField != request.end() &&
-                                   boost::beast::iequals(origin->value(), "http://" + hostValue))) {
-    return refused("requests from the origin " + std::string(origin->value()) +
-                   " are refused; only pages of this robot may call it");
-  }
+  if (origin != request.end()) seen.origin = std::string(origin->value());
   const auto fetchSite = request.find("Sec-Fetch-Site");
-  if (fetchSite != request.end() && (boost::beast::iequals(fetchSite->value(), "cross-site") ||
-                                     boost::beast::iequals(fetchSite->value(), "same-site"))) {
-    return refused("requests from other sites are refused; only pages of this robot may call it");
-  }
+  if (fetchSite != request.end()) seen.fetchSite = std::string(fetchSite->value());
 
+  switch (ZR::browserRefusal(seen, access, ZR::ZRSiteCheck::Always)) {
+    case ZR::ZRBrowserRefusal::None: return std::nullopt;
+    case ZR::ZRBrowserRefusal::UnknownHost:
+      return refused("the host name " + *seen.host +
+                     " is not one of this robot's; allow it with --host-name");
+    case ZR::ZRBrowserRefusal::ForeignOrigin:
+      return refused("requests from the origin " + *seen.origin +
+                     " are refused; only pages of this robot may call it");
+    case ZR::ZRBrowserRefusal::OtherSite:
+      return refused("requests from other sites are refused; only pages of this robot may call it");
+  }
   return std::nullopt;
+}
+
+bool changesStateThroughAPlainGet(const Request& request) {
+  const Target target = splitTarget(std::string(request.target()));
+  return target.hasQuery && evalParameter(target.query).has_value();
 }
 
 bool isJsonContentType(const Request& request) {
@@ -158,7 +136,7 @@ bool isJsonContentType(const Request& request) {
   std::string media(
       type->value().substr(0, std::min(type->value().find(';'), type->value().size())));
   media.erase(std::remove(media.begin(), media.end(), ' '), media.end());
-  return lowerCase(media) == "application/json";
+  return boost::beast::iequals(media, "application/json");
 }
 
 void addPageSecurityHeaders(Response& response) {

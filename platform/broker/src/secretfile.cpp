@@ -5,7 +5,9 @@
 #include <unistd.h>
 #include <vu/path.h>
 
+#include <algorithm>
 #include <boost/filesystem.hpp>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <vector>
@@ -30,7 +32,17 @@ std::string trimmed(std::string text) {
 
 }  // namespace
 
+bool isStrongSecret(const std::string& secret) {
+  return secret.size() >= kMinSecretDigits &&
+         std::all_of(secret.begin(), secret.end(),
+                     [](unsigned char c) { return std::isxdigit(c) != 0; });
+}
+
 std::string defaultSecretFile() {
+  return vu::path::userConfigPath("tuqvu", "secret");
+}
+
+std::string legacySecretFile() {
   return vu::path::userWritableDataPath("tuqvu", "secret");
 }
 
@@ -55,7 +67,8 @@ std::string randomHex(std::size_t bytes) {
 }
 
 std::string readSecret(const std::string& path) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  // O_NONBLOCK: a FIFO put in its place must not hang the start; it is refused below.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
   if (fd < 0) {
     if (errno == ENOENT) return "";
     throw SecretFileError(systemError("cannot open the secret file", path));
@@ -64,6 +77,11 @@ std::string readSecret(const std::string& path) {
   if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
     ::close(fd);
     throw SecretFileError("the secret file " + path + " is not a regular file");
+  }
+  if (status.st_uid != ::geteuid()) {
+    ::close(fd);
+    throw SecretFileError("the secret file " + path +
+                          " belongs to another user; it must be the broker's own");
   }
   if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
     ::close(fd);
@@ -77,13 +95,19 @@ std::string readSecret(const std::string& path) {
   text.resize(static_cast<std::size_t>(got));
   text = trimmed(text);
   if (text.empty()) throw SecretFileError("the secret file " + path + " is empty");
+  if (!isStrongSecret(text)) {
+    throw SecretFileError("the secret in " + path + " is too weak: it must be " +
+                          std::to_string(kMinSecretDigits) +
+                          " hexadecimal digits or more; remove the file and a new one is made");
+  }
   return text;
 }
 
-std::string loadOrCreateSecret(const std::string& path) {
-  const std::string existing = readSecret(path);
-  if (!existing.empty()) return existing;
+namespace {
 
+// Writes `secret` into a new private file at `path`; false when another process made the
+// file first. SecretFileError on any other failure.
+bool createSecretFile(const std::string& path, const std::string& secret) {
   const boost::filesystem::path folder = boost::filesystem::path(path).parent_path();
   if (!folder.empty()) {
     boost::system::error_code error;
@@ -93,11 +117,9 @@ std::string loadOrCreateSecret(const std::string& path) {
                             error.message());
     }
   }
-  const std::string secret = randomHex(kSecretBytes);
   const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) {
-    // Another process made it first: use that one.
-    if (errno == EEXIST) return readSecret(path);
+    if (errno == EEXIST) return false;
     throw SecretFileError(systemError("cannot create the secret file", path));
   }
   const std::string line = secret + "\n";
@@ -108,7 +130,28 @@ std::string loadOrCreateSecret(const std::string& path) {
     ::unlink(path.c_str());
     throw SecretFileError(systemError("cannot write the secret file", path));
   }
-  return secret;
+  return true;
+}
+
+}  // namespace
+
+std::string loadOrCreateSecret(const std::string& path) {
+  const std::string existing = readSecret(path);
+  if (!existing.empty()) return existing;
+  const std::string secret = randomHex(kSecretBytes);
+  // Another process that made it first wins: use that one.
+  return createSecretFile(path, secret) ? secret : readSecret(path);
+}
+
+bool moveLegacySecret(const std::string& legacy, const std::string& path) {
+  if (!readSecret(path).empty()) return false;
+  const std::string secret = readSecret(legacy);
+  if (secret.empty()) return false;
+  if (!createSecretFile(path, secret)) return false;
+  if (::unlink(legacy.c_str()) != 0 && errno != ENOENT) {
+    throw SecretFileError(systemError("cannot remove the old secret file", legacy));
+  }
+  return true;
 }
 
 }  // namespace broker

@@ -134,14 +134,21 @@ int main(int argc, char** argv) {
   ZR::ZRNetworkAccess access;
   access.bindAddress = options.bind;
   access.hostNames = options.hostNames;
+  access.trustLoopback = options.trustLoopback;
   const std::string secretFile =
       options.secretFile.empty() ? tb::defaultSecretFile() : options.secretFile;
   try {
+    if (options.secretFile.empty() && tb::moveLegacySecret(tb::legacySecretFile(), secretFile)) {
+      logLine(vu::log::warning, "main",
+              "the secret moved out of the served data folder to " + secretFile);
+    }
     access.secret = tb::loadOrCreateSecret(secretFile);
   } catch (const tb::SecretFileError& error) {
     if (access.requiresCredentials()) {
       logLine(vu::log::error, "main",
-              std::string("cannot listen beyond loopback without the secret: ") + error.what());
+              std::string("cannot serve without the secret (--trust-loopback serves loopback "
+                          "without it): ") +
+                  error.what());
       return 1;
     }
     logLine(vu::log::warning, "main", std::string("no secret: ") + error.what());

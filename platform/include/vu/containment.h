@@ -15,6 +15,13 @@ namespace path {
 // fs::weakly_canonical): links and ".." are taken as they stand.
 bool isWithin(const boost::filesystem::path& inner, const boost::filesystem::path& outer);
 
+// `path` as the kernel would reach it: made absolute against the working directory, "."
+// and repeated separators dropped, every existing component's links resolved and ".."
+// taken after them; what does not exist yet is appended as written. Empty when a
+// component cannot be examined (a loop of links, no permission). Unlike Boost's
+// weakly_canonical, a leading "//" is the root, never a network name.
+boost::filesystem::path resolvedPath(const std::string& path);
+
 // The installation prefix (sdkPrefix()) made absolute with its links resolved as far as
 // it exists; empty when it cannot be resolved.
 boost::filesystem::path resolvedSdkPrefix();

@@ -5,6 +5,7 @@
 //   findData("tuqvu", "behaviors")   "<prefix>/share/tuqvu/behaviors" if it exists, else ""
 //   userWritableDataPath("tuqvu", "DefaultBehaviors.xml")
 //                                    "$XDG_DATA_HOME/tuqvu/DefaultBehaviors.xml"
+//   userConfigPath("tuqvu", "secret") "$XDG_CONFIG_HOME/tuqvu/secret"
 #pragma once
 
 #include <string>
@@ -24,6 +25,11 @@ std::string findData(const std::string& application, const std::string& name);
 // "<data home>/<application>/<name>", where the data home is $XDG_DATA_HOME when it
 // is an absolute path, else "$HOME/.local/share". Nothing is created.
 std::string userWritableDataPath(const std::string& application, const std::string& name);
+
+// "<config home>/<application>/<name>", where the config home is $XDG_CONFIG_HOME when
+// it is an absolute path, else "$HOME/.config". Nothing is created. No server of the
+// platform serves this folder: what grants access (the secret) lives here.
+std::string userConfigPath(const std::string& application, const std::string& name);
 
 }  // namespace path
 }  // namespace vu

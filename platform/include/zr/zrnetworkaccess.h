@@ -1,5 +1,6 @@
 // ZRNetworkAccess — who may reach the servers of this process: the address they listen
-// on and the secret they require from clients once that address is not loopback.
+// on and the secret they require from every client, on loopback too unless the
+// administrator trusts the local programs (--trust-loopback).
 //
 // The daemon sets it once, before it loads any module; servers that modules start (the
 // behavior manager's file-transfer server) read it when they bind:
@@ -26,11 +27,16 @@ struct ZRNetworkAccess {
   std::string secret;
   // Host names a browser may use for the servers besides IP literals and "localhost".
   std::vector<std::string> hostNames;
+  // Whether clients on loopback are served without the secret. Off by default: every
+  // program of every account on the robot reaches loopback, and a robot's motors are
+  // not theirs to move.
+  bool trustLoopback = false;
 
   // True when bindAddress is not a loopback address ("0.0.0.0" and "::" included).
   bool listensBeyondLoopback() const;
-  // Clients must present the secret once the servers listen beyond loopback.
-  bool requiresCredentials() const { return listensBeyondLoopback(); }
+  // Clients must present the secret, unless the servers listen on loopback only and the
+  // administrator trusts it.
+  bool requiresCredentials() const { return listensBeyondLoopback() || !trustLoopback; }
   // Compares in time independent of where the texts differ; false when no secret is set.
   bool acceptsSecret(const std::string& candidate) const;
 };

@@ -1,8 +1,15 @@
+#include <limits.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <vu/containment.h>
 #include <vu/path.h>
 
 #include <boost/filesystem/operations.hpp>
+#include <cerrno>
+#include <cstdlib>
 #include <iterator>
+#include <memory>
+#include <vector>
 
 namespace fs = boost::filesystem;
 
@@ -25,14 +32,68 @@ bool isWithin(const fs::path& inner, const fs::path& outer) {
   return true;
 }
 
+namespace {
+
+std::vector<std::string> componentsOf(const std::string& path) {
+  std::vector<std::string> components;
+  std::size_t begin = 0;
+  while (begin <= path.size()) {
+    std::size_t end = path.find('/', begin);
+    if (end == std::string::npos) end = path.size();
+    if (end > begin) components.push_back(path.substr(begin, end - begin));
+    begin = end + 1;
+  }
+  return components;
+}
+
+// The real path of an existing file; "" when it cannot be told.
+std::string realPathOf(const std::string& path) {
+  std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr), &std::free);
+  return real ? std::string(real.get()) : std::string();
+}
+
+std::string parentOf(const std::string& resolved) {
+  const std::size_t slash = resolved.rfind('/');
+  return slash == 0 || slash == std::string::npos ? "/" : resolved.substr(0, slash);
+}
+
+}  // namespace
+
+fs::path resolvedPath(const std::string& path) {
+  if (path.empty()) return {};
+  std::string absolute = path;
+  if (absolute[0] != '/') {
+    char here[PATH_MAX];
+    if (::getcwd(here, sizeof here) == nullptr) return {};
+    absolute = std::string(here) + "/" + absolute;
+  }
+  std::string current = "/";
+  bool existing = true;  // every component so far exists, so links may still follow
+  for (const std::string& component : componentsOf(absolute)) {
+    if (component == ".") continue;
+    if (component == "..") {
+      current = parentOf(current);
+      continue;
+    }
+    const std::string next = current == "/" ? "/" + component : current + "/" + component;
+    struct stat status {};
+    if (existing && ::lstat(next.c_str(), &status) == 0) {
+      current = realPathOf(next);
+      if (current.empty()) return {};
+    } else if (existing && errno != ENOENT) {
+      return {};
+    } else {
+      existing = false;
+      current = next;
+    }
+  }
+  return fs::path(current);
+}
+
 fs::path resolvedSdkPrefix() {
   const std::string prefix = sdkPrefix();
   if (prefix.empty()) return {};
-  try {
-    return fs::weakly_canonical(fs::absolute(prefix));
-  } catch (const fs::filesystem_error&) {
-    return {};
-  }
+  return resolvedPath(prefix);
 }
 
 bool liesInInstallation(const fs::path& path) {

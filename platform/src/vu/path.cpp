@@ -47,19 +47,33 @@ std::string findData(const std::string& application, const std::string& name) {
   return fs::exists(candidate, error) ? candidate.string() : std::string();
 }
 
-std::string userWritableDataPath(const std::string& application, const std::string& name) {
+namespace {
+
+// "<$variable or $HOME/<fallback>>/<application>/<name>".
+std::string userPath(const char* variable, const char* fallback, const std::string& application,
+                     const std::string& name) {
   fs::path base;
-  const char* dataHome = std::getenv("XDG_DATA_HOME");
-  if (dataHome != nullptr && *dataHome == '/') {
-    base = dataHome;
+  const char* fromEnvironment = std::getenv(variable);
+  if (fromEnvironment != nullptr && *fromEnvironment == '/') {
+    base = fromEnvironment;
   } else {
-    base = fs::path(vu::os::home()) / ".local" / "share";
+    base = fs::path(vu::os::home()) / fallback;
   }
   fs::path result = base / application;
   if (!name.empty()) {
     result /= name;
   }
   return result.string();
+}
+
+}  // namespace
+
+std::string userWritableDataPath(const std::string& application, const std::string& name) {
+  return userPath("XDG_DATA_HOME", ".local/share", application, name);
+}
+
+std::string userConfigPath(const std::string& application, const std::string& name) {
+  return userPath("XDG_CONFIG_HOME", ".config", application, name);
 }
 
 }  // namespace path

@@ -7,6 +7,7 @@
 import { spawn } from 'node:child_process';
 import fs from 'node:fs';
 import http from 'node:http';
+import path from 'node:path';
 
 const LISTENING = /tuqvu: listening on [^\s]*:(\d+)\n/;
 // Guards against a hang only: a daemon slower than this is broken.
@@ -15,6 +16,7 @@ const GUARD_MS = 60000;
 export async function startTuqvu({ program, module, home, prefix, logFile }) {
   const env = { ...process.env, HOME: home, TUQVU_SDK_PREFIX: prefix };
   delete env.XDG_DATA_HOME;
+  delete env.XDG_CONFIG_HOME;
   const log = fs.openSync(logFile, 'w');
   const args = ['--port', '0', '--bind', '127.0.0.1', '--module', module, '--log-level', '5'];
   const child = spawn(program, args, { env, stdio: ['ignore', 'pipe', log] });
@@ -41,8 +43,12 @@ export async function startTuqvu({ program, module, home, prefix, logFile }) {
     });
   });
   child.stdout.resume();
+  // The daemon asks every client, on loopback too, for the secret it made at its start.
+  const secret = fs.readFileSync(path.join(home, '.config', 'tuqvu', 'secret'), 'utf8').trim();
+  authorizations.set(port, `Basic ${Buffer.from(`tuqvu:${secret}`).toString('base64')}`);
   return {
     port,
+    secret,
     pid: child.pid,
     running: () => child.exitCode === null && child.signalCode === null,
     log: () => fs.readFileSync(logFile, 'utf8'),
@@ -65,6 +71,15 @@ function signalNumber(name) {
   return { SIGHUP: 1, SIGINT: 2, SIGABRT: 6, SIGKILL: 9, SIGSEGV: 11, SIGTERM: 15 }[name] ?? 0;
 }
 
+// The Authorization header value of each daemon started here, by port.
+const authorizations = new Map();
+
+// The headers that carry the secret of the daemon on `port`.
+export function credentials(port) {
+  const value = authorizations.get(port);
+  return value ? { Authorization: value } : {};
+}
+
 let nextId = 1;
 
 // One JSON-RPC call; resolves to its result, rejects with the error object's text.
@@ -72,7 +87,7 @@ export async function rpc(port, method, params = []) {
   const id = nextId++;
   const reply = await fetch(`http://127.0.0.1:${port}/rpc`, {
     method: 'POST',
-    headers: { 'Content-Type': 'application/json' },
+    headers: { 'Content-Type': 'application/json', ...credentials(port) },
     body: JSON.stringify({ jsonrpc: '2.0', id, method, params }),
   });
   if (reply.status !== 200) throw new Error(`${method}: HTTP ${reply.status}`);
@@ -87,7 +102,8 @@ export class EventStream {
   static open(port, keys) {
     const query = keys.map((key) => `key=${encodeURIComponent(key)}`).join('&');
     return new Promise((resolve, reject) => {
-      const request = http.get(`http://127.0.0.1:${port}/events?${query}`, (response) => {
+      const url = `http://127.0.0.1:${port}/events?${query}`;
+      const request = http.get(url, { headers: credentials(port) }, (response) => {
         if (response.statusCode !== 200) {
           reject(new Error(`/events answered ${response.statusCode}`));
           return;

@@ -9,8 +9,9 @@ export const CHROMIUM = '/usr/bin/chromium';
 export const CHROMIUM_ARGS = ['--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
   '--disable-background-networking', '--disable-component-update', '--disable-sync'];
 
-// A fresh profile in `scratch`, which also serves as the browser's HOME.
-export async function launch(chromium, scratch) {
+// A fresh profile in `scratch`, which also serves as the browser's HOME. The browser
+// signs in with `secret` when the robot asks for it, as a person would in its dialog.
+export async function launch(chromium, scratch, secret) {
   if (!fs.existsSync(CHROMIUM)) {
     throw new Error(`${CHROMIUM} is missing (scripts/deps.sh installs Debian's chromium)`);
   }
@@ -22,6 +23,7 @@ export async function launch(chromium, scratch) {
     args: CHROMIUM_ARGS,
     env: { ...process.env, HOME: scratch },
     viewport: { width: 900, height: 700 },
+    httpCredentials: { username: 'tuqvu', password: secret },
   });
 }
 

@@ -18,6 +18,8 @@ protected:
     ASSERT_TRUE(daemon->running()) << daemon->stderrText();
     EXPECT_EQ(json(3), rpc(port(), "TestModule.add", {1, 2})["result"]);
   }
+  // The credentials header line of a raw request.
+  static std::string credentials() { return "Authorization: " + daemon->authorization() + "\r\n"; }
   static int statusOf(const std::string& raw) {
     if (raw.compare(0, 9, "HTTP/1.1 ") != 0) return 0;
     return std::stoi(raw.substr(9, 3));
@@ -78,9 +80,10 @@ TEST_F(DaemonBadInput, OtherMethodsAre405) {
   }
   // An answer to HEAD carries no body, so the next answer on the connection follows it
   // directly.
-  const std::string raw = rawExchange(port(),
-                                      "HEAD / HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\nGET / "
-                                      "HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
+  const std::string raw =
+      rawExchange(port(), "HEAD / HTTP/1.1\r\nHost: 127.0.0.1\r\n" + credentials() +
+                              "\r\nGET / HTTP/1.1\r\nHost: 127.0.0.1\r\n" + credentials() +
+                              "Connection: close\r\n\r\n");
   EXPECT_EQ(405, statusOf(raw)) << raw;
   const std::size_t second = raw.find("\r\n\r\n") + 4;
   EXPECT_EQ(200, statusOf(raw.substr(second))) << raw;
@@ -108,10 +111,9 @@ TEST_F(DaemonBadInput, AClientThatSendsHalfARequestDoesNotBlockOthers) {
 TEST_F(DaemonBadInput, ExpectContinueIsHonoured) {
   const std::string body = rpcRequest("TestModule.add", {20, 22});
   RawConnection connection(port());
-  connection.send(
-      "POST /rpc HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: application/json\r\n"
-      "Expect: 100-continue\r\nContent-Length: " +
-      std::to_string(body.size()) + "\r\n\r\n");
+  connection.send("POST /rpc HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: application/json\r\n" +
+                  credentials() + "Expect: 100-continue\r\nContent-Length: " +
+                  std::to_string(body.size()) + "\r\n\r\n");
   EXPECT_EQ(0u, connection.readUntil("\r\n\r\n").find("HTTP/1.1 100 Continue\r\n"));
   connection.send(body);
   const std::string answer = connection.readUntil("}");

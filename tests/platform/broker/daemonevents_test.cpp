@@ -100,12 +100,22 @@ TEST_F(DaemonEvents, ASlowClientIsDisconnectedWhileOthersKeepUp) {
   EXPECT_LT(received, kRaised);
 }
 
+TEST_F(DaemonEvents, TuqvuCallWatchWithoutTheSecretSaysHowToGetIt) {
+  const CommandResult refused = runCommand(
+      {tuqvuCallPath(), "--url", "http://127.0.0.1:" + std::to_string(port()), "--watch", "W/1"},
+      {{"HOME", daemon->home() + "/elsewhere"}, {"TUQVU_SECRET", "0"}});
+  EXPECT_EQ(1, refused.status);
+  EXPECT_NE(std::string::npos, refused.err.find("answered 401")) << refused.err;
+  EXPECT_NE(std::string::npos, refused.err.find("TUQVU_SECRET")) << refused.err;
+}
+
 TEST_F(DaemonEvents, TuqvuCallWatchPrintsEventsAsTheyCome) {
   // A broker of its own: the watcher runs until its broker ends the stream.
   TuqvuProcess own({"--module", "TestModule=" + testModulePath()});
   TuqvuProcess::Setup setup;
   setup.program = tuqvuCallPath();
   setup.args = {"--url", "http://127.0.0.1:" + std::to_string(own.port()), "--watch", "W/1", "W/2"};
+  setup.env["TUQVU_SECRET"] = own.secret();
   setup.waitUntilListening = false;
   TuqvuProcess watcher(setup);
   // Raise until the watcher shows the first event: from then on it is connected.

@@ -11,7 +11,20 @@ using nlohmann::json;
 
 namespace {
 
-class DaemonWeb : public SharedDaemonTest {};
+class DaemonWeb : public SharedDaemonTest {
+protected:
+  // A GET as the robot's own page sends it once signed in: with the session cookie that
+  // signing in handed out, and no credentials of its own ("?eval=" needs the cookie).
+  static HttpReply fromPage(const std::string& target) {
+    const HttpReply signIn = httpGet(port(), "/");
+    EXPECT_EQ(200, signIn.status);
+    const std::string cookie =
+        signIn.headers.count("set-cookie") ? signIn.headers.at("set-cookie") : "";
+    HttpConnection connection(port());
+    return connection.request(
+        "GET", target, "", {{"Cookie", cookie.substr(0, cookie.find(';'))}, {"Authorization", ""}});
+  }
+};
 
 }  // namespace
 
@@ -37,33 +50,32 @@ TEST_F(DaemonWeb, ModulePageComesFromItsHttpGet) {
 TEST_F(DaemonWeb, EvalAnswersResultsWith200) {
   // The shape the status page's script sends, quotes and all, percent-encoded as a
   // browser would.
-  HttpReply reply = httpGet(port(), "/TestModule/?eval=TestModule.echo(%27x%27)");
+  HttpReply reply = fromPage("/TestModule/?eval=TestModule.echo(%27x%27)");
   EXPECT_EQ(200, reply.status);
   EXPECT_EQ("application/json", reply.headers.at("content-type"));
   EXPECT_EQ(R"({"result":"x"})", reply.body);
-  reply = httpGet(port(), "/TestModule/?eval=TestModule.echo('it%5C's')");
+  reply = fromPage("/TestModule/?eval=TestModule.echo('it%5C's')");
   EXPECT_EQ(R"({"result":"it's"})", reply.body);
-  reply = httpGet(port(), "/TestModule/?eval=TestModule.add(40,%202)");
+  reply = fromPage("/TestModule/?eval=TestModule.add(40,%202)");
   EXPECT_EQ(R"({"result":42})", reply.body);
-  reply = httpGet(port(),
-                  "/TestModule/?eval=TestModule.echo([1,%20-2.5,%20true,%20%22a%20b%22,%20[]])");
+  reply = fromPage("/TestModule/?eval=TestModule.echo([1,%20-2.5,%20true,%20%22a%20b%22,%20[]])");
   EXPECT_EQ(R"({"result":[1,-2.5,true,"a b",[]]})", reply.body);
-  reply = httpGet(port(), "/TestModule/?eval=TestModule.noop()");
+  reply = fromPage("/TestModule/?eval=TestModule.noop()");
   EXPECT_EQ(R"({"result":null})", reply.body);
 }
 
 TEST_F(DaemonWeb, EvalOfAFailingCallIsStill200WithTheErrorInTheBody) {
-  HttpReply reply = httpGet(port(), "/TestModule/?eval=TestModule.fail('no%20way')");
+  HttpReply reply = fromPage("/TestModule/?eval=TestModule.fail('no%20way')");
   EXPECT_EQ(200, reply.status);
   json body = json::parse(reply.body);
   EXPECT_EQ(-32000, body["error"]["code"]);
   EXPECT_EQ("no way", body["error"]["data"]["description"]);
   EXPECT_FALSE(body.contains("result"));
   // The status page's stop script calls a method the module does not publish.
-  reply = httpGet(port(), "/TestModule/?eval=TestModule.unloadBehavior('x')");
+  reply = fromPage("/TestModule/?eval=TestModule.unloadBehavior('x')");
   EXPECT_EQ(200, reply.status);
   EXPECT_EQ(-32601, json::parse(reply.body)["error"]["code"]);
-  reply = httpGet(port(), "/TestModule/?eval=TestModule.add(1)");
+  reply = fromPage("/TestModule/?eval=TestModule.add(1)");
   EXPECT_EQ(200, reply.status);
   EXPECT_EQ(-32602, json::parse(reply.body)["error"]["code"]);
 }
@@ -73,8 +85,15 @@ TEST_F(DaemonWeb, UnparsableEvalIs400) {
        {"/TestModule/?eval=TestModule.echo(", "/TestModule/?eval=TestModule.echo(x)",
         "/TestModule/?eval=", "/TestModule/?eval=TestModule.echo('a')garbage",
         "/TestModule/?eval=%zz", "/TestModule/?eval=TestModule.echo(%27%C3%28%27)"}) {
-    const HttpReply reply = httpGet(port(), target);
+    const HttpReply reply = fromPage(target);
     EXPECT_EQ(400, reply.status) << target;
     EXPECT_EQ(-32700, json::parse(reply.body)["error"]["code"]) << target;
   }
+}
+
+TEST_F(DaemonWeb, AnEvalWithTheSecretButNoSessionIsRefusedAndRunsNothing) {
+  const HttpReply refused = httpGet(port(), "/TestModule/?eval=ZRMemory.insertData('Web/Evil',1)");
+  EXPECT_EQ(403, refused.status);
+  EXPECT_NE(std::string::npos, refused.body.find("sign in")) << refused.body;
+  EXPECT_EQ(json::array(), rpc(port(), "ZRMemory.getDataList", {"Web/Evil"})["result"]);
 }

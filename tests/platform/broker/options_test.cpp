@@ -47,9 +47,15 @@ TEST(Options, ReadsEveryOptionInBothForms) {
 
 TEST(Options, HostNamesAndTheSecretFileAreRead) {
   const Options options = parse(
-      {"--host-name", "robot.local", "--host-name=nao", "--secret-file", "/etc/tuqvu/secret"});
-  EXPECT_EQ((std::vector<std::string>{"robot.local", "nao"}), options.hostNames);
+      {"--host-name", "robot.local", "--host-name=robot-7", "--secret-file", "/etc/tuqvu/secret"});
+  EXPECT_EQ((std::vector<std::string>{"robot.local", "robot-7"}), options.hostNames);
   EXPECT_EQ("/etc/tuqvu/secret", options.secretFile);
+  EXPECT_FALSE(options.trustLoopback);
+}
+
+TEST(Options, LoopbackIsTrustedOnlyWhenTheAdministratorSaysSo) {
+  EXPECT_FALSE(parse({}).trustLoopback);
+  EXPECT_TRUE(parse({"--trust-loopback"}).trustLoopback);
 }
 
 TEST(Options, RefusesBadValuesWithAReason) {
@@ -88,8 +94,9 @@ TEST(Options, ModuleNamesComeFromTheLibraryFileUnlessGiven) {
 
 TEST(Options, HelpNamesEveryOption) {
   const std::string help = helpText();
-  for (const char* option : {"--port", "--bind", "--module", "--log-level", "--help", "--version",
-                             "--host-name", "--secret-file", "HOME", "TUQVU_SDK_PREFIX"}) {
+  for (const char* option :
+       {"--port", "--bind", "--module", "--log-level", "--help", "--version", "--host-name",
+        "--secret-file", "--trust-loopback", "HOME", "TUQVU_SDK_PREFIX"}) {
     EXPECT_NE(std::string::npos, help.find(option)) << option;
   }
   EXPECT_EQ(0u, versionText().find("tuqvu "));

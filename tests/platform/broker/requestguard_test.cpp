@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <tuqvu/broker/requestguard.h>
+#include <zr/zrbrowserguard.h>
 
 #include <boost/beast/core/detail/base64.hpp>
 
@@ -21,8 +22,11 @@ std::string basic(const std::string& credentials) {
   return "Basic " + encoded;
 }
 
+// Loopback as an administrator who trusts it configures it: no secret asked.
 ZR::ZRNetworkAccess onLoopback() {
-  return ZR::ZRNetworkAccess();
+  ZR::ZRNetworkAccess access;
+  access.trustLoopback = true;
+  return access;
 }
 
 ZR::ZRNetworkAccess onTheNetwork() {
@@ -44,10 +48,10 @@ int statusOf(const Request& message, const ZR::ZRNetworkAccess& access) {
 }  // namespace
 
 TEST(RequestGuard, TheHostPartOfAHostHeaderIsItsNameOrAddress) {
-  EXPECT_EQ("127.0.0.1", hostOfHostHeader("127.0.0.1:9600"));
-  EXPECT_EQ("::1", hostOfHostHeader("[::1]:9600"));
-  EXPECT_EQ("robot.local", hostOfHostHeader("robot.local"));
-  EXPECT_EQ("robot.local", hostOfHostHeader("robot.local:80"));
+  EXPECT_EQ("127.0.0.1", ZR::hostOfHostHeader("127.0.0.1:9600"));
+  EXPECT_EQ("::1", ZR::hostOfHostHeader("[::1]:9600"));
+  EXPECT_EQ("robot.local", ZR::hostOfHostHeader("robot.local"));
+  EXPECT_EQ("robot.local", ZR::hostOfHostHeader("robot.local:80"));
 }
 
 TEST(RequestGuard, AddressesLocalhostAndAllowedNamesAreAcceptedHosts) {
@@ -55,7 +59,7 @@ TEST(RequestGuard, AddressesLocalhostAndAllowedNamesAreAcceptedHosts) {
        {"127.0.0.1:9600", "192.168.1.20", "[::1]:9600", "localhost:9600", "LOCALHOST"}) {
     EXPECT_TRUE(passes(request({{"Host", host}}))) << host;
   }
-  ZR::ZRNetworkAccess access;
+  ZR::ZRNetworkAccess access = onLoopback();
   access.hostNames = {"Robot.Local"};
   EXPECT_TRUE(passes(request({{"Host", "robot.local:9600"}}), access));
 }
@@ -88,10 +92,39 @@ TEST(RequestGuard, RequestsThatBrowsersMarkAsFromAnotherSiteAreRefused) {
   }
 }
 
-TEST(RequestGuard, OnLoopbackNoCredentialsAreAskedFor) {
+TEST(RequestGuard, OnATrustedLoopbackNoCredentialsAreAskedFor) {
   const GuardVerdict verdict = guardRequest(request({{"Host", "127.0.0.1"}}), onLoopback(), "t");
   EXPECT_FALSE(verdict.refusal);
   EXPECT_FALSE(verdict.signedIn);
+}
+
+TEST(RequestGuard, OnLoopbackByDefaultARequestWithoutTheSecretIsChallenged) {
+  ZR::ZRNetworkAccess access;
+  access.secret = "0123456789abcdef";
+  EXPECT_EQ(401, statusOf(request({{"Host", "127.0.0.1"}}), access));
+  EXPECT_FALSE(
+      guardRequest(request({{"Host", "127.0.0.1"}, {"Authorization", basic("x:0123456789abcdef")}}),
+                   access, "t")
+          .refusal);
+}
+
+TEST(RequestGuard, AnEvalNeedsTheSessionCookieAndNotOnlyTheSecret) {
+  const auto eval = [](std::map<std::string, std::string> headers) {
+    headers["Host"] = "192.168.1.20";
+    Request message = request(headers);
+    message.target("/ZRMemory/?eval=ZRMemory.insertData('k',1)");
+    return message;
+  };
+  const Request basicOnly = eval({{"Authorization", basic("tuqvu:0123456789abcdef")}});
+  EXPECT_EQ(403, statusOf(basicOnly, onTheNetwork()));
+  EXPECT_TRUE(changesStateThroughAPlainGet(basicOnly));
+  EXPECT_FALSE(
+      guardRequest(eval({{"Cookie", "tuqvu-session=token"}}), onTheNetwork(), "token").refusal);
+  // The same request without "?eval=" only reads: the secret is enough.
+  Request page = basicOnly;
+  page.target("/ZRMemory/");
+  EXPECT_FALSE(changesStateThroughAPlainGet(page));
+  EXPECT_FALSE(guardRequest(page, onTheNetwork(), "token").refusal);
 }
 
 TEST(RequestGuard, BeyondLoopbackARequestWithoutTheSecretIsChallenged) {

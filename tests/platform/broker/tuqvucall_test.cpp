@@ -16,7 +16,9 @@ protected:
   static CommandResult call(std::vector<std::string> args) {
     args.insert(args.begin(),
                 {tuqvuCallPath(), "--url", "http://127.0.0.1:" + std::to_string(daemon->port())});
-    return runCommand(args);
+    // As the broker's user, whose secret tuqvu-call finds by itself.
+    return runCommand(args,
+                      {{"HOME", daemon->home()}, {"XDG_CONFIG_HOME", daemon->home() + "/.config"}});
   }
 };
 

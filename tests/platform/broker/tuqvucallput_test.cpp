@@ -114,7 +114,16 @@ protected:
                 {tuqvuCallPath(), "--url", "http://127.0.0.1:" + std::to_string(daemon->port())});
     return args;
   }
-  static CommandResult call(std::vector<std::string> args) { return runCommand(command(args)); }
+  // The command run by env with the HOME of the broker's user.
+  static std::vector<std::string> asBrokersUser(std::vector<std::string> args) {
+    args.insert(args.begin(), {"/usr/bin/env", "-u", "XDG_CONFIG_HOME", "HOME=" + daemon->home()});
+    return args;
+  }
+  // As the broker's user, whose secret tuqvu-call finds by itself.
+  static CommandResult call(std::vector<std::string> args) {
+    return runCommand(command(args),
+                      {{"HOME", daemon->home()}, {"XDG_CONFIG_HOME", daemon->home() + "/.config"}});
+  }
   static fs::path userBehaviors() { return fs::path(daemon->home()) / ".tuqvu" / "behaviors"; }
 
   void SetUp() override {
@@ -194,7 +203,8 @@ TEST_F(TuqvuCallPut, ProgressIsShownWithTheOption) {
 TEST_F(TuqvuCallPut, ProgressIsShownOnATerminal) {
   writeFile(fLocal / "a" / "one.bin", randomBytes(1024 * 1024));
   writeFile(fLocal / "a" / "two.bin", randomBytes(1024 * 1024));
-  const CommandResult put = runOnTerminal(command({"--put", (fLocal / "a").string(), "/tmp/a"}));
+  const CommandResult put =
+      runOnTerminal(asBrokersUser(command({"--put", (fLocal / "a").string(), "/tmp/a"})));
   EXPECT_EQ(0, put.status) << put.err;
   // Several files: the line says which one is on its way.
   EXPECT_NE(std::string::npos, put.err.find("\r[2/2] 2.0 MiB / 2.0 MiB  100%")) << put.err;
@@ -215,7 +225,7 @@ TEST_F(TuqvuCallPut, ALongCallShowsTheWaitingSpinnerOnATerminalOrWithTheOption) 
   EXPECT_EQ('\r', run.err.back()) << run.err;
   EXPECT_EQ(0, count(run.err, '\n'));
 
-  run = runOnTerminal(command({"ZRBehaviorManager.runBehavior", "slow"}));
+  run = runOnTerminal(asBrokersUser(command({"ZRBehaviorManager.runBehavior", "slow"})));
   EXPECT_EQ(0, run.status) << run.err;
   EXPECT_NE(std::string::npos, run.err.find("waiting for ZRBehaviorManager.runBehavior"))
       << run.err;
@@ -258,7 +268,8 @@ TEST(TuqvuCallPutWithoutBehaviorManager, SaysThereIsNoFileTransferService) {
   writeFile(fs::path(local.path()) / "x.xar", "x");
   const CommandResult put =
       runCommand({tuqvuCallPath(), "--url", "http://127.0.0.1:" + std::to_string(daemon.port()),
-                  "--put", local.path() + "/x.xar", "/tmp/x.xar"});
+                  "--put", local.path() + "/x.xar", "/tmp/x.xar"},
+                 {{"TUQVU_SECRET", daemon.secret()}});
   EXPECT_EQ(1, put.status);
   EXPECT_NE(std::string::npos, put.err.find("the broker offers no file-transfer service"))
       << put.err;

@@ -94,6 +94,36 @@ TEST(VuPath, TheInstallationIsThePrefixAndAllBelowItWithLinksResolved) {
   fs::remove_all(scratch);
 }
 
+TEST(VuPath, AResolvedPathTakesDotDotAfterTheLinkBeforeIt) {
+  const fs::path scratch = fs::canonical(fs::temp_directory_path()) / fs::unique_path();
+  fs::create_directories(scratch / "real" / "inner");
+  fs::create_directories(scratch / "other");
+  fs::create_directory_symlink(scratch / "real" / "inner", scratch / "other" / "jump");
+  using vu::path::resolvedPath;
+  // other/jump is real/inner, so other/jump/.. is real, never other.
+  EXPECT_EQ(resolvedPath((scratch / "other/jump/..").string()), scratch / "real");
+  EXPECT_EQ(resolvedPath((scratch / "other/jump/../x/y").string()), scratch / "real/x/y");
+  EXPECT_EQ(resolvedPath((scratch / "other/./jump//").string()), scratch / "real/inner");
+  EXPECT_EQ(resolvedPath((scratch / "missing/../other").string()), scratch / "other");
+  fs::remove_all(scratch);
+}
+
+TEST(VuPath, EverySpellingOfTheRootResolvesToTheRoot) {
+  using vu::path::resolvedPath;
+  for (const char* root : {"/", "//", "///", "/./", "/tmp/../..", "//.."}) {
+    EXPECT_EQ(resolvedPath(root), fs::path("/")) << root;
+  }
+  // A leading double slash is the root here, not a network name.
+  EXPECT_EQ(resolvedPath("//tmp"), resolvedPath("/tmp"));
+  EXPECT_TRUE(resolvedPath("").empty());
+}
+
+TEST(VuPath, ARelativePathIsResolvedFromTheWorkingDirectory) {
+  EXPECT_EQ(vu::path::resolvedPath("."), fs::canonical(fs::current_path()));
+  EXPECT_EQ(vu::path::resolvedPath("no-such-entry"),
+            fs::canonical(fs::current_path()) / "no-such-entry");
+}
+
 TEST(VuLog, DefaultLineFormatIsTimestampLevelCategoryFunctionText) {
   vu::log::Message message{std::chrono::system_clock::now(), 3, "behavior.manager",
                            "getBehaviorNames", "getBehaviorNames is deprecated."};

@@ -21,16 +21,25 @@ TEST(ZRNetworkAccess, WildcardAndNetworkAddressesAreNotLoopback) {
   EXPECT_FALSE(isLoopbackAddress(""));
 }
 
-TEST(ZRNetworkAccess, TheDefaultListensOnLoopbackAndAsksForNoCredentials) {
+TEST(ZRNetworkAccess, TheDefaultListensOnLoopbackAndAsksForCredentialsThere) {
   const ZRNetworkAccess access;
   EXPECT_EQ("127.0.0.1", access.bindAddress);
   EXPECT_FALSE(access.listensBeyondLoopback());
+  EXPECT_FALSE(access.trustLoopback);
+  EXPECT_TRUE(access.requiresCredentials());
+}
+
+TEST(ZRNetworkAccess, ATrustedLoopbackAsksForNoCredentials) {
+  ZRNetworkAccess access;
+  access.trustLoopback = true;
   EXPECT_FALSE(access.requiresCredentials());
 }
 
-TEST(ZRNetworkAccess, ListeningOnEveryInterfaceRequiresCredentials) {
+TEST(ZRNetworkAccess, ListeningOnEveryInterfaceRequiresCredentialsEvenWithLoopbackTrusted) {
   ZRNetworkAccess access;
   access.bindAddress = "0.0.0.0";
+  EXPECT_TRUE(access.requiresCredentials());
+  access.trustLoopback = true;
   EXPECT_TRUE(access.requiresCredentials());
 }
 

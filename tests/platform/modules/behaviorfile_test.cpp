@@ -25,10 +25,11 @@ protected:
     return path;
   }
 
-  // The description of the error that loading the file gives.
-  std::string errorOf(const std::string& path) {
+  // The description of the error that loading the file gives; without a behavior name,
+  // the file is named by the path the caller gave.
+  std::string errorOf(const std::string& path, const std::string& behaviorName = "") {
     try {
-      frames->newBehaviorFromFile(path, "test");
+      frames->newBehaviorFromFile(path, behaviorName);
     } catch (const ZRError& error) {
       EXPECT_EQ(error.module(), "ZRFrameManager");
       EXPECT_EQ(error.method(), "newBehaviorFromFile");
@@ -192,3 +193,16 @@ TEST_F(BehaviorFileTest, EveryDocumentedStepIsAccepted) {
 }
 
 }  // namespace
+
+// The behavior manager loads a behavior by its name; its errors reach remote callers, who
+// learn the name they gave and nothing of the robot's folders.
+TEST_F(BehaviorFileTest, ANamedBehaviorsFileIsNamedAfterTheBehaviorNotItsPath) {
+  const std::string missing = dir / "nowhere/behavior.xar";
+  EXPECT_EQ(errorOf(missing, "dance"), "behavior file dance/behavior.xar does not exist");
+  const std::string broken = write("<behavior>\n  <log text='a'>\n</behavior>\n");
+  const std::string description = errorOf(broken, "greetings/hello");
+  EXPECT_EQ(
+      description.rfind("behavior file greetings/hello/behavior.xar is malformed at line ", 0), 0u)
+      << description;
+  EXPECT_EQ(description.find(dir.str()), std::string::npos) << description;
+}

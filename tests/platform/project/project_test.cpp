@@ -161,11 +161,11 @@ TEST(MakeBehaviorLibraryProject, KeepsOtherEntriesOfAnExistingFile) {
   ScratchDir dir;
   writeFile(dir / "lib/project.xml",
             "<project><metadata key=\"Type\" value=\"Other\"/>"
-            "<metadata key=\"Owner\" value=\"nao\"/><tag>kept</tag></project>");
+            "<metadata key=\"Owner\" value=\"operator\"/><tag>kept</tag></project>");
   EXPECT_TRUE(vu::project::makeBehaviorLibraryProject(dir / "lib", "Lib"));
   Project library(dir / "lib");
   EXPECT_EQ("BehaviorLibrary", library.getMetadata("Type"));
-  EXPECT_EQ("nao", library.getMetadata("Owner"));
+  EXPECT_EQ("operator", library.getMetadata("Owner"));
   EXPECT_EQ("Lib", library.getMetadata("Name"));
   EXPECT_NE(std::string::npos, readFile(dir / "lib/project.xml").find("<tag>kept</tag>"));
 }

@@ -12,7 +12,7 @@ import socket
 import threading
 import time
 
-from .transport import Rpc, RpcError, TransportError
+from .transport import Rpc, RpcError, TransportError, credentials, credentials_line
 
 HEADER_DEADLINE_S = 3            # TUQVU_FILE_HEADER_DEADLINE_S of the soak's broker
 PUT_LIMIT = 4 * 1024 * 1024      # TUQVU_FILE_PUT_MAX_BYTES
@@ -97,7 +97,8 @@ class Adversary:
         sock = self._connect(self.ports.files)
         try:
             sock.sendall(b"GET /tmp/adversary-probe-that-is-not-there HTTP/1.1\r\n"
-                         b"Host: 127.0.0.1\r\nConnection: close\r\n\r\n")
+                         b"Host: 127.0.0.1\r\n" + credentials_line() +
+                         b"Connection: close\r\n\r\n")
             data, seconds = self._read_until_closed(sock, limit)
         finally:
             sock.close()
@@ -143,8 +144,8 @@ class Adversary:
         """A body far below the minimum rate: cut off without a reply."""
         sock = self._connect(self.ports.files)
         try:
-            sock.sendall(b"PUT /tmp/adversary/slow-body.bin HTTP/1.1\r\nHost: 127.0.0.1\r\n"
-                         b"Content-Length: 200000\r\n\r\n")
+            sock.sendall(b"PUT /tmp/adversary/slow-body.bin HTTP/1.1\r\nHost: 127.0.0.1\r\n" +
+                         credentials_line() + b"Content-Length: 200000\r\n\r\n")
             start = time.monotonic()
             reply = b""
             sock.settimeout(0.3)
@@ -188,6 +189,7 @@ class Adversary:
         sock = self._connect(self.ports.files)
         try:
             sock.sendall(b"PUT /tmp/adversary/too-big.bin HTTP/1.1\r\nHost: 127.0.0.1\r\n" +
+                         credentials_line() +
                          f"Content-Length: {PUT_LIMIT + 1}\r\n\r\n".encode())
             data, _ = self._read_until_closed(sock, 30)
         finally:
@@ -224,7 +226,8 @@ class Adversary:
                                 b'"params":' + b"[" * 100 + b"]" * 100 + b"}"])
         connection = http.client.HTTPConnection("127.0.0.1", self.ports.rpc, timeout=30)
         try:
-            connection.request("POST", "/rpc", body, {"Content-Type": "application/json"})
+            connection.request("POST", "/rpc", body,
+                               {"Content-Type": "application/json", **credentials()})
             response = connection.getresponse()
             text = response.read()
         finally:
@@ -245,7 +248,7 @@ class Adversary:
         connection = http.client.HTTPConnection("127.0.0.1", self.ports.rpc, timeout=30)
         try:
             connection.request("POST", "/rpc", b"[" + b" " * (1024 * 1024 + 10) + b"]",
-                               {"Content-Type": "application/json"})
+                               {"Content-Type": "application/json", **credentials()})
             status = connection.getresponse().status
         except (BrokenPipeError, ConnectionResetError):
             status = None  # the broker may close before reading the rest

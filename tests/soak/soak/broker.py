@@ -14,7 +14,7 @@ class BrokerProcess:
         self.work = work
         self.log_path = os.path.join(work, "tuqvu.log")
         self.out_path = os.path.join(work, "tuqvu.out")
-        env = {k: v for k, v in os.environ.items() if k not in ("XDG_DATA_HOME", "TUQVU_SDK_PREFIX")}
+        env = {k: v for k, v in os.environ.items() if k not in ("XDG_DATA_HOME", "XDG_CONFIG_HOME", "TUQVU_SDK_PREFIX")}
         env.update(HOME=os.path.join(work, "home"), TMPDIR=os.path.join(work, "tmp"),
                    TUQVU_SDK_PREFIX=os.path.join(work, "prefix"))
         env.update(settings or {})
@@ -36,11 +36,18 @@ class BrokerProcess:
             with open(self.out_path, "rb") as out:
                 match = re.search(rb"tuqvu: listening on [0-9.]+:(\d+)", out.read())
             if match:
+                self.secret = self._read_secret()
                 return int(match.group(1))
             if self.process.poll() is not None:
                 raise RuntimeError(f"tuqvu exited with {self.process.returncode} before listening")
             time.sleep(0.1)
         raise RuntimeError(f"tuqvu did not print its listening line within {timeout} s")
+
+    def _read_secret(self):
+        """The secret the broker made at its start; every client presents it."""
+        path = os.path.join(self.work, "home", ".config", "tuqvu", "secret")
+        with open(path, encoding="ascii") as secret:
+            return secret.read().strip()
 
     def alive(self):
         return self.process.poll() is None

@@ -2,11 +2,31 @@
 the file-transfer service (one short connection per request, since that server serves
 one connection at a time), and the event stream."""
 
+import base64
 import http.client
 import json
 import socket
 import threading
 import urllib.parse
+
+# The Authorization header value with the broker's secret, which it asks of every client
+# (on loopback too); set once by use_secret before the clients start.
+_authorization = None
+
+
+def use_secret(secret):
+    global _authorization
+    _authorization = "Basic " + base64.b64encode(f"tuqvu:{secret}".encode()).decode()
+
+
+def credentials():
+    """The headers that carry the secret."""
+    return {"Authorization": _authorization} if _authorization else {}
+
+
+def credentials_line():
+    """The same as one raw header line."""
+    return f"Authorization: {_authorization}\r\n".encode() if _authorization else b""
 
 
 class RpcError(Exception):
@@ -47,7 +67,7 @@ class Rpc:
                                                           timeout=self._timeout)
         try:
             self._connection.request("POST", "/rpc", body,
-                                     {"Content-Type": "application/json"})
+                                     {"Content-Type": "application/json", **credentials()})
             response = self._connection.getresponse()
             data = response.read()
             status = response.status
@@ -81,7 +101,7 @@ class FileService:
     def request(self, method, path, body=None):
         connection = http.client.HTTPConnection("127.0.0.1", self._port, timeout=self._timeout)
         try:
-            connection.request(method, urllib.parse.quote(path), body)
+            connection.request(method, urllib.parse.quote(path), body, credentials())
             response = connection.getresponse()
             return response.status, response.read()
         except (OSError, http.client.HTTPException) as error:
@@ -111,8 +131,8 @@ class EventWatcher:
         query = "&".join("key=" + urllib.parse.quote(key, safe="") for key in self._keys)
         self._socket = socket.create_connection(("127.0.0.1", self._port), timeout=10)
         request = (f"GET /events?{query} HTTP/1.1\r\nHost: 127.0.0.1\r\n"
-                   "Accept: text/event-stream\r\n\r\n")
-        self._socket.sendall(request.encode())
+                   "Accept: text/event-stream\r\n").encode() + credentials_line() + b"\r\n"
+        self._socket.sendall(request)
         self._stream = self._socket.makefile("rb")
         status = self._stream.readline()
         if b" 200 " not in status:

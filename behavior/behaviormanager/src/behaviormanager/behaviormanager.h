@@ -138,8 +138,9 @@ public:
   // copy when both libraries hold it), a system behavior's name as it is. Normalising
   // it gives the name back.
   std::string xQualifiedName(const std::string& normalizedName) const;
-  // Throws ZRError when the path may not become the user library (see behaviorstore.cpp).
-  void xCheckUserLibraryPath(const std::string& path);
+  // The path with its links and ".." resolved, as the user library would use it; throws
+  // ZRError when that path may not become the user library (see behaviorstore.cpp).
+  std::string xCheckUserLibraryPath(const std::string& path);
   // "_setBehaviorsPath": setBehaviorsPath for remote callers, who may not point the user
   // library at the installation, the system library, the root or the home directory.
   void xSetBehaviorsPathForRemoteCaller(const std::string& path);

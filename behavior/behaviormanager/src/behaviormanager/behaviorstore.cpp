@@ -20,19 +20,24 @@ using boost::placeholders::_1;
 
 namespace {
 
-// The path with every link resolved, as far as it exists; empty when it cannot be told.
 fs::path resolved(const fs::path& path) {
-  boost::system::error_code error;
-  const fs::path result = fs::weakly_canonical(fs::absolute(path), error);
-  return error ? fs::path() : result;
+  return vu::path::resolvedPath(path.string());
 }
+
+// Folders of the operating system whose contents the broker's user may be able to write
+// (the broker may run as root); a library there would let installs and removals reach them.
+constexpr const char* kOperatingSystemFolders[] = {"/bin",   "/boot",  "/dev",    "/etc",  "/lib",
+                                                   "/lib32", "/lib64", "/libx32", "/proc", "/run",
+                                                   "/sbin",  "/sys",   "/usr"};
 
 }  // namespace
 
 // A user library receives uploads and installs, and removals delete inside it: it must not
 // be, hold or lie inside what the installation, the system or the home directory needs.
-void ZRBehaviorManager::xCheckUserLibraryPath(const std::string& path) {
-  if (path.empty()) return;  // no library at all
+// The path is resolved once and that resolved path is both checked and returned for use:
+// a spelling such as "/bin/../x" must not be checked as one folder and used as another.
+std::string ZRBehaviorManager::xCheckUserLibraryPath(const std::string& path) {
+  if (path.empty()) return path;  // no library at all
   const fs::path candidate = resolved(path);
   if (candidate.empty()) {
     throw detail::error("setBehaviorsPath", "the behaviors path " + path + " cannot be resolved",
@@ -46,9 +51,15 @@ void ZRBehaviorManager::xCheckUserLibraryPath(const std::string& path) {
                             what,
                         __LINE__);
   };
-  if (candidate == candidate.root_path()) refuse("the root directory");
-  const fs::path home = resolved(vu::os::home());
   using vu::path::isWithin;
+  if (candidate.relative_path().empty()) refuse("the root directory");
+  for (const char* folder : kOperatingSystemFolders) {
+    const fs::path system = resolved(folder);
+    if (!system.empty() && (isWithin(candidate, system) || isWithin(system, candidate))) {
+      refuse("a folder of the operating system");
+    }
+  }
+  const fs::path home = resolved(vu::os::home());
   if (!home.empty() && isWithin(home, candidate)) refuse("the home directory itself");
   const fs::path installation = vu::path::resolvedSdkPrefix();
   if (vu::path::liesInInstallation(candidate) ||
@@ -57,16 +68,16 @@ void ZRBehaviorManager::xCheckUserLibraryPath(const std::string& path) {
   }
   if (!fSystemLibrary.projectPath().empty()) {
     const fs::path system = resolved(fSystemLibrary.projectPath());
-    if (!system.empty() && system != system.root_path() &&
+    if (!system.empty() && !system.relative_path().empty() &&
         (isWithin(candidate, system) || isWithin(system, candidate))) {
       refuse("the system library");
     }
   }
+  return candidate.string();
 }
 
 void ZRBehaviorManager::xSetBehaviorsPathForRemoteCaller(const std::string& path) {
-  xCheckUserLibraryPath(path);
-  setBehaviorsPath(path);
+  setBehaviorsPath(xCheckUserLibraryPath(path));
 }
 
 void ZRBehaviorManager::setBehaviorsPath(const std::string& path) {

@@ -70,6 +70,39 @@ std::string scriptString(const std::string& name) {
   return out;
 }
 
+// The page's script pastes a name between the quotes of "?eval=...Behavior('<name>')" as
+// it is, so a name holding a quote, "#", "%", "&" or a blank would end the string, cut the
+// URL or be decoded into another name. The argument handed to the script is therefore
+// the name already written for that place: quotes and backslashes escaped for the
+// expression, then every byte outside letters, digits and "-._~/" percent-encoded for
+// the URL. The broker decodes both, and the behavior manager receives the name intact.
+std::string evalArgument(const std::string& name) {
+  static const char* const kHex = "0123456789ABCDEF";
+  std::string quoted;
+  for (const char c : name) {
+    if (c == '\\' || c == '\'') quoted += '\\';
+    quoted += c;
+  }
+  std::string out;
+  for (const char c : quoted) {
+    const unsigned char byte = static_cast<unsigned char>(c);
+    if (byte < 0x80 &&
+        (std::isalnum(byte) || c == '-' || c == '.' || c == '_' || c == '~' || c == '/')) {
+      out += c;
+    } else {
+      out += '%';
+      out += kHex[byte >> 4];
+      out += kHex[byte & 0xF];
+    }
+  }
+  return out;
+}
+
+// The argument of a link's script call for the behavior `name`.
+std::string linkArgument(const std::string& name) {
+  return scriptString(evalArgument(name));
+}
+
 }  // namespace
 
 std::string ZRBehaviorManager::javaScriptCode() const {
@@ -96,7 +129,7 @@ std::string ZRBehaviorManager::httpGet() {
       page += std::string("<i><u>Running behaviors</u></i><br>") + kTableOpen +
               "<tr><td><b>Name</b></td></tr>";
       for (const std::string& name : fRunning) {
-        page += "<tr><td><a href=\"javascript:stopBehavior('" + scriptString(name) + "');\">" +
+        page += "<tr><td><a href=\"javascript:stopBehavior('" + linkArgument(name) + "');\">" +
                 vu::html::escape(name) + "</a></td></tr>";
       }
       page += "</table><br><br><br>";
@@ -107,7 +140,7 @@ std::string ZRBehaviorManager::httpGet() {
     page += std::string("<i><u>Installed behaviors</u></i><br>") + kTableOpen +
             "<tr><td><b>Name</b></td></tr>";
     for (const std::string& name : installed) {
-      page += "<tr><td><a href=\"javascript:playBehavior('" + scriptString(name) + "');\">" +
+      page += "<tr><td><a href=\"javascript:playBehavior('" + linkArgument(name) + "');\">" +
               vu::html::escape(name) + "</a></td></tr>";
     }
     page += "</table>";

@@ -36,6 +36,10 @@ int httpDel(soap* connection) {
   if (!mapRequestPath(relative, &mapped)) {
     return -1;
   }
+  if (!mapped.refusal.empty()) {
+    detail::sendRefusal(connection, "403 Forbidden", mapped.refusal);
+    return 0;
+  }
   const std::vector<std::string> components = pathComponents(mapped.relative);
 
   detail::UniqueFd root(detail::openDirectory(mapped.root.string()));

@@ -130,6 +130,10 @@ bool httpGetFile(soap* connection) {
   if (!mapRequestPath(relative, &mapped)) {
     return false;
   }
+  if (!mapped.refusal.empty()) {
+    detail::sendRefusal(connection, "403 Forbidden", mapped.refusal);
+    return true;
+  }
   const std::vector<std::string> components = pathComponents(mapped.relative);
   // "dir/" names a directory: a file of that name is not found.
   const bool directoryOnly = !mapped.relative.empty() && mapped.relative.filename() == ".";

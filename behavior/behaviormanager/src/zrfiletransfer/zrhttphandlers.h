@@ -49,7 +49,14 @@ boost::filesystem::path translateHttp(const boost::filesystem::path& requestPath
 struct MappedPath {
   boost::filesystem::path root;
   boost::filesystem::path relative;
+  // Set for a path that is mapped but that no request may read or change (the data of
+  // another application): the hooks answer 403 with this text.
+  std::string refusal;
 };
+
+// The applications whose data folders are served below /share/<application>/: this
+// system's own. Other programs of the same account keep their data to themselves.
+bool isServedApplication(const std::string& application);
 
 // Maps like translateHttp, keeping the root apart; false where translateHttp answers an
 // empty path (and with the same log lines).

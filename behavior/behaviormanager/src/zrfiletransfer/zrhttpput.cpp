@@ -161,6 +161,10 @@ int httpPut(soap* connection) {
   if (!mapRequestPath(relative, &mapped)) {
     return -1;
   }
+  if (!mapped.refusal.empty()) {
+    detail::sendRefusal(connection, "403 Forbidden", mapped.refusal);
+    return 0;
+  }
   const std::vector<std::string> components = pathComponents(mapped.relative);
   if (components.empty()) {
     return refusedWrite(connection, relative, mapped.root, components) ? 0 : -1;

@@ -5,7 +5,8 @@
 //   behaviors/<rest>         <home>/.tuqvu/behaviors/<rest>
 //   boxlibraries/<rest>      <home>/.tuqvu/boxlibraries/<rest>
 //   tmp/<rest>               <tmp>/<rest>
-//   share/<app>/<rest>       the user-writable data path of <app>
+//   share/<app>/<rest>       the user-writable data path of <app>, for this system's own
+//                            applications only (403 for the others)
 //   anything else            <sdk prefix>/<path>, except paths without an extension and
 //                            ".xsl", ".xml", ".css", ".js", ".html" files, and nothing at
 //                            all when the prefix is a source tree (a build-tree run)
@@ -81,6 +82,8 @@ void logRefused(const fs::path& requestPath, const std::string& reason) {
                  "Refused request path: " + requestPath.string() + " (" + reason + ")");
 }
 
+constexpr const char* kServedApplications[] = {"tuqvu"};
+
 bool isRefusedExtension(const std::string& extension) {
   return extension.empty() || extension == ".xsl" || extension == ".xml" || extension == ".css" ||
          extension == ".js" || extension == ".html";
@@ -101,6 +104,13 @@ std::string behaviorsPath(const std::string& name) {
                    std::string("Behavior path error: ") + e.what());
   }
   return result.string();
+}
+
+bool isServedApplication(const std::string& application) {
+  for (const char* served : kServedApplications) {
+    if (application == served) return true;
+  }
+  return false;
 }
 
 bool mapRequestPath(const fs::path& requestPath, MappedPath* mapped) {
@@ -144,6 +154,13 @@ bool mapRequestPath(const fs::path& requestPath, MappedPath* mapped) {
     relative = componentsFrom(requestPath, 1);
   } else if (first == "share") {
     const std::string application = component(requestPath, 1).string();
+    if (!isServedApplication(application)) {
+      logRefused(requestPath, "not the data of this system's own applications");
+      mapped->root.clear();
+      mapped->relative = requestPath;
+      mapped->refusal = "below /share/ only the data of this robot's own applications is served";
+      return true;
+    }
     root = toPath(vu::path::userWritableDataPath(application, ""));
     relative = componentsFrom(requestPath, 2);
   } else {
@@ -179,7 +196,7 @@ fs::path translateHttp(const fs::path& requestPath) {
     return requestPath;
   }
   MappedPath mapped;
-  if (!mapRequestPath(requestPath, &mapped)) {
+  if (!mapRequestPath(requestPath, &mapped) || !mapped.refusal.empty()) {
     return fs::path();
   }
   return mapped.relative.empty() ? mapped.root : mapped.root / mapped.relative;

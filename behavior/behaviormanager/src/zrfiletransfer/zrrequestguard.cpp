@@ -1,9 +1,9 @@
 #include "zrrequestguard.h"
 
-#include <arpa/inet.h>
 #include <poll.h>
 #include <strings.h>
 #include <vu/log.h>
+#include <zr/zrbrowserguard.h>
 #include <zr/zrnetworkaccess.h>
 
 #include <algorithm>
@@ -21,48 +21,6 @@ constexpr int kLongestReadSeconds = 15;
 
 bool named(const char* key, const char* name) {
   return ::strcasecmp(key, name) == 0;
-}
-
-std::string lowerCase(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return text;
-}
-
-// The host of a Host header value: "[::1]:15000" gives "::1", "robot:15000" gives "robot".
-std::string hostOfHostHeader(const std::string& value) {
-  if (!value.empty() && value[0] == '[') {
-    const std::size_t close = value.find(']');
-    return close == std::string::npos ? value : value.substr(1, close - 1);
-  }
-  const std::size_t colon = value.rfind(':');
-  if (colon != std::string::npos && value.find(':') == colon) {
-    const std::string port = value.substr(colon + 1);
-    if (!port.empty() && std::all_of(port.begin(), port.end(),
-                                     [](unsigned char c) { return std::isdigit(c) != 0; })) {
-      return value.substr(0, colon);
-    }
-  }
-  return value;
-}
-
-bool isIpLiteral(const std::string& host) {
-  unsigned char address[16];
-  return ::inet_pton(AF_INET, host.c_str(), address) == 1 ||
-         ::inet_pton(AF_INET6, host.c_str(), address) == 1;
-}
-
-bool isAllowedHost(const std::string& host, const ZRNetworkAccess& access) {
-  const std::string name = lowerCase(host);
-  if (name == "localhost" || isIpLiteral(name)) {
-    return true;
-  }
-  for (const std::string& allowed : access.hostNames) {
-    if (lowerCase(allowed) == name) {
-      return true;
-    }
-  }
-  return false;
 }
 
 void logRefusal(const soap* connection, const std::string& why) {
@@ -92,11 +50,13 @@ void sendUnauthorized(soap* connection) {
 ConnectionGuard::ConnectionGuard(soap* connection, const ServerLimits& limits)
     : fConnection(connection),
       fPreviousUser(connection->user),
+      fPreviousParse(connection->fparse),
       fPreviousParseHeader(connection->fparsehdr),
       fPreviousReceive(connection->frecv),
       fLimits(limits),
       fDeadline(fLimits) {
   connection->user = this;
+  connection->fparse = &ConnectionGuard::parseRequest;
   connection->fparsehdr = &ConnectionGuard::parseHeader;
   connection->frecv = &ConnectionGuard::receive;
   // gSOAP's own answers to these carry "Access-Control-Allow-Origin: *" and claim PUT,
@@ -111,6 +71,7 @@ ConnectionGuard::ConnectionGuard(soap* connection, const ServerLimits& limits)
 
 ConnectionGuard::~ConnectionGuard() {
   fConnection->user = fPreviousUser;
+  fConnection->fparse = fPreviousParse;
   fConnection->fparsehdr = fPreviousParseHeader;
   fConnection->frecv = fPreviousReceive;
 }
@@ -180,6 +141,20 @@ const RequestHeaders* ConnectionGuard::headersOf(const soap* connection) {
   return &static_cast<const ConnectionGuard*>(connection->user)->fHeaders;
 }
 
+int ConnectionGuard::parseRequest(soap* connection) {
+  ConnectionGuard* guard = static_cast<ConnectionGuard*>(connection->user);
+  const int error = guard->fPreviousParse(connection);
+  // gSOAP's errors for a method without a hook (405 for one it does not know at all); it
+  // would answer them with a SOAP fault.
+  if (error == 405 || (error >= SOAP_GET_METHOD && error <= SOAP_HTTP_METHOD)) {
+    sendMethodNotAllowed(connection);
+    // The end of the exchange without a reply of gSOAP's: with the connection's send and
+    // receive time-outs set it sends no fault for SOAP_EOF, and the dispatcher closes.
+    return connection->error = SOAP_EOF;
+  }
+  return error;
+}
+
 int ConnectionGuard::parseHeader(soap* connection, const char* key, const char* value) {
   ConnectionGuard* guard = static_cast<ConnectionGuard*>(connection->user);
   const std::string text = value != nullptr ? value : "";
@@ -213,30 +188,33 @@ bool refuseRequest(soap* connection, Access access) {
     headers.origin = connection->origin;
   }
 
-  if (headers.hasHost && !isAllowedHost(hostOfHostHeader(headers.host), network)) {
-    logRefusal(connection, "host name " + headers.host);
-    sendRefusal(connection, "403 Forbidden",
-                "this host name is not one of this robot's; allow it with --host-name");
-    return true;
-  }
-  if (access == Access::Write) {
-    const bool ownOrigin = headers.hasHost && ::strcasecmp(headers.origin.c_str(),
-                                                           ("http://" + headers.host).c_str()) == 0;
-    if (headers.hasOrigin && !ownOrigin) {
+  ZRRequestOrigin seen;
+  if (headers.hasHost) seen.host = headers.host;
+  if (headers.hasOrigin) seen.origin = headers.origin;
+  seen.fetchSite = headers.fetchSite;
+  // Other sites may make a browser read files (it never lets them see the answer), not
+  // change them.
+  const ZRSiteCheck siteCheck =
+      access == Access::Write ? ZRSiteCheck::Always : ZRSiteCheck::NotForThisRequest;
+  switch (browserRefusal(seen, network, siteCheck)) {
+    case ZRBrowserRefusal::None: break;
+    case ZRBrowserRefusal::UnknownHost:
+      logRefusal(connection, "host name " + headers.host);
+      sendRefusal(connection, "403 Forbidden",
+                  "this host name is not one of this robot's; allow it with --host-name");
+      return true;
+    case ZRBrowserRefusal::ForeignOrigin:
       logRefusal(connection, "origin " + headers.origin);
       sendRefusal(connection, "403 Forbidden",
                   "requests from pages of other origins are refused; only pages of this robot "
                   "may change its files");
       return true;
-    }
-    const std::string site = lowerCase(headers.fetchSite);
-    if (site == "cross-site" || site == "same-site") {
+    case ZRBrowserRefusal::OtherSite:
       logRefusal(connection, "Sec-Fetch-Site " + headers.fetchSite);
       sendRefusal(connection, "403 Forbidden",
                   "requests from other sites are refused; only pages of this robot may change "
                   "its files");
       return true;
-    }
   }
   if (network.requiresCredentials() &&
       !(connection->passwd != nullptr && network.acceptsSecret(connection->passwd))) {

@@ -8,7 +8,9 @@
 // The guard captures the headers browsers send (Host, Origin, Sec-Fetch-Site) as gSOAP
 // parses them, and keeps Origin and the CORS request headers from gSOAP itself, so that
 // gSOAP never adds Access-Control-* headers to a reply of its own. It also answers OPTIONS,
-// HEAD and PATCH with 405 instead of gSOAP's permissive defaults. And it holds each
+// HEAD and PATCH with 405 instead of gSOAP's permissive defaults, and every other method
+// the service does not have with the same 405 instead of gSOAP's SOAP fault (which would
+// name gSOAP and its version). And it holds each
 // request to its deadline (zrrequestdeadline.h): a read after the deadline ends the
 // connection without a reply.
 #pragma once
@@ -55,11 +57,13 @@ public:
   static void beginBody(soap* connection, std::uint64_t length);
 
 private:
+  static int parseRequest(soap* connection);
   static int parseHeader(soap* connection, const char* key, const char* value);
   static size_t receive(soap* connection, char* buffer, size_t length);
 
   soap* fConnection;
   void* fPreviousUser;
+  int (*fPreviousParse)(soap*);
   int (*fPreviousParseHeader)(soap*, const char*, const char*);
   size_t (*fPreviousReceive)(soap*, char*, size_t);
   RequestHeaders fHeaders;

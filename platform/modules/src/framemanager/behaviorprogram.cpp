@@ -231,19 +231,20 @@ std::shared_ptr<const BehaviorProgram> parseBehaviorProgram(const std::string& m
 }
 
 std::shared_ptr<const BehaviorProgram> loadBehaviorProgram(const std::string& module,
-                                                           const std::string& path) {
+                                                           const std::string& path,
+                                                           const std::string& shownAs) {
   std::string text;
   try {
     if (!readWholeFile(path, text, kMaxBehaviorFileBytes)) {
-      throw ZRError(module, kMethod, "behavior file " + path + " does not exist", __FILE__,
+      throw ZRError(module, kMethod, "behavior file " + shownAs + " does not exist", __FILE__,
                     __LINE__);
     }
   } catch (const std::system_error& error) {
     throw ZRError(module, kMethod,
-                  "behavior file " + path + " cannot be read: " + error.code().message(), __FILE__,
-                  __LINE__);
+                  "behavior file " + shownAs + " cannot be read: " + error.code().message(),
+                  __FILE__, __LINE__);
   }
-  return parseBehaviorProgram(module, path, text);
+  return parseBehaviorProgram(module, shownAs, text);
 }
 
 }  // namespace detail

@@ -42,9 +42,11 @@ constexpr std::size_t kMaxBehaviorFileBytes = 32u << 20;
 constexpr int kMaxBehaviorDepth = 64;
 
 // Reads and checks a file. Every problem is a ZRError(module, "newBehaviorFromFile", …)
-// whose description names the file, and the line and column for a problem inside it.
+// whose description names the file as `shownAs`, and the line and column for a problem
+// inside it; the program's path is `shownAs` too.
 std::shared_ptr<const BehaviorProgram> loadBehaviorProgram(const std::string& module,
-                                                           const std::string& path);
+                                                           const std::string& path,
+                                                           const std::string& shownAs);
 
 // The same for a text already read; path only names it in messages.
 std::shared_ptr<const BehaviorProgram> parseBehaviorProgram(const std::string& module,

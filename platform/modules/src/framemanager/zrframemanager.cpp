@@ -106,8 +106,13 @@ std::string ZRFrameManager::newBehaviorFromFile(const std::string& xarPath,
                   "refused to read " + path + ": a behavior file is named " + kBehaviorFileName,
                   __FILE__, __LINE__);
   }
+  // A named behavior's file is named after the behavior in every message: its path lies
+  // in the robot's folders, which a remote caller of the behavior manager did not give
+  // and should not learn.
+  const std::string shownAs =
+      behaviorName.empty() ? path : behaviorName + "/" + std::string(kBehaviorFileName);
   std::shared_ptr<const detail::BehaviorProgram> program =
-      detail::loadBehaviorProgram(getName(), path);
+      detail::loadBehaviorProgram(getName(), path, shownAs);
   const std::string id = nextInstanceId();
   auto instance = std::make_shared<detail::BehaviorInstance>(
       id, behaviorName.empty() ? path : behaviorName, std::move(program));

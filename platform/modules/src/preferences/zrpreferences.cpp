@@ -102,19 +102,19 @@ ZRValue ZRPreferences::readPrefFile(const std::string& moduleName, bool searchSy
       }
     }
     if (!found) {
-      throw ZRError(
-          getName(), "readPrefFile",
-          "there is no preference file for " + moduleName + ": " + userPath + " does not exist",
-          __FILE__, __LINE__);
+      throw ZRError(getName(), "readPrefFile", "there is no preference file for " + moduleName,
+                    __FILE__, __LINE__);
     }
     return detail::decodePreferences(text);
   } catch (const std::system_error& error) {
+    // The code's message, not what(): that names the file, a path of the robot's home.
     throw ZRError(getName(), "readPrefFile",
-                  "cannot read the preferences of " + moduleName + ": " + error.what(), __FILE__,
-                  __LINE__);
+                  "cannot read the preferences of " + moduleName + ": " + error.code().message(),
+                  __FILE__, __LINE__);
   } catch (const detail::PreferenceFormatError& error) {
     throw ZRError(getName(), "readPrefFile",
-                  "the preference file " + path + " is malformed at " + describeFormatError(error),
+                  "the preference file of " + moduleName + (path == userPath ? "" : " (system)") +
+                      " is malformed at " + describeFormatError(error),
                   __FILE__, __LINE__);
   }
 }
@@ -140,13 +140,13 @@ void ZRPreferences::writePrefFile(const std::string& moduleName, const ZRValue& 
     }
     if (!detail::writeFileAtomically(path, text, replace)) {
       throw ZRError(getName(), "writePrefFile",
-                    "the preference file " + path + " exists and replace is false", __FILE__,
-                    __LINE__);
+                    "the preference file of " + moduleName + " exists and replace is false",
+                    __FILE__, __LINE__);
     }
   } catch (const std::system_error& error) {
     throw ZRError(getName(), "writePrefFile",
-                  "cannot write the preferences of " + moduleName + ": " + error.what(), __FILE__,
-                  __LINE__);
+                  "cannot write the preferences of " + moduleName + ": " + error.code().message(),
+                  __FILE__, __LINE__);
   }
 }
 

@@ -1,7 +1,7 @@
 // The project library in one include: projects, behavior libraries and packages.
 //
 //   #include <vu/project.h>
-//   vu::project::BehaviorLibraryProject library("/home/nao/.tuqvu/behaviors");
+//   vu::project::BehaviorLibraryProject library("/home/robot/.tuqvu/behaviors");
 //   for (const std::string& path : library.behaviorPaths("", true)) { ... }
 #pragma once
 

@@ -1,5 +1,7 @@
 #include <zr/zrmutex.h>
 
+#include <cctype>
+#include <string>
 #include <thread>
 
 #include "fixture.h"
@@ -120,12 +122,79 @@ TEST_F(StatusPage, AHostileNameIsEscapedInTheTextAndInTheScriptOfItsLink) {
   EXPECT_EQ(page.find("alert(1)>"), std::string::npos);
   const std::string text = "x&lt;img src=x onerror=alert(1)&gt;&#39;&quot;);alert(2)//%27&amp;amp;";
   const std::string script =
-      "x\\x3cimg src\\x3dx onerror\\x3dalert\\x281\\x29\\x3e\\x27\\x22\\x29\\x3balert\\x282\\x29//"
-      "\\x2527\\x26amp\\x3b";
+      "x\\x253Cimg\\x2520src\\x253Dx\\x2520onerror\\x253Dalert\\x25281\\x2529\\x253E\\x255C"
+      "\\x2527\\x2522\\x2529\\x253Balert\\x25282\\x2529//\\x252527\\x2526amp\\x253B";
   EXPECT_NE(page.find("<tr><td><a href=\"javascript:stopBehavior('" + script + "');\">" + text +
                       "</a></td></tr>"),
             std::string::npos)
       << page;
+}
+
+// What the browser does with a link's argument: the href is a URL (%XX decoded), then a
+// script whose string literal holds \xHH escapes; the script pastes the string into the
+// "?eval=" URL, which the broker percent-decodes, and the expression's quoted string
+// takes backslash escapes.
+std::string percentDecoded(const std::string& text) {
+  std::string out;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '%' && i + 2 < text.size() && std::isxdigit(text[i + 1]) &&
+        std::isxdigit(text[i + 2])) {
+      out += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
+      i += 2;
+    } else {
+      out += text[i];
+    }
+  }
+  return out;
+}
+std::string scriptDecoded(const std::string& literal) {
+  std::string out;
+  for (std::size_t i = 0; i < literal.size(); ++i) {
+    if (literal.compare(i, 2, "\\x") == 0) {
+      out += static_cast<char>(std::stoi(literal.substr(i + 2, 2), nullptr, 16));
+      i += 3;
+    } else {
+      out += literal[i];
+    }
+  }
+  return out;
+}
+std::string expressionString(const std::string& quotedBody) {
+  std::string out;
+  for (std::size_t i = 0; i < quotedBody.size(); ++i) {
+    if (quotedBody[i] == '\\' && i + 1 < quotedBody.size()) ++i;
+    out += quotedBody[i];
+  }
+  return out;
+}
+
+TEST_F(StatusPage, ANameReachesTheEvalRequestIntactWhateverCharactersItHolds) {
+  startPlatform();
+  startManager();
+  for (const std::string& name :
+       {std::string("r8')#"), std::string("a b&c=d"), std::string("100% sure"),
+        std::string("back\\slash'"), std::string("n\xc3\xa9 \"q\""), std::string("x#y?z")}) {
+    manager->setBehaviorState(name, ZR::BehaviorManager::StateRunning);
+    const std::string page = manager->httpGet();
+    manager->setBehaviorState(name, ZR::BehaviorManager::StateUnloaded);
+    const std::string open = "javascript:stopBehavior('";
+    const std::size_t begin = page.find(open);
+    ASSERT_NE(begin, std::string::npos) << page;
+    const std::size_t end = page.find("');\"", begin);
+    const std::string argument = page.substr(begin + open.size(), end - begin - open.size());
+    // Nothing in it ends the string, the URL or the query, nor is it decoded twice.
+    EXPECT_EQ(argument.find_first_of("'\"#&? <>"), std::string::npos) << argument;
+    const std::string inScript = scriptDecoded(percentDecoded(argument));
+    const std::string url = "?eval=ZRBehaviorManager.stopBehavior('" + inScript + "')";
+    EXPECT_EQ(url.find('#'), std::string::npos) << url;
+    const std::string expression = percentDecoded(url.substr(6));
+    const std::string prefix = "ZRBehaviorManager.stopBehavior('";
+    ASSERT_EQ(expression.rfind(prefix, 0), 0u) << expression;
+    ASSERT_EQ(expression.substr(expression.size() - 2), "')") << expression;
+    EXPECT_EQ(
+        expressionString(expression.substr(prefix.size(), expression.size() - prefix.size() - 2)),
+        name);
+  }
 }
 
 TEST_F(StatusPage, FileTransferPortIsTheServersPort) {

@@ -54,6 +54,7 @@ using Containment = zrft_test::SharedServerTest;
 TEST_F(Containment, DeleteOfAServedFolderItselfIs403AndRemovesNothing) {
   const std::vector<fs::path> markers = {
       paths().dataHome / "marker.txt",
+      paths().dataHome / "tuqvu" / "marker.txt",
       paths().dataHome / "app" / "marker.txt",
       paths().home / ".tuqvu" / "behaviors" / "keep" / "behavior.xar",
       paths().home / ".tuqvu" / "boxlibraries" / "marker.txt",
@@ -63,8 +64,8 @@ TEST_F(Containment, DeleteOfAServedFolderItselfIs403AndRemovesNothing) {
     writeFile(marker, "kept");
   }
   for (const char* path :
-       {"/share", "/share/", "/share/app", "/behaviors/User/", "/behaviors/User", "/behaviors",
-        "/behaviors/", "/boxlibraries", "/tmp", "/tmp/", "/tmp/.", "/behaviors/System/"}) {
+       {"/share/tuqvu", "/behaviors/User/", "/behaviors/User", "/behaviors", "/behaviors/",
+        "/boxlibraries", "/tmp", "/tmp/", "/tmp/.", "/behaviors/System/"}) {
     bool closed = false;
     const std::string received = exchange(del(path), &closed);
     EXPECT_EQ(received.find("HTTP/1.1 403 Forbidden\nServer: TuqVu\nContent-Type: text/plain\n"),
@@ -74,13 +75,43 @@ TEST_F(Containment, DeleteOfAServedFolderItselfIs403AndRemovesNothing) {
               std::string::npos)
         << received;
   }
+  // The data home itself and other applications' folders are not served at all.
+  for (const char* path : {"/share", "/share/", "/share/app"}) {
+    bool closed = false;
+    const std::string received = exchange(del(path), &closed);
+    EXPECT_EQ(received.find("HTTP/1.1 403 Forbidden\n"), 0u) << path << ": " << received;
+  }
   for (const fs::path& marker : markers) {
     EXPECT_EQ(readFile(marker), "kept") << marker;
   }
 }
 
+TEST_F(Containment, OtherApplicationsDataIsNeitherReadNorWrittenNorRemoved) {
+  writeFile(paths().dataHome / "keyrings" / "login.keyring", "private");
+  writeFile(paths().dataHome / "tuqvu" / "own.txt", "own");
+  for (const std::string& request :
+       {get("/share/keyrings/login.keyring"), get("/share/keyrings/"), get("/share/"),
+        put("/share/keyrings/login.keyring", "planted"),
+        put("/share/systemd/user/dbus.service.d/zz.conf", "[Service]\nExecStart=/bin/sh\n"),
+        del("/share/keyrings/login.keyring"), del("/share/keyrings")}) {
+    bool closed = false;
+    const std::string received = exchange(request, &closed);
+    EXPECT_EQ(received.find("HTTP/1.1 403 Forbidden\n"), 0u) << request << ": " << received;
+    EXPECT_NE(received.find("only the data of this robot's own applications"), std::string::npos)
+        << received;
+    EXPECT_EQ(received.find("private"), std::string::npos) << received;
+  }
+  EXPECT_EQ(readFile(paths().dataHome / "keyrings" / "login.keyring"), "private");
+  EXPECT_FALSE(fs::exists(paths().dataHome / "systemd"));
+  // This system's own data folder is served as before.
+  bool closed = false;
+  const std::string own = exchange(get("/share/tuqvu/own.txt"), &closed);
+  EXPECT_EQ(own.find("HTTP/1.1 200 OK\n"), 0u) << own;
+  EXPECT_NE(own.find("\n\nown"), std::string::npos) << own;
+}
+
 TEST_F(Containment, PutOfAServedFolderItselfIs403) {
-  for (const char* path : {"/tmp/", "/share/app", "/behaviors/User/"}) {
+  for (const char* path : {"/tmp/", "/share/tuqvu", "/behaviors/User/"}) {
     EXPECT_EQ(statusOf(put(path, "x")), "HTTP/1.1 403 Forbidden") << path;
   }
   EXPECT_TRUE(fs::is_directory(paths().tmp));

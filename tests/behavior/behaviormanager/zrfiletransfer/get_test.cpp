@@ -156,10 +156,10 @@ TEST_F(Get, SystemBehaviorsComeFromTheInstallation) {
 
 TEST_F(Get, TmpShareAndBoxLibrariesAreMapped) {
   writeFile(paths().tmp / "t.txt", "tmp");
-  writeFile(paths().dataHome / "app" / "s.txt", "share");
+  writeFile(paths().dataHome / "tuqvu" / "s.txt", "share");
   writeFile(paths().home / ".tuqvu" / "boxlibraries" / "lib" / "b.txt", "box");
   EXPECT_EQ(get("/tmp/t.txt").body, "tmp");
-  EXPECT_EQ(get("/share/app/s.txt").body, "share");
+  EXPECT_EQ(get("/share/tuqvu/s.txt").body, "share");
   EXPECT_EQ(get("/boxlibraries/lib/b.txt").body, "box");
 }
 

@@ -128,7 +128,18 @@ TEST(TranslateHttp, MapsBoxLibrariesTmpAndShare) {
   EXPECT_EQ(ZR::translateHttp("boxlibraries/a/b.txt"),
             paths().home / ".tuqvu" / "boxlibraries" / "a" / "b.txt");
   EXPECT_EQ(ZR::translateHttp("tmp/upload/a.txt"), paths().tmp / "upload" / "a.txt");
-  EXPECT_EQ(ZR::translateHttp("share/app/f.txt"), paths().dataHome / "app" / "f.txt");
+  EXPECT_EQ(ZR::translateHttp("share/tuqvu/f.txt"), paths().dataHome / "tuqvu" / "f.txt");
+}
+
+TEST(TranslateHttp, TheDataOfOtherApplicationsIsNotMapped) {
+  EXPECT_TRUE(ZR::translateHttp("share/app/f.txt").empty());
+  EXPECT_TRUE(ZR::translateHttp("share/systemd/user/x.conf").empty());
+  ZR::MappedPath mapped;
+  ASSERT_TRUE(ZR::mapRequestPath("share/app/f.txt", &mapped));
+  EXPECT_FALSE(mapped.refusal.empty());
+  EXPECT_TRUE(ZR::isServedApplication("tuqvu"));
+  EXPECT_FALSE(ZR::isServedApplication(""));
+  EXPECT_FALSE(ZR::isServedApplication("Tuqvu"));
 }
 
 TEST(TranslateHttp, MapsOtherFilesToThePrefixExceptRefusedExtensions) {

@@ -92,6 +92,22 @@ TEST_F(RequestGuard, OptionsHeadAndPatchAre405WithoutCorsHeaders) {
   }
 }
 
+TEST_F(RequestGuard, EveryOtherMethodIs405OfTheServiceAndNeverAFaultNamingItsEngine) {
+  for (const char* method : {"BREW", "PROPFIND", "TRACE", "CONNECT", "MKCOL", "FOO"}) {
+    bool closed = false;
+    const std::string received = zrft_test::requestUntilClosed(
+        fPort, std::string(method) + " /tmp/x.txt HTTP/1.1\nHost: robot\n\n", &closed);
+    EXPECT_EQ(received,
+              "HTTP/1.1 405 Method Not Allowed\nServer: TuqVu\nAllow: GET, PUT, DELETE\n"
+              "Content-Type: text/plain\nContent-Length: 25\n\n405 - Method Not Allowed\n")
+        << method;
+    EXPECT_TRUE(closed) << method;
+  }
+  writeFile(paths().tmp / "after.txt", "served");
+  EXPECT_EQ(zrft_test::request(fPort, "GET /tmp/after.txt HTTP/1.1\nHost: robot\n\n").body,
+            "served");
+}
+
 TEST_F(RequestGuard, RepliesOfGsoapItselfCarryNoCorsHeadersWhateverTheOrigin) {
   writeFile(paths().tmp / "cors.txt", "x");
   for (const std::string& bytes :

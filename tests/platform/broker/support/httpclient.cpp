@@ -14,6 +14,8 @@
 #include <boost/beast/http.hpp>
 #include <cctype>
 #include <chrono>
+#include <map>
+#include <mutex>
 #include <stdexcept>
 
 namespace brokertest {
@@ -23,13 +25,36 @@ namespace http = beast::http;
 namespace net = boost::asio;
 using tcp = net::ip::tcp;
 
+namespace {
+
+// Guards gAuthorizations: tests may start daemons from several threads.
+std::mutex gAuthorizationMutex;
+std::map<int, std::string> gAuthorizations;
+
+}  // namespace
+
+std::string authorizationFor(int port) {
+  std::lock_guard<std::mutex> lock(gAuthorizationMutex);
+  const auto found = gAuthorizations.find(port);
+  return found == gAuthorizations.end() ? std::string() : found->second;
+}
+
+void setAuthorizationFor(int port, const std::string& value) {
+  std::lock_guard<std::mutex> lock(gAuthorizationMutex);
+  if (value.empty()) {
+    gAuthorizations.erase(port);
+  } else {
+    gAuthorizations[port] = value;
+  }
+}
+
 struct HttpConnection::Impl {
   net::io_context ioc;
   beast::tcp_stream stream{ioc};
   beast::flat_buffer buffer;
 };
 
-HttpConnection::HttpConnection(int port) : fImpl(std::make_unique<Impl>()) {
+HttpConnection::HttpConnection(int port) : fImpl(std::make_unique<Impl>()), fPort(port) {
   fImpl->stream.connect(
       tcp::endpoint(net::ip::make_address("127.0.0.1"), static_cast<unsigned short>(port)));
   fImpl->stream.socket().set_option(tcp::no_delay(true));
@@ -42,6 +67,8 @@ void HttpConnection::send(const std::string& method, const std::string& target,
   http::request<http::string_body> request{http::string_to_verb(method), target, 11};
   if (request.method() == http::verb::unknown) request.method_string(method);
   request.set(http::field::host, "127.0.0.1");
+  const std::string authorization = authorizationFor(fPort);
+  if (!authorization.empty()) request.set(http::field::authorization, authorization);
   if (!body.empty() || method == "POST") {
     request.set(http::field::content_type, "application/json");
     request.body() = body;
@@ -76,7 +103,15 @@ HttpReply HttpConnection::request(const std::string& method, const std::string& 
   }
   http::request<http::string_body> request{http::string_to_verb(method), target, 11};
   request.set(http::field::host, "127.0.0.1");
-  for (const auto& header : headers) request.set(header.first, header.second);
+  const std::string authorization = authorizationFor(fPort);
+  if (!authorization.empty()) request.set(http::field::authorization, authorization);
+  for (const auto& header : headers) {
+    if (header.second.empty()) {
+      request.erase(header.first);  // an empty value: none of that header at all
+    } else {
+      request.set(header.first, header.second);
+    }
+  }
   request.body() = body;
   request.prepare_payload();
   http::write(fImpl->stream, request);
@@ -160,8 +195,10 @@ std::string rawExchange(int port, const std::string& bytes, int quietMs) {
 }
 
 EventStream::EventStream(int port, const std::string& target) : fFd(connectRaw(port)) {
-  sendAll(fFd,
-          "GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\nAccept: text/event-stream\r\n\r\n");
+  const std::string authorization = authorizationFor(port);
+  sendAll(fFd, "GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\nAccept: text/event-stream\r\n" +
+                   (authorization.empty() ? "" : "Authorization: " + authorization + "\r\n") +
+                   "\r\n");
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
   while (fPending.find("\r\n\r\n") == std::string::npos &&
          std::chrono::steady_clock::now() < deadline) {

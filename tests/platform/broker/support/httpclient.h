@@ -10,6 +10,13 @@
 
 namespace brokertest {
 
+// The Authorization header value that the broker on `port` accepts: TuqvuProcess records
+// its daemon's once it listens ("" forgets it). The helpers below send it to that port by
+// themselves; a request that names its own Authorization header sends that instead, and
+// an empty one sends none.
+std::string authorizationFor(int port);
+void setAuthorizationFor(int port, const std::string& value);
+
 struct HttpReply {
   int status = 0;
   std::map<std::string, std::string> headers;  // names in lower case
@@ -36,6 +43,7 @@ public:
 private:
   struct Impl;
   std::unique_ptr<Impl> fImpl;
+  int fPort;
 };
 
 HttpReply httpGet(int port, const std::string& target);

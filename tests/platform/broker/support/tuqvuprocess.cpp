@@ -7,6 +7,7 @@
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vu/base64.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -17,6 +18,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "httpclient.h"
+
 extern char** environ;
 
 namespace brokertest {
@@ -26,6 +29,24 @@ namespace fs = std::filesystem;
 namespace {
 // Guards against a hang only: a daemon that is slower than this is broken.
 constexpr int kGuardMs = 60000;
+
+// Where a daemon started with these arguments and this environment keeps its secret.
+std::string secretFileOf(const std::vector<std::string>& argv,
+                         const std::map<std::string, std::string>& env) {
+  for (std::size_t i = 0; i + 1 < argv.size(); ++i) {
+    if (argv[i] == "--secret-file") return argv[i + 1];
+  }
+  for (const std::string& argument : argv) {
+    if (argument.rfind("--secret-file=", 0) == 0) return argument.substr(14);
+  }
+  const auto config = env.find("XDG_CONFIG_HOME");
+  if (config != env.end() && !config->second.empty() && config->second[0] == '/') {
+    return config->second + "/tuqvu/secret";
+  }
+  const auto home = env.find("HOME");
+  return (home == env.end() ? std::string() : home->second) + "/.config/tuqvu/secret";
+}
+
 }  // namespace
 
 TempDir::TempDir() {
@@ -50,6 +71,7 @@ TuqvuProcess::TuqvuProcess(Setup setup) {
 }
 
 TuqvuProcess::~TuqvuProcess() {
+  if (!fAuthorization.empty()) setAuthorizationFor(fPort, "");
   if (fPid > 0 && fExitStatus < 0) {
     ::kill(fPid, SIGKILL);
     collect(kGuardMs);
@@ -72,9 +94,12 @@ void TuqvuProcess::start(Setup setup) {
     if (equals != std::string::npos) env[text.substr(0, equals)] = text.substr(equals + 1);
   }
   env.erase("XDG_DATA_HOME");
+  env.erase("XDG_CONFIG_HOME");
   env["HOME"] = fHome.path();
   env["TUQVU_SDK_PREFIX"] = fPrefix.path();
   for (const auto& extra : setup.env) env[extra.first] = extra.second;
+
+  fSecretFile = secretFileOf(argv, env);
 
   std::vector<std::string> envText;
   for (const auto& entry : env) envText.push_back(entry.first + "=" + entry.second);
@@ -123,6 +148,7 @@ void TuqvuProcess::readUntilListening(int guardMs) {
           fStdout.substr(found + marker.size(), fStdout.find('\n', found) - found - marker.size());
       fPort = std::stoi(line.substr(line.rfind(':') + 1));
       fStdoutRead = fStdout.find('\n', found) + 1;
+      rememberSecret();
       return;
     }
     pollfd entry{fStdoutFd, POLLIN, 0};
@@ -135,6 +161,14 @@ void TuqvuProcess::readUntilListening(int guardMs) {
   }
   throw std::runtime_error("tuqvu did not report listening; its output:\n" + fStdout +
                            "\nits log:\n" + stderrText());
+}
+
+void TuqvuProcess::rememberSecret() {
+  std::ifstream file(fSecretFile);
+  std::getline(file, fSecret);
+  if (fSecret.empty()) return;  // a daemon that made none (it failed, or was told not to)
+  fAuthorization = "Basic " + vu::base64::encode("tuqvu:" + fSecret);
+  setAuthorizationFor(fPort, fAuthorization);
 }
 
 std::string TuqvuProcess::readLine(int timeoutMs) {

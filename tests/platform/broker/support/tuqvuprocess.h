@@ -45,6 +45,12 @@ public:
   TuqvuProcess& operator=(const TuqvuProcess&) = delete;
 
   int port() const { return fPort; }
+  // The "Basic ..." value of an Authorization header with the daemon's secret, read from
+  // its secret file once it listens; the helpers of httpclient.h send it to port() by
+  // themselves.
+  const std::string& authorization() const { return fAuthorization; }
+  // The daemon's secret itself.
+  const std::string& secret() const { return fSecret; }
   pid_t pid() const { return fPid; }
   const std::string& home() const { return fHome.path(); }
   const std::string& prefix() const { return fPrefix.path(); }
@@ -67,6 +73,7 @@ public:
 private:
   void start(Setup setup);
   void readUntilListening(int guardMs);
+  void rememberSecret();
   int collect(int timeoutMs);
 
   TempDir fHome;
@@ -79,6 +86,9 @@ private:
   int fStdoutFd = -1;
   int fPort = 0;
   int fExitStatus = -1;
+  std::string fSecretFile;  // where the daemon keeps its secret
+  std::string fSecret;
+  std::string fAuthorization;
 };
 
 // The files this build made (compile definitions of the test target).

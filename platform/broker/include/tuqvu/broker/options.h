@@ -24,7 +24,8 @@ struct Options {
   std::string bind = "127.0.0.1";
   bool bindGiven = false;              // false: $TUQVU_BIND, when set, chooses the address
   std::vector<std::string> hostNames;  // --host-name, repeatable
-  std::string secretFile;              // empty: the user's data folder
+  std::string secretFile;              // empty: the user's config folder
+  bool trustLoopback = false;          // --trust-loopback: no secret asked on loopback
   std::vector<ModuleSpec> modules;     // in load order
   bool modulesGiven = false;           // false: load the default module library
   int logLevel = 4;

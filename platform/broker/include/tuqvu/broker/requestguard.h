@@ -1,5 +1,6 @@
 // The checks a request passes before it reaches a route. They keep web pages of other
-// origins from driving the robot through a visitor's browser:
+// origins from driving the robot through a visitor's browser (zr/zrbrowserguard.h, shared
+// with the file server):
 //   - Host must be an IP literal, "localhost" or a name the administrator allowed, so a
 //     DNS name rebound to the robot's address is refused;
 //   - an Origin header must name the broker itself, and Sec-Fetch-Site must not say the
@@ -20,7 +21,8 @@ namespace tuqvu {
 namespace broker {
 
 // Once the broker listens beyond loopback, every request must also present the secret
-// (HTTP Basic, any user name) or the session cookie handed out for it.
+// (HTTP Basic, any user name) or the session cookie handed out for it; "?eval=" needs the
+// cookie (changesStateThroughAPlainGet).
 struct GuardVerdict {
   std::optional<Response> refusal;  // to send instead of routing the request
   bool signedIn = false;            // the secret came with it: hand out the session cookie
@@ -32,11 +34,10 @@ GuardVerdict guardRequest(const Request& request, const ZR::ZRNetworkAccess& acc
 extern const char* const kSessionCookie;
 std::string sessionCookieHeader(const std::string& sessionToken);
 
-// The host part of a Host header value ("[::1]:9600" gives "::1", "robot:80" "robot").
-std::string hostOfHostHeader(const std::string& value);
-
-// True for "localhost", IPv4 and IPv6 literals and the names in access.hostNames.
-bool isAllowedHost(const std::string& host, const ZR::ZRNetworkAccess& access);
+// True for the requests a page can make a browser send without asking, whatever site it
+// comes from, and that still change the robot: "?eval=". Beyond the secret they need the
+// session cookie, which the browser keeps to the robot's own pages.
+bool changesStateThroughAPlainGet(const Request& request);
 
 // True when Content-Type is application/json, parameters such as charset aside.
 bool isJsonContentType(const Request& request);

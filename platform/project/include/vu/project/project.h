@@ -1,6 +1,6 @@
 // vu::project::Project — one project directory and the metadata in its project.xml.
 //
-//   vu::project::Project project("/home/nao/.tuqvu/behaviors/wave");
+//   vu::project::Project project("/home/robot/.tuqvu/behaviors/wave");
 //   if (project.valid() && project.getMetadata("Type") == "Resource") { ... }
 //
 // The on-disk formats are described in docs/formats.md.
