@@ -44,8 +44,7 @@ std::string repeated(const std::string& part, int times) {
 
 // Zips the content of `folder` (links stored as links) into `zip`.
 void zipFolder(const fs::path& folder, const fs::path& zip) {
-  const std::string command =
-      "cd '" + folder.string() + "' && zip -qry '" + zip.string() + "' .";
+  const std::string command = "cd '" + folder.string() + "' && zip -qry '" + zip.string() + "' .";
   ASSERT_EQ(std::system(command.c_str()), 0) << command;
 }
 
@@ -139,8 +138,9 @@ TEST_F(PackageLinksOfTuqvu, AFolderOfAPackageInstalledShallowerKeepsNoLinkLeadin
       json(false));
   EXPECT_FALSE(fs::exists(fs::symlink_status(library() / "loot" / "leak")));
 
-  for (const std::string& path : std::vector<std::string>{"/behaviors/User/ra/leak", "/behaviors/User/loot/leak",
-                                  "/behaviors/User/pkg/" + repeated("a", 24) + "/leak"}) {
+  for (const std::string& path :
+       std::vector<std::string>{"/behaviors/User/ra/leak", "/behaviors/User/loot/leak",
+                                "/behaviors/User/pkg/" + repeated("a", 24) + "/leak"}) {
     EXPECT_EQ(std::string::npos, get(path).find(kSecret)) << path;
   }
   // The refusal names the link, not where it leads.
@@ -151,7 +151,8 @@ TEST_F(PackageLinksOfTuqvu, AFolderOfAPackageInstalledShallowerKeepsNoLinkLeadin
   const std::string line = log.substr(lineStart, log.find('\n', refusal) - lineStart);
   EXPECT_NE(std::string::npos, line.find("leads outside")) << line;
   EXPECT_EQ(std::string::npos, line.find(outsideDir().string())) << line;
-  EXPECT_NE(std::string::npos, log.find("\"leak\" of the resource leads outside its folder")) << log;
+  EXPECT_NE(std::string::npos, log.find("\"leak\" of the resource leads outside its folder"))
+      << log;
 }
 
 TEST_F(PackageLinksOfTuqvu, ALinkPlantedInTheLibraryLeadsNoInstallOrRemovalOutside) {
@@ -179,7 +180,8 @@ TEST_F(PackageLinksOfTuqvu, ALinkPlantedInTheLibraryLeadsNoInstallOrRemovalOutsi
   EXPECT_FALSE(fs::exists(outsideDir() / "new"));
 
   // Removing the outside resource through the link is refused and removes nothing.
-  const json removal = call("ZRBehaviorManager.removeBehavior", json::array({"rb/root/planted-victim"}));
+  const json removal =
+      call("ZRBehaviorManager.removeBehavior", json::array({"rb/root/planted-victim"}));
   EXPECT_TRUE(removal.is_object()) << removal.dump();
   EXPECT_EQ("kept", tuqvutest::readFile(victim / "data.txt"));
   EXPECT_EQ(std::string::npos, removal.dump().find(outsideDir().string())) << removal.dump();
