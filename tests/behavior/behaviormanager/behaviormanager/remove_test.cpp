@@ -290,7 +290,6 @@ TEST_F(Remove, ResourceThatCannotBeDeletedIsReportedWithTheFileSystemText) {
   makeResource(userRoot() / "media");
   makeDeepChain(userRoot() / "media");
   start();
-  std::string expectedText;
   try {
     remove("media");
     ADD_FAILURE() << "the resource was removed";
