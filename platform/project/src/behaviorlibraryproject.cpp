@@ -1,8 +1,9 @@
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <vu/beneath.h>
 #include <vu/project/behaviorlibraryproject.h>
 #include <vu/project/error.h>
 
-#include <boost/filesystem.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -19,11 +20,6 @@ namespace {
 
 constexpr const char* kImport = "BehaviorLibraryProject::importBehavior";
 constexpr const char* kRemove = "BehaviorLibraryProject::removeBehavior";
-
-std::string parentOf(const std::string& path) {
-  const std::string::size_type slash = path.rfind('/');
-  return slash == 0 ? std::string("/") : path.substr(0, slash);
-}
 
 }  // namespace
 
@@ -118,19 +114,67 @@ std::string destinationProblem(detail::LibraryIndex& index, const std::string& r
   return "";
 }
 
-// Puts a copy of `source` (or, for a package's fresh unpack, `source` itself) at `dest`:
-// built in a staging folder beside it, then moved into place in one rename (or exchanged
-// with what is there, which is then removed). Nothing to do when `dest` already is
-// `source`. False, logged (naming the behavior `rel`), when it cannot be done; `dest` is
-// then as it was.
-bool placeBehavior(const std::string& source, const std::string& dest, const std::string& rel,
+// The folder that holds `rel` beneath the library root, opened (and, with `create`,
+// made where missing) one component at a time and never through a link; `name` gets
+// the last component of `rel`. Logs and returns an empty descriptor on failure.
+vu::beneath::UniqueFd openParentBeneath(const char* function, const std::string& root,
+                                        const std::string& rel, bool create, std::string* name) {
+  std::vector<std::string> components;
+  vu::beneath::splitRelative(rel, &components);
+  *name = components.back();
+  components.pop_back();
+  const vu::beneath::UniqueFd rootFd(vu::beneath::openDirectory(root));
+  if (!rootFd) {
+    detail::logError(function,
+                     "Cannot open the library root " + root + ": " + std::strerror(errno));
+    return vu::beneath::UniqueFd();
+  }
+  vu::beneath::UniqueFd parent;
+  if (create) {
+    parent.reset(vu::beneath::makeDirectoriesBeneath(rootFd.get(), components));
+  } else {
+    const std::string::size_type slash = rel.rfind('/');
+    parent.reset(vu::beneath::openBeneath(rootFd.get(),
+                                          slash == std::string::npos ? "" : rel.substr(0, slash),
+                                          O_PATH | O_DIRECTORY));
+  }
+  if (!parent) {
+    const std::string reason = errno == ELOOP || errno == EXDEV ? "a symbolic link is in the way"
+                                                                : std::string(std::strerror(errno));
+    detail::logError(function, "Cannot reach the folder of " + rel + " in the library: " + reason);
+  }
+  return parent;
+}
+
+// Puts a copy of `source` (or, for a package's fresh unpack, `source` itself) at `rel`
+// beneath `root`: built in a staging folder beside it, then moved into place in one
+// rename (or exchanged with what is there, which is then removed). Every step works
+// from descriptors beneath the root, so no link in the library takes it elsewhere, and
+// the copy keeps only the links that stay inside the behavior. Nothing to do when the
+// destination already is `source`. False, logged, when it cannot be done; the
+// destination is then as it was.
+bool placeBehavior(const std::string& source, const std::string& root, const std::string& rel,
                    bool overwrite) {
+  const std::string dest = detail::joinPath(root, rel);
+  if (dest.compare(0, source.size() + 1, source + "/") == 0) {
+    detail::logWarning(kImport, "Cannot import " + source + " into itself (" + dest + ")");
+    return false;
+  }
+  std::string name;
+  const vu::beneath::UniqueFd parent = openParentBeneath(kImport, root, rel, true, &name);
+  if (!parent) {
+    return false;
+  }
+  // The source is the folder the caller named; below it nothing is followed.
+  const vu::beneath::UniqueFd from(vu::beneath::openDirectory(source));
   struct stat sourceInfo, destInfo;
-  const bool destExists = ::lstat(dest.c_str(), &destInfo) == 0;
-  const bool inPlace = destExists && ::stat(dest.c_str(), &destInfo) == 0 &&
-                       ::stat(source.c_str(), &sourceInfo) == 0 &&
-                       sourceInfo.st_dev == destInfo.st_dev && sourceInfo.st_ino == destInfo.st_ino;
-  if (inPlace) {
+  if (!from || ::fstat(from.get(), &sourceInfo) != 0) {
+    detail::logError(kImport, "Cannot open " + source + ": " + std::strerror(errno));
+    return false;
+  }
+  const bool destExists =
+      ::fstatat(parent.get(), name.c_str(), &destInfo, AT_SYMLINK_NOFOLLOW) == 0;
+  if (destExists && vu::beneath::identityOf(sourceInfo) == vu::beneath::identityOf(destInfo)) {
     return true;
   }
   if (destExists && !overwrite) {
@@ -138,56 +182,44 @@ bool placeBehavior(const std::string& source, const std::string& dest, const std
                                     " exists and overwriting was not asked for");
     return false;
   }
-  if (dest.compare(0, source.size() + 1, source + "/") == 0) {
-    detail::logWarning(kImport, "Cannot import " + source + " into itself (" + dest + ")");
-    return false;
-  }
-  const std::string parent = parentOf(dest);
-  boost::system::error_code code;
-  boost::filesystem::create_directories(parent, code);
-  if (code) {
-    detail::logError(kImport, "Cannot create " + parent + ": " + code.message());
-    return false;
-  }
-  // Copied (or, for a package's fresh unpack, moved) beside the destination, then
-  // put in its place in one rename.
-  const std::string staging = detail::stagingPath(parent, "");
-  const bool moved = detail::moveFreshUnpack(source, staging);
+  const std::string staging = detail::stagingName("");
+  const bool moved = detail::moveFreshUnpack(source, parent.get(), staging);
   if (!moved) {
     try {
-      detail::copyTree(source, staging);
+      detail::copyTree(from.get(), ".", parent.get(), staging, "the behavior");
     } catch (const ProjectError& error) {
-      detail::removeTreeIfPossible(staging);
-      detail::logError(kImport, "Cannot import " + source + ": " + error.what());
+      detail::removeTreeIfPossible(parent.get(), staging);
+      detail::logError(kImport, "Cannot import \"" + rel + "\": " + error.what());
       return false;
     }
   }
   // Undoes the staging after a failure: a moved unpack goes back where it was.
   const auto abandonStaging = [&]() {
-    if (moved && std::rename(staging.c_str(), source.c_str()) == 0) {
+    if (moved && ::renameat(parent.get(), staging.c_str(), AT_FDCWD, source.c_str()) == 0) {
       detail::rememberFreshUnpack(source);  // moved back: still a fresh unpack
     } else {
-      detail::removeTreeIfPossible(staging);
+      detail::removeTreeIfPossible(parent.get(), staging);
     }
   };
   if (destExists) {
     try {
-      detail::exchange(staging, dest);
+      detail::exchange(parent.get(), staging, name, "\"" + rel + "\"");
     } catch (const ProjectError& error) {
       abandonStaging();
       detail::logError(kImport, "Cannot import " + source + ": " + error.what());
       return false;
     }
     try {
-      detail::removeTree(staging);  // now the old destination
+      detail::removeTree(parent.get(), staging, "the old copy");  // now the old destination
     } catch (const ProjectError& error) {
       detail::logWarning(
           kImport, std::string("Imported " + rel + " but the old copy stays: ") + error.what());
     }
-  } else if (std::rename(staging.c_str(), dest.c_str()) != 0) {
-    const std::string error = std::strerror(errno);
+  } else if (const int error =
+                 vu::beneath::renameBeneath(parent.get(), staging, parent.get(), name)) {
     abandonStaging();
-    detail::logError(kImport, "Cannot move " + source + " into place at " + dest + ": " + error);
+    detail::logError(
+        kImport, "Cannot move " + source + " into place at " + dest + ": " + std::strerror(error));
     return false;
   }
   return true;
@@ -213,7 +245,6 @@ bool BehaviorLibraryProject::importBehavior(const std::string& sourceDir,
                        source + " is not a behavior: it holds no " + detail::kBehaviorFile);
     return false;
   }
-  const std::string dest = detail::joinPath(index->root(), rel);
   std::vector<std::string> replaced;  // behaviors below rel that rel now hides
   bool known = false;
   {
@@ -228,7 +259,7 @@ bool BehaviorLibraryProject::importBehavior(const std::string& sourceDir,
       std::lock_guard<std::mutex> lock(fMutex);
       known = fKnown.count(rel) != 0;
     }
-    if (!placeBehavior(source, dest, rel, overwrite)) {
+    if (!placeBehavior(source, index->root(), rel, overwrite)) {
       return false;
     }
     for (const std::string& path : before) {
@@ -267,15 +298,22 @@ bool BehaviorLibraryProject::removeBehavior(const std::string& relPath) {
     if (!index->hasBehavior(rel)) {
       return false;
     }
-    // Renamed away first, so the behavior leaves the listing at once and whole.
-    const std::string dest = detail::joinPath(index->root(), rel);
-    const std::string aside = detail::stagingPath(parentOf(dest), ".removed");
-    if (std::rename(dest.c_str(), aside.c_str()) != 0) {
-      detail::logError(kRemove, "Cannot remove " + dest + ": " + std::strerror(errno));
+    // Renamed away first, so the behavior leaves the listing at once and whole; both
+    // steps work beneath the library root and follow no link.
+    std::string name;
+    const vu::beneath::UniqueFd parent =
+        openParentBeneath(kRemove, index->root(), rel, false, &name);
+    if (!parent) {
+      return false;
+    }
+    const std::string aside = detail::stagingName(".removed");
+    if (const int error = vu::beneath::renameBeneath(parent.get(), name, parent.get(), aside)) {
+      detail::logError(kRemove, "Cannot remove " + detail::joinPath(index->root(), rel) + ": " +
+                                    std::strerror(error));
       return false;
     }
     try {
-      detail::removeTree(aside);
+      detail::removeTree(parent.get(), aside, "its files");
     } catch (const ProjectError& error) {
       detail::logWarning(kRemove,
                          std::string("Removed " + rel + " from the library, but ") + error.what());

@@ -14,7 +14,8 @@ ZRRequestOrigin from(std::optional<std::string> host, std::optional<std::string>
   return request;
 }
 
-ZRBrowserRefusal check(const ZRRequestOrigin& request, ZRSiteCheck siteCheck = ZRSiteCheck::Always) {
+ZRBrowserRefusal check(const ZRRequestOrigin& request,
+                       ZRSiteCheck siteCheck = ZRSiteCheck::Always) {
   ZRNetworkAccess access;
   access.hostNames = {"Robot.Local"};
   return browserRefusal(request, access, siteCheck);
@@ -32,9 +33,8 @@ TEST(ZRBrowserGuard, TheHostPartOfAHostHeaderIsItsNameOrAddress) {
 }
 
 TEST(ZRBrowserGuard, AddressesLocalhostAndAllowedNamesInAnyCaseAreThisRobots) {
-  for (const char* host :
-       {"127.0.0.1:9600", "192.168.1.20", "[::1]:9600", "[fe80::1]:15000", "LOCALHOST",
-        "robot.local", "ROBOT.LOCAL:9600"}) {
+  for (const char* host : {"127.0.0.1:9600", "192.168.1.20", "[::1]:9600", "[fe80::1]:15000",
+                           "LOCALHOST", "robot.local", "ROBOT.LOCAL:9600"}) {
     EXPECT_EQ(ZRBrowserRefusal::None, check(from(std::string(host)))) << host;
   }
   for (const char* host : {"attacker.example", "127.0.0.1.nip.io:9600", "robot", ""}) {
@@ -47,8 +47,7 @@ TEST(ZRBrowserGuard, AddressesLocalhostAndAllowedNamesInAnyCaseAreThisRobots) {
 TEST(ZRBrowserGuard, OnlyTheRobotsOwnOriginPasses) {
   EXPECT_EQ(ZRBrowserRefusal::None, check(from("127.0.0.1:9600", "http://127.0.0.1:9600")));
   EXPECT_EQ(ZRBrowserRefusal::None, check(from("Robot.Local", "HTTP://robot.local")));
-  EXPECT_EQ(ZRBrowserRefusal::ForeignOrigin,
-            check(from("127.0.0.1:9600", "http://evil.example")));
+  EXPECT_EQ(ZRBrowserRefusal::ForeignOrigin, check(from("127.0.0.1:9600", "http://evil.example")));
   EXPECT_EQ(ZRBrowserRefusal::ForeignOrigin, check(from("127.0.0.1:9600", "null")));
   EXPECT_EQ(ZRBrowserRefusal::ForeignOrigin, check(from(std::nullopt, "http://127.0.0.1")));
 }

@@ -154,7 +154,11 @@ public:
   vu::project::BehaviorLibraryProject& xUserLibrary() { return fUserLibrary; }
   void xReadDefaultBehaviors(std::set<std::string>& names) const;
   void xWriteDefaultBehaviors(const std::set<std::string>& names);
-  bool copy(const boost::filesystem::path& source, const boost::filesystem::path& destination);
+  // Copies the resource folder `source` to the new entry `name` of the open folder
+  // `destinationDirectory` (vu::beneath::copyTree); false when it fails, a runtime_error
+  // when a link of the folder leads outside it.
+  bool copy(const boost::filesystem::path& source, int destinationDirectory,
+            const std::string& name);
   // A copy of the state table, entries with StateUnknown included.
   std::map<std::string, BehaviorState> xStateTable() const;
   // How many threads are queued for the registry lock at this moment.

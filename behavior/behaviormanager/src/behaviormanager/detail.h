@@ -1,6 +1,7 @@
 // Shared by the module's source files: the names its errors and log lines carry.
 #pragma once
 
+#include <vu/beneath.h>
 #include <vu/log.h>
 #include <zr/zrerror.h>
 
@@ -33,6 +34,13 @@ std::string joinUnderRoot(const std::string& root, const std::string& local);
 // True when local names a place strictly below the library root: something other than
 // the root itself, reached without going up ("..").
 bool namesAPlaceBelowRoot(const std::string& local);
+
+// The folder that holds `local` beneath the library `root`, reached one component at a
+// time from a descriptor of the root and never through a link (made where missing when
+// `create` is set); `name` gets the last component. `local` must name a place below the
+// root. An empty descriptor with errno set when it cannot be reached.
+vu::beneath::UniqueFd openFolderOf(const std::string& root, const std::string& local, bool create,
+                                   std::string* name);
 
 }  // namespace detail
 }  // namespace BehaviorManager

@@ -1,10 +1,13 @@
 // Installing behaviors, packages and resources into the user library.
+#include <fcntl.h>
+#include <stdio.h>
+#include <vu/beneath.h>
 #include <vu/containment.h>
-#include <vu/project/filecopy.h>
 #include <vu/project/package.h>
 #include <vu/project/project.h>
 
 #include <boost/filesystem.hpp>
+#include <cstring>
 #include <stdexcept>
 
 #include "behaviormanager.h"
@@ -81,18 +84,30 @@ bool ZRBehaviorManager::installBehavior(const std::string& absolutePath,
       if (from == to) {
         return true;  // already in place
       }
-      fs::remove_all(dest);
-      fs::create_directories(dest.parent_path());  // a resource may go to a new folder
-      try {
-        fs::rename(tmp, dest);
-        return true;
-      } catch (const fs::filesystem_error&) {
-        if (copy(project.projectPath(), dest)) {
-          fs::remove_all(tmp);
-          return true;
-        }
-        return false;
+      // From here on every step works beneath a descriptor of the library root: a link
+      // in the library leads neither the removal, nor a new folder (a resource may go to
+      // one), nor the copy outside it.
+      std::string name;
+      const vu::beneath::UniqueFd parent =
+          detail::openFolderOf(fUserLibrary.projectPath(), localPath, true, &name);
+      if (!parent) {
+        throw std::runtime_error(
+            "\"" + localPath + "\" is not a place for this resource in the user behavior library");
       }
+      if (const int error = vu::beneath::removeTree(parent.get(), name)) {
+        throw std::runtime_error("cannot remove what is at \"" + localPath +
+                                 "\": " + std::strerror(error));
+      }
+      // tmp is this install's own folder; renaming it fails when the resource came as a
+      // folder (tmp was never made) or lies on another file system.
+      if (::renameat(AT_FDCWD, tmp.c_str(), parent.get(), name.c_str()) == 0) {
+        return true;
+      }
+      if (copy(project.projectPath(), parent.get(), name)) {
+        fs::remove_all(tmp);
+        return true;
+      }
+      return false;
     }
 
     const bool ok = fUserLibrary.importBehavior(project.projectPath(), localPath, overwrite);
@@ -112,28 +127,21 @@ bool ZRBehaviorManager::installBehavior(const std::string& absolutePath,
   }
 }
 
-bool ZRBehaviorManager::copy(const fs::path& source, const fs::path& destination) {
-  if (fs::is_directory(source)) {
-    if (!somethingAt(destination)) {
-      try {
-        fs::create_directory(destination);
-      } catch (const fs::filesystem_error&) {
-        return false;
-      }
-    }
-    if (!fs::is_directory(destination)) {
-      return false;
-    }
-    for (fs::directory_iterator entry(source), end; entry != end; ++entry) {
-      if (!copy(entry->path(), destination / entry->path().filename())) {
-        return false;
-      }
-    }
-    return true;
+bool ZRBehaviorManager::copy(const fs::path& source, int destinationDirectory,
+                             const std::string& name) {
+  // The source is the folder the caller named; below it nothing is followed, and a link
+  // is kept only while it resolves inside that folder, wherever the copy lies.
+  const vu::beneath::UniqueFd from(vu::beneath::openDirectory(source.string()));
+  if (!from) {
+    return false;
   }
-  boost::system::error_code code;
-  vu::project::copyFile(source.string(), destination.string(), code);
-  return !code;
+  const vu::beneath::CopyProblem problem =
+      vu::beneath::copyTree(from.get(), ".", destinationDirectory, name);
+  if (problem.linkLeavesFolder) {
+    throw std::runtime_error("the symbolic link \"" + problem.entry +
+                             "\" of the resource leads outside its folder");
+  }
+  return !problem;
 }
 
 }  // namespace BehaviorManager

@@ -1,12 +1,11 @@
 // Removing behaviors and resources from the user library.
 #include <vu/project/project.h>
 
-#include <boost/filesystem.hpp>
+#include <cerrno>
+#include <cstring>
 
 #include "behaviormanager.h"
 #include "detail.h"
-
-namespace fs = boost::filesystem;
 
 namespace ZR {
 namespace BehaviorManager {
@@ -36,11 +35,15 @@ bool ZRBehaviorManager::removeBehavior(const std::string& behavior) {
   const vu::project::Project project(dest);
   if (fUserLibrary.valid() && detail::namesAPlaceBelowRoot(behavior) &&
       detail::isResourceType(project.getMetadata("Type"))) {
-    try {
-      fs::remove_all(dest);
-    } catch (const fs::filesystem_error& error) {
+    // Removed beneath the library root by descriptors: a link on the way or inside the
+    // resource never takes the removal outside.
+    std::string name;
+    const vu::beneath::UniqueFd parent =
+        detail::openFolderOf(fUserLibrary.projectPath(), behavior, false, &name);
+    const int error = parent ? vu::beneath::removeTree(parent.get(), name) : errno;
+    if (error != 0) {
       throw ZRError(detail::kModuleName, "removeBehavior",
-                    "Resource " + behavior + " could not be removed. " + error.what(),
+                    "Resource " + behavior + " could not be removed. " + std::strerror(error),
                     detail::kSourceFile, 1109);
     }
     return true;

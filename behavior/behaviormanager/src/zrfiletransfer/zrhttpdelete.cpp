@@ -2,13 +2,13 @@
 // was there or the removal failed (the failure is logged). The tree is removed by
 // descriptors beneath its root without following any link; a served folder itself, the
 // installation and the folders this robot depends on are refused with 403.
+#include <vu/beneath.h>
 #include <vu/log.h>
 #include <zrfiletransfer/zrhttphandlers.h>
 
 #include <cerrno>
 #include <cstring>
 
-#include "zrbeneath.h"
 #include "zrhttpreply.h"
 #include "zrrequestguard.h"
 #include "zrwriteguard.h"
@@ -42,7 +42,7 @@ int httpDel(soap* connection) {
   }
   const std::vector<std::string> components = pathComponents(mapped.relative);
 
-  detail::UniqueFd root(detail::openDirectory(mapped.root.string()));
+  vu::beneath::UniqueFd root(vu::beneath::openDirectory(mapped.root.string()));
   if (root || components.empty()) {
     const std::vector<fs::path> keep = detail::protectedDirectories();
     const std::string why =
@@ -52,14 +52,14 @@ int httpDel(soap* connection) {
       detail::sendRefusal(connection, "403 Forbidden", why);
       return 0;
     }
-    detail::UniqueFd parent(
-        detail::openBeneath(root.get(), detail::joinComponents(components, components.size() - 1),
-                            O_PATH | O_DIRECTORY));
+    vu::beneath::UniqueFd parent(vu::beneath::openBeneath(
+        root.get(), detail::joinComponents(components, components.size() - 1),
+        O_PATH | O_DIRECTORY));
     if (parent) {
       // The protected folders are also skipped on the way, should one be moved into
       // the tree while it is removed.
       const int error =
-          detail::removeTree(parent.get(), components.back(), detail::identitiesOf(keep));
+          vu::beneath::removeTree(parent.get(), components.back(), detail::identitiesOf(keep));
       if (error != 0) {
         logError("Removing path failed: " + relative.string() + ": " + std::strerror(error));
       }

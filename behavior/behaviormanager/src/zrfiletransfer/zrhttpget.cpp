@@ -10,6 +10,7 @@
 //   <file bytes>                         b/
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vu/beneath.h>
 #include <vu/log.h>
 #include <zrfiletransfer/zrhttphandlers.h>
 
@@ -18,7 +19,6 @@
 #include <cstring>
 #include <vector>
 
-#include "zrbeneath.h"
 #include "zrhttpreply.h"
 #include "zrrequestguard.h"
 #include "zrwriteguard.h"
@@ -51,13 +51,13 @@ void sendNotFound(soap* connection) {
 // control character would not fit on one line: such names are left out (and logged), as
 // no request could name them anyway.
 void sendListing(soap* connection, int directory, const fs::path& requestPath) {
-  std::vector<detail::DirectoryEntry> entries;
-  if (!detail::listDirectory(directory, &entries)) {
+  std::vector<vu::beneath::DirectoryEntry> entries;
+  if (!vu::beneath::listDirectory(directory, &entries)) {
     logError(requestPath.string() + ": " + std::strerror(errno));
   }
   std::string listing;
   std::size_t skipped = 0;
-  for (const detail::DirectoryEntry& entry : entries) {
+  for (const vu::beneath::DirectoryEntry& entry : entries) {
     if (detail::holdsControlCharacter(entry.name)) {
       ++skipped;
       continue;
@@ -140,12 +140,12 @@ bool httpGetFile(soap* connection) {
 
   // Opened beneath the root, never through a link. O_NONBLOCK: opening a FIFO must not
   // wait for a writer (it is answered 404 below).
-  detail::UniqueFd target;
-  detail::UniqueFd root(detail::openDirectory(mapped.root.string()));
+  vu::beneath::UniqueFd target;
+  vu::beneath::UniqueFd root(vu::beneath::openDirectory(mapped.root.string()));
   if (root) {
-    target.reset(
-        detail::openBeneath(root.get(), detail::joinComponents(components),
-                            O_RDONLY | O_NONBLOCK | O_NOCTTY | (directoryOnly ? O_DIRECTORY : 0)));
+    target.reset(vu::beneath::openBeneath(
+        root.get(), detail::joinComponents(components),
+        O_RDONLY | O_NONBLOCK | O_NOCTTY | (directoryOnly ? O_DIRECTORY : 0)));
   }
   if (!target) {
     const int error = errno;

@@ -6,6 +6,7 @@
 // never sees "ok" for a file that is not all on disk (the bytes that did arrive stay).
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vu/beneath.h>
 #include <vu/log.h>
 #include <zrfiletransfer/zrhttphandlers.h>
 
@@ -15,7 +16,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "zrbeneath.h"
 #include "zrhttpreply.h"
 #include "zrrequestguard.h"
 #include "zrwriteguard.h"
@@ -105,8 +105,8 @@ bool receiveBody(soap* connection, int file, const fs::path& target) {
 // through a link. O_NONBLOCK keeps a FIFO put there meanwhile from blocking the listener;
 // anything but a regular file is closed again and refused with EINVAL.
 int openForWriting(int directory, const std::string& name) {
-  detail::UniqueFd file(
-      detail::openBeneath(directory, name, O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY, 0666));
+  vu::beneath::UniqueFd file(
+      vu::beneath::openBeneath(directory, name, O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY, 0666));
   if (!file) {
     return -1;
   }
@@ -206,11 +206,11 @@ int httpPut(soap* connection) {
 
   // Every directory is opened beneath the root, never through a link, and the missing
   // ones are made there.
-  detail::UniqueFd root(detail::openDirectory(mapped.root.string()));
-  detail::UniqueFd parent;
+  vu::beneath::UniqueFd root(vu::beneath::openDirectory(mapped.root.string()));
+  vu::beneath::UniqueFd parent;
   if (root) {
     const std::vector<std::string> parents(components.begin(), components.end() - 1);
-    parent.reset(detail::makeDirectoriesBeneath(root.get(), parents));
+    parent.reset(vu::beneath::makeDirectoriesBeneath(root.get(), parents));
   }
   if (!parent) {
     if (errno == ELOOP || errno == EXDEV) {
@@ -229,7 +229,7 @@ int httpPut(soap* connection) {
     logError(relative.string() + ": not a regular file");
     return -1;
   }
-  detail::UniqueFd file(openForWriting(parent.get(), name));
+  vu::beneath::UniqueFd file(openForWriting(parent.get(), name));
   if (!file) {
     logError(relative.string() + ": " + std::strerror(errno));
     return -1;

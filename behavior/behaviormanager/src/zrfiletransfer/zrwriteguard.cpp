@@ -54,12 +54,12 @@ std::vector<fs::path> protectedDirectories() {
   return directories;
 }
 
-std::vector<FileIdentity> identitiesOf(const std::vector<fs::path>& directories) {
-  std::vector<FileIdentity> identities;
+std::vector<vu::beneath::FileIdentity> identitiesOf(const std::vector<fs::path>& directories) {
+  std::vector<vu::beneath::FileIdentity> identities;
   for (const fs::path& directory : directories) {
     struct stat status;
     if (::stat(directory.c_str(), &status) == 0) {
-      identities.push_back(identityOf(status));
+      identities.push_back(vu::beneath::identityOf(status));
     }
   }
   return identities;

@@ -6,11 +6,11 @@
 //   if (!why.empty()) sendRefusal(connection, "403 Forbidden", why);
 #pragma once
 
+#include <vu/beneath.h>
+
 #include <boost/filesystem/path.hpp>
 #include <string>
 #include <vector>
-
-#include "zrbeneath.h"
 
 namespace ZR {
 namespace detail {
@@ -23,7 +23,8 @@ bool holdsControlCharacter(const std::string& text);
 // libraries, the temporary directory, the user data directory and its "tuqvu" folder
 // (the secret, the preferences). Canonical paths of those that exist.
 std::vector<boost::filesystem::path> protectedDirectories();
-std::vector<FileIdentity> identitiesOf(const std::vector<boost::filesystem::path>& directories);
+std::vector<vu::beneath::FileIdentity> identitiesOf(
+    const std::vector<boost::filesystem::path>& directories);
 
 enum class WriteKind { Create, Remove };
 

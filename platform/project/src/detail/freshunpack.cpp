@@ -1,8 +1,9 @@
 #include "detail/freshunpack.h"
 
+#include <fcntl.h>
+#include <stdio.h>
 #include <sys/stat.h>
 
-#include <cstdio>
 #include <map>
 #include <mutex>
 #include <tuple>
@@ -63,7 +64,7 @@ void rememberFreshUnpack(const std::string& dir) {
   r.unpacks[dir] = identity;
 }
 
-bool moveFreshUnpack(const std::string& dir, const std::string& target) {
+bool moveFreshUnpack(const std::string& dir, int targetDirectory, const std::string& targetName) {
   Registry& r = registry();
   std::lock_guard<std::mutex> lock(r.mutex);
   const auto it = r.unpacks.find(dir);
@@ -71,7 +72,8 @@ bool moveFreshUnpack(const std::string& dir, const std::string& target) {
   if (it == r.unpacks.end() || !identityOf(dir, now) || now != it->second) {
     return false;
   }
-  if (std::rename(dir.c_str(), target.c_str()) != 0) {
+  // dir is a folder this library made itself; the target is opened beneath its root.
+  if (::renameat(AT_FDCWD, dir.c_str(), targetDirectory, targetName.c_str()) != 0) {
     return false;
   }
   r.unpacks.erase(it);

@@ -14,10 +14,10 @@ namespace detail {
 // the same path nor one changed since is taken for it.
 void rememberFreshUnpack(const std::string& dir);
 
-// When dir is a fresh unpack, renames it to target (which must not exist) and forgets
-// it. False, with dir untouched, when dir is not one or the rename fails (for instance
-// because target lies on another file system).
-bool moveFreshUnpack(const std::string& dir, const std::string& target);
+// When dir is a fresh unpack, renames it to the entry `targetName` of `targetDirectory`
+// (which must not exist) and forgets it. False, with dir untouched, when dir is not one
+// or the rename fails (for instance because the target lies on another file system).
+bool moveFreshUnpack(const std::string& dir, int targetDirectory, const std::string& targetName);
 
 }  // namespace detail
 }  // namespace project

@@ -104,17 +104,21 @@ bool isStagingName(const std::string& name) {
   return name.rfind(kStagingPrefix, 0) == 0;
 }
 
-std::string stagingPath(const std::string& parentDir, const std::string& suffix) {
+std::string stagingName(const std::string& suffix) {
   thread_local std::mt19937_64 generator(std::random_device{}());
   static const char digits[] = "0123456789abcdef";
+  // The process id lets a later start tell leftovers of a crash from the copies of a
+  // process that still works on them.
+  std::string name = kStagingPrefix + std::to_string(::getpid()) + "-";
+  for (int i = 0; i < 12; ++i) {
+    name += digits[generator() % 16];
+  }
+  return name + suffix;
+}
+
+std::string stagingPath(const std::string& parentDir, const std::string& suffix) {
   for (;;) {
-    // The process id lets a later start tell leftovers of a crash from the copies of a
-    // process that still works on them.
-    std::string name = kStagingPrefix + std::to_string(::getpid()) + "-";
-    for (int i = 0; i < 12; ++i) {
-      name += digits[generator() % 16];
-    }
-    const std::string candidate = joinPath(parentDir, name + suffix);
+    const std::string candidate = joinPath(parentDir, stagingName(suffix));
     struct stat info;
     if (::lstat(candidate.c_str(), &info) != 0 && errno == ENOENT) {
       return candidate;

@@ -26,6 +26,10 @@ std::string joinPath(const std::string& root, const std::string& rel);
 
 bool isStagingName(const std::string& name);
 
+// A fresh name ".tuqvu-import-<pid>-<random><suffix>" (48 random bits: whoever creates
+// it with it still refuses an existing entry); <pid> is the calling process.
+std::string stagingName(const std::string& suffix);
+
 // A fresh path "<parentDir>/.tuqvu-import-<pid>-<random><suffix>" that does not exist
 // yet; <pid> is the calling process.
 std::string stagingPath(const std::string& parentDir, const std::string& suffix);

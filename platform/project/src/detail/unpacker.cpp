@@ -3,6 +3,7 @@
 #include <archive.h>
 #include <archive_entry.h>
 #include <sys/statvfs.h>
+#include <vu/beneath.h>
 #include <vu/project/error.h>
 #include <vu/settings.h>
 
@@ -29,35 +30,6 @@ struct WriterDeleter {
 std::string errorText(struct archive* a) {
   const char* text = archive_error_string(a);
   return text != nullptr ? text : "unknown error";
-}
-
-// A link target is accepted when it is relative, its ".." components all come first, and
-// they do not climb above the package's top level from the link's directory (which is a
-// real directory: nothing is written through a link). Then the target cannot resolve
-// outside the package, whatever links it passes.
-bool linkStaysInside(const std::string& linkPath, const std::string& target) {
-  if (target.empty() || target[0] == '/') {
-    return false;
-  }
-  long depth = static_cast<long>(std::count(linkPath.begin(), linkPath.end(), '/'));
-  bool descending = false;
-  std::string::size_type start = 0;
-  while (start <= target.size()) {
-    std::string::size_type end = target.find('/', start);
-    if (end == std::string::npos) {
-      end = target.size();
-    }
-    const std::string part = target.substr(start, end - start);
-    if (part == "..") {
-      if (descending || --depth < 0) {
-        return false;
-      }
-    } else if (!part.empty() && part != ".") {
-      descending = true;
-    }
-    start = end + 1;
-  }
-  return true;
 }
 
 // How much a package may unpack to: at most maxBytes, at most `ratio` times its own size
@@ -186,7 +158,9 @@ private:
       hardlinkTarget = detail::joinPath(fInto, checkedPath(rawHardlink, "link target"));
     } else if (type == AE_IFLNK) {
       const char* target = archive_entry_symlink(entry);
-      if (target == nullptr || !linkStaysInside(rel, target)) {
+      // Checked against the package's top, the folder a package install puts in place;
+      // copies of a folder below it check its links again (vu::beneath::copyTree).
+      if (target == nullptr || !vu::beneath::linkStaysWithin(rel, target)) {
         fail(std::string("entry \"") + name + "\" is a link pointing outside the package (to \"" +
              (target != nullptr ? target : "") + "\")");
       }

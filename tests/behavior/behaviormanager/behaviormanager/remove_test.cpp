@@ -9,6 +9,7 @@
 
 #include <boost/make_shared.hpp>
 #include <condition_variable>
+#include <cstring>
 #include <thread>
 
 #include "fixture.h"
@@ -50,13 +51,14 @@ private:
   bool fReleased = false;
 };
 
-// A chain of directories below dir whose full path is longer than the system allows
-// for a path, built (and removed) step by step relative to open directories.
+// A chain of directories below dir deeper than a removal by descriptors goes (it holds
+// one descriptor per level and stops at 256), built (and removed) step by step relative
+// to open directories.
 void makeDeepChain(const fs::path& dir) {
-  const std::string name(200, 'd');
+  const std::string name = "d";
   int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY);
   ASSERT_GE(fd, 0);
-  for (int i = 0; i < 25; ++i) {
+  for (int i = 0; i < 300; ++i) {
     ASSERT_EQ(::mkdirat(fd, name.c_str(), 0755), 0);
     const int next = ::openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY);
     ::close(fd);
@@ -288,7 +290,6 @@ TEST_F(Remove, ResourceThatCannotBeDeletedIsReportedWithTheFileSystemText) {
   makeResource(userRoot() / "media");
   makeDeepChain(userRoot() / "media");
   start();
-  std::string expectedText;
   try {
     remove("media");
     ADD_FAILURE() << "the resource was removed";
@@ -297,14 +298,8 @@ TEST_F(Remove, ResourceThatCannotBeDeletedIsReportedWithTheFileSystemText) {
     EXPECT_EQ(error.method(), "removeBehavior");
     EXPECT_EQ(error.file(), kSource);
     EXPECT_EQ(error.line(), 1109);
-    // The same removal done directly fails with the text the error carries.
-    try {
-      fs::remove_all(userRoot() / "media");
-      ADD_FAILURE() << "the chain was removed";
-    } catch (const fs::filesystem_error& direct) {
-      EXPECT_EQ(error.description(),
-                std::string("Resource media could not be removed. ") + direct.what());
-    }
+    EXPECT_EQ(error.description(),
+              std::string("Resource media could not be removed. ") + std::strerror(ELOOP));
   }
   EXPECT_TRUE(events->drain().empty());
   removeDeep(userRoot() / "media");

@@ -1,10 +1,11 @@
-// The descriptor-based operations the hooks use to stay beneath a root (zrbeneath.h),
-// called directly: links, dangling links and ".." never lead out, and removals keep what
-// must be kept. openBeneath and its fallback walk are held to the same cases.
+// The confinement layer's opens, directory making, listing and removal (vu/beneath.h):
+// links, dangling links and ".." never lead out, and removals keep what must be kept.
+// openBeneath and its fallback walk are held to the same cases.
+#include <common/files.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <zrfiletransfer/zrbeneath.h>
+#include <vu/beneath.h>
 
 #include <algorithm>
 #include <boost/filesystem/operations.hpp>
@@ -13,39 +14,13 @@
 #include <string>
 #include <vector>
 
-#include "support/files.h"
-#include "support/testenvironment.h"
+#include "beneathfixture.h"
 
 namespace fs = boost::filesystem;
-using ZR::detail::UniqueFd;
-using zrft_test::paths;
-using zrft_test::readFile;
-using zrft_test::writeFile;
+using tuqvutest::readFile;
+using vu::beneath::UniqueFd;
 
 namespace {
-
-// A fresh tree per test: <scratch>/<test>/root (the root) and <scratch>/<test>/outside.
-class BeneathTest : public ::testing::Test {
-protected:
-  void SetUp() override {
-    const std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    std::string folder = name;
-    std::replace(folder.begin(), folder.end(), '/', '-');
-    fBase = paths().scratch / "beneath" / folder;
-    fs::remove_all(fBase);
-    fs::create_directories(root());
-    fs::create_directories(outside());
-    fRoot.reset(ZR::detail::openDirectory(root().string()));
-    ASSERT_TRUE(fRoot) << root();
-  }
-
-  fs::path root() const { return fBase / "root"; }
-  fs::path outside() const { return fBase / "outside"; }
-  int rootFd() const { return fRoot.get(); }
-
-  fs::path fBase;
-  UniqueFd fRoot;
-};
 
 using OpenFunction = int (*)(int, const std::string&, int, mode_t);
 
@@ -83,7 +58,7 @@ TEST_P(OpenBeneath, AnEmptyPathOrDotIsTheDirectoryItself) {
     struct stat opened, expected;
     ASSERT_EQ(::fstat(directory.get(), &opened), 0);
     ASSERT_EQ(::stat(root().c_str(), &expected), 0);
-    EXPECT_TRUE(ZR::detail::identityOf(opened) == ZR::detail::identityOf(expected)) << relative;
+    EXPECT_TRUE(vu::beneath::identityOf(opened) == vu::beneath::identityOf(expected)) << relative;
   }
 }
 
@@ -140,18 +115,18 @@ TEST_P(OpenBeneath, CreatesANewFileBelowTheDirectory) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Openat2AndWalk, OpenBeneath,
-                         ::testing::Values(&ZR::detail::openBeneath,
-                                           &ZR::detail::openBeneathByWalk),
+                         ::testing::Values(&vu::beneath::openBeneath,
+                                           &vu::beneath::openBeneathByWalk),
                          [](const ::testing::TestParamInfo<OpenFunction>& info) {
                            return info.index == 0 ? std::string("Openat2") : std::string("Walk");
                          });
 
 TEST_F(BeneathTest, MakeDirectoriesCreatesWhatIsMissingAndReturnsTheLast) {
   fs::create_directories(root() / "a");
-  UniqueFd last(ZR::detail::makeDirectoriesBeneath(rootFd(), {"a", "b", ".", "c"}));
+  UniqueFd last(vu::beneath::makeDirectoriesBeneath(rootFd(), {"a", "b", ".", "c"}));
   ASSERT_TRUE(last) << std::strerror(errno);
   EXPECT_TRUE(fs::is_directory(root() / "a" / "b" / "c"));
-  UniqueFd file(ZR::detail::openBeneath(last.get(), "f.txt", O_WRONLY | O_CREAT, 0644));
+  UniqueFd file(vu::beneath::openBeneath(last.get(), "f.txt", O_WRONLY | O_CREAT, 0644));
   ASSERT_TRUE(file);
   file.reset();
   EXPECT_TRUE(fs::exists(root() / "a" / "b" / "c" / "f.txt"));
@@ -161,19 +136,19 @@ TEST_F(BeneathTest, MakeDirectoriesStopsAtALinkAndCreatesNothingOutside) {
   fs::create_directory_symlink(outside() / "missing", root() / "dangling");
   fs::create_directory_symlink(outside(), root() / "existing");
   errno = 0;
-  EXPECT_EQ(ZR::detail::makeDirectoriesBeneath(rootFd(), {"dangling", "x"}), -1);
+  EXPECT_EQ(vu::beneath::makeDirectoriesBeneath(rootFd(), {"dangling", "x"}), -1);
   EXPECT_EQ(errno, ELOOP);
-  EXPECT_EQ(ZR::detail::makeDirectoriesBeneath(rootFd(), {"existing", "x"}), -1);
+  EXPECT_EQ(vu::beneath::makeDirectoriesBeneath(rootFd(), {"existing", "x"}), -1);
   EXPECT_FALSE(fs::exists(outside() / "missing"));
   EXPECT_FALSE(fs::exists(outside() / "x"));
-  EXPECT_EQ(ZR::detail::makeDirectoriesBeneath(rootFd(), {"..", "x"}), -1);
+  EXPECT_EQ(vu::beneath::makeDirectoriesBeneath(rootFd(), {"..", "x"}), -1);
   EXPECT_EQ(errno, EXDEV);
 }
 
 TEST_F(BeneathTest, MakeDirectoriesFailsOnAFileInTheWay) {
   writeFile(root() / "file", "a file where a directory is needed");
   errno = 0;
-  EXPECT_EQ(ZR::detail::makeDirectoriesBeneath(rootFd(), {"file", "x"}), -1);
+  EXPECT_EQ(vu::beneath::makeDirectoriesBeneath(rootFd(), {"file", "x"}), -1);
   EXPECT_EQ(errno, ENOTDIR);
 }
 
@@ -181,8 +156,8 @@ TEST_F(BeneathTest, ListingMarksDirectoriesButNotLinksToThem) {
   writeFile(root() / "file", "f");
   fs::create_directories(root() / "dir");
   fs::create_directory_symlink(root() / "dir", root() / "link");
-  std::vector<ZR::detail::DirectoryEntry> entries;
-  ASSERT_TRUE(ZR::detail::listDirectory(rootFd(), &entries));
+  std::vector<vu::beneath::DirectoryEntry> entries;
+  ASSERT_TRUE(vu::beneath::listDirectory(rootFd(), &entries));
   std::vector<std::string> listed;
   for (const auto& entry : entries) {
     listed.push_back(entry.name + (entry.isDirectory ? "/" : ""));
@@ -197,7 +172,7 @@ TEST_F(BeneathTest, RemoveTreeRemovesEverythingBelowWithoutFollowingLinks) {
   writeFile(root() / "tree" / "c.txt", "c");
   fs::create_directory_symlink(outside() / "kept", root() / "tree" / "a" / "out");
   fs::create_symlink(outside() / "kept" / "file.txt", root() / "tree" / "file-link");
-  EXPECT_EQ(ZR::detail::removeTree(rootFd(), "tree", {}), 0);
+  EXPECT_EQ(vu::beneath::removeTree(rootFd(), "tree", {}), 0);
   EXPECT_FALSE(fs::exists(fs::symlink_status(root() / "tree")));
   EXPECT_EQ(readFile(outside() / "kept" / "file.txt"), "outside");
 }
@@ -205,13 +180,13 @@ TEST_F(BeneathTest, RemoveTreeRemovesEverythingBelowWithoutFollowingLinks) {
 TEST_F(BeneathTest, RemoveTreeRemovesALinkItselfAndNotItsTarget) {
   fs::create_directory_symlink(outside(), root() / "link");
   writeFile(outside() / "file.txt", "outside");
-  EXPECT_EQ(ZR::detail::removeTree(rootFd(), "link", {}), 0);
+  EXPECT_EQ(vu::beneath::removeTree(rootFd(), "link", {}), 0);
   EXPECT_FALSE(fs::exists(fs::symlink_status(root() / "link")));
   EXPECT_EQ(readFile(outside() / "file.txt"), "outside");
 }
 
 TEST_F(BeneathTest, RemoveTreeOfNothingSucceeds) {
-  EXPECT_EQ(ZR::detail::removeTree(rootFd(), "never-there", {}), 0);
+  EXPECT_EQ(vu::beneath::removeTree(rootFd(), "never-there", {}), 0);
 }
 
 TEST_F(BeneathTest, RemoveTreeLeavesAKeptDirectoryAndWhatLeadsToIt) {
@@ -219,7 +194,7 @@ TEST_F(BeneathTest, RemoveTreeLeavesAKeptDirectoryAndWhatLeadsToIt) {
   writeFile(root() / "tree" / "other" / "x.txt", "x");
   struct stat kept;
   ASSERT_EQ(::stat((root() / "tree" / "kept").c_str(), &kept), 0);
-  EXPECT_EQ(ZR::detail::removeTree(rootFd(), "tree", {ZR::detail::identityOf(kept)}), EBUSY);
+  EXPECT_EQ(vu::beneath::removeTree(rootFd(), "tree", {vu::beneath::identityOf(kept)}), EBUSY);
   EXPECT_EQ(readFile(root() / "tree" / "kept" / "inner.txt"), "kept");
   EXPECT_FALSE(fs::exists(root() / "tree" / "other"));
 }
@@ -227,7 +202,7 @@ TEST_F(BeneathTest, RemoveTreeLeavesAKeptDirectoryAndWhatLeadsToIt) {
 TEST_F(BeneathTest, RemoveTreeRefusesNamesThatAreNotOneEntry) {
   writeFile(root() / "a" / "b.txt", "b");
   for (const char* name : {"", ".", "..", "a/b.txt"}) {
-    EXPECT_EQ(ZR::detail::removeTree(rootFd(), name, {}), EINVAL) << name;
+    EXPECT_EQ(vu::beneath::removeTree(rootFd(), name, {}), EINVAL) << name;
   }
   EXPECT_TRUE(fs::exists(root() / "a" / "b.txt"));
 }
