@@ -1,19 +1,50 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the project builds, tests and runs with.
-# Only what is missing is installed, so a second run costs a few dpkg queries.
+# Installs the Debian packages the project needs. Only what is missing is installed, so a
+# second run costs a few dpkg queries.
+#   scripts/deps.sh [--test]    building and running, and what the tests add (the default)
+#   scripts/deps.sh --run       building and running only (what scripts/run.sh installs)
+#   scripts/deps.sh --run --list, scripts/deps.sh --test --list
+#                               print the packages of that set, one a line; install nothing
 set -euo pipefail
 
-packages=(
-  build-essential cmake ninja-build pkg-config git
+# Building and running: the compiler, CMake with Ninja, and the libraries the broker, its
+# modules and the behavior manager link.
+run_packages=(
+  build-essential cmake ninja-build pkg-config
   libboost-filesystem-dev libboost-system-dev libboost-thread-dev
   libboost-dev
   libgsoap-dev gsoap
-  libpugixml-dev libarchive-dev libarchive-tools nlohmann-json3-dev
+  libpugixml-dev libarchive-dev nlohmann-json3-dev
+)
+# What the tests add: the test and benchmark libraries, clang with its sanitizer and fuzzer
+# runtimes, the layout checker, git (which it asks for the files), the tools the tests make
+# packages and requests with, and the browser of the status page's test.
+test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev clang-format-14
-  python3 curl zip unzip
+  git python3 curl zip unzip libarchive-tools
   chromium
 )
+
+set_name=test
+list=0
+for argument in "$@"; do
+  case "$argument" in
+    --run) set_name=run ;;
+    --test) set_name=test ;;
+    --list) list=1 ;;
+    -h|--help) sed -n '2,7p' "$0"; exit 0 ;;
+    *) echo "deps: unknown argument $argument (try --help)" >&2; exit 2 ;;
+  esac
+done
+
+packages=("${run_packages[@]}")
+[ "$set_name" = run ] || packages+=("${test_packages[@]}")
+
+if ((list)); then
+  printf '%s\n' "${packages[@]}"
+  exit 0
+fi
 
 missing=()
 for p in "${packages[@]}"; do
@@ -31,8 +62,9 @@ if ((${#missing[@]})); then
   $sudo_cmd apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 
-# Node.js with npm comes with the machine (the browser test needs both); Debian's npm
-# package conflicts with that installation, so it is only checked, not installed.
-if ! command -v npm >/dev/null 2>&1; then
+# Node.js with npm comes with the machine (the browser test needs both, and installs its
+# npm packages itself: tests/browser/run.sh); Debian's npm package conflicts with that
+# installation, so it is only checked, not installed.
+if [ "$set_name" = test ] && ! command -v npm >/dev/null 2>&1; then
   echo "deps: npm not found; the browser test needs Node.js with npm" >&2
 fi

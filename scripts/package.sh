@@ -8,7 +8,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 build=${TUQVU_BUILD_DIR:-build-package}
-bash scripts/deps.sh >&2
+bash scripts/deps.sh --run >&2
 if [ -f "$build/CMakeCache.txt" ]; then
   cmake -S . -B "$build" >/dev/null
 else

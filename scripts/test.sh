@@ -1,11 +1,14 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds everything and runs every test suite.
+# Installs what is missing (scripts/deps.sh --test: building, running and what the tests
+# add), builds everything and runs every test suite.
 #   scripts/test.sh            the full run (what CI runs)
-# Build folders: build/ (the normal build), build-asan/ and build-tsan/ (sanitizer runs).
+# Build folders: build/ (the normal build, the same configuration scripts/run.sh builds its
+# part of, so that either goes on with what the other built), build-asan/ and build-tsan/
+# (sanitizer runs).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-bash scripts/deps.sh
+bash scripts/deps.sh --test
 
 echo "== format"
 bash scripts/format.sh --check
@@ -17,7 +20,7 @@ configure() {  # folder, extra cmake arguments...
 }
 
 echo "== build"
-configure build
+configure build -DTUQVU_BUILD_TESTS=ON
 cmake --build build -j "$jobs"
 
 echo "== tests"
