@@ -41,9 +41,9 @@ if [ -n "$secret" ]; then
   default_secret=0
   secret=$(realpath -m -- "$secret")
 else
-  data=${XDG_DATA_HOME:-}
-  [ "${data:0:1}" = / ] || data=$HOME/.local/share
-  secret=$data/tuqvu/secret
+  config=${XDG_CONFIG_HOME:-}
+  [ "${config:0:1}" = / ] || config=$HOME/.config
+  secret=$config/tuqvu/secret
 fi
 
 # The broker runs in a session of its own, so that Ctrl-C reaches it once, from here, and

@@ -144,6 +144,8 @@ TEST_F(PackageLinksOfTuqvu, AFolderOfAPackageInstalledShallowerKeepsNoLinkLeadin
                                 "/behaviors/User/pkg/" + repeated("a", 24) + "/leak"}) {
     EXPECT_EQ(std::string::npos, get(path).find(kSecret)) << path;
   }
+  // The same reader gets what does lie inside.
+  EXPECT_EQ(0u, get("/behaviors/User/pkg/behavior.xar").find("HTTP/1.1 200 OK\n"));
   // The refusal names the link, not where it leads.
   const std::string log = broker->stderrText();
   const std::size_t refusal = log.find("\"leak\"");

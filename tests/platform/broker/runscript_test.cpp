@@ -87,7 +87,7 @@ TEST(RunScript, OnceTheDaemonAnswersItTellsThePagesTheCallAndTheSecret) {
             hints.find(binaryDir() + "/bin/tuqvu-call --url " + url + " ZRBroker.getModules"))
       << hints;
   // The secret the daemon made, where it says.
-  const std::string secret = daemon.home() + "/.local/share/tuqvu/secret";
+  const std::string secret = daemon.home() + "/.config/tuqvu/secret";
   EXPECT_NE(std::string::npos, hints.find(secret + "\n")) << hints;
   struct stat status {};
   EXPECT_EQ(0, ::stat(secret.c_str(), &status)) << secret;
