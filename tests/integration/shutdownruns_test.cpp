@@ -24,7 +24,8 @@ namespace {
 
 const char* const kUntilStopped =
     "<behavior>\n  <repeat>\n    <wait ms=\"60000\"/>\n  </repeat>\n</behavior>\n";
-const char* const kProject = "<project>\n  <metadata key=\"Type\" value=\"Behavior\"/>\n</project>\n";
+const char* const kProject =
+    "<project>\n  <metadata key=\"Type\" value=\"Behavior\"/>\n</project>\n";
 constexpr int kBehaviors = 200;
 
 std::string behaviorName(int i) {

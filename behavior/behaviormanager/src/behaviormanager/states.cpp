@@ -44,6 +44,15 @@ void ZRBehaviorManager::setBehaviorState(const std::string& name, BehaviorState 
     }
     entry = state;
   }
+  // Wakes the waiting threads when this change is complete, after its publication, so
+  // that a thread woken by it finds "BehaviorsRun" already raised; also when the
+  // publication throws, since the state has changed all the same. The change was made
+  // under the state mutex, which keeps a waiter from missing it; the wake-up need not
+  // hold it.
+  struct WakeWaiters {
+    std::condition_variable& changed;
+    ~WakeWaiters() { changed.notify_all(); }
+  } wake{fStateChanged};
   if (state == StateRunning) {
     fRunning.insert(name);
     publishRunningBehaviors();
@@ -51,10 +60,6 @@ void ZRBehaviorManager::setBehaviorState(const std::string& name, BehaviorState 
     fRunning.erase(name);
     publishRunningBehaviors();
   }
-  // After the publication, so that a thread woken by this change finds "BehaviorsRun"
-  // already raised for it. The change itself was made under the state mutex, which is
-  // what keeps a waiter from missing it; the wake-up need not hold it.
-  fStateChanged.notify_all();
 }
 
 void ZRBehaviorManager::publishRunningBehaviors() {

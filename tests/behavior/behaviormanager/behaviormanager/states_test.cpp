@@ -149,6 +149,17 @@ TEST_F(StatesWithoutMemory, AFailedPublicationHappensAfterTheStateAndTheRunningS
   EXPECT_NO_THROW(manager->setBehaviorState("a", StateUnloaded));
 }
 
+TEST_F(StatesWithoutMemory, AFailedPublicationStillWakesTheWaitingThreads) {
+  startPlatform(/*memory=*/false);
+  startManager();
+  WaitingCall<bool> waiting =
+      startWaiting([this] { return manager->waitBehaviorState("a", StateRunning, 60000); });
+  ASSERT_TRUE(waiting.watch.waitUntilBlocked());
+  EXPECT_THROW(manager->setBehaviorState("a", StateRunning), ZR::ZRError);
+  ASSERT_TRUE(waiting.returned()) << "the change did not wake the wait";
+  EXPECT_TRUE(waiting.result.get());
+}
+
 // ---- waitBehaviorState
 
 TEST_F(States, WaitForAReachedStateReturnsTrueWhateverTheTimeout) {
