@@ -231,8 +231,9 @@ def main():
             for build in args.builds:
                 samples = measure_stop(brokers[build], args.stops)
                 results[build]['stop'] += samples
-                log('round %d %s: stopBehavior p50 %.1f ms' %
-                    (round_ + 1, build, 1000 * percentile(samples, 50)))
+                log('round %d %s: stopBehavior p50 %.1f ms, p99 %.1f ms' %
+                    (round_ + 1, build, 1000 * percentile(samples, 50),
+                     1000 * percentile(samples, 99)))
             for count in sizes:
                 for build in args.builds:
                     elapsed = measure_stop_all(brokers[build], count)
