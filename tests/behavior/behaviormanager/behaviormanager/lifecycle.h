@@ -68,16 +68,23 @@ class BlockWatch {
 public:
   BlockWatch() : fThread(::gettid()) {}
 
+  // Asleep at two looks 5 ms apart: a moment's wait for a lock that another thread
+  // holds briefly (an allocator's, say) is not taken for the wait on the state table.
   bool waitUntilBlocked() const {
-    const std::string file = "/proc/self/task/" + std::to_string(fThread) + "/syscall";
-    return eventually([&] {
-      std::ifstream in(file);
-      long number = -1;  // "running" when the thread is not in a system call
-      return static_cast<bool>(in >> number) && number == SYS_futex;
+    return eventually([this] {
+      if (!asleepInFutex()) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      return asleepInFutex();
     });
   }
 
 private:
+  bool asleepInFutex() const {
+    std::ifstream in("/proc/self/task/" + std::to_string(fThread) + "/syscall");
+    long number = -1;  // the file reads "running" when the thread is not in a system call
+    return static_cast<bool>(in >> number) && number == SYS_futex;
+  }
+
   pid_t fThread;
 };
 
