@@ -22,6 +22,7 @@ its own (the call stays open for the whole run):
 Every run must be answered once stopped; the program fails when one is not.
 """
 import argparse
+import base64
 import http.client
 import json
 import os
@@ -58,9 +59,11 @@ class Broker:
         env = dict(os.environ, HOME=home, TUQVU_SDK_PREFIX=os.path.join(self.work, 'prefix'),
                    TMPDIR=os.path.join(self.work, 'tmp'))
         self.stderr = open(os.path.join(self.work, 'stderr.log'), 'w+')
+        secret_file = os.path.join(self.work, 'secret')
         self.process = subprocess.Popen(
             [os.path.join(build, 'bin', 'tuqvu'), '--port', '0', '--bind', '127.0.0.1',
-             '--log-level', '2', '--module', os.path.join(build, 'lib', 'libzrbehaviormanager.so')],
+             '--secret-file', secret_file, '--log-level', '2',
+             '--module', os.path.join(build, 'lib', 'libzrbehaviormanager.so')],
             stdout=subprocess.PIPE, stderr=self.stderr, env=env, text=True)
         self.port = None
         for line in self.process.stdout:
@@ -71,7 +74,12 @@ class Broker:
             raise RuntimeError('tuqvu of %s did not start: %s' % (build, self.stderr_text()))
         # Keep reading so that the broker never blocks on a full pipe.
         threading.Thread(target=self.process.stdout.read, daemon=True).start()
-        self.control = Client(self.port)
+        # Every client presents the broker's secret (made at its first start), loopback
+        # included; a build that does not ask for it ignores the header.
+        with open(secret_file) as secret:
+            self.authorization = 'Basic ' + base64.b64encode(
+                ('tuqvu:' + secret.readline().strip()).encode()).decode()
+        self.control = Client(self)
 
     def stderr_text(self):
         self.stderr.seek(0)
@@ -98,13 +106,15 @@ class Broker:
 class Client:
     """One keep-alive connection making JSON-RPC calls one after the other."""
 
-    def __init__(self, port):
-        self.connection = http.client.HTTPConnection('127.0.0.1', port, timeout=GUARD_S)
+    def __init__(self, broker):
+        self.authorization = broker.authorization
+        self.connection = http.client.HTTPConnection('127.0.0.1', broker.port, timeout=GUARD_S)
         self.connection.connect()
 
     def call(self, method, *params):
         body = json.dumps({'jsonrpc': '2.0', 'id': 1, 'method': method, 'params': list(params)})
-        self.connection.request('POST', '/rpc', body, {'Content-Type': 'application/json'})
+        self.connection.request('POST', '/rpc', body, {'Content-Type': 'application/json',
+                                                       'Authorization': self.authorization})
         answer = json.loads(self.connection.getresponse().read())
         if 'error' in answer:
             raise RuntimeError('%s: %s' % (method, answer['error']))
@@ -122,7 +132,7 @@ class Runs:
         self.names = names
         self.answers = {}
         self.lock = threading.Lock()  # guards answers
-        clients = [Client(broker.port) for _ in names]
+        clients = [Client(broker) for _ in names]
         self.threads = [threading.Thread(target=self.run, args=(c, n), daemon=True)
                         for c, n in zip(clients, names)]
         for thread in self.threads:
