@@ -2,7 +2,6 @@
 // Everything takes and returns UTF-8 strings.
 #pragma once
 
-#include <atomic>
 #include <cstdio>
 #include <string>
 
@@ -20,14 +19,6 @@ std::FILE* fopen(const char* path, const char* mode);
 
 // Sleeps for the given number of milliseconds.
 void msleep(unsigned int milliseconds);
-
-// How many times the calling thread has called msleep. Polling code is observed through
-// it: the number of sleeps says how often a loop looked.
-unsigned long msleepCountOnThisThread();
-
-// The calling thread's msleep counter itself, readable from any thread for as long as
-// the calling thread lives: another thread can wait until a polling loop has looked.
-const std::atomic<unsigned long>& msleepCounterOfThisThread();
 
 }  // namespace os
 }  // namespace vu

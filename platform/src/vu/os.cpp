@@ -30,21 +30,7 @@ std::FILE* fopen(const char* path, const char* mode) {
   return std::fopen(path, mode);
 }
 
-namespace {
-// Atomic because other threads may read it through msleepCounterOfThisThread.
-thread_local std::atomic<unsigned long> tSleepCount{0};
-}  // namespace
-
-unsigned long msleepCountOnThisThread() {
-  return tSleepCount.load();
-}
-
-const std::atomic<unsigned long>& msleepCounterOfThisThread() {
-  return tSleepCount;
-}
-
 void msleep(unsigned int milliseconds) {
-  ++tSleepCount;
   std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 

@@ -13,7 +13,6 @@
 #include <boost/filesystem.hpp>
 #include <cstdlib>
 #include <regex>
-#include <thread>
 
 namespace fs = boost::filesystem;
 
@@ -148,25 +147,6 @@ TEST(VuLog, CapturingSinkReceivesMessagesUpToTheMaximumLevel) {
   EXPECT_EQ(captured[0].category, "cat");
   EXPECT_EQ(captured[0].function, "fn");
   EXPECT_EQ(captured[0].text, "kept");
-}
-
-TEST(VuOs, MsleepIsCountedPerThread) {
-  const unsigned long before = vu::os::msleepCountOnThisThread();
-  vu::os::msleep(0);
-  vu::os::msleep(1);
-  unsigned long other = 0;
-  std::thread([&] { other = vu::os::msleepCountOnThisThread(); }).join();
-  EXPECT_EQ(vu::os::msleepCountOnThisThread(), before + 2);
-  EXPECT_EQ(other, 0u);
-}
-
-TEST(VuOs, AnotherThreadSeesTheSleepsOfAThreadThroughItsCounter) {
-  const std::atomic<unsigned long>& counter = vu::os::msleepCounterOfThisThread();
-  const unsigned long before = counter.load();
-  vu::os::msleep(0);
-  unsigned long seen = 0;
-  std::thread([&] { seen = counter.load(); }).join();
-  EXPECT_EQ(seen, before + 1);
 }
 
 TEST(VuHtml, TheFiveCharactersWithAMeaningInHtmlAreEscapedAndOthersKept) {

@@ -12,9 +12,10 @@
 // The registry lock is re-entrant and taken only through ZRCriticalSection. The running-set
 // mutex is held for a whole state change so that "BehaviorsRun" publications leave in the
 // order of the changes they describe. The state mutex is a leaf: nothing is called while
-// it is held. No lock is held across a frame-manager call that can block (create, run) nor
-// across the polling waits. The defaults mutex (fDefaultsMutex) stands apart: it is taken
-// with none of the others held and none is taken while it is.
+// it is held, and the waits on state changes (fStateChanged) hold it alone, releasing it
+// while they sleep. No lock is held across a frame-manager call that can block (create,
+// run) nor across those waits. The defaults mutex (fDefaultsMutex) stands apart: it is
+// taken with none of the others held and none is taken while it is.
 #pragma once
 
 #include <vu/project/behaviorlibraryproject.h>
@@ -30,7 +31,10 @@
 #include <boost/filesystem/path.hpp>
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/mutex.hpp>
+#include <condition_variable>
+#include <functional>
 #include <map>
+#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
@@ -90,8 +94,11 @@ public:
   BehaviorState behaviorState(const std::string& name);
   void setBehaviorState(const std::string& name, BehaviorState state);
   bool waitBehaviorState(const std::string& name, BehaviorState state, int timeoutMs);
+  // Each wait returns as soon as its condition holds, or false at its time-out; a
+  // time-out of zero or less looks once. A change is a state other than the one found
+  // when the wait began.
   bool waitBehaviorStateChange(const std::string& name, int timeoutMs);
-  // Polls like waitBehaviorState until the state is no longer `state`.
+  // Waits like waitBehaviorState until the state is no longer `state`.
   bool waitBehaviorStateLeaves(const std::string& name, BehaviorState state, int timeoutMs);
 
   // Loading and unloading.
@@ -172,6 +179,9 @@ public:
 private:
   void registerMethods();
   void publishRunningBehaviors();  // caller holds fRunningMutex
+  // Waits until `done` holds for the behavior's state; the others wait through it.
+  bool waitForState(const std::string& name, int timeoutMs,
+                    const std::function<bool(BehaviorState)>& done);
 
   // No operation locks it: it stays first, as the module's design lays its members out
   // (docs/behavior-manager.md, "The module object's members").
@@ -183,8 +193,11 @@ private:
   boost::shared_ptr<ZRMutex> fRegistryLock;
   // Guards fRunning, and serialises state changes with their publication.
   boost::mutex fRunningMutex;
-  // Guards fStates; a leaf lock.
-  mutable boost::mutex fStateMutex;
+  // Guards fStates; a leaf lock. fStateChanged waits with it.
+  mutable std::mutex fStateMutex;
+  // Signalled after every change of fStates, once the change (and in setBehaviorState its
+  // "BehaviorsRun" publication) is made; the waits on states sleep on it.
+  std::condition_variable fStateChanged;
   // Serialises the read-modify-write of the default list's preference file, so that two
   // changes made at once do not lose each other. Held across the preferences calls.
   boost::mutex fDefaultsMutex;

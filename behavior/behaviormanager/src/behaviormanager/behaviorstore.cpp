@@ -124,9 +124,10 @@ void ZRBehaviorManager::onBehaviorRemoved(const std::string& path) {
   {
     boost::mutex::scoped_lock running(fRunningMutex);
     fRunning.erase(path);
-    boost::mutex::scoped_lock states(fStateMutex);
+    std::lock_guard<std::mutex> states(fStateMutex);
     fStates.erase(path);
   }
+  fStateChanged.notify_all();  // the state reads as unknown from now on
   fMemoryProxy->raiseMicroEvent(behaviorRemovedKey, ZRValue(path));
 }
 

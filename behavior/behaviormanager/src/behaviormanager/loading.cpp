@@ -27,7 +27,9 @@ bool ZRBehaviorManager::xLoadBehavior(const std::string& n) {
   // lost looks at the state anew instead of creating a second instance.
   for (;;) {
     if (behaviorState(n) == StateLoading) {
-      waitBehaviorStateChange(n, kLoadWaitMs);
+      // Leaving "loading", not any change from now on: the load may have ended between
+      // the look above and the wait.
+      waitBehaviorStateLeaves(n, StateLoading, kLoadWaitMs);
     }
     const BehaviorState state = behaviorState(n);
     if (state == StateLoaded || state == StateRunning) {
@@ -39,8 +41,9 @@ bool ZRBehaviorManager::xLoadBehavior(const std::string& n) {
                           __LINE__);
     }
     if (state == StateUnloading) {
-      // A run is cleaning up. What follows need not be "unloaded" when the wait looks: a
-      // system behavior, or another caller's load, is loaded again within one poll.
+      // A run is cleaning up. What follows need not be "unloaded" when the woken wait
+      // looks: a system behavior, or another caller's load, may be loading or loaded again
+      // by then.
       if (!waitBehaviorStateLeaves(n, StateUnloading, kLoadWaitMs)) {
         throw detail::error("loadBehavior", "behavior was found in an inconsistent state.",
                             __LINE__);

@@ -1,6 +1,4 @@
 // Running behaviors to their end, stopping them, and the running queries.
-#include <vu/os.h>
-
 #include <boost/algorithm/string/predicate.hpp>
 
 #include "behaviormanager.h"
@@ -13,7 +11,7 @@ namespace {
 
 constexpr int kStopCleanUpMs = 1000;
 constexpr int kStateWaitMs = 10000;
-constexpr unsigned int kUnloadingGraceMs = 200;
+constexpr int kUnloadingGraceMs = 200;
 
 bool isSystemName(const std::string& name) {
   return boost::algorithm::starts_with(name, systemBehaviorPrefix);
@@ -75,7 +73,9 @@ void ZRBehaviorManager::xStopBehavior(const std::string& n, const std::string& n
   switch (behaviorState(n)) {
     case StateRunning: break;
     case StateLoading:
-      if (!waitBehaviorStateChange(n, kStateWaitMs)) {
+      // Leaving "loading", not any change from now on: the load may have ended between
+      // the look above and the wait.
+      if (!waitBehaviorStateLeaves(n, StateLoading, kStateWaitMs)) {
         throw inconsistentStop(__LINE__);
       }
       unloading = behaviorState(n) == StateUnloading;
@@ -85,10 +85,12 @@ void ZRBehaviorManager::xStopBehavior(const std::string& n, const std::string& n
   }
 
   if (unloading) {
-    // The run's clean-up is over once the state leaves "unloading": a system behavior
-    // passes "unloaded" on its way to "loaded" again too quickly for a poll to see it.
-    vu::os::msleep(kUnloadingGraceMs);
-    if (!waitBehaviorStateLeaves(n, StateUnloading, kStateWaitMs)) {
+    // The run's clean-up is over once the state leaves "unloading", whatever it becomes:
+    // a system behavior passes "unloaded" on its way to "loaded" again, and may be
+    // loading or loaded by the time this wait looks. The clean-up gets the grace and then
+    // the full state wait.
+    if (!waitBehaviorStateLeaves(n, StateUnloading, kUnloadingGraceMs) &&
+        !waitBehaviorStateLeaves(n, StateUnloading, kStateWaitMs)) {
       throw inconsistentStop(__LINE__);
     }
     return;

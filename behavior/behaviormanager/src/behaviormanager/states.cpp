@@ -1,6 +1,9 @@
-// Behavior states, the running set and its "BehaviorsRun" publication, and the
-// polling waits through which loads, runs and stops coordinate.
-#include <vu/os.h>
+// Behavior states, the running set and its "BehaviorsRun" publication, and the waits
+// through which loads, runs and stops coordinate. Every change of a state wakes the
+// waiting threads, which look at the state again; a wait ends when the state it waits
+// for is there or at its deadline, whichever comes first.
+#include <algorithm>
+#include <chrono>
 
 #include "behaviormanager.h"
 #include "detail.h"
@@ -9,16 +12,23 @@ namespace ZR {
 namespace BehaviorManager {
 
 namespace {
-constexpr int kPollMs = 200;
+
+using Clock = std::chrono::steady_clock;
+
+// A time-out of zero or less looks once and does not wait.
+Clock::time_point deadlineAfter(int timeoutMs) {
+  return Clock::now() + std::chrono::milliseconds(std::max(timeoutMs, 0));
 }
 
+}  // namespace
+
 BehaviorState ZRBehaviorManager::behaviorState(const std::string& name) {
-  boost::mutex::scoped_lock lock(fStateMutex);
+  std::lock_guard<std::mutex> lock(fStateMutex);
   return fStates[name];  // an unknown name gets an entry with StateUnknown
 }
 
 std::map<std::string, BehaviorState> ZRBehaviorManager::xStateTable() const {
-  boost::mutex::scoped_lock lock(fStateMutex);
+  std::lock_guard<std::mutex> lock(fStateMutex);
   return fStates;
 }
 
@@ -26,7 +36,7 @@ void ZRBehaviorManager::setBehaviorState(const std::string& name, BehaviorState 
   boost::mutex::scoped_lock running(fRunningMutex);
   BehaviorState old;
   {
-    boost::mutex::scoped_lock lock(fStateMutex);
+    std::lock_guard<std::mutex> lock(fStateMutex);
     BehaviorState& entry = fStates[name];
     old = entry;
     if (old == state) {
@@ -34,6 +44,15 @@ void ZRBehaviorManager::setBehaviorState(const std::string& name, BehaviorState 
     }
     entry = state;
   }
+  // Wakes the waiting threads when this change is complete, after its publication, so
+  // that a thread woken by it finds "BehaviorsRun" already raised; also when the
+  // publication throws, since the state has changed all the same. The change was made
+  // under the state mutex, which keeps a waiter from missing it; the wake-up need not
+  // hold it.
+  struct WakeWaiters {
+    std::condition_variable& changed;
+    ~WakeWaiters() { changed.notify_all(); }
+  } wake{fStateChanged};
   if (state == StateRunning) {
     fRunning.insert(name);
     publishRunningBehaviors();
@@ -50,47 +69,27 @@ void ZRBehaviorManager::publishRunningBehaviors() {
 
 bool ZRBehaviorManager::waitBehaviorState(const std::string& name, BehaviorState state,
                                           int timeoutMs) {
-  int remaining = timeoutMs;
-  for (;;) {
-    if (behaviorState(name) == state) {
-      return true;
-    }
-    vu::os::msleep(kPollMs);
-    remaining -= kPollMs;
-    if (remaining < 0) {
-      return false;
-    }
-  }
+  return waitForState(name, timeoutMs, [state](BehaviorState now) { return now == state; });
 }
 
 bool ZRBehaviorManager::waitBehaviorStateLeaves(const std::string& name, BehaviorState state,
                                                 int timeoutMs) {
-  int remaining = timeoutMs;
-  for (;;) {
-    if (behaviorState(name) != state) {
-      return true;
-    }
-    vu::os::msleep(kPollMs);
-    remaining -= kPollMs;
-    if (remaining < 0) {
-      return false;
-    }
-  }
+  return waitForState(name, timeoutMs, [state](BehaviorState now) { return now != state; });
 }
 
 bool ZRBehaviorManager::waitBehaviorStateChange(const std::string& name, int timeoutMs) {
-  const BehaviorState initial = behaviorState(name);
-  int remaining = timeoutMs;
-  for (;;) {
-    vu::os::msleep(kPollMs);
-    remaining -= kPollMs;
-    if (remaining < 0) {
-      return false;
-    }
-    if (behaviorState(name) != initial) {
-      return true;
-    }
-  }
+  const Clock::time_point deadline = deadlineAfter(timeoutMs);
+  std::unique_lock<std::mutex> lock(fStateMutex);
+  const BehaviorState initial = fStates[name];
+  return fStateChanged.wait_until(lock, deadline, [&] { return fStates[name] != initial; });
+}
+
+bool ZRBehaviorManager::waitForState(const std::string& name, int timeoutMs,
+                                     const std::function<bool(BehaviorState)>& done) {
+  const Clock::time_point deadline = deadlineAfter(timeoutMs);
+  std::unique_lock<std::mutex> lock(fStateMutex);
+  // operator[] as in behaviorState: an unknown name gets its StateUnknown entry.
+  return fStateChanged.wait_until(lock, deadline, [&] { return done(fStates[name]); });
 }
 
 }  // namespace BehaviorManager

@@ -4,11 +4,12 @@
 #pragma once
 
 #include <common/eventually.h>
-#include <vu/os.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 #include <zr/zrerror.h>
 
-#include <atomic>
 #include <chrono>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <memory>
@@ -57,29 +58,59 @@ struct CallResult {
 
 using tuqvutest::eventually;
 
-// Made on the thread that is about to poll (a waiting call); another thread calls
-// waitForPoll() to block until that thread has slept at least once more, that is until
-// its polling loop has looked at the state once (see vu::os::msleepCounterOfThisThread).
-// Copy it into the other thread: the counter it refers to lives as long as the polling
-// thread, the copy as long as the thread that waits.
-class PollWatch {
+// Made on a thread that is about to wait on a state change; another thread calls
+// waitUntilBlocked() to go on only once that thread sleeps in the kernel, as a thread
+// waiting on a condition variable does. The waiting calls of the manager take no other
+// lock that a test's threads hold, so a thread found asleep there waits on the state
+// table: whatever the other thread changes next, the waiting call sees as a change made
+// while it waited.
+class BlockWatch {
 public:
-  PollWatch() : fSleeps(vu::os::msleepCounterOfThisThread()), fBefore(fSleeps.load()) {}
+  BlockWatch() : fThread(::gettid()) {}
 
-  bool waitForPoll() const {
-    return eventually([this] { return fSleeps.load() > fBefore; });
+  // Asleep at two looks 5 ms apart: a moment's wait for a lock that another thread
+  // holds briefly (an allocator's, say) is not taken for the wait on the state table.
+  bool waitUntilBlocked() const {
+    return eventually([this] {
+      if (!asleepInFutex()) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      return asleepInFutex();
+    });
   }
 
 private:
-  const std::atomic<unsigned long>& fSleeps;  // the polling thread's counter
-  const unsigned long fBefore;                // its value when the watch was made
+  bool asleepInFutex() const {
+    std::ifstream in("/proc/self/task/" + std::to_string(fThread) + "/syscall");
+    long number = -1;  // the file reads "running" when the thread is not in a system call
+    return static_cast<bool>(in >> number) && number == SYS_futex;
+  }
+
+  pid_t fThread;
 };
 
-// The sleeps vu::os::msleep made on this thread while `work` ran.
-inline unsigned long sleepsDuring(const std::function<void()>& work) {
-  const unsigned long before = vu::os::msleepCountOnThisThread();
-  work();
-  return vu::os::msleepCountOnThisThread() - before;
+// A manager call made on a thread of its own, with the watch of that thread.
+template <typename Result>
+struct WaitingCall {
+  BlockWatch watch;
+  std::future<Result> result;
+
+  // True once the call has returned, within a guard far below the time-outs of the
+  // waits the tests make: a call still waiting then was not woken by the change.
+  bool returned() const {
+    return result.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+  }
+};
+
+template <typename Work>
+auto startWaiting(Work work) -> WaitingCall<decltype(work())> {
+  using Result = decltype(work());
+  auto watch = std::make_shared<std::promise<BlockWatch>>();
+  std::future<BlockWatch> watched = watch->get_future();
+  std::future<Result> result = std::async(std::launch::async, [watch, work] {
+    watch->set_value(BlockWatch());
+    return work();
+  });
+  return WaitingCall<Result>{watched.get(), std::move(result)};
 }
 
 class LifecycleTest : public ManagerTest {

@@ -200,9 +200,7 @@ TEST_F(LoadingFaults, LoadingALoadedBehaviorCallsTheFrameManagerNotAtAll) {
   startFake();
   ASSERT_TRUE(manager->loadBehavior("wave"));
   fake->clearCalls();
-  bool loaded = false;
-  EXPECT_EQ(sleepsDuring([&] { loaded = manager->loadBehavior("User/wave"); }), 0u);
-  EXPECT_TRUE(loaded);
+  EXPECT_TRUE(manager->loadBehavior("User/wave"));
   EXPECT_TRUE(fake->calls().empty()) << fake->calls().front();
   EXPECT_EQ(manager->behaviorState("wave"), StateLoaded);
 }
@@ -262,16 +260,14 @@ TEST_F(LoadingFaults, SlowOtherExceptionLeavesLoadingAndALaterLoadFailsAfterTenS
 
   fake->setLoadFault("wave", FakeFrameManager::LoadFault::None);
   fake->clearCalls();
-  const unsigned long sleeps = sleepsDuring([&] {
-    try {
-      manager->loadBehavior("User/wave");
-      ADD_FAILURE() << "nothing thrown";
-    } catch (const ZR::ZRError& error) {
-      EXPECT_TRUE(isManagerError(error, "loadBehavior",
-                                 "Could not load behavior, wave was in an consistent state."));
-    }
-  });
-  EXPECT_EQ(sleeps, 51u);  // the whole waitBehaviorStateChange(10000)
+  // Nothing changes the state: the load waits out its whole time-out, then gives up.
+  try {
+    manager->loadBehavior("User/wave");
+    ADD_FAILURE() << "nothing thrown";
+  } catch (const ZR::ZRError& error) {
+    EXPECT_TRUE(isManagerError(error, "loadBehavior",
+                               "Could not load behavior, wave was in an consistent state."));
+  }
   EXPECT_TRUE(fake->calls().empty());
   EXPECT_EQ(manager->behaviorState("wave"), StateLoading);
 }
@@ -279,16 +275,13 @@ TEST_F(LoadingFaults, SlowOtherExceptionLeavesLoadingAndALaterLoadFailsAfterTenS
 TEST_F(LoadingFaults, AStateAboveFiveIsAnInconsistentStateAtOnce) {
   startFake();
   manager->setBehaviorState("wave", static_cast<BehaviorState>(6));
-  const unsigned long sleeps = sleepsDuring([&] {
-    try {
-      manager->loadBehavior("wave");
-      ADD_FAILURE() << "nothing thrown";
-    } catch (const ZR::ZRError& error) {
-      EXPECT_TRUE(isManagerError(error, "loadBehavior",
-                                 "Could not load behavior, wave was in an consistent state."));
-    }
-  });
-  EXPECT_EQ(sleeps, 0u);
+  try {
+    manager->loadBehavior("wave");
+    ADD_FAILURE() << "nothing thrown";
+  } catch (const ZR::ZRError& error) {
+    EXPECT_TRUE(isManagerError(error, "loadBehavior",
+                               "Could not load behavior, wave was in an consistent state."));
+  }
   EXPECT_TRUE(fake->calls().empty());
   manager->setBehaviorState("wave", StateUnloaded);
 }
@@ -296,15 +289,12 @@ TEST_F(LoadingFaults, AStateAboveFiveIsAnInconsistentStateAtOnce) {
 TEST_F(LoadingFaults, ALoadWaitsForAnUnloadingBehaviorToBeUnloadedThenLoads) {
   startFake();
   manager->setBehaviorState("wave", StateUnloading);
-  const PollWatch loader;
-  spawn([this, loader] {
-    EXPECT_TRUE(loader.waitForPoll());  // the load is waiting now
-    manager->xUnloadBehavior("wave");
-  });
-  bool loaded = false;
-  const unsigned long sleeps = sleepsDuring([&] { loaded = manager->loadBehavior("wave"); });
-  EXPECT_TRUE(loaded);
-  EXPECT_GE(sleeps, 1u);
+  WaitingCall<bool> load = startWaiting([this] { return manager->loadBehavior("wave"); });
+  ASSERT_TRUE(load.watch.waitUntilBlocked());  // the load is waiting now
+  EXPECT_EQ(fake->count("newBehaviorFromFile"), 0);
+  manager->xUnloadBehavior("wave");
+  ASSERT_TRUE(load.returned()) << "the unload did not wake the load";
+  EXPECT_TRUE(load.result.get());
   EXPECT_EQ(manager->behaviorState("wave"), StateLoaded);
   EXPECT_EQ(fake->count("newBehaviorFromFile"), 1);
 }
@@ -321,15 +311,11 @@ TEST_F(LoadingFaults, ASecondLoadWaitsForTheFirstAndCreatesNoSecondInstance) {
   EXPECT_TRUE(manager->getLoadedBehaviors().empty());
   EXPECT_EQ(manager->getBehaviorFrameManagerId("wave"), "");
 
-  const PollWatch loader;
-  spawn([this, loader] {
-    EXPECT_TRUE(loader.waitForPoll());  // the second load is waiting now
-    fake->releaseLoad("wave");
-  });
-  bool loaded = false;
-  const unsigned long sleeps = sleepsDuring([&] { loaded = manager->loadBehavior("wave"); });
-  EXPECT_TRUE(loaded);
-  EXPECT_GE(sleeps, 1u);
+  WaitingCall<bool> second = startWaiting([this] { return manager->loadBehavior("wave"); });
+  ASSERT_TRUE(second.watch.waitUntilBlocked());  // the second load is waiting now
+  fake->releaseLoad("wave");
+  ASSERT_TRUE(second.returned()) << "the end of the first load did not wake the second";
+  EXPECT_TRUE(second.result.get());
   const CallResult firstResult = first.get();
   EXPECT_FALSE(firstResult.threw) << firstResult.description;
   EXPECT_TRUE(firstResult.value.toBool());
@@ -405,9 +391,7 @@ TEST_F(LoadingFaults, UnloadOfALoadedBehaviorThatDoesNotRunOnlyExitsAndDeletes) 
   ASSERT_TRUE(manager->loadBehavior("wave"));
   const std::string id = fake->idOf("wave");
   fake->clearCalls();
-  bool unloaded = false;
-  EXPECT_EQ(sleepsDuring([&] { unloaded = manager->unloadBehavior("wave"); }), 0u);
-  EXPECT_TRUE(unloaded);
+  EXPECT_TRUE(manager->unloadBehavior("wave"));
   EXPECT_EQ(fake->calls(), (Names{"exitBehavior(" + id + ")", "deleteBehavior(" + id + ")"}));
   EXPECT_EQ(manager->behaviorState("wave"), StateUnloaded);
 }

@@ -145,28 +145,24 @@ TEST_F(Races, LoadsThatBothFoundTheBehaviorUnloadedCreateOneInstance) {
 }
 
 // A load waiting for a run's clean-up must not insist on seeing "unloaded" itself: a
-// system behavior, or another caller's load, moves on to "loaded" within one poll.
+// system behavior, or another caller's load, may be loading or loaded again before the
+// woken wait looks.
 TEST_F(Races, ALoadWaitingForAnUnloadAcceptsABehaviorLoadedAgainMeanwhile) {
   startFake();
   ASSERT_TRUE(manager->loadBehavior("wave"));
   manager->setBehaviorState("wave", StateUnloading);  // a run that has just ended
-  const PollWatch waiter;
-  spawn([this, waiter] {
-    EXPECT_TRUE(waiter.waitForPoll());  // the waiting call has polled once
-    manager->xUnloadBehavior("wave");
-    manager->loadBehavior("wave");  // at once, as the reload of a system behavior does
-  });
-  bool loaded = false;
-  const unsigned long sleeps = sleepsDuring([&] {
+  WaitingCall<std::string> load = startWaiting([this] {
     try {
-      loaded = manager->loadBehavior("wave");
+      return std::string(manager->loadBehavior("wave") ? "" : "returned false");
     } catch (const ZR::ZRError& error) {
-      ADD_FAILURE() << error.description();
+      return error.description();
     }
   });
-  joinAll();
-  EXPECT_TRUE(loaded);
-  EXPECT_LT(sleeps, 51u) << "waited out the whole 10 s";
+  ASSERT_TRUE(load.watch.waitUntilBlocked());  // the load waits for the clean-up
+  manager->xUnloadBehavior("wave");
+  manager->loadBehavior("wave");  // at once, as the reload of a system behavior does
+  ASSERT_TRUE(load.returned()) << "waited for an \"unloaded\" that had passed";
+  EXPECT_EQ(load.result.get(), "");
   EXPECT_EQ(manager->behaviorState("wave"), StateLoaded);
   EXPECT_EQ(fake->count("newBehaviorFromFile"), 2);  // the first load and the reload
   EXPECT_EQ(fake->instances(), Names{manager->getBehaviorFrameManagerId("wave")});
@@ -177,21 +173,19 @@ TEST_F(Races, AStopOfAnUnloadingBehaviorAcceptsABehaviorLoadedAgainMeanwhile) {
   startFake();
   ASSERT_TRUE(manager->loadBehavior("idle"));
   manager->setBehaviorState("idle", StateUnloading);
-  const PollWatch waiter;
-  spawn([this, waiter] {
-    EXPECT_TRUE(waiter.waitForPoll());  // the waiting call has polled once
-    manager->xUnloadBehavior("idle");
-    manager->loadBehavior("idle");
-  });
-  const unsigned long sleeps = sleepsDuring([&] {
+  WaitingCall<std::string> stop = startWaiting([this] {
     try {
       manager->stopBehavior("idle");
+      return std::string();
     } catch (const ZR::ZRError& error) {
-      ADD_FAILURE() << error.description();
+      return error.description();
     }
   });
-  joinAll();
-  EXPECT_LT(sleeps, 52u) << "waited out the whole 10 s";
+  ASSERT_TRUE(stop.watch.waitUntilBlocked());  // the stop waits for the clean-up
+  manager->xUnloadBehavior("idle");
+  manager->loadBehavior("idle");
+  ASSERT_TRUE(stop.returned()) << "waited for an \"unloaded\" that had passed";
+  EXPECT_EQ(stop.result.get(), "");
   EXPECT_EQ(manager->behaviorState("idle"), StateLoaded);
 }
 

@@ -197,7 +197,7 @@ TEST_F(Running, StoppingABehaviorThatIsNotRunningDoesNothing) {
   // Unloaded, loaded, and installed but never seen ("fail" was announced, so clear it).
   for (const char* name : {"quick", "other", "User/quick"}) {
     SCOPED_TRACE(name);
-    EXPECT_EQ(sleepsDuring([&] { manager->stopBehavior(name); }), 0u);
+    EXPECT_NO_THROW(manager->stopBehavior(name));
   }
   EXPECT_EQ(manager->xStateTable(), before);
   EXPECT_TRUE(manager->isBehaviorLoaded("other"));
@@ -305,7 +305,7 @@ TEST_F(RunningFaults, StoppingALoadedBehaviorThatDoesNotRunCallsNothing) {
   startFake();
   ASSERT_TRUE(manager->loadBehavior("idle"));
   fake->clearCalls();
-  EXPECT_EQ(sleepsDuring([&] { manager->stopBehavior("idle"); }), 0u);
+  EXPECT_NO_THROW(manager->stopBehavior("idle"));
   EXPECT_TRUE(fake->calls().empty()) << fake->calls().front();
   EXPECT_EQ(manager->behaviorState("idle"), StateLoaded);
   EXPECT_TRUE(manager->isBehaviorLoaded("idle"));
@@ -318,16 +318,14 @@ TEST_F(RunningFaults, ARunThatDoesNotCleanUpWithinASecondCouldNotBeStopped) {
   ASSERT_TRUE(fake->waitRunning("idle", 20000));
   const std::string id = fake->idOf("idle");
   fake->clearCalls();
-  const unsigned long sleeps = sleepsDuring([&] {
-    try {
-      manager->stopBehavior("User/idle");
-      ADD_FAILURE() << "nothing thrown";
-    } catch (const ZR::ZRError& error) {
-      EXPECT_TRUE(isManagerError(error, "stopBehavior",
-                                 "Behavior User/idle could not be stopped properly."));
-    }
-  });
-  EXPECT_EQ(sleeps, 6u);  // waitBehaviorState(..., 1000)
+  // The run never reaches "unloaded": the stop gives up at the end of its wait.
+  try {
+    manager->stopBehavior("User/idle");
+    ADD_FAILURE() << "nothing thrown";
+  } catch (const ZR::ZRError& error) {
+    EXPECT_TRUE(
+        isManagerError(error, "stopBehavior", "Behavior User/idle could not be stopped properly."));
+  }
   EXPECT_EQ(fake->calls(), (Names{"exitBehavior(" + id + ")", "deleteBehavior(" + id + ")"}));
   EXPECT_EQ(manager->behaviorState("idle"), StateRunning);
 
@@ -363,21 +361,20 @@ TEST_F(RunningFaults, AStopWhileALoadEndsInLoadedIsAnInconsistentState) {
   fake->holdLoad("idle");
   std::future<CallResult> load = callAsync("preloadBehavior", {"idle"});
   ASSERT_TRUE(fake->waitLoadHeld("idle", 20000));
-  const PollWatch stopper;
-  spawn([this, stopper] {
-    EXPECT_TRUE(stopper.waitForPoll());  // the stop is waiting on the load now
-    fake->releaseLoad("idle");
-  });
-  const unsigned long sleeps = sleepsDuring([&] {
+  WaitingCall<std::string> stop = startWaiting([this] {
     try {
       manager->stopBehavior("idle");
-      ADD_FAILURE() << "nothing thrown";
+      return std::string("nothing thrown");
     } catch (const ZR::ZRError& error) {
-      EXPECT_TRUE(
-          isManagerError(error, "stopBehavior", "behavior was found in an inconsistent state."));
+      return isManagerError(error, "stopBehavior", "behavior was found in an inconsistent state.")
+                 ? std::string()
+                 : error.description();
     }
   });
-  EXPECT_GE(sleeps, 1u);
+  ASSERT_TRUE(stop.watch.waitUntilBlocked());  // the stop is waiting on the load now
+  fake->releaseLoad("idle");
+  ASSERT_TRUE(stop.returned()) << "the end of the load did not wake the stop";
+  EXPECT_EQ(stop.result.get(), "");
   EXPECT_FALSE(load.get().threw);
   EXPECT_EQ(manager->behaviorState("idle"), StateLoaded);
   EXPECT_EQ(fake->count("exitBehavior"), 0);
@@ -389,15 +386,12 @@ TEST_F(RunningFaults, AStopOfAnUnloadingBehaviorWaitsUntilItIsUnloaded) {
   ASSERT_TRUE(manager->loadBehavior("idle"));
   manager->setBehaviorState("idle", StateUnloading);  // a run that has just ended
   fake->clearCalls();
-  const PollWatch stopper;
-  spawn([this, stopper] {
-    EXPECT_TRUE(stopper.waitForPoll());  // the stop has polled once
-    manager->xUnloadBehavior("idle");
-  });
-  const unsigned long sleeps = sleepsDuring([&] { manager->stopBehavior("User/idle"); });
-  EXPECT_GE(sleeps, 1u);  // the 200 ms grace comes first, whatever the state does
+  WaitingCall<void> stop = startWaiting([this] { manager->stopBehavior("User/idle"); });
+  ASSERT_TRUE(stop.watch.waitUntilBlocked());  // the stop waits for the run's clean-up
+  manager->xUnloadBehavior("idle");
+  ASSERT_TRUE(stop.returned()) << "the unload did not wake the stop";
+  EXPECT_NO_THROW(stop.result.get());
   EXPECT_EQ(manager->behaviorState("idle"), StateUnloaded);
-  joinAll();
   // Only the unload itself reached the frame manager.
   const std::string id = fake->idOf("idle");
   EXPECT_EQ(fake->calls(), (Names{"exitBehavior(" + id + ")", "deleteBehavior(" + id + ")"}));
@@ -407,7 +401,7 @@ TEST_F(RunningFaults, StopAllWithNothingRunningCallsCleanBehaviorsOnceAndNothing
   startFake();
   ASSERT_TRUE(manager->loadBehavior("idle"));  // loaded, not running: left alone
   fake->clearCalls();
-  EXPECT_EQ(sleepsDuring([&] { manager->stopAllBehaviors(); }), 0u);
+  manager->stopAllBehaviors();
   EXPECT_EQ(fake->calls(), Names{"cleanBehaviors()"});
   fake->clearCalls();
   EXPECT_FALSE(call("stopAllBehaviors", {}).threw);

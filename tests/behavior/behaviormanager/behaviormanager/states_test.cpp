@@ -1,5 +1,5 @@
-// The state table, the running set with its "BehaviorsRun" publication, and the two
-// polling waits, observed through the sleeps they make.
+// The state table, the running set with its "BehaviorsRun" publication, and the waits
+// on state changes.
 #include "lifecycle.h"
 
 namespace bmtest {
@@ -149,119 +149,143 @@ TEST_F(StatesWithoutMemory, AFailedPublicationHappensAfterTheStateAndTheRunningS
   EXPECT_NO_THROW(manager->setBehaviorState("a", StateUnloaded));
 }
 
+TEST_F(StatesWithoutMemory, AFailedPublicationStillWakesTheWaitingThreads) {
+  startPlatform(/*memory=*/false);
+  startManager();
+  WaitingCall<bool> waiting =
+      startWaiting([this] { return manager->waitBehaviorState("a", StateRunning, 60000); });
+  ASSERT_TRUE(waiting.watch.waitUntilBlocked());
+  EXPECT_THROW(manager->setBehaviorState("a", StateRunning), ZR::ZRError);
+  ASSERT_TRUE(waiting.returned()) << "the change did not wake the wait";
+  EXPECT_TRUE(waiting.result.get());
+}
+
 // ---- waitBehaviorState
 
-TEST_F(States, WaitForAReachedStateReturnsAtOnceWithoutSleeping) {
+TEST_F(States, WaitForAReachedStateReturnsTrueWhateverTheTimeout) {
   startReal();
   for (const int timeout : {10000, 1000, 0, -1}) {
     SCOPED_TRACE(timeout);
-    bool reached = false;
-    EXPECT_EQ(
-        sleepsDuring([&] { reached = manager->waitBehaviorState("a", StateUnloaded, timeout); }),
-        0u);
-    EXPECT_TRUE(reached);
+    EXPECT_TRUE(manager->waitBehaviorState("a", StateUnloaded, timeout));
   }
   // An unknown name reads as StateUnknown, which is then reached at once.
-  bool reached = false;
-  EXPECT_EQ(sleepsDuring([&] { reached = manager->waitBehaviorState("nobody", StateUnknown, 0); }),
-            0u);
-  EXPECT_TRUE(reached);
+  EXPECT_TRUE(manager->waitBehaviorState("nobody", StateUnknown, 0));
+  EXPECT_EQ(manager->xStateTable().count("nobody"), 1u);
 }
 
-TEST_F(States, WaitWithTimeoutZeroSleepsOnceAndFails) {
+TEST_F(States, WaitWithoutTimeLeftLooksOnceAndFails) {
   startReal();
-  bool reached = true;
-  EXPECT_EQ(sleepsDuring([&] { reached = manager->waitBehaviorState("a", StateLoaded, 0); }), 1u);
-  EXPECT_FALSE(reached);
-}
-
-TEST_F(States, WaitWithANegativeTimeoutStillLooksOnce) {
-  startReal();
-  bool reached = true;
-  EXPECT_EQ(sleepsDuring([&] { reached = manager->waitBehaviorState("a", StateLoaded, -500); }),
-            1u);
-  EXPECT_FALSE(reached);
-}
-
-TEST_F(States, WaitLooksOnceMorePerFull200Milliseconds) {
-  startReal();
-  // floor(timeout / 200) + 1 looks, each unsuccessful look followed by a sleep.
-  for (const auto& [timeout, sleeps] :
-       std::vector<std::pair<int, unsigned long>>{{199, 1}, {200, 2}, {399, 2}, {1000, 6}}) {
+  for (const int timeout : {0, -500}) {
     SCOPED_TRACE(timeout);
-    bool reached = true;
-    EXPECT_EQ(
-        sleepsDuring([&] { reached = manager->waitBehaviorState("a", StateLoaded, timeout); }),
-        sleeps);
-    EXPECT_FALSE(reached);
+    EXPECT_FALSE(manager->waitBehaviorState("a", StateLoaded, timeout));
+  }
+  // The look gives an unknown name its entry, as behaviorState does.
+  EXPECT_FALSE(manager->waitBehaviorState("nobody", StateLoaded, 0));
+  EXPECT_EQ(manager->xStateTable().count("nobody"), 1u);
+}
+
+TEST_F(States, WaitForAStateThatNeverComesFailsAtItsTimeout) {
+  startReal();
+  for (const int timeout : {1, 50, 250}) {
+    SCOPED_TRACE(timeout);
+    EXPECT_FALSE(manager->waitBehaviorState("a", StateLoaded, timeout));
+  }
+  EXPECT_EQ(manager->behaviorState("a"), StateUnloaded);
+}
+
+TEST_F(States, OtherChangesDoNotEndAWaitForAState) {
+  startReal();
+  WaitingCall<bool> waiting =
+      startWaiting([this] { return manager->waitBehaviorState("a", StateLoaded, 60000); });
+  ASSERT_TRUE(waiting.watch.waitUntilBlocked());
+  // Each change wakes the waiting thread; the wait goes on until "a" is loaded.
+  manager->setBehaviorState("a", StateLoading);
+  manager->setBehaviorState("b", StateLoaded);
+  manager->setBehaviorState("a", StateUnloaded);
+  manager->setBehaviorState("a", StateLoaded);
+  ASSERT_TRUE(waiting.returned());
+  EXPECT_TRUE(waiting.result.get());
+  manager->setBehaviorState("a", StateUnloaded);
+  manager->setBehaviorState("b", StateUnloaded);
+}
+
+TEST_F(States, AWaitingThreadWakesOnTheChangeLongBeforeItsTimeout) {
+  startReal();
+  // Several rounds, each changing the state while the other thread sleeps in its wait.
+  for (int round = 0; round < 5; ++round) {
+    SCOPED_TRACE(round);
+    WaitingCall<bool> waiting =
+        startWaiting([this] { return manager->waitBehaviorState("a", StateLoaded, 60000); });
+    ASSERT_TRUE(waiting.watch.waitUntilBlocked());
+    manager->setBehaviorState("a", StateLoaded);
+    ASSERT_TRUE(waiting.returned()) << "the change did not wake the wait";
+    EXPECT_TRUE(waiting.result.get());
+    manager->setBehaviorState("a", StateUnloaded);
   }
 }
 
-TEST_F(States, WaitSeesAStateSetByAnotherThread) {
+TEST_F(States, EveryWaitingThreadWakesOnTheChange) {
   startReal();
-  const PollWatch waiter;
-  spawn([this, waiter] {
-    EXPECT_TRUE(waiter.waitForPoll());  // the wait has looked once
-    manager->setBehaviorState("a", StateLoaded);
-  });
-  bool reached = false;
-  const unsigned long sleeps =
-      sleepsDuring([&] { reached = manager->waitBehaviorState("a", StateLoaded, 10000); });
-  EXPECT_TRUE(reached);
-  EXPECT_GE(sleeps, 1u);
-  EXPECT_LE(sleeps, 50u);
-  joinAll();
+  std::vector<WaitingCall<bool>> waiting;
+  for (int i = 0; i < 4; ++i) {
+    waiting.push_back(
+        startWaiting([this] { return manager->waitBehaviorState("a", StateLoaded, 60000); }));
+  }
+  for (const WaitingCall<bool>& call : waiting) ASSERT_TRUE(call.watch.waitUntilBlocked());
+  manager->setBehaviorState("a", StateLoaded);
+  for (WaitingCall<bool>& call : waiting) {
+    ASSERT_TRUE(call.returned());
+    EXPECT_TRUE(call.result.get());
+  }
+  manager->setBehaviorState("a", StateUnloaded);
+}
+
+// ---- waitBehaviorStateLeaves
+
+TEST_F(States, WaitToLeaveAStateEndsOnAnyOtherState) {
+  startReal();
+  EXPECT_TRUE(manager->waitBehaviorStateLeaves("a", StateLoaded, 0));  // "a" is unloaded
+  EXPECT_FALSE(manager->waitBehaviorStateLeaves("a", StateUnloaded, 0));
+  EXPECT_FALSE(manager->waitBehaviorStateLeaves("a", StateUnloaded, 50));
+  manager->setBehaviorState("a", StateUnloading);
+  WaitingCall<bool> waiting =
+      startWaiting([this] { return manager->waitBehaviorStateLeaves("a", StateUnloading, 60000); });
+  ASSERT_TRUE(waiting.watch.waitUntilBlocked());
+  manager->setBehaviorState("a", StateLoading);
+  ASSERT_TRUE(waiting.returned());
+  EXPECT_TRUE(waiting.result.get());
   manager->setBehaviorState("a", StateUnloaded);
 }
 
 // ---- waitBehaviorStateChange
 
-TEST_F(States, WaitForChangeBelow200SleepsOnceAndFails) {
+TEST_F(States, WaitForChangeWithoutTimeLeftFails) {
   startReal();
-  for (const int timeout : {-1, 0, 199}) {
+  for (const int timeout : {-1, 0}) {
     SCOPED_TRACE(timeout);
-    bool changed = true;
-    EXPECT_EQ(sleepsDuring([&] { changed = manager->waitBehaviorStateChange("a", timeout); }), 1u);
-    EXPECT_FALSE(changed);
+    EXPECT_FALSE(manager->waitBehaviorStateChange("a", timeout));
   }
 }
 
-TEST_F(States, WaitForChangeComparesOncePerFull200Milliseconds) {
+TEST_F(States, WaitForChangeWithNoChangeFailsAtItsTimeout) {
   startReal();
-  // floor(timeout / 200) comparisons; the sleep after the last one ends the wait.
-  for (const auto& [timeout, sleeps] :
-       std::vector<std::pair<int, unsigned long>>{{200, 2}, {399, 2}, {400, 3}, {1000, 6}}) {
+  for (const int timeout : {1, 50, 250}) {
     SCOPED_TRACE(timeout);
-    bool changed = true;
-    EXPECT_EQ(sleepsDuring([&] { changed = manager->waitBehaviorStateChange("a", timeout); }),
-              sleeps);
-    EXPECT_FALSE(changed);
+    EXPECT_FALSE(manager->waitBehaviorStateChange("a", timeout));
   }
 }
 
-TEST_F(States, WaitForChangeSeesAnyNewStateSetByAnotherThread) {
+TEST_F(States, WaitForChangeWakesOnAnyNewStateSetByAnotherThread) {
   startReal();
   manager->setBehaviorState("a", StateLoading);
-  const PollWatch waiter;
-  spawn([this, waiter] {
-    EXPECT_TRUE(waiter.waitForPoll());              // the wait has looked once
-    manager->setBehaviorState("a", StateUnloaded);  // not the state anyone waits for
-  });
-  bool changed = false;
-  const unsigned long sleeps =
-      sleepsDuring([&] { changed = manager->waitBehaviorStateChange("a", 10000); });
-  EXPECT_TRUE(changed);
-  EXPECT_GE(sleeps, 1u);
-  EXPECT_LE(sleeps, 50u);
-  joinAll();
-}
-
-// About 10.2 s: the full wait of a load or a stop behind a load that never ends.
-TEST_F(States, SlowWaitForChangeOf10000UnchangedSleeps51TimesAndFails) {
-  startReal();
-  bool changed = true;
-  EXPECT_EQ(sleepsDuring([&] { changed = manager->waitBehaviorStateChange("a", 10000); }), 51u);
-  EXPECT_FALSE(changed);
+  WaitingCall<bool> waiting =
+      startWaiting([this] { return manager->waitBehaviorStateChange("a", 60000); });
+  ASSERT_TRUE(waiting.watch.waitUntilBlocked());  // the wait has taken "loading" as its start
+  manager->setBehaviorState("b", StateLoaded);    // another behavior's change goes on waiting
+  manager->setBehaviorState("a", StateUnloaded);  // not the state anyone waits for
+  ASSERT_TRUE(waiting.returned()) << "the change did not wake the wait";
+  EXPECT_TRUE(waiting.result.get());
+  manager->setBehaviorState("b", StateUnloaded);
 }
 
 }  // namespace
