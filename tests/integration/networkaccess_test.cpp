@@ -502,9 +502,15 @@ std::string exchangeWith(const std::string& address, int port, const std::string
 }  // namespace
 
 TEST(FileServerAddress, FollowsTheBrokersBindAddress) {
+  TempDir tmp;
   TuqvuProcess::Setup setup;
   setup.args = {"--bind", "127.0.0.2"};
+  setup.env["TMPDIR"] = tmp.path();
   TuqvuProcess broker(setup);
+  // A file only this broker serves: another test's file server may hold the same port
+  // number on 127.0.0.1 (the two addresses do not collide), and must not be taken for it.
+  const std::string marker = "served by the broker on 127.0.0.2 only";
+  std::ofstream(tmp.path() + "/marker.txt") << marker;
   const std::string call = rpcRequest("ZRBehaviorManager._httpFileTransferPort", json::array());
   const std::string reply =
       exchangeWith("127.0.0.2", broker.port(),
@@ -517,11 +523,12 @@ TEST(FileServerAddress, FollowsTheBrokersBindAddress) {
   const json port = json::parse(reply.substr(body + 4))["result"];
   ASSERT_TRUE(port.is_number_integer()) << reply;
 
-  const std::string get =
-      "GET /tmp/none.txt HTTP/1.1\r\nHost: 127.0.0.2\r\nAuthorization: " + broker.authorization() +
-      "\r\nConnection: close\r\n\r\n";
-  EXPECT_EQ(0u, exchangeWith("127.0.0.2", port.get<int>(), get).find("HTTP/1.1 404 Not Found"));
-  EXPECT_EQ("", exchangeWith("127.0.0.1", port.get<int>(), get))
+  const std::string get = "GET /tmp/marker.txt HTTP/1.1\r\nHost: 127.0.0.2\r\nAuthorization: " +
+                          broker.authorization() + "\r\nConnection: close\r\n\r\n";
+  const std::string own = exchangeWith("127.0.0.2", port.get<int>(), get);
+  EXPECT_EQ(0u, own.find("HTTP/1.1 200 OK")) << own;
+  EXPECT_NE(std::string::npos, own.find(marker)) << own;
+  EXPECT_EQ(std::string::npos, exchangeWith("127.0.0.1", port.get<int>(), get).find(marker))
       << "the file server listens beyond the broker's address";
   EXPECT_EQ(0, broker.terminate(SIGTERM)) << broker.stderrText();
 }
