@@ -1,4 +1,4 @@
-// Reading a whole file in a test.
+// Reading a whole file in a test, and the deep relative paths the link tests build.
 #pragma once
 
 #include <fstream>
@@ -18,6 +18,15 @@ inline std::string readFile(const char* path) {
 template <typename Path>
 std::string readFile(const Path& path) {
   return readFile(path.c_str());
+}
+
+// `part` repeated `times` times, joined by slashes: repeated("..", 3) is "../../..".
+inline std::string repeated(const std::string& part, int times) {
+  std::string path;
+  for (int i = 0; i < times; ++i) {
+    path += (i == 0 ? "" : "/") + part;
+  }
+  return path;
 }
 
 }  // namespace tuqvutest

@@ -19,6 +19,7 @@
 
 using namespace brokertest;
 using nlohmann::json;
+using tuqvutest::repeated;
 namespace fs = boost::filesystem;
 
 namespace {
@@ -32,14 +33,6 @@ void writeFile(const fs::path& path, const std::string& text) {
 
 std::string projectOfType(const std::string& type) {
   return "<project>\n  <metadata key=\"Type\" value=\"" + type + "\"/>\n</project>\n";
-}
-
-std::string repeated(const std::string& part, int times) {
-  std::string path;
-  for (int i = 0; i < times; ++i) {
-    path += (i == 0 ? "" : "/") + part;
-  }
-  return path;
 }
 
 // Zips the content of `folder` (links stored as links) into `zip`.

@@ -20,22 +20,10 @@
 
 namespace fs = boost::filesystem;
 using tuqvutest::readFile;
+using tuqvutest::repeated;
 using vu::beneath::CopyProblem;
 using vu::beneath::linkStaysWithin;
 using vu::beneath::UniqueFd;
-
-namespace {
-
-// `part` repeated `times` times, joined by slashes.
-std::string repeated(const std::string& part, int times) {
-  std::string path;
-  for (int i = 0; i < times; ++i) {
-    path += (i == 0 ? "" : "/") + part;
-  }
-  return path;
-}
-
-}  // namespace
 
 TEST(LinkRule, ALinkStaysWithinItsFolderWhenItsParentsDoNotClimbAboveTheTop) {
   EXPECT_TRUE(linkStaysWithin("link", "file"));

@@ -1,6 +1,7 @@
 // Imports and removals against symbolic links: a link of a behavior is kept only while
 // it resolves inside that behavior's own folder wherever the folder lands, and no link
 // in the library leads an import or a removal outside it.
+#include <common/files.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 #include <vu/project/behaviorlibraryproject.h>
@@ -8,17 +9,10 @@
 #include "support.h"
 
 using namespace projecttest;
+using tuqvutest::repeated;
 using vu::project::BehaviorLibraryProject;
 
 namespace {
-
-std::string repeated(const std::string& part, int times) {
-  std::string path;
-  for (int i = 0; i < times; ++i) {
-    path += (i == 0 ? "" : "/") + part;
-  }
-  return path;
-}
 
 bool isLink(const std::string& path) {
   char target[16];
