@@ -251,7 +251,7 @@ protected:
 TEST_F(BeyondLoopback, CallsEventsPagesAndEvalNeedTheSecret) {
   const int port = broker->port();
   const std::string call = rpcRequest("ZRMemory.getDataList", {""});
-  for (const std::string& target :
+  for (const char* target :
        {"/", "/ZRMemory/", "/ZRMemory/?eval=ZRMemory.getDataList('')", "/events"}) {
     HttpReply refused = ask(port, "GET", target, {});
     EXPECT_EQ(401, refused.status) << target;

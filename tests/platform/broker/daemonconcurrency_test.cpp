@@ -5,6 +5,7 @@
 #include <signal.h>
 
 #include <chrono>
+#include <fstream>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -66,12 +67,14 @@ TEST(DaemonConcurrency, ACallBeyondTheLimitIsAnsweredWithAJsonRpcErrorAndNothing
   setup.args = {"--module", "TestModule=" + testModulePath()};
   setup.env["TUQVU_MAX_CALLS"] = "3";
   TuqvuProcess daemon(setup);
-  std::vector<std::unique_ptr<HttpConnection>> sleeping;
+  const std::string gate = daemon.scratch() + "/gate";
+  std::vector<std::unique_ptr<HttpConnection>> blocked;
   for (int i = 0; i < 3; ++i) {
-    sleeping.push_back(std::make_unique<HttpConnection>(daemon.port()));
-    sleeping.back()->send("POST", "/rpc", rpcRequest("TestModule.sleep", {3000}, i));
+    blocked.push_back(std::make_unique<HttpConnection>(daemon.port()));
+    blocked.back()->send("POST", "/rpc", rpcRequest("TestModule.waitForFile", {gate}, i));
   }
-  // Once the three are running, a fourth call is not made.
+  // Once the three are running, a fourth call is not made. They wait for a file, so a
+  // slow machine cannot let them finish before the fourth is tried.
   HttpReply refused;
   ASSERT_TRUE(eventually([&] {
     HttpConnection connection(daemon.port());
@@ -90,11 +93,12 @@ TEST(DaemonConcurrency, ACallBeyondTheLimitIsAnsweredWithAJsonRpcErrorAndNothing
                     "(TUQVU_MAX_CALLS)"))
       << answer;
 
-  // The three calls answer, and then the client may call again.
+  // The three calls answer once the file is there, and then the client may call again.
+  std::ofstream(gate) << "go";
   for (int i = 0; i < 3; ++i) {
-    const HttpReply reply = sleeping[i]->readReply();
+    const HttpReply reply = blocked[i]->readReply();
     ASSERT_EQ(200, reply.status);
-    EXPECT_EQ("slept", json::parse(reply.body)["result"]);
+    EXPECT_EQ("found", json::parse(reply.body)["result"]);
   }
   EXPECT_EQ(json("again"), rpc(daemon.port(), "TestModule.echo", {"again"})["result"]);
   EXPECT_EQ(0, daemon.terminate(SIGTERM)) << daemon.stderrText();

@@ -23,6 +23,8 @@
 #include <string>
 #include <thread>
 
+#include <unistd.h>
+
 namespace {
 
 class BrokerTestModule : public ZR::ZRModule {
@@ -86,6 +88,28 @@ public:
           }
           fChanged.notify_all();
           result = ZR::ZRValue("slept");
+        });
+    add("waitForFile", "returns once the file exists (counted as blocked meanwhile)",
+        {{"path", ZR::TypeCodeString}}, ZR::TypeCodeString,
+        [this](const ZR::ZRValue& args, ZR::ZRValue& result) {
+          // For tests that fill every call slot: the file releases the call without one.
+          {
+            std::lock_guard<std::mutex> lock(fMutex);
+            ++fBlocked;
+          }
+          const std::string path = args[0].toString();
+          std::unique_lock<std::mutex> lock(fMutex);
+          while (::access(path.c_str(), F_OK) != 0 && !fShuttingDown) {
+            fChanged.wait_for(lock, std::chrono::milliseconds(10));
+          }
+          lock.unlock();
+          {
+            std::lock_guard<std::mutex> lock(fMutex);
+            --fBlocked;
+            ++fCompleted;
+          }
+          fChanged.notify_all();
+          result = ZR::ZRValue("found");
         });
     add("raise", "raises a memory event through ZRMemory.raiseMicroEvent",
         {{"key", ZR::TypeCodeString}, {"value", ZR::TypeCodeValue}}, ZR::TypeCodeVoid,
