@@ -160,7 +160,7 @@ TEST_F(OnLoopback, PagesCarryASecurityPolicy) {
 // Every program of every account reaches loopback: it is asked for the secret as well.
 TEST_F(OnLoopback, CallsEventsPagesAndEvalNeedTheSecret) {
   const std::string call = rpcRequest("TestModule.add", {2, 3});
-  for (const std::string& target :
+  for (const char* target :
        {"/", "/TestModule/", "/TestModule/?eval=TestModule.add(2,3)", "/events"}) {
     const HttpReply refused = ask(port(), "GET", target, {});
     EXPECT_EQ(401, refused.status) << target;

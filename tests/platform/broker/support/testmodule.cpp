@@ -6,6 +6,7 @@
 //   TUQVU_TEST_DESTRUCTOR_LOG  a file the destructor appends "destroyed <name>\n" to
 //   TUQVU_TEST_MODULE_THROW    a module name whose constructor throws
 //   TUQVU_TEST_DESTRUCTOR_CALLS  when set, the destructor calls ZRMemory.getData first
+#include <unistd.h>
 #include <zr/zrbinding.h>
 #include <zr/zrbroker.h>
 #include <zr/zrerror.h>
@@ -22,8 +23,6 @@
 #include <mutex>
 #include <string>
 #include <thread>
-
-#include <unistd.h>
 
 namespace {
 
