@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <chrono>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -65,13 +66,17 @@ TEST(DaemonLifecycle, ACallInProgressEndsAndIsAnsweredBeforeTheModulesGo) {
   const std::string log = scratch.path() + "/destroyed.log";
   TuqvuProcess daemon(twoModules(log));
   HttpConnection caller(daemon.port());
-  caller.send("POST", "/rpc", rpcRequest("A.sleep", {1500}));
+  const std::string gate = scratch.path() + "/gate";
+  caller.send("POST", "/rpc", rpcRequest("A.waitForFile", {gate}));
   ASSERT_TRUE(eventually(
       [&] { return rpc(daemon.port(), "A.blockedCount", json::array())["result"] == 1; }));
   ::kill(daemon.pid(), SIGTERM);
+  // The call outlives the signal: it ends only when its file appears.
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  std::ofstream(gate) << "go";
   const HttpReply reply = caller.readReply();
   EXPECT_EQ(200, reply.status);
-  EXPECT_EQ("slept", json::parse(reply.body)["result"]);
+  EXPECT_EQ("found", json::parse(reply.body)["result"]);
   EXPECT_EQ(0, daemon.waitExit()) << daemon.stderrText();
   EXPECT_EQ("destroyed B\ndestroyed A\n", readFile(log));
 }

@@ -109,10 +109,10 @@ TEST_F(DaemonRpc, IntrospectionListsModulesAndMethods) {
   const json methods = rpc(port(), "ZRBroker.getMethods", {"TestModule"})["result"];
   std::vector<std::string> names;
   for (const json& method : methods) names.push_back(method["name"]);
-  EXPECT_EQ(
-      (std::vector<std::string>{"echo", "add", "noop", "fail", "pair", "pair", "block", "release",
-                                "blockedCount", "completedCount", "sleep", "raise", "callOther"}),
-      names);
+  EXPECT_EQ((std::vector<std::string>{"echo", "add", "noop", "fail", "pair", "pair", "block",
+                                      "release", "blockedCount", "completedCount", "sleep",
+                                      "waitForFile", "raise", "callOther"}),
+            names);
   EXPECT_EQ(json::parse(R"({"name":"add","description":"adds two integers",
       "parameters":[{"name":"a","description":"the a","type":"int"},
                     {"name":"b","description":"the b","type":"int"}],
