@@ -127,7 +127,10 @@ int main(int argc, char** argv) {
   const char* chosen = std::getenv("INSTALL_BENCH_DIR");
   const fs::path base =
       chosen ? fs::path(chosen) : fs::temp_directory_path() / "tuqvu-install-bench";
-  const fs::path data = base / "data";
+  // The sources lie in the served user data folder, one of the places an install may
+  // read from; the rest of that folder is cleared below like the home.
+  const fs::path dataHome = base / "xdg";
+  const fs::path data = dataHome / "tuqvu" / "uploads";
   const fs::path home = base / "home";
   const fs::path tmp = base / "tmp";
   const fs::path out = base / "out";
@@ -145,6 +148,10 @@ int main(int argc, char** argv) {
     writeFile(data / "ready", "");
   }
   fs::remove_all(home);
+  fs::create_directories(data);
+  for (fs::directory_iterator it(dataHome / "tuqvu"), end; it != end; ++it) {
+    if (it->path() != data) fs::remove_all(it->path());
+  }
   fs::remove_all(tmp);
   fs::remove_all(out);
   fs::create_directories(tmp);
@@ -152,7 +159,7 @@ int main(int argc, char** argv) {
   fs::create_directories(base / "prefix" / "share" / "tuqvu" / "behaviors");
   setenv("HOME", home.c_str(), 1);
   setenv("TMPDIR", tmp.c_str(), 1);
-  setenv("XDG_DATA_HOME", (home / "data").c_str(), 1);
+  setenv("XDG_DATA_HOME", dataHome.c_str(), 1);
   setenv("TUQVU_SDK_PREFIX", (base / "prefix").c_str(), 1);
   vu::log::setMaxLevel(2);
 

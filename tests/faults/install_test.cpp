@@ -111,7 +111,7 @@ protected:
   }
 
   fs::path tmpDir() const { return home().parent_path() / "tmp"; }
-  fs::path packages() const { return home().parent_path() / "packages"; }
+  fs::path packages() const { return uploads(); }
 
   Outcome install(const fs::path& package, const std::string& name) {
     return callRemote(*broker, "ZRBehaviorManager", "installBehavior",

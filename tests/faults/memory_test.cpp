@@ -85,10 +85,10 @@ TEST_F(MemoryFaults, TheModuleAnswersRunsAndPublishesWithoutItsSubscriptionAndDe
   EXPECT_TRUE(runs[1].second.toStringVector().empty());
 
   // Events still reach the memory: an installation announces the new behavior.
-  bmtest::makeBehavior(home() / "incoming" / "wave", endsAtOnceXar());
-  const Outcome install = callRemote(
-      *broker, "ZRBehaviorManager", "installBehavior",
-      {ZRValue((home() / "incoming" / "wave").string()), ZRValue("wave"), ZRValue(false)});
+  bmtest::makeBehavior(uploads() / "wave", endsAtOnceXar());
+  const Outcome install =
+      callRemote(*broker, "ZRBehaviorManager", "installBehavior",
+                 {ZRValue((uploads() / "wave").string()), ZRValue("wave"), ZRValue(false)});
   ASSERT_FALSE(install.threw) << install.description;
   EXPECT_TRUE(install.value.toBool());
   const auto added = raised("ZRBehaviorManager/BehaviorAdded");

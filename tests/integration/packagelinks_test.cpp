@@ -183,4 +183,20 @@ TEST_F(PackageLinksOfTuqvu, ALinkPlantedInTheLibraryLeadsNoInstallOrRemovalOutsi
   EXPECT_EQ(std::string::npos, removal.dump().find(outsideDir().string())) << removal.dump();
 }
 
+TEST_F(PackageLinksOfTuqvu, AnInstallFromOutsideTheServedFoldersCopiesNothingToServeBack) {
+  const fs::path loot = outsideDir() / "loot";
+  writeFile(loot / "behavior.xar", std::string("<behavior/><!-- ") + kSecret + " -->");
+  for (const std::string source :
+       {loot.string(), std::string("/etc"),
+        (fs::path(tmp->path()) / ".." / outsideDir().filename() / "loot").string()}) {
+    EXPECT_EQ(call("ZRBehaviorManager.installBehavior", json::array({source, "loot", true})),
+              json(false))
+        << source;
+  }
+  EXPECT_FALSE(fs::exists(library() / "loot"));
+  const std::string reply = get("/behaviors/User/loot/behavior.xar");
+  EXPECT_EQ(0u, reply.find("HTTP/1.1 404")) << reply;
+  EXPECT_EQ(std::string::npos, reply.find(kSecret));
+}
+
 }  // namespace

@@ -6,7 +6,9 @@
 #include <zr/zrerror.h>
 
 #include <boost/algorithm/string/predicate.hpp>
+#include <boost/filesystem/path.hpp>
 #include <string>
+#include <vector>
 
 namespace ZR {
 namespace BehaviorManager {
@@ -41,6 +43,13 @@ bool namesAPlaceBelowRoot(const std::string& local);
 // root. An empty descriptor with errno set when it cannot be reached.
 vu::beneath::UniqueFd openFolderOf(const std::string& root, const std::string& local, bool create,
                                    std::string* name);
+
+// `source` resolved (links, then "..") when it lies in a folder an install may read
+// from: one of `libraries`, the temporary folder, or the data folders the file server
+// serves (~/.tuqvu/behaviors, ~/.tuqvu/boxlibraries and this system's own
+// user data folder). Empty otherwise.
+boost::filesystem::path permittedInstallSource(const std::string& source,
+                                               const std::vector<std::string>& libraries);
 
 }  // namespace detail
 }  // namespace BehaviorManager

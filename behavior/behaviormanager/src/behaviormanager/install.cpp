@@ -56,10 +56,17 @@ bool ZRBehaviorManager::installBehavior(const std::string& absolutePath,
   const fs::path dest = detail::joinUnderRoot(fUserLibrary.projectPath(), localPath);
 
   try {
-    vu::project::Project project(absolutePath);
+    const fs::path source = detail::permittedInstallSource(
+        absolutePath, {fUserLibrary.projectPath(), fSystemLibrary.projectPath()});
+    if (source.empty()) {
+      throw std::runtime_error(
+          "it lies outside the folders a behavior may be installed from (the user library, "
+          "the system library, the temporary folder and the served data folders)");
+    }
+    vu::project::Project project(source.string());
     if (!project.valid()) {
       vu::project::ArchiveFormat format = vu::project::ArchiveFormatDetect;
-      vu::project::importProject(absolutePath, tmp.string(), format);
+      vu::project::importProject(source.string(), tmp.string(), format);
       project = vu::project::Project(tmp.string());
     }
     const std::string type = project.getMetadata("Type");

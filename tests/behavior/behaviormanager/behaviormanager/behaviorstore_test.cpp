@@ -130,7 +130,7 @@ TEST_F(BehaviorStore, PathThatDoesNotExistIsTakenAndListsNothing) {
 
 TEST_F(BehaviorStore, CalledTwiceLeavesOneConnectionPerHandlerAndAnInstallRaisesOneEvent) {
   makeBehavior(userRoot() / "dance");
-  const fs::path source = home() / "incoming" / "wave";
+  const fs::path source = uploads() / "wave";
   makeBehavior(source);
   startPlatform();
   startManager();
@@ -164,7 +164,7 @@ TEST_F(BehaviorStore, CalledTwiceLeavesOneConnectionPerHandlerAndAnInstallRaises
 }
 
 TEST_F(BehaviorStore, SlotsConnectedByOthersSurviveSetBehaviorsPath) {
-  const fs::path source = home() / "incoming" / "wave";
+  const fs::path source = uploads() / "wave";
   makeBehavior(source);
   startPlatform();
   startManager();

@@ -80,6 +80,8 @@ protected:
   fs::path home() const { return fHome; }
   fs::path userRoot() const { return fHome / ".tuqvu" / "behaviors"; }
   fs::path systemRoot() const { return fPrefix / "share" / "tuqvu" / "behaviors"; }
+  // A folder of the served user data, where clients upload what they install.
+  fs::path uploads() const { return fHome / "data" / "tuqvu" / "uploads"; }
 
   boost::shared_ptr<ZR::ZRBroker> broker;
   std::unique_ptr<ZR::ZRMemory> memory;

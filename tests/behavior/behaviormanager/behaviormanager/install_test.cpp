@@ -67,7 +67,7 @@ void pack(const fs::path& dir, const fs::path& out, bool zipFormat) {
 
 class Install : public ManagerTest {
 protected:
-  fs::path scratch() const { return home() / "scratch"; }
+  fs::path scratch() const { return uploads(); }
   fs::path tmpDir() const { return fs::temp_directory_path(); }
 
   std::vector<std::string> tmpEntries() const {
