@@ -18,12 +18,13 @@ run_packages=(
 )
 # What the tests add: the test and benchmark libraries, clang with its sanitizer and fuzzer
 # runtimes, the layout checker, git (which it asks for the files), the tools the tests make
-# packages and requests with, and the browser of the status page's test.
+# packages and requests with, the browser of the status page's test, and ccache, which
+# lets a second full run rebuild only what changed.
 test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev clang-format-14
   git python3 curl zip unzip libarchive-tools
-  chromium
+  chromium ccache
 )
 
 set_name=test

@@ -13,6 +13,14 @@ bash scripts/deps.sh --test
 echo "== format"
 bash scripts/format.sh --check
 
+# Every compile of the three builds goes through ccache: a run after another one (CI after
+# a local run, on any clone) compiles only what changed. Paths are taken relative to the
+# clone and the folder is left out of the key, so clones in other places share the cache.
+if command -v ccache >/dev/null; then
+  export CMAKE_CXX_COMPILER_LAUNCHER=ccache CMAKE_C_COMPILER_LAUNCHER=ccache
+  export CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=1 CCACHE_MAXSIZE=${CCACHE_MAXSIZE:-12G}
+fi
+
 jobs=2
 configure() {  # folder, extra cmake arguments...
   local dir=$1; shift
