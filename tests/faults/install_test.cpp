@@ -6,6 +6,7 @@
 #include <archive.h>
 #include <archive_entry.h>
 #include <common/environment.h>
+#include <common/tmpfs.h>
 #include <sys/mount.h>
 #include <vu/project/package.h>
 
@@ -22,29 +23,7 @@ namespace {
 
 using ZR::ZRValue;
 
-// A tmpfs of a given size mounted over a directory for the life of the object.
-class Tmpfs {
-public:
-  Tmpfs(const fs::path& dir, std::size_t bytes) : fDir(dir) {
-    fs::create_directories(dir);
-    const std::string options = "size=" + std::to_string(bytes) + ",mode=0755";
-    if (::mount("tuqvu-test", dir.c_str(), "tmpfs", 0, options.c_str()) == 0) {
-      fMounted = true;
-    } else {
-      fReason = std::strerror(errno);
-    }
-  }
-  ~Tmpfs() {
-    if (fMounted) ::umount2(fDir.c_str(), MNT_DETACH);
-  }
-  bool mounted() const { return fMounted; }
-  const std::string& reason() const { return fReason; }
-
-private:
-  fs::path fDir;
-  bool fMounted = false;
-  std::string fReason;
-};
+using tuqvutest::Tmpfs;
 
 enum class Format { zip, tarGz, tar };
 

@@ -1,13 +1,15 @@
 // PUT: writes the request body to the mapped file, creating missing parent directories,
-// and answers "ok". The body streams through the context's 64 KiB input buffer straight
-// into the target, so memory use does not depend on the file size. A body without a
-// Content-Length gets 411, one above the size limit 413, before anything is written.
-// When the body cannot be received or written completely, no reply is sent: the client
-// never sees "ok" for a file that is not all on disk (the bytes that did arrive stay).
+// and answers "ok". The body streams through the context's 64 KiB input buffer into a
+// new unnamed file beside the target, which replaces the target only once the whole body
+// is on disk (vu::beneath::Replacement): a client that stops, a crash or a full disk
+// leave the old file as it was. Memory use does not depend on the file size. A body
+// without a Content-Length gets 411, one above the size limit 413, a full disk 507;
+// when the body cannot be received, no reply is sent.
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vu/beneath.h>
 #include <vu/log.h>
+#include <vu/replacement.h>
 #include <zrfiletransfer/zrhttphandlers.h>
 
 #include <algorithm>
@@ -15,6 +17,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
 #include "zrhttpreply.h"
 #include "zrrequestguard.h"
@@ -55,14 +58,16 @@ void sendLengthRequired(soap* connection) {
                                   std::to_string(body.size()) + "\n\n" + body);
 }
 
-bool writeAll(int file, const char* data, std::size_t size, const fs::path& target) {
+enum class BodyOutcome { received, clientGone, writeFailed };
+
+// Writes all of `data`; false with errno set when the file cannot take it.
+bool writeAll(int file, const char* data, std::size_t size) {
   while (size > 0) {
     const ssize_t written = ::write(file, data, size);
     if (written < 0) {
       if (errno == EINTR) {
         continue;
       }
-      logError(target.string() + ": " + std::strerror(errno));
       return false;
     }
     data += written;
@@ -72,15 +77,15 @@ bool writeAll(int file, const char* data, std::size_t size, const fs::path& targ
 }
 
 // Writes the body: what already sits in the input buffer, then block by block from the
-// socket. False when the client went away or the file could not be written.
-bool receiveBody(soap* connection, int file, const fs::path& target) {
+// socket. On writeFailed errno says why.
+BodyOutcome receiveBody(soap* connection, int file) {
   ULONG64 remaining = connection->length;
   if (connection->bufidx < connection->buflen) {
     // Bytes beyond the body (a pipelined next request) stay in the buffer.
     const std::size_t buffered = connection->buflen - connection->bufidx;
     const std::size_t first = static_cast<std::size_t>(std::min<ULONG64>(buffered, remaining));
-    if (!writeAll(file, connection->buf + connection->bufidx, first, target)) {
-      return false;
+    if (!writeAll(file, connection->buf + connection->bufidx, first)) {
+      return BodyOutcome::writeFailed;
     }
     connection->bufidx += first;
     remaining -= first;
@@ -88,44 +93,28 @@ bool receiveBody(soap* connection, int file, const fs::path& target) {
   while (remaining > 0) {
     std::memset(connection->buf, 0, sizeof(connection->buf));
     if (soap_recv_raw(connection) != SOAP_OK) {
-      return false;
+      return BodyOutcome::clientGone;
     }
     const std::size_t count =
         static_cast<std::size_t>(std::min<ULONG64>(remaining, connection->buflen));
-    if (!writeAll(file, connection->buf, count, target)) {
-      return false;
+    if (!writeAll(file, connection->buf, count)) {
+      return BodyOutcome::writeFailed;
     }
     connection->bufidx += count;
     remaining -= count;
   }
-  return true;
+  return BodyOutcome::received;
 }
 
-// Opens the regular file `name` of `directory` for writing, created or truncated, never
-// through a link. O_NONBLOCK keeps a FIFO put there meanwhile from blocking the listener;
-// anything but a regular file is closed again and refused with EINVAL.
-int openForWriting(int directory, const std::string& name) {
-  vu::beneath::UniqueFd file(
-      vu::beneath::openBeneath(directory, name, O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY, 0666));
-  if (!file) {
-    return -1;
-  }
-  struct stat status;
-  if (::fstat(file.get(), &status) != 0) {
-    return -1;
-  }
-  if (!S_ISREG(status.st_mode)) {
-    errno = EINVAL;
-    return -1;
-  }
-  if (::ftruncate(file.get(), 0) != 0) {
-    return -1;
-  }
-  const int flags = ::fcntl(file.get(), F_GETFL);
-  if (flags < 0 || ::fcntl(file.get(), F_SETFL, flags & ~O_NONBLOCK) != 0) {
-    return -1;
-  }
-  return file.release();
+bool diskIsFull(int error) {
+  return error == ENOSPC || error == EDQUOT;
+}
+
+// 507 for a full disk, with the connection closed: the rest of the body stays unread.
+void sendDiskFull(soap* connection) {
+  detail::sendRefusal(connection, "507 Insufficient Storage",
+                      "the robot's disk is full; the file was not changed");
+  connection->keep_alive = 0;
 }
 
 // Refuses, with a 403 that says why, a request that would change what it must not.
@@ -229,18 +218,29 @@ int httpPut(soap* connection) {
     logError(relative.string() + ": not a regular file");
     return -1;
   }
-  vu::beneath::UniqueFd file(openForWriting(parent.get(), name));
-  if (!file) {
+  vu::beneath::Replacement replacement(parent.get());
+  if (!replacement.valid()) {
     logError(relative.string() + ": " + std::strerror(errno));
+    if (diskIsFull(errno)) {
+      sendDiskFull(connection);
+      return 0;
+    }
     return -1;
   }
   detail::ConnectionGuard::beginBody(connection, connection->length);
-  const bool received = receiveBody(connection, file.get(), relative);
-  if (::close(file.release()) != 0 && received) {
-    logError(relative.string() + ": " + std::strerror(errno));
+  const BodyOutcome outcome = receiveBody(connection, replacement.fd());
+  if (outcome == BodyOutcome::clientGone) {
     return -1;
   }
-  if (!received) {
+  // The mode of the file it replaces is kept; a new file gets the usual one.
+  const std::optional<mode_t> mode =
+      exists ? std::optional<mode_t>(existing.st_mode & 07777) : std::nullopt;
+  if (outcome == BodyOutcome::writeFailed || !replacement.commit(name, mode)) {
+    logError(relative.string() + ": " + std::strerror(errno));
+    if (diskIsFull(errno)) {
+      sendDiskFull(connection);
+      return 0;
+    }
     return -1;
   }
 

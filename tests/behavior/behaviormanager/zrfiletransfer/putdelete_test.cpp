@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <boost/filesystem/operations.hpp>
 #include <string>
 #include <thread>
@@ -99,19 +100,46 @@ TEST_F(PutDelete, PutDecodesTheUpperCaseDotEscapeOnly) {
   EXPECT_EQ(readFile(paths().tmp / "lower%2etxt"), "L");
 }
 
-TEST_F(PutDelete, PutTruncatedByTheClientLeavesThePartialFileAndNoReply) {
+TEST_F(PutDelete, PutTruncatedByTheClientLeavesTheOldFileWholeAndNoReply) {
+  ASSERT_EQ(exchange(put("/tmp/cut-over/truncated.bin", "the old content")), kOk);
   const std::string sent(5000, 'p');
   RawConnection connection(port);
-  connection.send("PUT /tmp/truncated.bin HTTP/1.1\nHost: robot\nContent-Length: 100000\n\n" +
-                  sent);
+  connection.send(
+      "PUT /tmp/cut-over/truncated.bin HTTP/1.1\nHost: robot\nContent-Length: 100000\n\n" + sent);
   connection.shutdownWrite();
   bool closed = false;
   EXPECT_EQ(connection.readUntilClosed(10s, &closed), "");
   EXPECT_TRUE(closed);
 
-  // The server goes on serving, and the bytes it got are on disk.
-  EXPECT_EQ(exchange(put("/tmp/after.txt", "after")), kOk);
-  EXPECT_EQ(readFile(paths().tmp / "truncated.bin"), sent);
+  // The server goes on serving; the old file is as it was and nothing else is left.
+  EXPECT_EQ(exchange(put("/tmp/cut-over/after.txt", "after")), kOk);
+  EXPECT_EQ(readFile(paths().tmp / "cut-over" / "truncated.bin"), "the old content");
+  std::vector<std::string> names;
+  for (fs::directory_iterator it(paths().tmp / "cut-over"), end; it != end; ++it) {
+    names.push_back(it->path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{"after.txt", "truncated.bin"}));
+}
+
+TEST_F(PutDelete, PutTruncatedByTheClientCreatesNothing) {
+  RawConnection connection(port);
+  connection.send("PUT /tmp/cut-new/new.bin HTTP/1.1\nHost: robot\nContent-Length: 100000\n\n" +
+                  std::string(5000, 'p'));
+  connection.shutdownWrite();
+  bool closed = false;
+  EXPECT_EQ(connection.readUntilClosed(10s, &closed), "");
+  EXPECT_TRUE(closed);
+  // The folder on the way is made before the body arrives; the file never is.
+  EXPECT_TRUE(fs::is_empty(paths().tmp / "cut-new"));
+}
+
+TEST_F(PutDelete, PutOverAFileKeepsItsMode) {
+  ASSERT_EQ(exchange(put("/tmp/script.sh", "#!/bin/sh\n")), kOk);
+  fs::permissions(paths().tmp / "script.sh", fs::perms(0750));
+  ASSERT_EQ(exchange(put("/tmp/script.sh", "#!/bin/sh\necho new\n")), kOk);
+  EXPECT_EQ(fs::status(paths().tmp / "script.sh").permissions(), fs::perms(0750));
+  EXPECT_EQ(readFile(paths().tmp / "script.sh"), "#!/bin/sh\necho new\n");
 }
 
 TEST_F(PutDelete, PutToPathsThatAreNotServedGetsNoReply) {
