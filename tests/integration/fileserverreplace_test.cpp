@@ -38,14 +38,16 @@ std::vector<std::string> namesIn(const fs::path& directory) {
 }
 
 int fileServerPort(const TuqvuProcess& broker) {
-  const json port = rpc(broker.port(), "ZRBehaviorManager._httpFileTransferPort", json::array())["result"];
+  const json port =
+      rpc(broker.port(), "ZRBehaviorManager._httpFileTransferPort", json::array())["result"];
   if (!port.is_number_integer()) throw std::runtime_error("no file server: " + port.dump());
   return port.get<int>();
 }
 
 std::string putHead(const TuqvuProcess& broker, const std::string& path, std::size_t length) {
-  return "PUT " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: " +
-         broker.authorization() + "\r\nConnection: close\r\nContent-Length: " + std::to_string(length) + "\r\n\r\n";
+  return "PUT " + path +
+         " HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: " + broker.authorization() +
+         "\r\nConnection: close\r\nContent-Length: " + std::to_string(length) + "\r\n\r\n";
 }
 
 // Sends a whole PUT and returns the reply's status line ("" when none came).
@@ -59,8 +61,8 @@ std::string put(const TuqvuProcess& broker, int port, const std::string& path,
     // waits to be read.
   }
   const std::string reply = connection.readUntilClosed(std::chrono::seconds(30));
-  return reply.substr(0, reply.find('\r') == std::string::npos ? reply.find('\n')
-                                                                 : reply.find('\r'));
+  return reply.substr(0,
+                      reply.find('\r') == std::string::npos ? reply.find('\n') : reply.find('\r'));
 }
 
 TEST(FileServerReplacement, ABrokerKilledDuringAPutOverAFileLeavesTheOldOneWhole) {

@@ -36,8 +36,10 @@ Replacement::Replacement(int directory) : fDirectory(directory) {
     const std::string name = hiddenName();
     fFile.reset(::openat(directory, name.c_str(),
                          O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
-    if (fFile) fHiddenName = name;
-    else if (errno != EEXIST) return;
+    if (fFile)
+      fHiddenName = name;
+    else if (errno != EEXIST)
+      return;
   }
 }
 

@@ -7,6 +7,7 @@
 #include <zr/zrnetworkaccess.h>
 
 #include <algorithm>
+#include <boost/algorithm/string/trim.hpp>
 #include <cctype>
 #include <cerrno>
 
@@ -170,6 +171,16 @@ int ConnectionGuard::parseHeader(soap* connection, const char* key, const char* 
     guard->fHeaders.fetchSite = text;
     return SOAP_OK;
   }
+  if (named(key, "Content-Length")) {
+    // Two lengths that differ let a proxy and this server disagree on where the next
+    // request starts (request smuggling): the request is refused before any hook.
+    const std::string length = boost::algorithm::trim_copy(text);
+    if (guard->fHeaders.contentLength.empty()) {
+      guard->fHeaders.contentLength = length;
+    } else if (guard->fHeaders.contentLength != length) {
+      guard->fHeaders.conflictingLength = true;
+    }
+  }
   if (named(key, "Host")) {
     guard->fHeaders.hasHost = true;
     guard->fHeaders.host = text;
@@ -186,6 +197,13 @@ bool refuseRequest(soap* connection, Access access) {
     // Without a guard on the connection gSOAP parsed the Origin itself.
     headers.hasOrigin = true;
     headers.origin = connection->origin;
+  }
+
+  if (headers.conflictingLength) {
+    logRefusal(connection, "two different Content-Length headers");
+    sendRefusal(connection, "400 Bad Request",
+                "the request has two Content-Length headers that differ");
+    return true;
   }
 
   ZRRequestOrigin seen;

@@ -32,7 +32,9 @@ struct RequestHeaders {
   std::string host;
   bool hasOrigin = false;
   std::string origin;
-  std::string fetchSite;  // Sec-Fetch-Site, "" when absent
+  std::string fetchSite;           // Sec-Fetch-Site, "" when absent
+  std::string contentLength;       // the first Content-Length, "" when absent
+  bool conflictingLength = false;  // a later Content-Length said something else
 };
 
 class ConnectionGuard {

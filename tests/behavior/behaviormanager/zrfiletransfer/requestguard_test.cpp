@@ -134,6 +134,29 @@ TEST_F(RequestGuard, WritesFromAPageOfAnotherOriginAre403AndChangeNothing) {
   EXPECT_EQ(log.find("refuseRequest", "origin").size(), 3u);
 }
 
+TEST_F(RequestGuard, TwoContentLengthsThatDifferAre400AndChangeNothing) {
+  writeFile(paths().tmp / "smuggled.txt", "untouched");
+  zrft_test::LogCapture log;
+  // The first length covers "x"; the second would take the rest as the body.
+  expectRefused(
+      "PUT /tmp/smuggled.txt HTTP/1.1\nHost: robot\nContent-Length: 1\nContent-Length: 30\n\n"
+      "xGET /tmp/other.txt HTTP/1.1\n\n",
+      "400 Bad Request");
+  expectRefused(
+      "DELETE /tmp/smuggled.txt HTTP/1.1\nHost: robot\nContent-Length: 5\n"
+      "Content-Length: 0\n\nhello",
+      "400 Bad Request");
+  EXPECT_EQ(readFile(paths().tmp / "smuggled.txt"), "untouched");
+  EXPECT_EQ(log.find("refuseRequest", "two different Content-Length headers").size(), 2u);
+}
+
+TEST_F(RequestGuard, TwoEqualContentLengthsAreOneLength) {
+  EXPECT_EQ(exchange("PUT /tmp/twice.txt HTTP/1.1\nHost: robot\nContent-Length: 3\n"
+                     "Content-Length:  3\n\nabc"),
+            kOk);
+  EXPECT_EQ(readFile(paths().tmp / "twice.txt"), "abc");
+}
+
 TEST_F(RequestGuard, WritesFromThisOriginAreServed) {
   EXPECT_EQ(exchange(request("PUT", "/tmp/own.txt", "Origin: http://robot\n", "own")), kOk);
   EXPECT_EQ(readFile(paths().tmp / "own.txt"), "own");
