@@ -52,13 +52,18 @@ void Listener::onAccept(boost::beast::error_code error, tcp::socket socket) {
   if (error) {
     // Out of descriptors and the like: log, pause, and accept again; connections that
     // end meanwhile free what is missing.
-    vu::log::write(vu::log::warning, "tuqvu.http", "accept", error.message());
+    if (auto line = fFailures.failed(error.message(), AcceptFailures::Clock::now())) {
+      vu::log::write(vu::log::warning, "tuqvu.http", "accept", *line);
+    }
     fRetry.expires_after(std::chrono::milliseconds(100));
     fRetry.async_wait([self = shared_from_this()](boost::beast::error_code waitError) {
       if (!waitError && self->fAcceptor.is_open()) self->doAccept();
     });
     return;
   } else {
+    if (auto line = fFailures.accepted()) {
+      vu::log::write(vu::log::warning, "tuqvu.http", "accept", *line);
+    }
     boost::system::error_code ignored;
     socket.set_option(tcp::no_delay(true), ignored);
     std::make_shared<HttpSession>(std::move(socket), fContext)->run();

@@ -1,6 +1,7 @@
 // Accepts connections and starts an HttpSession on a strand of its own for each.
 #pragma once
 
+#include <tuqvu/broker/acceptfailures.h>
 #include <tuqvu/broker/servercontext.h>
 
 #include <boost/asio/io_context.hpp>
@@ -31,6 +32,7 @@ private:
   boost::asio::ip::tcp::acceptor fAcceptor;
   boost::asio::steady_timer fRetry;  // a pause after a failed accept (out of descriptors)
   std::shared_ptr<ServerContext> fContext;
+  AcceptFailures fFailures;  // touched only on the acceptor's strand
 };
 
 }  // namespace broker
