@@ -7,34 +7,36 @@ namespace {
 constexpr std::chrono::seconds kReportInterval(1);
 }
 
-std::optional<std::string> AcceptFailures::failed(const std::string& reason,
-                                                  Clock::time_point now) {
-  ++fInBurst;
-  ++fSinceReport;
-  if (fInBurst == 1) {
-    fReportedAt = now;
-    fSinceReport = 0;
-    return "accepting connections failed: " + reason + "; retrying until it works again";
-  }
-  if (now - fReportedAt < kReportInterval) {
-    return std::nullopt;
-  }
-  const long count = fSinceReport;
-  fReportedAt = now;
-  fSinceReport = 0;
-  return "accepting connections still fails: " + reason + " (" + std::to_string(count) +
-         " failed attempts in the last " +
-         std::to_string(std::chrono::duration_cast<std::chrono::seconds>(kReportInterval).count()) +
-         " s or more, " + std::to_string(fInBurst) + " in all)";
+bool AcceptFailures::due(Clock::time_point now) const {
+  return !fReported || now - fReportedAt >= kReportInterval;
 }
 
-std::optional<std::string> AcceptFailures::accepted() {
-  if (fInBurst == 0) {
+std::optional<std::string> AcceptFailures::failed(const std::string& reason,
+                                                  Clock::time_point now) {
+  ++fInShortage;
+  ++fUnreported;
+  if (!due(now)) {
     return std::nullopt;
   }
-  const long count = fInBurst;
-  fInBurst = 0;
-  fSinceReport = 0;
+  fReported = true;
+  fReportedAt = now;
+  const long count = fUnreported;
+  fUnreported = 0;
+  if (fInShortage == 1) {
+    return "accepting connections failed: " + reason + "; retrying until it works again";
+  }
+  return "accepting connections still fails: " + reason + " (" + std::to_string(count) +
+         " failed attempts since the last report, " + std::to_string(fInShortage) + " in all)";
+}
+
+std::optional<std::string> AcceptFailures::accepted(Clock::time_point now) {
+  if (fInShortage == 0 || !due(now)) {
+    return std::nullopt;
+  }
+  const long count = fInShortage;
+  fInShortage = 0;
+  fUnreported = 0;
+  fReportedAt = now;
   return "accepting connections again after " + std::to_string(count) + " failed attempts";
 }
 

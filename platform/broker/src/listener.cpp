@@ -61,7 +61,7 @@ void Listener::onAccept(boost::beast::error_code error, tcp::socket socket) {
     });
     return;
   } else {
-    if (auto line = fFailures.accepted()) {
+    if (auto line = fFailures.accepted(AcceptFailures::Clock::now())) {
       vu::log::write(vu::log::warning, "tuqvu.http", "accept", *line);
     }
     boost::system::error_code ignored;

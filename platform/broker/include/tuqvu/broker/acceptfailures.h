@@ -1,11 +1,13 @@
-// How a burst of failing accepts (no descriptor left, a connection reset before it was
-// taken) is reported: the first failure at once, then at most one line a second saying
-// how many failed meanwhile, and one line when a connection is accepted again. A
-// descriptor shortage lasts as long as its cause; a line per retry would flood the log.
+// How a shortage that makes accepts fail (no descriptor left, a connection reset before
+// it was taken) is reported: at most one line a second. The first failure is reported at
+// once, later ones once a second with how many failed meanwhile, and the end of the
+// shortage by the first accept a second or more after the last line. A shortage lasts as
+// long as its cause and often lets one accept through now and then; a line per retry or
+// per such flap would flood the log.
 //
 //   AcceptFailures failures;
 //   if (auto line = failures.failed(error.message(), Clock::now())) log(*line);
-//   if (auto line = failures.accepted()) log(*line);
+//   if (auto line = failures.accepted(Clock::now())) log(*line);
 #pragma once
 
 #include <chrono>
@@ -21,12 +23,15 @@ public:
 
   // Counts one failed accept; the line to log, if one is due.
   std::optional<std::string> failed(const std::string& reason, Clock::time_point now);
-  // Ends a burst; the line to log when there was one.
-  std::optional<std::string> accepted();
+  // Counts one accepted connection; the line that ends a shortage, if one is due.
+  std::optional<std::string> accepted(Clock::time_point now);
 
 private:
-  long fInBurst = 0;          // failures since the last accepted connection
-  long fSinceReport = 0;      // failures not yet reported
+  bool due(Clock::time_point now) const;
+
+  long fInShortage = 0;    // failures since the shortage began
+  long fUnreported = 0;    // failures not yet in a line
+  bool fReported = false;  // whether any line was logged yet
   Clock::time_point fReportedAt;
 };
 
