@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <memory>
 
 #include "detail/filecopy.h"
@@ -29,8 +30,29 @@ pid_t makerOf(const std::string& name) {
   return end == rest.c_str() + dash && pid > 0 ? static_cast<pid_t>(pid) : 0;
 }
 
+// Whether the process has ended but not been collected by its parent yet (a zombie, or
+// one being torn down): it will never finish its import.
+bool hasEnded(pid_t pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  if (!std::getline(stat, line)) {
+    return false;
+  }
+  // "pid (command) state ...": the command may hold blanks and parentheses.
+  const std::size_t close = line.rfind(')');
+  if (close == std::string::npos || close + 2 >= line.size()) {
+    return false;
+  }
+  const char state = line[close + 2];
+  return state == 'Z' || state == 'X' || state == 'x';
+}
+
 bool isAlive(pid_t pid) {
-  return pid == ::getpid() || ::kill(pid, 0) == 0 || errno == EPERM;
+  if (pid == ::getpid()) {
+    return true;
+  }
+  const bool exists = ::kill(pid, 0) == 0 || errno == EPERM;
+  return exists && !hasEnded(pid);
 }
 
 void sweep(const std::string& dir, int depth, std::vector<std::string>& removed) {

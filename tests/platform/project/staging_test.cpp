@@ -63,6 +63,21 @@ TEST(StagingLeftovers, AreLookedForDownToTheGivenDepthWithoutFollowingLinks) {
   EXPECT_TRUE(exists(outside / (staging(ended, "333333333333") + "/x")));
 }
 
+TEST(StagingLeftovers, ThoseOfAProcessThatEndedButWasNotCollectedGo) {
+  ScratchDir dir;
+  // A child that exits and is not waited for stays a zombie: its id still answers kill(0).
+  const pid_t zombie = ::fork();
+  ASSERT_GE(zombie, 0);
+  if (zombie == 0) ::_exit(0);
+  ASSERT_TRUE(tuqvutest::waitUntilZombie(zombie));
+  writeFile(dir / (staging(zombie, "444444444444") + "/behavior.xar"), "<xar/>");
+
+  const std::vector<std::string> removed = vu::project::removeStagingLeftovers(dir.path(), 1);
+  EXPECT_EQ(removed, (std::vector<std::string>{dir / staging(zombie, "444444444444")}));
+  int status = 0;
+  ::waitpid(zombie, &status, 0);
+}
+
 TEST(StagingLeftovers, AMissingFolderIsNothingToDo) {
   EXPECT_TRUE(vu::project::removeStagingLeftovers("/nonexistent/tuqvu", 3).empty());
   EXPECT_TRUE(vu::project::removeStagingLeftovers("", 3).empty());
