@@ -1,6 +1,6 @@
 // A tmpfs of a given size mounted over a directory for the life of the object: a disk
-// that fills up, for tests of what a full disk does. Mounting needs the privilege to; a
-// test skips with reason() where it is missing.
+// that fills up, or one made read-only, for tests of what such disks do. Mounting needs the
+// privilege to; a test skips with reason() where it is missing.
 #pragma once
 
 #include <errno.h>
@@ -30,6 +30,11 @@ public:
   Tmpfs& operator=(const Tmpfs&) = delete;
 
   bool mounted() const { return fMounted; }
+  // Makes the file system read-only, what it holds kept; false when that fails.
+  bool makeReadOnly() {
+    return fMounted &&
+           ::mount(nullptr, fDir.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0;
+  }
   const std::string& reason() const { return fReason; }
 
 private:

@@ -120,8 +120,16 @@ void ZRBehaviorManager::onDataChanged(const std::string& dataName, const ZRValue
   if (std::trunc(static_cast<float>(dataValue)) != 1.0f) {
     return;
   }
+  // Each behavior that cannot be loaded is logged and the others go on: one broken
+  // behavior must not keep the robot from its defaults.
   for (const std::string& path : fSystemLibrary.behaviorPaths("", true)) {
-    loadBehavior(path);
+    try {
+      loadBehavior(path);
+    } catch (const std::exception& error) {
+      detail::log(vu::log::error, "onDataChanged",
+                  std::string("Could not load the system behavior ") + systemBehaviorPrefix + path +
+                      ": " + error.what());
+    }
   }
   playDefaultProject();
 }

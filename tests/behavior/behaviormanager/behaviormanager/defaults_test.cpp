@@ -401,6 +401,47 @@ TEST_F(Defaults, ReadyValuesOneAndOnePointNineStartTheSequenceEveryTime) {
   EXPECT_EQ(std::count(entered.begin(), entered.end(), "System/sit"), 0);  // loaded, never run
 }
 
+TEST_F(Defaults, WithoutAUserLibrarySystemBehaviorsLoadAndSystemDefaultsStart) {
+  // A home where the user library cannot be made (as when it is read-only).
+  writeFile(home() / ".tuqvu", "a file where the directory should be\n");
+  makeBehavior(systemRoot() / "animations" / "nod", gateBehavior("System/animations/nod"));
+  makeBehavior(systemRoot() / "stand", gateBehavior("System/stand"));
+  makeBehavior(systemRoot() / "sit", gateBehavior("System/sit"));
+  start();
+  ASSERT_EQ(manager->xUserLibrary().projectPath(), "");
+  writeDefaults("System/animations/nod\nSystem/stand\nwave\n");  // no user library: no wave
+
+  EXPECT_EQ(announceReady(ZR::ZRValue(1)), 2);
+  for (const char* name : {"System/animations/nod", "System/stand", "System/sit"}) {
+    EXPECT_TRUE(manager->isBehaviorLoaded(name)) << name;
+  }
+  std::vector<std::string> entered = gate->entered();
+  std::sort(entered.begin(), entered.end());
+  EXPECT_EQ(entered, (std::vector<std::string>{"System/animations/nod", "System/stand"}));
+}
+
+TEST_F(Defaults, ABehaviorThatFailsToLoadAtStartLeavesTheOthersLoadingAndTheDefaultsStarting) {
+  makeBehavior(systemRoot() / "a", gateBehavior("System/a"));
+  makeBehavior(systemRoot() / "broken", "<behavior><this is not xml");
+  makeBehavior(systemRoot() / "z", gateBehavior("System/z"));
+  makeBehavior(userRoot() / "wave", gateBehavior("wave"));
+  start();
+  call("addDefaultBehavior", "wave");
+
+  EXPECT_EQ(announceReady(ZR::ZRValue(1)), 1);
+  EXPECT_TRUE(manager->isBehaviorLoaded("System/a"));
+  EXPECT_TRUE(manager->isBehaviorLoaded("System/z"));
+  EXPECT_FALSE(manager->isBehaviorLoaded("System/broken"));
+  EXPECT_EQ(gate->entered(), std::vector<std::string>{"wave"});
+  // The failure is logged with the behavior's name.
+  bool logged = false;
+  for (const vu::log::Message& message : logs->messages()) {
+    logged = logged || (message.level <= vu::log::warning &&
+                        message.text.find("System/broken") != std::string::npos);
+  }
+  EXPECT_TRUE(logged);
+}
+
 // ---- ".default"
 
 class DefaultsStart : public Defaults {
