@@ -121,10 +121,11 @@ void ZRBehaviorManager::onDataChanged(const std::string& dataName, const ZRValue
     return;
   }
   // Each behavior that cannot be loaded is logged and the others go on: one broken
-  // behavior must not keep the robot from its defaults.
+  // behavior must not keep the robot from its defaults. The names carry the library's
+  // prefix: without a user library a bare name would be taken for a path into it.
   for (const std::string& path : fSystemLibrary.behaviorPaths("", true)) {
     try {
-      loadBehavior(path);
+      loadBehavior(systemBehaviorPrefix + path);
     } catch (const std::exception& error) {
       detail::log(vu::log::error, "onDataChanged",
                   std::string("Could not load the system behavior ") + systemBehaviorPrefix + path +

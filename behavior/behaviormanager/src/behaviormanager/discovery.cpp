@@ -94,8 +94,7 @@ fs::path ZRBehaviorManager::xFindBehavior(const std::string& name) {
     detail::log(vu::log::warning, "xFindBehavior", absoluteWarning);
     boost::algorithm::erase_head(local, static_cast<int>(systemRoot.size() + 1));
     first = &fSystemLibrary;
-  } else if (!userRoot.empty() && boost::algorithm::starts_with(name, userRoot)) {
-    // (Without a user library every name would start with its empty root.)
+  } else if (boost::algorithm::starts_with(name, userRoot)) {
     detail::log(vu::log::warning, "xFindBehavior", absoluteWarning);
     boost::algorithm::erase_head(local, static_cast<int>(userRoot.size() + 1));
     first = &fUserLibrary;
