@@ -63,9 +63,7 @@ TEST(ReadOnlyHome, SystemBehaviorsLoadAndTheDefaultBehaviorsStart) {
   TuqvuProcess broker(setup);
   const int port = broker.port();
   EXPECT_TRUE(tuqvutest::eventually(
-      [&] {
-        return resultOf(port, "ZRMemory.getData", json::array({"Nod/Started"})) == json(1);
-      },
+      [&] { return resultOf(port, "ZRMemory.getData", json::array({"Nod/Started"})) == json(1); },
       std::chrono::seconds(30)))
       << broker.stderrText();
   // Loaded: the frame manager holds an instance of it.

@@ -288,6 +288,25 @@ TEST_F(PackageTest, APackageAboveTheAbsoluteLimitIsRefusedAndLeavesNothing) {
                  "TUQVU_PACKAGE_MAX_UNPACKED_BYTES"});
 }
 
+TEST_F(PackageTest, APackageOfMoreEntriesThanTheLimitIsRefusedAndLeavesNothing) {
+  Setting limit("TUQVU_PACKAGE_MAX_ENTRIES", "100");
+  std::vector<ArchiveEntry> entries = {{"behavior.xar", ArchiveEntry::File, "<xar/>"}};
+  for (int i = 0; i < 100; ++i) {
+    entries.push_back({"data/" + std::to_string(i), ArchiveEntry::File, ""});
+  }
+  writeArchive(package("many.tgz"), Container::TarGz, entries);
+  expectRefused(
+      package("many.tgz"), work / "out/many",
+      {"many.tgz is refused: it holds more than 100 entries (TUQVU_PACKAGE_MAX_ENTRIES)"});
+
+  // Exactly as many as allowed unpack.
+  entries.pop_back();
+  writeArchive(package("enough.tgz"), Container::TarGz, entries);
+  ArchiveFormat format = vu::project::ArchiveFormatDetect;
+  vu::project::importProject(package("enough.tgz"), work / "out/enough", format);
+  EXPECT_TRUE(exists(work / "out/enough/data/98"));
+}
+
 TEST_F(PackageTest, APackageThatWouldFillTheDiskUnderTheReserveIsRefused) {
   Setting reserve("TUQVU_PACKAGE_DISK_RESERVE_BYTES", "1152921504606846976");  // 1 EiB
   writeArchive(package("wave.zip"), Container::Zip, kWave);

@@ -41,6 +41,9 @@ struct UnpackLimits {
   std::uint64_t maxBytes = std::uint64_t{1} << 30;
   std::uint64_t ratio = 200;
   std::uint64_t reserveBytes = std::uint64_t{256} << 20;
+  // Entries of every kind: each costs a file, a folder or a link on disk and time to
+  // copy and remove, whatever its size.
+  std::uint64_t maxEntries = 50000;
 
   static UnpackLimits fromEnvironment() {
     UnpackLimits limits;
@@ -50,6 +53,8 @@ struct UnpackLimits {
                                                 std::uint64_t{1} << 32);
     limits.reserveBytes =
         vu::settings::wholeNumber("TUQVU_PACKAGE_DISK_RESERVE_BYTES", limits.reserveBytes, 0);
+    limits.maxEntries =
+        vu::settings::positiveNumber("TUQVU_PACKAGE_MAX_ENTRIES", limits.maxEntries);
     return limits;
   }
 
@@ -90,6 +95,7 @@ public:
       fail(errorText(reader.get()));
     }
     int files = 0;
+    std::uint64_t entries = 0;
     for (;;) {
       struct archive_entry* entry = nullptr;
       const int status = archive_read_next_header(reader.get(), &entry);
@@ -98,6 +104,11 @@ public:
       }
       if (status < ARCHIVE_WARN) {
         fail(errorText(reader.get()));
+      }
+      if (++entries > fLimits.maxEntries) {
+        throw ProjectError(fPackage + " is refused: it holds more than " +
+                           std::to_string(fLimits.maxEntries) +
+                           " entries (TUQVU_PACKAGE_MAX_ENTRIES)");
       }
       if (unpackEntry(reader.get(), writer.get(), entry)) {
         ++files;
