@@ -138,6 +138,7 @@ CallOutcome RpcDispatcher::invoke(const std::string& module, const std::string& 
                                   const ZR::ZRValue& args) const {
   if (module == rpc::kIntrospectionModule) return introspect(method, args);
   try {
+    const ZR::ZRBroker::ClientCallScope fromClient;
     return success(ZR::toJson(fBroker->call(module, method, args)));
   } catch (const ZR::ZRError& error) {
     // The broker refuses unknown modules, unknown methods and wrong arities with its own

@@ -46,6 +46,23 @@ public:
   // The module's page (its httpGet hook); ZRError for an unknown module.
   std::string modulePage(const std::string& module);
 
+  // Marks the calls a thread makes for a client of the broker (an HTTP request, a
+  // command) for as long as it lives. Modules ask callIsFromClient() to keep part of a
+  // resource for the system's own work: only the outermost call on a marked thread is
+  // the client's; what a module calls in turn is the module's.
+  class ClientCallScope {
+  public:
+    ClientCallScope();
+    ~ClientCallScope();
+    ClientCallScope(const ClientCallScope&) = delete;
+    ClientCallScope& operator=(const ClientCallScope&) = delete;
+
+  private:
+    bool fPrevious;
+  };
+  // Whether the call running on this thread is one a client made directly.
+  static bool callIsFromClient();
+
   // Calls module.method with an array of arguments and returns its result. Throws
   // ZRError for an unknown module, an unknown method or a wrong number of arguments,
   // and when the broker is shutting down; the method's own exceptions pass through.

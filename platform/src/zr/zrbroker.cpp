@@ -18,7 +18,21 @@ namespace {
 // call it makes into another module (a run waiting in the frame manager) ends with it.
 thread_local int tCallDepth = 0;
 thread_local bool tOutermostEndedByItsModule = false;
+// Whether this thread serves a client of the broker (ClientCallScope).
+thread_local bool tServesClient = false;
 }  // namespace
+
+ZRBroker::ClientCallScope::ClientCallScope() : fPrevious(tServesClient) {
+  tServesClient = true;
+}
+
+ZRBroker::ClientCallScope::~ClientCallScope() {
+  tServesClient = fPrevious;
+}
+
+bool ZRBroker::callIsFromClient() {
+  return tServesClient && tCallDepth == 1;
+}
 
 // Counts one call in progress, in the broker and in its module, for as long as it
 // lives, so shutdown() and the module's destructor can wait for it.

@@ -1,6 +1,7 @@
 // ZRMemory: data, events, subscribers on the notification thread, observers.
 #include <common/environment.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <stdlib.h>
 #include <zr/modules/zrmemory.h>
 #include <zr/proxies/zrmemoryproxy.h>
@@ -375,12 +376,14 @@ std::string descriptionOf(const std::function<void()>& call) {
 
 }  // namespace
 
-TEST(MemoryLimits, DefaultToOneMebibytePerValueAndSixtyFourInAll) {
+TEST(MemoryLimits, DefaultToOneMebibytePerValueSixtyFourInAllAndFourForTheSystem) {
   ::unsetenv("TUQVU_MEMORY_VALUE_MAX_BYTES");
   ::unsetenv("TUQVU_MEMORY_TOTAL_MAX_BYTES");
+  ::unsetenv("TUQVU_MEMORY_SYSTEM_RESERVE_BYTES");
   ZRMemory memory(ZRBroker::create());
   EXPECT_EQ(memory.valueLimitBytes(), 1u << 20);
   EXPECT_EQ(memory.totalLimitBytes(), 64u << 20);
+  EXPECT_EQ(memory.systemReserveBytes(), 4u << 20);
 }
 
 TEST(MemoryLimits, AValueAboveTheLimitIsRefusedAndTheOldValueStays) {
@@ -389,11 +392,13 @@ TEST(MemoryLimits, AValueAboveTheLimitIsRefusedAndTheOldValueStays) {
   memory.insertData("Big", std::string("small"));
   const std::string description =
       descriptionOf([&] { memory.insertData("Big", std::string(2000, 'x')); });
-  EXPECT_EQ(description,
-            "the value of Big takes 2019 bytes; a value may take at most 1000 "
-            "(TUQVU_MEMORY_VALUE_MAX_BYTES)");
+  EXPECT_EQ(description.rfind("the value of Big takes ", 0), 0u) << description;
+  EXPECT_NE(description.find(" bytes; a value may take at most 1000 "
+                             "(TUQVU_MEMORY_VALUE_MAX_BYTES)"),
+            std::string::npos)
+      << description;
   EXPECT_EQ(memory.getData("Big"), ZRValue(std::string("small")));
-  // Nested arrays count every element.
+  // Nested arrays count every element: 20 arrays of one 40-character string.
   ZRValue nested = ZRValue::array();
   for (int i = 0; i < 20; ++i)
     nested.arrayPush(ZRValue(std::vector<std::string>{std::string(40, 'n')}));
@@ -403,19 +408,107 @@ TEST(MemoryLimits, AValueAboveTheLimitIsRefusedAndTheOldValueStays) {
 
 TEST(MemoryLimits, TheTotalCountsReplacedAndRemovedValuesOnce) {
   EnvironmentSetting total("TUQVU_MEMORY_TOTAL_MAX_BYTES", "10000");
+  EnvironmentSetting reserve("TUQVU_MEMORY_SYSTEM_RESERVE_BYTES", "0");
   ZRMemory memory(ZRBroker::create());
-  for (int i = 0; i < 4; ++i) memory.insertData("K" + std::to_string(i), std::string(2000, 'a'));
+  memory.insertData("K0", std::string(2000, 'a'));
+  const std::size_t entry = memory.storedBytes();
+  EXPECT_GT(entry, 2000u);
+  for (int i = 1; i < 4; ++i) memory.insertData("K" + std::to_string(i), std::string(2000, 'a'));
   // Replacing a value of the same size does not grow the total.
   for (int round = 0; round < 10; ++round) memory.insertData("K0", std::string(2000, 'b'));
-  EXPECT_EQ(memory.storedBytes(), 4u * (2 + 16 + 2000));
+  EXPECT_EQ(memory.storedBytes(), 4 * entry);
   const std::string description =
       descriptionOf([&] { memory.insertData("K4", std::string(2000, 'c')); });
-  EXPECT_EQ(description.rfind("storing K4 would make the memory hold 10090 bytes; it holds at "
-                              "most 10000 (TUQVU_MEMORY_TOTAL_MAX_BYTES)",
+  EXPECT_EQ(description.rfind("storing K4 would make the memory hold " + std::to_string(5 * entry) +
+                                  " bytes; it holds at most 10000 (TUQVU_MEMORY_TOTAL_MAX_BYTES)",
                               0),
             0u)
       << description;
   memory.removeData("K1");
   memory.insertData("K4", std::string(2000, 'c'));
   EXPECT_EQ(memory.getData("K4"), ZRValue(std::string(2000, 'c')));
+}
+
+// Bytes the process's allocator has handed out, small blocks and mapped ones.
+std::size_t heapInUse() {
+  const struct mallinfo2 info = ::mallinfo2();
+  return info.uordblks + info.hblkhd;
+}
+
+TEST(MemoryLimits, WhatIsCountedIsWhatTheProcessHolds) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizer's allocator does not report through mallinfo2";
+#endif
+  EnvironmentSetting limit("TUQVU_MEMORY_VALUE_MAX_BYTES", "16777216");
+  ZRMemory memory(ZRBroker::create());
+  // An array of 20,000 small values: the case where counting content alone is far off.
+  ZRValue numbers = ZRValue::array();
+  for (int i = 0; i < 20000; ++i) numbers.arrayPush(ZRValue(i));
+  ZRValue words = ZRValue::array();
+  for (int i = 0; i < 2000; ++i) words.arrayPush(ZRValue(std::string(100, 'w')));
+  for (const ZRValue& value : {numbers, words}) {
+    ASSERT_TRUE(memory.flushNotifications(10000));
+    const std::size_t heapBefore = heapInUse();
+    const std::size_t countedBefore = memory.storedBytes();
+    memory.insertData("Values" + std::to_string(countedBefore), value);
+    ASSERT_TRUE(memory.flushNotifications(10000));
+    const double held = static_cast<double>(heapInUse() - heapBefore);
+    const double counted = static_cast<double>(memory.storedBytes() - countedBefore);
+    EXPECT_GT(counted, 0.8 * held) << "held " << held << ", counted " << counted;
+    EXPECT_LT(counted, 1.25 * held) << "held " << held << ", counted " << counted;
+  }
+}
+
+TEST(MemoryLimits, DeclaringAnEventCountsItsKeyAndIsRefusedBeyondTheTotal) {
+  EnvironmentSetting total("TUQVU_MEMORY_TOTAL_MAX_BYTES", "2000");
+  EnvironmentSetting reserve("TUQVU_MEMORY_SYSTEM_RESERVE_BYTES", "0");
+  ZRMemory memory(ZRBroker::create());
+  int declared = 0;
+  std::string description;
+  while (description.empty() && declared < 1000) {
+    description = descriptionOf(
+        [&] { memory.declareEvent("Event/" + std::to_string(declared) + std::string(60, 'e')); });
+    if (description.empty()) ++declared;
+  }
+  EXPECT_GT(declared, 0);
+  EXPECT_LT(declared, 1000);
+  EXPECT_LE(memory.storedBytes(), 2000u);
+  EXPECT_NE(description.find("it holds at most 2000 (TUQVU_MEMORY_TOTAL_MAX_BYTES)"),
+            std::string::npos)
+      << description;
+  EXPECT_EQ(memory.getEventList().size(), static_cast<std::size_t>(declared));
+  // Declaring one again costs nothing more.
+  const std::size_t before = memory.storedBytes();
+  memory.declareEvent("Event/0" + std::string(60, 'e'));
+  EXPECT_EQ(memory.storedBytes(), before);
+}
+
+TEST(MemoryLimits, ClientsFillOnlyWhatTheSystemReserveLeavesModulesUseTheRest) {
+  EnvironmentSetting total("TUQVU_MEMORY_TOTAL_MAX_BYTES", "100000");
+  EnvironmentSetting reserve("TUQVU_MEMORY_SYSTEM_RESERVE_BYTES", "40000");
+  const boost::shared_ptr<ZRBroker> broker = ZRBroker::create();
+  ZRMemory memory(broker);
+  const auto insert = [&](const std::string& key, std::size_t size) {
+    ZRValue args = ZRValue::array();
+    args.arrayPush(ZRValue(key));
+    args.arrayPush(ZRValue(std::string(size, 'x')));
+    broker->call("ZRMemory", "insertData", args);
+  };
+  std::string description;
+  {
+    const ZRBroker::ClientCallScope client;
+    insert("Client/a", 50000);
+    description = descriptionOf([&] { insert("Client/b", 20000); });
+  }
+  EXPECT_EQ(description.rfind("storing Client/b would make the memory hold ", 0), 0u)
+      << description;
+  EXPECT_NE(description.find("; clients may fill it up to 60000 of its 100000, the rest is kept "
+                             "for the system (TUQVU_MEMORY_TOTAL_MAX_BYTES, "
+                             "TUQVU_MEMORY_SYSTEM_RESERVE_BYTES)"),
+            std::string::npos)
+      << description;
+  // A module's call (no client behind it) fills on up to the whole total.
+  insert("BehaviorsRun", 20000);
+  EXPECT_EQ(memory.getData("BehaviorsRun").toString().size(), 20000u);
+  EXPECT_NE(descriptionOf([&] { insert("BehaviorsRun", 60000); }), "");
 }

@@ -102,8 +102,11 @@ void MemoryNotifier::run() {
                      std::to_string(dropped) + " notifications were dropped: more than " +
                          std::to_string(fMaxPending) + " were waiting for delivery");
     }
-    for (const MemoryNotification& notification : batch) {
+    for (MemoryNotification& notification : batch) {
       deliver(notification);
+      // Its copy of the value goes now, not with the whole batch: a delivered
+      // notification holds no memory.
+      notification = MemoryNotification();
       std::lock_guard<std::mutex> lock(fQueueMutex);
       if (fStopping) return;
       ++fDelivered;

@@ -5,35 +5,15 @@
 #include <zr/zrbroker.h>
 #include <zr/zrerror.h>
 
+#include <algorithm>
+
 #include "memory/memorynotifier.h"
+#include "memory/memorysize.h"
 
 namespace ZR {
 namespace {
 
 const char* const kCategory = "zr.memory";
-
-}  // namespace
-
-namespace {
-
-// The size of a stored value as the limits count it.
-std::size_t sizeOf(const ZRValue& value) {
-  constexpr std::size_t kPerValue = 16;
-  switch (value.getType()) {
-    case ZRValue::TypeString: return kPerValue + value.toString().size();
-    case ZRValue::TypeBinary: return kPerValue + value.toBinary().size();
-    case ZRValue::TypeArray: {
-      std::size_t size = kPerValue;
-      for (const ZRValue& element : value.elements()) size += sizeOf(element);
-      return size;
-    }
-    default: return kPerValue;
-  }
-}
-
-std::size_t entrySize(const std::string& key, const ZRValue& value) {
-  return key.size() + sizeOf(value);
-}
 
 }  // namespace
 
@@ -43,6 +23,9 @@ ZRMemory::ZRMemory(boost::shared_ptr<ZRBroker> broker, const std::string& name)
           vu::settings::positiveNumber("TUQVU_MEMORY_VALUE_MAX_BYTES", kDefaultValueLimitBytes)),
       fTotalLimitBytes(
           vu::settings::positiveNumber("TUQVU_MEMORY_TOTAL_MAX_BYTES", kDefaultTotalLimitBytes)),
+      fSystemReserveBytes(
+          std::min(fTotalLimitBytes, vu::settings::wholeNumber("TUQVU_MEMORY_SYSTEM_RESERVE_BYTES",
+                                                               kDefaultSystemReserveBytes, 0))),
       fNotifier(new detail::MemoryNotifier(name, broker, kMaxPendingNotifications)) {
   setModuleDescription(
       "Shared memory of the middleware: named data, events, and notification of the "
@@ -117,9 +100,34 @@ void requireKey(const std::string& module, const char* method, const std::string
 
 }  // namespace
 
+void ZRMemory::admitTotal(const char* method, const std::string& key, std::size_t total) const {
+  if (total <= fTotalLimitBytes - fSystemReserveBytes) {
+    return;
+  }
+  // Calls that modules make (the behavior manager's "BehaviorsRun", a behavior's own
+  // keys) may use the reserve; a client's may not, so a client that fills the memory
+  // leaves the system working.
+  if (!ZRBroker::callIsFromClient()) {
+    if (total <= fTotalLimitBytes) return;
+    throw ZRError(getName(), method,
+                  "storing " + key + " would make the memory hold " + std::to_string(total) +
+                      " bytes; it holds at most " + std::to_string(fTotalLimitBytes) +
+                      " (TUQVU_MEMORY_TOTAL_MAX_BYTES)",
+                  __FILE__, __LINE__);
+  }
+  throw ZRError(getName(), method,
+                "storing " + key + " would make the memory hold " + std::to_string(total) +
+                    " bytes; clients may fill it up to " +
+                    std::to_string(fTotalLimitBytes - fSystemReserveBytes) + " of its " +
+                    std::to_string(fTotalLimitBytes) +
+                    ", the rest is kept for the system (TUQVU_MEMORY_TOTAL_MAX_BYTES, "
+                    "TUQVU_MEMORY_SYSTEM_RESERVE_BYTES)",
+                __FILE__, __LINE__);
+}
+
 void ZRMemory::storeAndNotify(const char* method, const std::string& key, const ZRValue& value) {
   requireKey(getName(), method, key);
-  const std::size_t size = entrySize(key, value);
+  const std::size_t size = detail::heldBytes(key, value);
   if (size > fValueLimitBytes) {
     throw ZRError(getName(), method,
                   "the value of " + key + " takes " + std::to_string(size) +
@@ -127,20 +135,22 @@ void ZRMemory::storeAndNotify(const char* method, const std::string& key, const 
                       " (TUQVU_MEMORY_VALUE_MAX_BYTES)",
                   __FILE__, __LINE__);
   }
+  // A copy made here, outside the lock, holds buffers exactly as large as its content,
+  // which is what the size above counts.
+  ZRValue stored(value);
   detail::MemoryNotifier::PushResult pushed;
   {
     std::lock_guard<std::mutex> lock(fDataMutex);
     const auto existing = fData.find(key);
-    const std::size_t replaced = existing == fData.end() ? 0 : entrySize(key, existing->second);
+    const std::size_t replaced =
+        existing == fData.end() ? 0 : detail::heldBytes(key, existing->second);
     const std::size_t total = fStoredBytes - replaced + size;
-    if (total > fTotalLimitBytes) {
-      throw ZRError(getName(), method,
-                    "storing " + key + " would make the memory hold " + std::to_string(total) +
-                        " bytes; it holds at most " + std::to_string(fTotalLimitBytes) +
-                        " (TUQVU_MEMORY_TOTAL_MAX_BYTES)",
-                    __FILE__, __LINE__);
+    admitTotal(method, key, total);
+    if (existing == fData.end()) {
+      fData.emplace(key, std::move(stored));
+    } else {
+      existing->second = std::move(stored);
     }
-    fData[key] = value;
     fStoredBytes = total;
     detail::MemoryNotification notification{key, value, {}};
     const auto found = fSubscriptions.find(key);
@@ -195,7 +205,7 @@ void ZRMemory::removeData(const std::string& key) {
     throw ZRError(getName(), "removeData", "there is no data named \"" + key + "\"", __FILE__,
                   __LINE__);
   }
-  fStoredBytes -= entrySize(key, found->second);
+  fStoredBytes -= detail::heldBytes(key, found->second);
   fData.erase(found);
   fEvents.erase(key);
 }
@@ -203,10 +213,13 @@ void ZRMemory::removeData(const std::string& key) {
 void ZRMemory::declareEvent(const std::string& name) {
   requireKey(getName(), "declareEvent", name);
   std::lock_guard<std::mutex> lock(fDataMutex);
-  fEvents.insert(name);
-  if (fData.emplace(name, ZRValue()).second) {  // keeps a value already stored
-    fStoredBytes += entrySize(name, ZRValue());
+  if (fData.find(name) == fData.end()) {  // a value already stored is kept
+    const std::size_t total = fStoredBytes + detail::heldBytes(name, ZRValue());
+    admitTotal("declareEvent", name, total);
+    fData.emplace(name, ZRValue());
+    fStoredBytes = total;
   }
+  fEvents.insert(name);
 }
 
 std::vector<std::string> ZRMemory::getEventList() {

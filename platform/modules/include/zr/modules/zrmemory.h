@@ -16,11 +16,16 @@
 // and the drop is logged. Details: docs/modules.md.
 //
 // Limits. A value (with its key) may take at most valueLimitBytes() and all stored data
-// together totalLimitBytes(); insertData and raiseMicroEvent refuse more with a ZRError
-// that says which limit, and the value stored before stays. The limits come from the
-// environment when the module is built: TUQVU_MEMORY_VALUE_MAX_BYTES (default 1 MiB)
-// and TUQVU_MEMORY_TOTAL_MAX_BYTES (default 64 MiB). Sizes count the bytes of strings,
-// binaries and keys plus 16 bytes for every value.
+// together totalLimitBytes(); insertData, raiseMicroEvent and declareEvent refuse more
+// with a ZRError that says which limit, and the value stored before stays. Of the total,
+// systemReserveBytes() are kept for the system: calls that clients of the broker make
+// directly (ZRBroker::callIsFromClient) may fill only the rest, so that the keys modules
+// write ("BehaviorsRun", a behavior's own) still fit when clients have filled theirs.
+// The limits come from the environment when the module is built:
+// TUQVU_MEMORY_VALUE_MAX_BYTES (default 1 MiB), TUQVU_MEMORY_TOTAL_MAX_BYTES (default
+// 64 MiB) and TUQVU_MEMORY_SYSTEM_RESERVE_BYTES (default 4 MiB). Sizes are what an entry
+// holds in the process: its map node, its key, and every value with the heap blocks of
+// its strings, binaries and arrays (about 100 bytes a value beside its content).
 #pragma once
 
 #include <zr/zrmodule.h>
@@ -52,6 +57,7 @@ public:
   static constexpr std::size_t kMaxPendingNotifications = 100000;
   static constexpr std::size_t kDefaultValueLimitBytes = std::size_t{1} << 20;
   static constexpr std::size_t kDefaultTotalLimitBytes = std::size_t{64} << 20;
+  static constexpr std::size_t kDefaultSystemReserveBytes = std::size_t{4} << 20;
 
   explicit ZRMemory(boost::shared_ptr<ZRBroker> broker, const std::string& name = "ZRMemory");
   ~ZRMemory() override;
@@ -87,15 +93,19 @@ public:
 
   std::size_t valueLimitBytes() const { return fValueLimitBytes; }
   std::size_t totalLimitBytes() const { return fTotalLimitBytes; }
+  std::size_t systemReserveBytes() const { return fSystemReserveBytes; }
   // The size of all stored data as the total limit counts it.
   std::size_t storedBytes();
 
 private:
   void bindMethods();
   void storeAndNotify(const char* method, const std::string& key, const ZRValue& value);
+  // Throws the limit's ZRError when `total` stored bytes are more than this call may fill.
+  void admitTotal(const char* method, const std::string& key, std::size_t total) const;
 
   const std::size_t fValueLimitBytes;
   const std::size_t fTotalLimitBytes;
+  const std::size_t fSystemReserveBytes;  // at most fTotalLimitBytes
 
   // Guards fData, fStoredBytes, fEvents and fSubscriptions. Taken before the notifier's queue lock
   // (storeAndNotify queues under it, so queue order is store order); never held while
