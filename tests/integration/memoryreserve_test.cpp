@@ -27,8 +27,9 @@ void writeBehavior(const fs::path& dir, const std::string& xar) {
 TEST(MemoryReserve, AClientThatFillsTheMemoryLeavesBehaviorsRunningAndPublishing) {
   TempDir prefix;
   const fs::path root = fs::path(prefix.path()) / "share" / "tuqvu" / "behaviors";
-  writeBehavior(root / "stand", "<behavior><set key=\"Posture\" type=\"string\" "
-                                "value=\"standing\"/></behavior>\n");
+  writeBehavior(root / "stand",
+                "<behavior><set key=\"Posture\" type=\"string\" "
+                "value=\"standing\"/></behavior>\n");
   TuqvuProcess::Setup setup;
   setup.env["TUQVU_SDK_PREFIX"] = prefix.path();
   setup.env["TUQVU_MEMORY_TOTAL_MAX_BYTES"] = "3000000";
@@ -39,8 +40,9 @@ TEST(MemoryReserve, AClientThatFillsTheMemoryLeavesBehaviorsRunningAndPublishing
   json refused;
   int stored = 0;
   for (; stored < 100 && refused.is_null(); ++stored) {
-    const json reply = rpc(port, "ZRMemory.insertData",
-                           json::array({"Client/" + std::to_string(stored), std::string(100000, 'c')}));
+    const json reply =
+        rpc(port, "ZRMemory.insertData",
+            json::array({"Client/" + std::to_string(stored), std::string(100000, 'c')}));
     if (reply.contains("error")) refused = reply["error"];
   }
   ASSERT_FALSE(refused.is_null()) << "the memory took " << stored << " values of 100 kB";
@@ -54,8 +56,9 @@ TEST(MemoryReserve, AClientThatFillsTheMemoryLeavesBehaviorsRunningAndPublishing
   int key = stored;
   for (const std::size_t size : {10000u, 1000u, 100u, 1u}) {
     for (;;) {
-      const json reply = rpc(port, "ZRMemory.insertData",
-                             json::array({"Client/" + std::to_string(key++), std::string(size, 'c')}));
+      const json reply =
+          rpc(port, "ZRMemory.insertData",
+              json::array({"Client/" + std::to_string(key++), std::string(size, 'c')}));
       if (reply.contains("error")) break;
     }
   }

@@ -1,14 +1,36 @@
 #include <tuqvu/broker/jsonio.h>
 #include <tuqvu/broker/ssehub.h>
+#include <vu/settings.h>
 #include <zr/zrvaluejson.h>
+
+#include <iterator>
 
 namespace tuqvu {
 namespace broker {
 
+SseHub::SseHub(std::size_t maxSubscribers) : fMaxSubscribers(maxSubscribers) {}
+
+std::size_t SseHub::maxSubscribersFromEnvironment() {
+  return vu::settings::positiveNumber("TUQVU_EVENTS_MAX_SUBSCRIBERS", kDefaultMaxSubscribers,
+                                      1u << 16);
+}
+
 SseHub::Token SseHub::subscribe(std::weak_ptr<SseSubscriber> subscriber,
-                                const std::vector<std::string>& keys) {
+                                const std::vector<std::string>& keys, Refusal* refusal) {
   std::lock_guard<std::mutex> lock(fMutex);
-  if (fClosed) return 0;
+  if (refusal != nullptr) *refusal = Refusal::None;
+  if (fClosed) {
+    if (refusal != nullptr) *refusal = Refusal::Closed;
+    return 0;
+  }
+  // Subscribers that went without unsubscribing leave their places now.
+  for (auto entry = fEntries.begin(); entry != fEntries.end();) {
+    entry = entry->second.subscriber.expired() ? fEntries.erase(entry) : std::next(entry);
+  }
+  if (fEntries.size() >= fMaxSubscribers) {
+    if (refusal != nullptr) *refusal = Refusal::Full;
+    return 0;
+  }
   const Token token = fNext++;
   fEntries[token] = Entry{std::move(subscriber), std::set<std::string>(keys.begin(), keys.end())};
   return token;

@@ -38,11 +38,23 @@ SseSession::~SseSession() {
 }
 
 void SseSession::start() {
-  // The header goes first in the queue, before any event can reach it.
+  // The header goes first in the queue, before any event can reach it. Nothing is written
+  // before this returns: writes run on this strand after it.
   enqueue(std::make_shared<const std::string>(kHeader), false);
-  fToken = fHub->subscribe(weak_from_this(), fKeys);
-  if (fToken == 0) {
+  SseHub::Refusal refusal = SseHub::Refusal::None;
+  fToken = fHub->subscribe(weak_from_this(), fKeys, &refusal);
+  if (refusal == SseHub::Refusal::Closed) {
     close();  // the broker is shutting down
+    return;
+  }
+  if (refusal == SseHub::Refusal::Full) {
+    const std::string body = "503 - Service Unavailable: this robot serves at most " +
+                             std::to_string(fHub->maxSubscribers()) +
+                             " event streams at once (TUQVU_EVENTS_MAX_SUBSCRIBERS)\n";
+    endWith(
+        "HTTP/1.1 503 Service Unavailable\r\nContent-Type: text/plain\r\nRetry-After: "
+        "5\r\nConnection: close\r\nContent-Length: " +
+        std::to_string(body.size()) + "\r\n\r\n" + body);
     return;
   }
   doRead();
@@ -54,19 +66,37 @@ void SseSession::deliver(const std::shared_ptr<const std::string>& frame) {
 }
 
 void SseSession::enqueue(const std::shared_ptr<const std::string>& frame, bool limited) {
+  {
+    std::lock_guard<std::mutex> lock(fMutex);
+    if (fClosing) return;
+    if (!limited || fQueuedBytes + frame->size() <= kMaxQueuedBytes) {
+      fQueue.push_back(frame);
+      fQueuedBytes += frame->size();
+      if (!fWriteActive) {
+        fWriteActive = true;
+        net::post(fStream.get_executor(),
+                  beast::bind_front_handler(&SseSession::doWrite, shared_from_this()));
+      }
+      return;
+    }
+  }
+  // Too slow a reader: its events are let go now rather than held back or lost without a
+  // word; it learns why from the last one.
+  vu::log::write(vu::log::warning, "tuqvu.events", "deliver",
+                 "an event stream client reads too slowly and is disconnected");
+  endWith("event: dropped\ndata: {\"reason\":\"this client read too slowly: more than " +
+          std::to_string(kMaxQueuedBytes) +
+          " bytes of events waited for it; connect again to go on\"}\n\n");
+}
+
+void SseSession::endWith(std::string last) {
   std::lock_guard<std::mutex> lock(fMutex);
   if (fClosing) return;
-  if (limited && fQueuedBytes + frame->size() > kMaxQueuedBytes) {
-    // Too slow a reader: drop it rather than hold the events back or lose some silently.
-    fClosing = true;
-    vu::log::write(vu::log::warning, "tuqvu.events", "deliver",
-                   "an event stream client reads too slowly and is disconnected");
-    net::post(fStream.get_executor(),
-              beast::bind_front_handler(&SseSession::shutdown, shared_from_this()));
-    return;
-  }
-  fQueue.push_back(frame);
-  fQueuedBytes += frame->size();
+  fClosing = true;
+  fCloseAfterWrite = true;
+  fQueue.clear();
+  fQueue.push_back(std::make_shared<const std::string>(std::move(last)));
+  fQueuedBytes = fQueue.back()->size();
   if (!fWriteActive) {
     fWriteActive = true;
     net::post(fStream.get_executor(),
@@ -84,22 +114,30 @@ void SseSession::close() {
 void SseSession::doWrite() {
   {
     std::lock_guard<std::mutex> lock(fMutex);
-    if (fClosing || fQueue.empty()) {
+    if (fQueue.empty() && fCloseAfterWrite) {
+      fWriteActive = false;
+      net::post(fStream.get_executor(),
+                beast::bind_front_handler(&SseSession::shutdown, shared_from_this()));
+      return;
+    }
+    if ((fClosing && !fCloseAfterWrite) || fQueue.empty()) {
       fWriteActive = false;
       return;
     }
-    // Everything queued goes out in one write.
-    fWriting.clear();
-    for (const auto& frame : fQueue) fWriting += *frame;
+    // Everything queued goes out in one write, from the frames themselves.
+    fWriting.assign(fQueue.begin(), fQueue.end());
     fQueue.clear();
     fQueuedBytes = 0;
   }
+  fWritingBuffers.clear();
+  for (const auto& frame : fWriting) fWritingBuffers.emplace_back(net::buffer(*frame));
   fStream.expires_after(kWriteTimeout);
-  net::async_write(fStream, net::buffer(fWriting),
+  net::async_write(fStream, fWritingBuffers,
                    beast::bind_front_handler(&SseSession::onWrite, shared_from_this()));
 }
 
 void SseSession::onWrite(beast::error_code error, std::size_t) {
+  fWriting.clear();
   if (error) {
     if (error != net::error::operation_aborted) {
       vu::log::write(vu::log::verbose, "tuqvu.events", "write",
@@ -134,6 +172,7 @@ void SseSession::shutdown() {
   {
     std::lock_guard<std::mutex> lock(fMutex);
     fClosing = true;
+    fCloseAfterWrite = false;
     fQueue.clear();
     fQueuedBytes = 0;
   }

@@ -205,7 +205,7 @@ int main(int argc, char** argv) {
   context->executor = std::make_shared<tb::CallExecutor>();
   context->admission =
       std::make_shared<tb::CallAdmission>(tb::CallAdmission::limitsFromEnvironment());
-  context->hub = std::make_shared<tb::SseHub>();
+  context->hub = std::make_shared<tb::SseHub>(tb::SseHub::maxSubscribersFromEnvironment());
   context->sessionToken = tb::randomHex(16);
   std::shared_ptr<tb::SseHub> hub = context->hub;
   platform->observeMemory(

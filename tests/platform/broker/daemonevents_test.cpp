@@ -1,7 +1,12 @@
 // GET /events and the platform modules of a real tuqvu process.
+#include <common/eventually.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/time.h>
 
+#include <chrono>
+#include <memory>
 #include <thread>
 
 #include "support/httpclient.h"
@@ -138,4 +143,78 @@ TEST_F(DaemonEvents, TuqvuCallWatchPrintsEventsAsTheyCome) {
   // The broker going away ends the watch normally.
   EXPECT_EQ(0, own.terminate(SIGTERM)) << own.stderrText();
   EXPECT_EQ(0, watcher.waitExit()) << watcher.stderrText();
+}
+
+namespace {
+
+// The whole reply to GET `target` on a connection of its own, read until the server
+// closes it (for a refused stream).
+std::string refusedStream(int port, const std::string& target) {
+  RawConnection connection(port);
+  connection.send("GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: " +
+                  authorizationFor(port) + "\r\n\r\n");
+  return connection.readUntilClosed(std::chrono::seconds(10));
+}
+
+}  // namespace
+
+TEST(DaemonEventStreams, BeyondTheCapAStreamIsRefused503UntilAPlaceIsFree) {
+  TuqvuProcess::Setup setup;
+  setup.args = {"--module", "TestModule=" + testModulePath()};
+  setup.env["TUQVU_EVENTS_MAX_SUBSCRIBERS"] = "2";
+  TuqvuProcess daemon(setup);
+  auto first = std::make_unique<EventStream>(daemon.port(), "/events?key=Cap/A");
+  EventStream second(daemon.port(), "/events?key=Cap/A");
+  const std::string refused = refusedStream(daemon.port(), "/events?key=Cap/A");
+  EXPECT_EQ(0u, refused.find("HTTP/1.1 503 Service Unavailable\r\n")) << refused;
+  EXPECT_NE(std::string::npos, refused.find("this robot serves at most 2 event streams at once "
+                                            "(TUQVU_EVENTS_MAX_SUBSCRIBERS)"))
+      << refused;
+  // The streams that were let in go on.
+  EXPECT_TRUE(rpc(daemon.port(), "ZRMemory.raiseMicroEvent", {"Cap/A", 1}).contains("result"));
+  EXPECT_EQ(json::parse(second.next()), event("Cap/A", 1));
+
+  first.reset();
+  ASSERT_TRUE(tuqvutest::eventually(
+      [&] {
+        EventStream again(daemon.port(), "/events?key=Cap/A");
+        return again.head().rfind("HTTP/1.1 200 OK", 0) == 0;
+      },
+      std::chrono::seconds(30)));
+  EXPECT_EQ(0, daemon.terminate(SIGTERM)) << daemon.stderrText();
+}
+
+TEST(DaemonEventStreams, AClientThatDoesNotReadIsDroppedWithAnEventSayingWhy) {
+  TuqvuProcess daemon({"--module", "TestModule=" + testModulePath()});
+  EventStream stalled(daemon.port(), "/events?key=Slow/Big");
+  EventStream reading(daemon.port(), "/events?key=Slow/Big");
+  // Nothing is read from `stalled` while about 6 MB of events pass: more than its queue
+  // and the sockets' buffers hold.
+  const std::string big(300000, 'b');
+  for (int i = 0; i < 20; ++i) {
+    ASSERT_TRUE(
+        rpc(daemon.port(), "ZRMemory.raiseMicroEvent", {"Slow/Big", big + std::to_string(i)})
+            .contains("result"));
+    // The reader keeps up with every one.
+    const std::string got = reading.next();
+    ASSERT_FALSE(got.empty()) << i;
+    EXPECT_EQ(big + std::to_string(i), json::parse(got)["value"]) << i;
+  }
+  // The stalled client, reading at last, finds what it was sent, then why it ends.
+  const struct timeval guard = {30, 0};  // a server that never ends the stream fails here
+  ::setsockopt(stalled.fd(), SOL_SOCKET, SO_RCVTIMEO, &guard, sizeof(guard));
+  std::string rest;
+  char buffer[65536];
+  for (;;) {
+    const ssize_t got = ::recv(stalled.fd(), buffer, sizeof(buffer), 0);
+    if (got <= 0) break;
+    rest.append(buffer, static_cast<std::size_t>(got));
+  }
+  EXPECT_NE(std::string::npos,
+            rest.find("event: dropped\ndata: {\"reason\":\"this client read too slowly: more "
+                      "than 1048576 bytes of events waited for it; connect again to go on\"}\n\n"))
+      << rest.size() << " bytes read";
+  EXPECT_LT(rest.size(), 6000000u);
+  EXPECT_NE(std::string::npos, daemon.stderrText().find("reads too slowly and is disconnected"));
+  EXPECT_EQ(0, daemon.terminate(SIGTERM)) << daemon.stderrText();
 }

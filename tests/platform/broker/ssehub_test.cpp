@@ -95,3 +95,50 @@ TEST(SseHub, PublishingFromOneThreadKeepsOrderWhileOthersSubscribe) {
   ASSERT_EQ(2000u, recorder->frames().size());
   for (int i = 0; i < 2000; ++i) EXPECT_EQ(SseHub::frame("K", i), recorder->frames()[i]);
 }
+
+TEST(SseHub, NoMoreThanTheCapOfSubscribersAndAPlaceFreesWhenOneGoes) {
+  SseHub hub(2);
+  auto first = std::make_shared<Recorder>();
+  auto second = std::make_shared<Recorder>();
+  auto third = std::make_shared<Recorder>();
+  const SseHub::Token firstToken = hub.subscribe(first, {});
+  EXPECT_NE(0u, firstToken);
+  EXPECT_NE(0u, hub.subscribe(second, {}));
+  SseHub::Refusal refusal = SseHub::Refusal::None;
+  EXPECT_EQ(0u, hub.subscribe(third, {}, &refusal));
+  EXPECT_EQ(SseHub::Refusal::Full, refusal);
+
+  hub.unsubscribe(firstToken);
+  EXPECT_NE(0u, hub.subscribe(third, {}, &refusal));
+  EXPECT_EQ(SseHub::Refusal::None, refusal);
+  // One that vanished without unsubscribing frees its place too.
+  second.reset();
+  auto fourth = std::make_shared<Recorder>();
+  EXPECT_NE(0u, hub.subscribe(fourth, {}));
+  hub.closeAll();
+  EXPECT_EQ(0u, hub.subscribe(std::make_shared<Recorder>(), {}, &refusal));
+  EXPECT_EQ(SseHub::Refusal::Closed, refusal);
+}
+
+TEST(SseHub, EverySubscriberGetsTheSameFrameNotACopy) {
+  SseHub hub;
+  std::vector<std::shared_ptr<const std::string>> seen;
+  class Keeper : public SseSubscriber {
+  public:
+    explicit Keeper(std::vector<std::shared_ptr<const std::string>>& seen) : fSeen(seen) {}
+    void deliver(const std::shared_ptr<const std::string>& frame) override {
+      fSeen.push_back(frame);
+    }
+    void close() override {}
+
+  private:
+    std::vector<std::shared_ptr<const std::string>>& fSeen;
+  };
+  auto a = std::make_shared<Keeper>(seen);
+  auto b = std::make_shared<Keeper>(seen);
+  hub.subscribe(a, {});
+  hub.subscribe(b, {});
+  hub.publish("Big", ZR::ZRValue(std::string(100000, 'b')));
+  ASSERT_EQ(2u, seen.size());
+  EXPECT_EQ(seen[0].get(), seen[1].get());
+}

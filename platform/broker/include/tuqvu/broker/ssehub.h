@@ -1,8 +1,11 @@
 // Fans memory events out to the clients of GET /events. The memory module's observer
 // calls publish() on its notification thread, one event at a time in raise order; each
-// subscriber queues the frame without blocking, so a slow client never slows it.
+// subscriber queues the frame without blocking, so a slow client never slows it. One
+// frame is made per event and shared by every subscriber, and the number of subscribers
+// is capped (TUQVU_EVENTS_MAX_SUBSCRIBERS, default 64): what the hub can make the broker
+// hold is bounded whatever clients do.
 //
-//   auto hub = std::make_shared<SseHub>();
+//   auto hub = std::make_shared<SseHub>(SseHub::maxSubscribersFromEnvironment());
 //   auto token = hub->subscribe(client, {"BehaviorsRun"});   // no keys: every key
 //   hub->publish("BehaviorsRun", value);  // client gets "data: {\"key\":...,\"value\":...}\n\n"
 #pragma once
@@ -33,9 +36,17 @@ public:
 class SseHub {
 public:
   using Token = std::uint64_t;
+  static constexpr std::size_t kDefaultMaxSubscribers = 64;
+  enum class Refusal { None, Closed, Full };
 
-  // Keys to receive; an empty list receives every key.
-  Token subscribe(std::weak_ptr<SseSubscriber> subscriber, const std::vector<std::string>& keys);
+  explicit SseHub(std::size_t maxSubscribers = kDefaultMaxSubscribers);
+  // TUQVU_EVENTS_MAX_SUBSCRIBERS, or the default.
+  static std::size_t maxSubscribersFromEnvironment();
+
+  // Keys to receive; an empty list receives every key. 0 when refused: the hub is closed
+  // or holds maxSubscribers() live subscribers already; `refusal` says which.
+  Token subscribe(std::weak_ptr<SseSubscriber> subscriber, const std::vector<std::string>& keys,
+                  Refusal* refusal = nullptr);
   void unsubscribe(Token token);
 
   void publish(const std::string& key, const ZR::ZRValue& value);
@@ -44,6 +55,7 @@ public:
   void closeAll();
 
   std::size_t subscriberCount() const;
+  std::size_t maxSubscribers() const { return fMaxSubscribers; }
 
   // "data: {"key":..,"value":..}\n\n"
   static std::string frame(const std::string& key, const ZR::ZRValue& value);
@@ -56,6 +68,7 @@ private:
   // Guards the subscriber table and fClosed; held while frames are delivered, which
   // keeps every subscriber's frames in publish order.
   mutable std::mutex fMutex;
+  const std::size_t fMaxSubscribers;
   std::map<Token, Entry> fEntries;
   Token fNext = 1;
   bool fClosed = false;

@@ -1,8 +1,11 @@
 // A GET /events connection after its request: writes the stream header, then one
 // "data:" frame per memory event for its keys, in publish order. Frames are queued by
-// the hub without blocking; a client that lets more than kMaxQueuedBytes pile up, or
-// does not take a write within the write time-out, is disconnected. A comment line
-// every 15 s finds dead clients.
+// the hub without blocking and written as they are, shared with every other stream. A
+// client that lets more than kMaxQueuedBytes pile up has its queue dropped at once and
+// gets one last "dropped" event saying why before the connection ends; one that does not
+// take a write within the write time-out is disconnected. When the hub holds as many
+// streams as it may, the request is answered 503. A comment line every 15 s finds dead
+// clients.
 #pragma once
 
 #include <tuqvu/broker/ssehub.h>
@@ -34,6 +37,8 @@ public:
 
 private:
   void enqueue(const std::shared_ptr<const std::string>& frame, bool limited);
+  // Sends `last` instead of everything queued, then ends the connection.
+  void endWith(std::string last);
   void doWrite();
   void onWrite(boost::beast::error_code error, std::size_t bytes);
   void doRead();
@@ -46,14 +51,17 @@ private:
   SseHub::Token fToken = 0;
   boost::asio::steady_timer fHeartbeat;
   char fReadBuffer[256];
-  std::string fWriting;  // the bytes of the write in progress (strand only)
+  // The frames of the write in progress, and their buffers (strand only).
+  std::vector<std::shared_ptr<const std::string>> fWriting;
+  std::vector<boost::asio::const_buffer> fWritingBuffers;
 
   // Guards the queue and the flags below; taken by the hub's thread and the strand.
   std::mutex fMutex;
   std::deque<std::shared_ptr<const std::string>> fQueue;
   std::size_t fQueuedBytes = 0;
   bool fWriteActive = false;
-  bool fClosing = false;
+  bool fClosing = false;          // nothing more is queued
+  bool fCloseAfterWrite = false;  // the connection ends once the queue is written
 };
 
 }  // namespace broker
