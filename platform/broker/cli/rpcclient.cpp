@@ -81,6 +81,9 @@ int fileTransferPort(const Url& url) {
                       ")");
   }
   const nlohmann::json port = nlohmann::json::parse(answer.text, nullptr, false);
+  if (port == nlohmann::json(0)) {
+    throw ClientError("the robot's file-transfer server is switched off (tuqvu --no-file-server)");
+  }
   if (!port.is_number_integer() || port.get<long long>() <= 0 || port.get<long long>() > 65535) {
     throw ClientError(method + " answered " + answer.text + ", which is no port");
   }

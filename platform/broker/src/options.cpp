@@ -101,6 +101,8 @@ Options parseOptions(int argc, const char* const* argv) {
       options.secretFile = takeValue();
     } else if (option == "--trust-loopback") {
       options.trustLoopback = true;
+    } else if (option == "--no-file-server") {
+      options.fileServer = false;
     } else {
       throw OptionsError("unknown option \"" + option + "\" (try --help)");
     }
@@ -128,6 +130,9 @@ std::string helpText() {
          "  --trust-loopback     serve clients on loopback without the secret: every program\n"
          "                       of every account on this machine may then control the\n"
          "                       robot. Addresses beyond loopback always need the secret\n"
+         "  --no-file-server     do not run the behavior manager's file-transfer server (for\n"
+         "                       robots without an authoring application; the broker's own\n"
+         "                       pages and calls are not affected)\n"
          "  --module [NAME=]PATH load a module library (repeatable, in this order); NAME\n"
          "                       defaults to the library's module name. Without --module the\n"
          "                       behavior manager library of the build or installation is loaded.\n"

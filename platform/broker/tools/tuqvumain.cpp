@@ -135,6 +135,7 @@ int main(int argc, char** argv) {
   access.bindAddress = options.bind;
   access.hostNames = options.hostNames;
   access.trustLoopback = options.trustLoopback;
+  access.fileServer = options.fileServer;
   const std::string secretFile =
       options.secretFile.empty() ? tb::defaultSecretFile() : options.secretFile;
   try {

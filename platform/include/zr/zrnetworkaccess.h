@@ -31,6 +31,9 @@ struct ZRNetworkAccess {
   // program of every account on the robot reaches loopback, and a robot's motors are
   // not theirs to move.
   bool trustLoopback = false;
+  // Whether the behavior manager's file-transfer server runs. The administrator switches
+  // it off (--no-file-server) where no authoring application is used.
+  bool fileServer = true;
 
   // True when bindAddress is not a loopback address ("0.0.0.0" and "::" included).
   bool listensBeyondLoopback() const;

@@ -1,3 +1,4 @@
+#include <vu/log.h>
 #include <vu/os.h>
 #include <zr/zrnetworkaccess.h>
 #include <zrfiletransfer/zrfiletransfer.h>
@@ -15,9 +16,15 @@ constexpr unsigned int kStartDelayMs = 400;
 }  // namespace
 
 ZRFileTransfer::ZRFileTransfer() : _p(new ZRFileTransferPrivate) {
+  const ZRNetworkAccess access = networkAccess();
+  if (!access.fileServer) {
+    vu::log::write(vu::log::info, "core.common.network", "ZRFileTransfer",
+                   "the file-transfer server is switched off (--no-file-server)");
+    return;  // no port: httpFileTransferPort() is 0
+  }
   try {
     // The address the broker listens on (loopback unless the administrator opened it).
-    _p->newServer(networkAccess().bindAddress, kPreferredPort);
+    _p->newServer(access.bindAddress, kPreferredPort);
   } catch (...) {
     delete _p;
     throw;

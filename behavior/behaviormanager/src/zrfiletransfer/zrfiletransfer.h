@@ -21,7 +21,8 @@ public:
   ZRFileTransfer(const ZRFileTransfer&) = delete;
   ZRFileTransfer& operator=(const ZRFileTransfer&) = delete;
 
-  // The port really bound, which can differ from the preferred 15000.
+  // The port really bound, which can differ from the preferred 15000; 0 when the
+  // administrator switched the server off (ZRNetworkAccess::fileServer).
   int httpFileTransferPort();
 
 private:

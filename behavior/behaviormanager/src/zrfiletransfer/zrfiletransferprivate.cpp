@@ -171,7 +171,7 @@ void ZRFileTransferPrivate::run(soap* connection) {
   std::memset(connection->buf, 0, sizeof(connection->buf));
   connection->recv_timeout = kIoTimeout;
   connection->send_timeout = kIoTimeout;
-  ZR::soap_serve(connection, fLimits);
+  ZR::soap_serve(connection, fLimits, fServer->master);
   finalise(connection);
   soap_free(connection);
 }

@@ -94,10 +94,12 @@ void sendFile(soap* connection, int file, off_t size, const std::string& extensi
                            "\n"
                            "Connection: keep-alive\n\n";
   off_t remaining = size;
+  detail::ConnectionGuard::beginSending(connection, static_cast<std::uint64_t>(size));
   if (detail::sendNow(connection, head) == SOAP_OK) {
     std::vector<char> block(kBlockSize);
-    // Never more than the announced length, even if the file grows meanwhile.
-    while (remaining > 0) {
+    // Never more than the announced length, even if the file grows meanwhile; a client
+    // that takes it below the minimum rate is cut.
+    while (remaining > 0 && !detail::ConnectionGuard::sendingTooSlow(connection)) {
       const std::size_t wanted = std::min<std::size_t>(kBlockSize, remaining);
       const ssize_t read = ::read(file, block.data(), wanted);
       if (read < 0 && errno == EINTR) {

@@ -10,6 +10,8 @@
 #include <boost/algorithm/string/trim.hpp>
 #include <cctype>
 #include <cerrno>
+#include <chrono>
+#include <limits>
 
 #include "zrhttpreply.h"
 
@@ -48,14 +50,15 @@ void sendUnauthorized(soap* connection) {
 
 }  // namespace
 
-ConnectionGuard::ConnectionGuard(soap* connection, const ServerLimits& limits)
+ConnectionGuard::ConnectionGuard(soap* connection, const ServerLimits& limits, int listener)
     : fConnection(connection),
       fPreviousUser(connection->user),
       fPreviousParse(connection->fparse),
       fPreviousParseHeader(connection->fparsehdr),
       fPreviousReceive(connection->frecv),
       fLimits(limits),
-      fDeadline(fLimits) {
+      fDeadline(fLimits),
+      fListener(listener) {
   connection->user = this;
   connection->fparse = &ConnectionGuard::parseRequest;
   connection->fparsehdr = &ConnectionGuard::parseHeader;
@@ -79,6 +82,7 @@ ConnectionGuard::~ConnectionGuard() {
 
 void ConnectionGuard::beginRequest() {
   fHeaders = RequestHeaders();
+  fRequestBegun = false;
   // Credentials belong to the request that carried them.
   fConnection->userid = nullptr;
   fConnection->passwd = nullptr;
@@ -99,14 +103,83 @@ void ConnectionGuard::beginBody(soap* connection, std::uint64_t length) {
   }
 }
 
+void ConnectionGuard::beginSending(soap* connection, std::uint64_t length) {
+  if (connection->frecv == &ConnectionGuard::receive && connection->user != nullptr) {
+    ConnectionGuard* guard = static_cast<ConnectionGuard*>(connection->user);
+    guard->fDeadline.startSending(length);
+    guard->fDeadlineLogged = false;
+  }
+}
+
+bool ConnectionGuard::sendingTooSlow(soap* connection) {
+  if (connection->frecv != &ConnectionGuard::receive || connection->user == nullptr) {
+    return false;
+  }
+  ConnectionGuard* guard = static_cast<ConnectionGuard*>(connection->user);
+  if (!guard->fDeadline.passed()) {
+    return false;
+  }
+  if (!guard->fDeadlineLogged) {
+    guard->fDeadlineLogged = true;
+    vu::log::write(vu::log::warning, kNetworkLog, "send",
+                   "The client takes the reply too slowly; closing the connection of " +
+                       std::string(connection->host) + " port " + std::to_string(connection->port));
+  }
+  return true;
+}
+
+bool ConnectionGuard::othersWaiting() const {
+  if (fListener < 0) {
+    return false;
+  }
+  pollfd pending{fListener, POLLIN, 0};
+  return ::poll(&pending, 1, 0) > 0;
+}
+
+long long ConnectionGuard::contestedMillisecondsLeft() const {
+  if (!fDeadline.awaitingHeaders()) {
+    return std::numeric_limits<long long>::max();
+  }
+  const int allowedMs =
+      fRequestBegun ? ServerLimits::kContestedHeaderMs : ServerLimits::kContestedIdleMs;
+  const long long spentMs = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                RequestDeadline::Clock::now() - fDeadline.headersStarted())
+                                .count();
+  return std::max<long long>(allowedMs - spentMs, 0);
+}
+
 size_t ConnectionGuard::receive(soap* connection, char* buffer, size_t length) {
   ConnectionGuard* guard = static_cast<ConnectionGuard*>(connection->user);
   // Wait here for the next bytes, for no longer than the connection's own time-out for
   // one read and what is left of the request's deadline; gSOAP's read then finds them.
+  // While it waits, the listener is looked at now and then: a connection that holds
+  // the server idle or trickles its headers gives way to a client waiting behind it.
+  constexpr int kWaitingCheckMs = 100;
   const int longestMs =
       connection->recv_timeout > 0 ? connection->recv_timeout * 1000 : kLongestReadSeconds * 1000;
+  const auto waitStarted = RequestDeadline::Clock::now();
+  if (guard->fGaveWay) {
+    connection->errnum = 0;  // ended already: nothing more is read
+    return 0;
+  }
   for (;;) {
-    const long long leftMs = guard->fDeadline.millisecondsLeft();
+    long long leftMs = guard->fDeadline.millisecondsLeft();
+    bool givingWay = false;
+    if (leftMs > 0 && guard->othersWaiting()) {
+      const long long contestedMs = guard->contestedMillisecondsLeft();
+      if (contestedMs <= 0) givingWay = true;
+      leftMs = std::min(leftMs, contestedMs);
+    }
+    if (givingWay) {
+      guard->fGaveWay = true;
+      vu::log::write(vu::log::info, kNetworkLog, "receive",
+                     std::string("Another client waits; closing the connection of ") +
+                         connection->host + " port " + std::to_string(connection->port) +
+                         (guard->fRequestBegun ? ", whose request is slow to arrive"
+                                               : ", which sent no request"));
+      connection->errnum = 0;
+      return 0;
+    }
     if (leftMs <= 0) {
       if (!guard->fDeadlineLogged) {
         guard->fDeadlineLogged = true;
@@ -118,21 +191,31 @@ size_t ConnectionGuard::receive(soap* connection, char* buffer, size_t length) {
       connection->errnum = ETIMEDOUT;
       return 0;
     }
-    pollfd ready{connection->socket, POLLIN, 0};
-    const int waited = ::poll(&ready, 1, static_cast<int>(std::min<long long>(leftMs, longestMs)));
-    if (waited > 0) {
-      break;
-    }
-    if (waited == 0 && leftMs > longestMs) {
+    const long long idleLeftMs = longestMs - std::chrono::duration_cast<std::chrono::milliseconds>(
+                                                 RequestDeadline::Clock::now() - waitStarted)
+                                                 .count();
+    if (idleLeftMs <= 0) {
       connection->errnum = 0;  // the read time-out of an idle connection
       return 0;
+    }
+    const long long stepMs =
+        std::min({leftMs, idleLeftMs,
+                  guard->fListener >= 0 ? static_cast<long long>(kWaitingCheckMs) : leftMs});
+    pollfd ready{connection->socket, POLLIN, 0};
+    const int waited = ::poll(&ready, 1, static_cast<int>(stepMs));
+    if (waited > 0) {
+      break;
     }
     if (waited < 0 && errno != EINTR) {
       connection->errnum = errno;
       return 0;
     }
   }
-  return guard->fPreviousReceive(connection, buffer, length);
+  const size_t received = guard->fPreviousReceive(connection, buffer, length);
+  if (received > 0) {
+    guard->fRequestBegun = true;
+  }
+  return received;
 }
 
 const RequestHeaders* ConnectionGuard::headersOf(const soap* connection) {

@@ -39,8 +39,9 @@ struct RequestHeaders {
 
 class ConnectionGuard {
 public:
-  // `limits` are the serving server's; the guard keeps a copy.
-  ConnectionGuard(soap* connection, const ServerLimits& limits);
+  // `limits` are the serving server's; the guard keeps a copy. `listener` is the server's
+  // listening socket, watched for clients waiting to be served (-1: none).
+  ConnectionGuard(soap* connection, const ServerLimits& limits, int listener = -1);
   ~ConnectionGuard();
   ConnectionGuard(const ConnectionGuard&) = delete;
   ConnectionGuard& operator=(const ConnectionGuard&) = delete;
@@ -57,11 +58,20 @@ public:
 
   // The body of `length` bytes is read next: its deadline starts.
   static void beginBody(soap* connection, std::uint64_t length);
+  // A reply body of `length` bytes is sent next: its deadline starts.
+  static void beginSending(soap* connection, std::uint64_t length);
+  // Whether the reply being sent is past its deadline (logged once); false without a guard.
+  static bool sendingTooSlow(soap* connection);
 
 private:
   static int parseRequest(soap* connection);
   static int parseHeader(soap* connection, const char* key, const char* value);
   static size_t receive(soap* connection, char* buffer, size_t length);
+  // Whether a client waits on the listener to be served.
+  bool othersWaiting() const;
+  // What is left, while others wait, of the time a connection may take to begin its next
+  // request or to send its headers; no limit outside those waits.
+  long long contestedMillisecondsLeft() const;
 
   soap* fConnection;
   void* fPreviousUser;
@@ -72,6 +82,9 @@ private:
   const ServerLimits fLimits;
   RequestDeadline fDeadline;
   bool fDeadlineLogged = false;
+  const int fListener;
+  bool fRequestBegun = false;  // bytes of the current request have arrived
+  bool fGaveWay = false;       // closed for a waiting client: reads end at once
 };
 
 enum class Access { Read, Write };

@@ -8,9 +8,9 @@
 
 namespace ZR {
 
-int soap_serve(soap* connection, const detail::ServerLimits& limits) {
-  detail::ConnectionGuard guard(connection, limits);
-  // A negative limit means any number of requests per connection.
+int soap_serve(soap* connection, const detail::ServerLimits& limits, int listener) {
+  detail::ConnectionGuard guard(connection, limits, listener);
+  connection->max_keep_alive = limits.maxRequests;
   connection->keep_alive = connection->max_keep_alive < 0 ? -1 : connection->max_keep_alive + 1;
   do {
     if (connection->keep_alive > 0 && connection->max_keep_alive > 0) {

@@ -2,8 +2,10 @@
 // headers or its body is cut off at its deadline, and the client waiting behind it is
 // served then, not when the slow one would have finished.
 #include <common/environment.h>
+#include <common/eventually.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <zrfiletransfer/zrfiletransfer.h>
 #include <zrfiletransfer/zrrequestdeadline.h>
 
@@ -77,7 +79,52 @@ TEST_F(Deadlines, HeadersSentAByteAtATimeAreCutOffAndTheNextClientIsServed) {
   EXPECT_EQ("", slow.readUntilClosed(5s, &closed));
   EXPECT_TRUE(closed);
   EXPECT_LT(slowSender.get(), request.size());
+  // Cut before its deadline: another client waited.
+  EXPECT_EQ(1u, log.find("receive", "Another client waits").size());
+}
+
+TEST_F(Deadlines, HeadersSentAByteAtATimeAreCutOffAtTheDeadlineWhenNobodyWaits) {
+  LogCapture log;
+  ZR::ZRFileTransfer server;
+  const int port = server.httpFileTransferPort();
+  const std::string request =
+      "GET /tmp/slow.txt HTTP/1.1\nHost: robot\nX-Padding: " + std::string(60, 'p') + "\n\n";
+  RawConnection slow(port);
+  auto slowSender =
+      std::async(std::launch::async, [&] { return dribble(slow, request, 1, 200ms); });
+  bool closed = false;
+  EXPECT_EQ("", slow.readUntilClosed(15s, &closed));
+  EXPECT_TRUE(closed);
+  EXPECT_LT(slowSender.get(), request.size());
   EXPECT_EQ(1u, log.find("receive", "did not arrive in time").size());
+}
+
+TEST_F(Deadlines, AReaderBelowTheMinimumSendRateIsCutOff) {
+  Setting sendRate("TUQVU_FILE_SEND_MIN_RATE", "4000000");
+  LogCapture log;
+  // 16 MB, more than the sockets' buffers hold, at 4 MB/s: the header time (2 s) plus
+  // 4 s at most.
+  zrft_test::writeFile(zrft_test::paths().tmp / "large.bin", std::string(16u << 20, 'l'));
+  ZR::ZRFileTransfer server;
+  const int port = server.httpFileTransferPort();
+  RawConnection reader(port);
+  const int small = 4096;
+  ::setsockopt(reader.fd(), SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
+  reader.send("GET /tmp/large.bin HTTP/1.1\nHost: robot\n\n");
+  // Reads 8 kB a second, far below the rate, until the server gives up.
+  std::size_t received = 0;
+  const auto start = Clock::now();
+  char buffer[8192];
+  while (Clock::now() - start < 60s) {
+    const std::size_t got = reader.readSome(buffer, sizeof(buffer), 5000ms);
+    if (got == 0) break;
+    received += got;
+    std::this_thread::sleep_for(1s);
+  }
+  EXPECT_LT(received, 16u << 20);
+  EXPECT_LT(Clock::now() - start, 59s) << "the slow reader was never cut";
+  EXPECT_TRUE(tuqvutest::eventually(
+      [&] { return log.find("send", "takes the reply too slowly").size() == 1u; }, 30s));
 }
 
 TEST_F(Deadlines, ABodyBelowTheMinimumRateIsCutOffWithoutAReply) {

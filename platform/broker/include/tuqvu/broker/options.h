@@ -26,6 +26,7 @@ struct Options {
   std::vector<std::string> hostNames;  // --host-name, repeatable
   std::string secretFile;              // empty: the user's config folder
   bool trustLoopback = false;          // --trust-loopback: no secret asked on loopback
+  bool fileServer = true;              // --no-file-server: the file-transfer server stays off
   std::vector<ModuleSpec> modules;     // in load order
   bool modulesGiven = false;           // false: load the default module library
   int logLevel = 4;
