@@ -66,8 +66,8 @@ TEST(FileServerSwitchedOff, TheBrokerServesWithoutItAndItsPortIsZero) {
             rpc(off.port(), "ZRBehaviorManager._httpFileTransferPort", json::array())["result"]);
   EXPECT_EQ(1, listeningSocketsOf(off.pid()));
   // The rest of the behavior manager works.
-  EXPECT_TRUE(rpc(off.port(), "ZRBehaviorManager.getInstalledBehaviors", json::array())
-                  .contains("result"));
+  EXPECT_TRUE(
+      rpc(off.port(), "ZRBehaviorManager.getInstalledBehaviors", json::array()).contains("result"));
   EXPECT_NE(std::string::npos, off.stderrText().find("the file-transfer server is switched off"));
   EXPECT_EQ(0, off.terminate(SIGTERM)) << off.stderrText();
 }
