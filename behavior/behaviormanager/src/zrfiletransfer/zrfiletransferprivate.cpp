@@ -171,7 +171,10 @@ void ZRFileTransferPrivate::run(soap* connection) {
   std::memset(connection->buf, 0, sizeof(connection->buf));
   connection->recv_timeout = kIoTimeout;
   connection->send_timeout = kIoTimeout;
-  ZR::soap_serve(connection, fLimits, fServer->master);
+  // The listening socket, watched for clients waiting behind this one; none when the
+  // connection was handed over without a listener of ours.
+  const int listener = fServer != nullptr ? fServer->master : -1;
+  ZR::soap_serve(connection, fLimits, listener);
   finalise(connection);
   soap_free(connection);
 }
