@@ -2,6 +2,7 @@
 // of their own or all on one line), the latency from exitBehavior to the return of
 // completeBehavior, and raiseMicroEvent with 10 subscribers.
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 #include <vu/log.h>
 #include <zr/modules/zrframemanager.h>
 #include <zr/modules/zrmemory.h>
@@ -34,8 +35,10 @@ std::string temporaryFile(const std::string& name) {
 }
 
 // A behavior file of about `bytes` bytes, every kind of step, nested repeats; with
-// `oneLine` the steps follow each other on a single line, without indentation.
-std::string writeLargeBehavior(std::size_t bytes, bool oneLine = false) {
+// `oneLine` the steps follow each other on a single line, without indentation. The number
+// of steps written goes to `steps` when given.
+std::string writeLargeBehavior(std::size_t bytes, bool oneLine = false,
+                               std::size_t* steps = nullptr) {
   const std::string path = temporaryFile("behavior.xar");
   std::ofstream out(path);
   out << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<behavior>\n";
@@ -58,6 +61,7 @@ std::string writeLargeBehavior(std::size_t bytes, bool oneLine = false) {
     }
     out << text;
     written += text.size();
+    if (steps) *steps += 6;  // the repeat and the five steps of its body
   }
   out << "</behavior>\n";
   return path;
@@ -85,6 +89,75 @@ BENCHMARK(BM_ParseAndInstanceLargeFile)
     ->Args({1024, 1})
     ->Args({32 * 1024 - 64, 0})
     ->Args({32 * 1024 - 64, 1})
+    ->Unit(benchmark::kMillisecond);
+
+// The heap in use by this thread's arena and by mapped blocks: what a program read on
+// this thread takes, as the allocator itself counts it.
+std::size_t heapInUse() {
+  const struct mallinfo2 info = mallinfo2();
+  return info.uordblks + info.hblkhd;
+}
+
+// A file of `steps` steps, all like `step` with {n} replaced by the step's number.
+std::string writeRepeatedStep(const std::string& step, std::size_t steps) {
+  const std::string path = temporaryFile("behavior.xar");
+  std::ofstream out(path);
+  out << "<behavior>\n";
+  for (std::size_t n = 0; n < steps; ++n) {
+    std::string line = step;
+    const std::size_t at = line.find("{n}");
+    if (at != std::string::npos) line.replace(at, 3, std::to_string(n));
+    out << "  " << line << "\n";
+  }
+  out << "</behavior>\n";
+  return path;
+}
+
+// What one step holds once read: the heap that stays in use after newBehaviorFromFile
+// (the XML tree and the reader's tables are gone by then), divided by the steps, beside
+// what the frame manager counts against TUQVU_BEHAVIOR_MAX_BYTES. range(0) picks the file.
+void BM_HeldBytesPerStep(benchmark::State& state) {
+  static const std::vector<std::pair<std::string, std::size_t>> files = {
+      {"<wait ms=\"1\"/>", 0},
+      {"<log text=\"step number {n} of the behavior\" level=\"4\"/>", 0},
+      {"<set key=\"Bench/Key{n}\" type=\"string\" value=\"value {n}\"/>", 0},
+      {"<call module=\"ZRMemory\" method=\"insertData\"><arg value=\"Bench/Last\"/>"
+       "<arg type=\"int\" value=\"{n}\"/></call>",
+       0},
+      {"", 0},  // the mixed file of BM_ParseAndInstanceLargeFile, 1 MiB
+  };
+  const std::size_t which = static_cast<std::size_t>(state.range(0));
+  constexpr std::size_t kSteps = 200000;
+  std::size_t steps = kSteps;
+  std::string path;
+  if (files[which].first.empty()) {
+    steps = 0;
+    path = writeLargeBehavior(1u << 20, false, &steps);
+  } else {
+    path = writeRepeatedStep(files[which].first, kSteps);
+  }
+  auto broker = ZRBroker::create();
+  ZRFrameManager frames(broker);
+  std::size_t heap = 0;
+  std::size_t counted = 0;
+  for (auto _ : state) {
+    const std::size_t before = heapInUse();
+    const std::string id = frames.newBehaviorFromFile(path, "held");
+    heap = heapInUse() - before;
+    counted = frames.heldBytes();
+    frames.deleteBehavior(id);
+  }
+  state.counters["steps"] = static_cast<double>(steps);
+  state.counters["heap_per_step"] = static_cast<double>(heap) / static_cast<double>(steps);
+  state.counters["counted_per_step"] = static_cast<double>(counted) / static_cast<double>(steps);
+  state.counters["file_per_step"] =
+      static_cast<double>(boost::filesystem::file_size(path)) / static_cast<double>(steps);
+  boost::filesystem::remove_all(boost::filesystem::path(path).parent_path());
+}
+BENCHMARK(BM_HeldBytesPerStep)
+    ->ArgName("file")
+    ->DenseRange(0, 4)
+    ->Iterations(1)
     ->Unit(benchmark::kMillisecond);
 
 // Runs completeBehavior on its own thread, one run per request, and records when it

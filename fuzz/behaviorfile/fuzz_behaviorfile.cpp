@@ -16,6 +16,7 @@
 
 namespace {
 
+using ZR::detail::BehaviorProgram;
 using ZR::detail::BehaviorStep;
 
 const char* const kPath = "/robot/behaviors/fuzz/behavior.xar";
@@ -25,34 +26,42 @@ const char* const kPath = "/robot/behaviors/fuzz/behavior.xar";
   std::abort();
 }
 
-std::size_t countSteps(const std::vector<BehaviorStep>& steps, int depth) {
+// Walks the steps from `begin` up to `end` as a run would and checks what the reader
+// promised: bodies inside their parent, bounded nesting, values in range.
+void checkSteps(const BehaviorProgram& program, std::size_t begin, std::size_t end, int depth) {
   if (depth > ZR::detail::kMaxBehaviorDepth) fail("accepted a file nested too deep");
-  std::size_t count = 0;
-  for (const BehaviorStep& step : steps) {
-    ++count;
+  for (std::size_t index = begin; index < end; index = program.next(index)) {
+    const BehaviorStep& step = program.steps[index];
+    const auto spanFits = [&](ZR::detail::TextSpan span) {
+      return std::size_t(span.offset) + span.length <= program.texts.size();
+    };
+    if (!spanFits(step.text) || !spanFits(step.method)) fail("a text outside the program");
     switch (step.kind) {
       case BehaviorStep::Kind::repeat:
-        if (step.count < 0) fail("accepted a negative repeat count");
-        if (step.count == 0 && step.body.empty()) fail("accepted an empty endless repeat");
-        count += countSteps(step.body, depth + 1);
+        if (step.bodyEnd <= index || step.bodyEnd > end) fail("a body outside its parent");
+        if (step.number == 0 && step.bodyEnd == index + 1) fail("accepted an empty endless repeat");
+        if (step.number > 2147483647u) fail("accepted a repeat count beyond 32 bits");
+        checkSteps(program, index + 1, step.bodyEnd, depth + 1);
         break;
       case BehaviorStep::Kind::wait:
-        if (step.milliseconds < 0) fail("accepted a negative wait");
+        if (step.number > 2147483647u) fail("accepted a wait beyond 32 bits");
         break;
       case BehaviorStep::Kind::log:
         if (step.level < 1 || step.level > 6) fail("accepted a log level outside 1..6");
         break;
       case BehaviorStep::Kind::set:
       case BehaviorStep::Kind::raise:
-        if (step.key.empty()) fail("accepted an empty key");
+        if (step.text.length == 0) fail("accepted an empty key");
         break;
       case BehaviorStep::Kind::call:
-        if (!step.args.isArray()) fail("call arguments are not an array");
+        if (std::size_t(step.firstArgument) + step.argumentCount > program.arguments.size()) {
+          fail("call arguments outside the program");
+        }
+        if (!program.argumentsOf(step).isArray()) fail("call arguments are not an array");
         break;
       case BehaviorStep::Kind::fail: break;
     }
   }
-  return count;
 }
 
 }  // namespace
@@ -67,7 +76,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   try {
     const auto program = ZR::detail::parseBehaviorProgram("ZRFrameManager", kPath, text);
     if (!program) fail("no program and no error");
-    if (countSteps(program->steps, 0) != program->stepCount) fail("wrong step count");
+    checkSteps(*program, 0, program->steps.size(), 0);
   } catch (const ZR::ZRError& error) {
     if (error.module() != "ZRFrameManager" || error.method() != "newBehaviorFromFile") {
       fail("error from " + error.module() + "." + error.method() + ": " + error.description());

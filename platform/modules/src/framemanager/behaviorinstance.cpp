@@ -69,20 +69,20 @@ void BehaviorInstance::run(std::string module, boost::shared_ptr<ZRBroker> broke
 
   Context context{std::move(module), std::move(broker), nullptr};
   vu::log::write(vu::log::verbose, kRunCategory, fName, "start of instance " + fId);
-  const bool completed = runSteps(fProgram->steps, context);
+  const bool completed = runSteps(0, fProgram->steps.size(), context);
   vu::log::write(vu::log::verbose, kRunCategory, fName,
                  std::string(completed ? "end" : "exit") + " of instance " + fId);
 }
 
-bool BehaviorInstance::runSteps(const std::vector<BehaviorStep>& steps, Context& context) {
-  for (const BehaviorStep& step : steps) {
+bool BehaviorInstance::runSteps(std::size_t begin, std::size_t end, Context& context) {
+  for (std::size_t index = begin; index < end; index = fProgram->next(index)) {
     if (exitRequested()) return false;
-    if (!runStep(step, context)) return false;
+    if (!runStep(index, context)) return false;
   }
   return true;
 }
 
-bool BehaviorInstance::waitOrExit(int milliseconds) {
+bool BehaviorInstance::waitOrExit(std::uint32_t milliseconds) {
   std::unique_lock<std::mutex> lock(fMutex);
   return !fWake.wait_for(lock, std::chrono::milliseconds(milliseconds),
                          [&] { return exitRequested(); });
@@ -93,35 +93,40 @@ std::string BehaviorInstance::describe(const BehaviorStep& step) const {
          ", <" + stepName(step.kind) + ">";
 }
 
-bool BehaviorInstance::runStep(const BehaviorStep& step, Context& context) {
+bool BehaviorInstance::runStep(std::size_t index, Context& context) {
+  const BehaviorProgram& program = *fProgram;
+  const BehaviorStep& step = program.steps[index];
   switch (step.kind) {
     case BehaviorStep::Kind::log:
-      vu::log::write(step.level, kRunCategory, fName, step.text);
+      vu::log::write(step.level, kRunCategory, fName, program.text(step.text));
       return true;
-    case BehaviorStep::Kind::wait: return waitOrExit(step.milliseconds);
+    case BehaviorStep::Kind::wait: return waitOrExit(step.number);
     case BehaviorStep::Kind::repeat:
-      for (int i = 0; step.count == 0 || i < step.count; ++i) {
-        if (!runSteps(step.body, context)) return false;
+      for (std::uint32_t i = 0; step.number == 0 || i < step.number; ++i) {
+        if (!runSteps(index + 1, step.bodyEnd, context)) return false;
         if (exitRequested()) return false;
       }
       return true;
-    case BehaviorStep::Kind::fail:
+    case BehaviorStep::Kind::fail: {
+      const std::string message = program.text(step.text);
       vu::log::write(vu::log::warning, kRunCategory, fName,
-                     "instance " + fId + " failed: " + step.text);
-      throw ZRError(context.module, kMethod, step.text, __FILE__, __LINE__);
+                     "instance " + fId + " failed: " + message);
+      throw ZRError(context.module, kMethod, message, __FILE__, __LINE__);
+    }
     case BehaviorStep::Kind::set:
     case BehaviorStep::Kind::raise:
     case BehaviorStep::Kind::call: break;
   }
   try {
     if (step.kind == BehaviorStep::Kind::call) {
-      context.broker->call(step.module, step.method, step.args);
+      context.broker->call(program.text(step.text), program.text(step.method),
+                           program.argumentsOf(step));
     } else {
       if (!context.memory) context.memory.reset(new ZRMemoryProxy(context.broker));
       if (step.kind == BehaviorStep::Kind::set) {
-        context.memory->insertData(step.key, step.value);
+        context.memory->insertData(program.text(step.text), program.value(step.value));
       } else {
-        context.memory->raiseMicroEvent(step.key, step.value);
+        context.memory->raiseMicroEvent(program.text(step.text), program.value(step.value));
       }
     }
   } catch (const ZRError& error) {

@@ -6,6 +6,8 @@
 #include <atomic>
 #include <boost/shared_ptr.hpp>
 #include <condition_variable>
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -42,11 +44,12 @@ public:
 
 private:
   struct Context;
-  bool runSteps(const std::vector<BehaviorStep>& steps, Context& context);
-  bool runStep(const BehaviorStep& step, Context& context);
-  bool waitOrExit(int milliseconds);
-  std::string describe(
-      const BehaviorStep& step) const;  // for error messages  // false when an exit ended the wait
+  // Each returns false when an exit request ended it. runSteps runs the steps from
+  // `begin` up to `end` at one level of the program.
+  bool runSteps(std::size_t begin, std::size_t end, Context& context);
+  bool runStep(std::size_t index, Context& context);
+  bool waitOrExit(std::uint32_t milliseconds);
+  std::string describe(const BehaviorStep& step) const;  // the step's place, for error messages
   bool exitRequested() const { return fExitRequested.load(std::memory_order_acquire); }
 
   const std::string fId;

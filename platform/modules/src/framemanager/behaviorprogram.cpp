@@ -7,8 +7,9 @@
 #include <cstring>
 #include <limits>
 #include <pugixml.hpp>
-#include <set>
+#include <string_view>
 #include <system_error>
+#include <unordered_map>
 
 #include "detail/textposition.h"
 #include "detail/wholefile.h"
@@ -41,11 +42,12 @@ public:
     if (std::string(root.name()) != "behavior") {
       fail(root, "the root element is <" + std::string(root.name()) + ">, <behavior> was expected");
     }
-    auto program = std::make_shared<BehaviorProgram>();
-    program->path = fPath;
-    program->steps = parseSteps(root, 0);
-    program->stepCount = fStepCount;
-    return program;
+    fProgram = std::make_shared<BehaviorProgram>();
+    fProgram->path = fPath;
+    reserve(root);
+    parseSteps(root, 0);
+    fProgram->texts.shrink_to_fit();
+    return std::move(fProgram);
   }
 
 private:
@@ -71,10 +73,14 @@ private:
     }
   }
 
-  std::string required(const pugi::xml_node& node, const char* attribute) const {
+  pugi::xml_attribute requiredAttribute(const pugi::xml_node& node, const char* attribute) const {
     const pugi::xml_attribute found = node.attribute(attribute);
     if (!found) fail(node, where(node) + " needs the attribute \"" + attribute + "\"");
-    return found.value();
+    return found;
+  }
+
+  std::string required(const pugi::xml_node& node, const char* attribute) const {
+    return requiredAttribute(node, attribute).value();
   }
 
   int integer(const pugi::xml_node& node, const char* attribute, const std::string& text,
@@ -90,14 +96,37 @@ private:
     return result;
   }
 
-  ZRValue typedValue(const pugi::xml_node& node) const {
+  // Keeps each distinct text once: keys, module and method names and log lines repeat
+  // throughout a long behavior.
+  TextSpan intern(const char* text) {
+    const std::string_view view(text);
+    const auto found = fInterned.find(view);
+    if (found != fInterned.end()) return found->second;
+    TextSpan span;
+    span.offset = static_cast<std::uint32_t>(fProgram->texts.size());
+    span.length = static_cast<std::uint32_t>(view.size());
+    fProgram->texts.append(view);
+    fInterned.emplace(view, span);
+    return span;
+  }
+
+  Literal typedValue(const pugi::xml_node& node) {
     const pugi::xml_attribute typeAttribute = node.attribute("type");
     const std::string type = typeAttribute ? typeAttribute.value() : "string";
-    const std::string text = required(node, "value");
-    if (type == "string") return ZRValue(text);
+    const pugi::xml_attribute valueAttribute = node.attribute("value");
+    if (!valueAttribute) fail(node, where(node) + " needs the attribute \"value\"");
+    const std::string text = valueAttribute.value();
+    Literal literal;
+    if (type == "string") {
+      literal.type = Literal::Type::string;
+      literal.text = intern(valueAttribute.value());
+      return literal;
+    }
     if (type == "int") {
-      return ZRValue(integer(node, "value", text, std::numeric_limits<int>::min(),
-                             std::numeric_limits<int>::max()));
+      literal.type = Literal::Type::integer;
+      literal.integer = integer(node, "value", text, std::numeric_limits<int>::min(),
+                                std::numeric_limits<int>::max());
+      return literal;
     }
     if (type == "float") {
       double result = 0;
@@ -106,42 +135,66 @@ private:
       if (text.empty() || error != std::errc() || stop != end || !std::isfinite(result)) {
         fail(node, where(node) + " value=\"" + text + "\" is not a float");
       }
-      return ZRValue(result);
+      literal.type = Literal::Type::real;
+      literal.real = result;
+      return literal;
     }
     if (type == "bool") {
-      if (text == "true" || text == "1") return ZRValue(true);
-      if (text == "false" || text == "0") return ZRValue(false);
+      literal.type = Literal::Type::boolean;
+      if (text == "true" || text == "1") {
+        literal.boolean = true;
+        return literal;
+      }
+      if (text == "false" || text == "0") {
+        literal.boolean = false;
+        return literal;
+      }
       fail(node, where(node) + " value=\"" + text + "\" is not a bool (true or false)");
     }
     fail(node, where(node) + " has the unknown type \"" + type + "\" (int, float, string or bool)");
   }
 
-  std::vector<BehaviorStep> parseSteps(const pugi::xml_node& parent, int depth) {
+  // Sizes the arrays once, so that a large file never holds a half-empty reserve.
+  void reserve(const pugi::xml_node& root) {
+    struct Counter : pugi::xml_tree_walker {
+      std::size_t steps = 0;
+      std::size_t arguments = 0;
+      bool for_each(pugi::xml_node& node) override {
+        if (node.type() != pugi::node_element) return true;
+        if (std::strcmp(node.parent().name(), "call") == 0) {
+          ++arguments;
+        } else {
+          ++steps;
+        }
+        return true;
+      }
+    } counter;
+    pugi::xml_node walked = root;
+    walked.traverse(counter);  // iterative: a deep document cannot exhaust the stack
+    fProgram->steps.reserve(counter.steps);
+    fProgram->arguments.reserve(counter.arguments);
+  }
+
+  void parseSteps(const pugi::xml_node& parent, int depth) {
     if (depth > kMaxBehaviorDepth) {
       fail(parent, "steps are nested more than " + std::to_string(kMaxBehaviorDepth) + " deep");
     }
-    std::vector<BehaviorStep> steps;
-    std::size_t elements = 0;
-    for (const pugi::xml_node& child : parent.children()) {
-      if (child.type() == pugi::node_element) ++elements;
-    }
-    steps.reserve(elements);
     for (const pugi::xml_node& child : parent.children()) {
       if (child.type() == pugi::node_pcdata || child.type() == pugi::node_cdata) {
         fail(child, "unexpected text inside " + where(parent));
       }
       if (child.type() != pugi::node_element) continue;
-      steps.push_back(parseStep(child, depth));
+      parseStep(child, depth);
     }
-    return steps;
   }
 
-  BehaviorStep parseStep(const pugi::xml_node& node, int depth) {
-    ++fStepCount;
+  void parseStep(const pugi::xml_node& node, int depth) {
+    const std::size_t index = fProgram->steps.size();
+    fProgram->steps.emplace_back();
     BehaviorStep step;
     const TextPosition at = positionOfNode(fIndex, node);
-    step.line = at.line;
-    step.column = at.column;
+    step.line = static_cast<std::uint32_t>(at.line);
+    step.column = static_cast<std::uint32_t>(at.column);
     const std::string name = node.name();  // short: kept in the string's own buffer
     if (name != "repeat" && name != "call" && node.first_child()) {
       fail(node.first_child(), where(node) + " takes no content");
@@ -149,26 +202,29 @@ private:
     if (name == "log") {
       step.kind = BehaviorStep::Kind::log;
       allowAttributes(node, {"text", "level"});
-      step.text = required(node, "text");
+      step.text = intern(requiredAttribute(node, "text").value());
       if (node.attribute("level")) {
-        step.level = integer(node, "level", node.attribute("level").value(), 1, 6);
+        step.level = static_cast<std::uint8_t>(
+            integer(node, "level", node.attribute("level").value(), 1, 6));
       }
     } else if (name == "wait") {
       step.kind = BehaviorStep::Kind::wait;
       allowAttributes(node, {"ms"});
-      step.milliseconds =
-          integer(node, "ms", required(node, "ms"), 0, std::numeric_limits<int>::max());
+      step.number = static_cast<std::uint32_t>(
+          integer(node, "ms", required(node, "ms"), 0, std::numeric_limits<int>::max()));
     } else if (name == "set" || name == "raise") {
       step.kind = name == "set" ? BehaviorStep::Kind::set : BehaviorStep::Kind::raise;
       allowAttributes(node, {"key", "type", "value"});
-      step.key = required(node, "key");
-      if (step.key.empty()) fail(node, where(node) + " has an empty key");
+      const char* key = requiredAttribute(node, "key").value();
+      if (*key == '\0') fail(node, where(node) + " has an empty key");
+      step.text = intern(key);
       step.value = typedValue(node);
     } else if (name == "call") {
       step.kind = BehaviorStep::Kind::call;
       allowAttributes(node, {"module", "method"});
-      step.module = required(node, "module");
-      step.method = required(node, "method");
+      step.text = intern(requiredAttribute(node, "module").value());
+      step.method = intern(requiredAttribute(node, "method").value());
+      step.firstArgument = static_cast<std::uint32_t>(fProgram->arguments.size());
       for (const pugi::xml_node& child : node.children()) {
         if (child.type() == pugi::node_pcdata || child.type() == pugi::node_cdata) {
           fail(child, "unexpected text inside <call>");
@@ -179,37 +235,76 @@ private:
         }
         allowAttributes(child, {"type", "value"});
         if (child.first_child()) fail(child.first_child(), "<arg> takes no content");
-        step.args.arrayPush(typedValue(child));
+        fProgram->arguments.push_back(typedValue(child));
       }
+      step.argumentCount =
+          static_cast<std::uint32_t>(fProgram->arguments.size()) - step.firstArgument;
     } else if (name == "repeat") {
       step.kind = BehaviorStep::Kind::repeat;
       allowAttributes(node, {"count"});
       if (node.attribute("count")) {
-        step.count = integer(node, "count", node.attribute("count").value(), 0,
-                             std::numeric_limits<int>::max());
+        step.number = static_cast<std::uint32_t>(integer(
+            node, "count", node.attribute("count").value(), 0, std::numeric_limits<int>::max()));
       }
-      step.body = parseSteps(node, depth + 1);
-      if (step.body.empty() && step.count == 0) {
+      parseSteps(node, depth + 1);
+      step.bodyEnd = static_cast<std::uint32_t>(fProgram->steps.size());
+      if (step.bodyEnd == index + 1 && step.number == 0) {
         fail(node, "<repeat> until stopped needs at least one step");
       }
     } else if (name == "fail") {
       step.kind = BehaviorStep::Kind::fail;
       allowAttributes(node, {"message"});
-      step.text = required(node, "message");
+      step.text = intern(requiredAttribute(node, "message").value());
     } else {
       fail(node, "unknown step <" + name + "> (known: log, wait, set, raise, call, repeat, fail)");
     }
-    return step;
+    fProgram->steps[index] = step;
   }
 
   const std::string& fModule;
   const std::string& fPath;
   const std::string& fText;
   const TextIndex fIndex;
-  std::size_t fStepCount = 0;
+  std::shared_ptr<BehaviorProgram> fProgram;
+  // Views into the parsed document, which outlives the parse.
+  std::unordered_map<std::string_view, TextSpan> fInterned;
 };
 
+// What the allocator adds to each block it hands out.
+constexpr std::size_t kBlockOverhead = 16;
+
+std::size_t heapOf(std::size_t capacityBytes, std::size_t inlineBytes = 0) {
+  return capacityBytes > inlineBytes ? capacityBytes + kBlockOverhead : 0;
+}
+
 }  // namespace
+
+ZRValue BehaviorProgram::value(const Literal& literal) const {
+  switch (literal.type) {
+    case Literal::Type::string: return ZRValue(text(literal.text));
+    case Literal::Type::integer: return ZRValue(literal.integer);
+    case Literal::Type::real: return ZRValue(literal.real);
+    case Literal::Type::boolean: return ZRValue(literal.boolean);
+  }
+  return ZRValue();
+}
+
+ZRValue BehaviorProgram::argumentsOf(const BehaviorStep& call) const {
+  ZRValue values = ZRValue::array();
+  for (std::uint32_t i = 0; i < call.argumentCount; ++i) {
+    values.arrayPush(value(arguments[call.firstArgument + i]));
+  }
+  return values;
+}
+
+std::size_t BehaviorProgram::heldBytes() const {
+  constexpr std::size_t kInlineCharacters = 15;
+  return sizeof(BehaviorProgram) + kBlockOverhead +
+         heapOf(path.capacity() + 1, kInlineCharacters + 1) +
+         heapOf(steps.capacity() * sizeof(BehaviorStep)) +
+         heapOf(arguments.capacity() * sizeof(Literal)) +
+         heapOf(texts.capacity() + 1, kInlineCharacters + 1);
+}
 
 const char* stepName(BehaviorStep::Kind kind) {
   switch (kind) {

@@ -1,4 +1,5 @@
 #include <vu/log.h>
+#include <vu/settings.h>
 #include <zr/modules/zrframemanager.h>
 #include <zr/zrbinding.h>
 #include <zr/zrbroker.h>
@@ -16,6 +17,12 @@ namespace {
 
 const char* const kCategory = "zr.framemanager";
 const char* const kBehaviorFileName = "behavior.xar";
+const char* const kNewMethod = "newBehaviorFromFile";
+
+constexpr std::size_t kDefaultMaxInstances = 1024;
+constexpr std::size_t kDefaultMaxHeldBytes = 256u << 20;
+// Files above this size are read one at a time.
+constexpr std::uintmax_t kLargeFileBytes = 1u << 20;
 
 // Ids are unique in the process, across frame managers.
 std::string nextInstanceId() {
@@ -30,7 +37,11 @@ unsigned long long idOrder(const std::string& id) {
 }  // namespace
 
 ZRFrameManager::ZRFrameManager(boost::shared_ptr<ZRBroker> broker, const std::string& name)
-    : ZRModule(broker, name) {
+    : ZRModule(broker, name),
+      fMaxInstances(
+          vu::settings::positiveNumber("TUQVU_BEHAVIOR_MAX_INSTANCES", kDefaultMaxInstances)),
+      fMaxHeldBytes(
+          vu::settings::positiveNumber("TUQVU_BEHAVIOR_MAX_BYTES", kDefaultMaxHeldBytes)) {
   setModuleDescription(
       "Executes behaviors: reads behavior files into instances and runs each instance "
       "on the thread of its caller until it ends or is exited.");
@@ -43,13 +54,14 @@ ZRFrameManager::~ZRFrameManager() {
   {
     std::lock_guard<std::mutex> lock(fInstancesMutex);
     instances.swap(fInstances);
+    fHeldBytes = 0;
   }
   for (const auto& entry : instances) entry.second->requestExit();
 }
 
 void ZRFrameManager::bindMethods() {
   bindMember(this, &ZRFrameManager::newBehaviorFromFile,
-             {"newBehaviorFromFile",
+             {kNewMethod,
               "Read a behavior file and create an instance of it. A folder stands for "
               "its behavior.xar.",
               {{"xarPath", "path of the behavior file"},
@@ -91,8 +103,7 @@ void ZRFrameManager::bindMethods() {
 std::string ZRFrameManager::newBehaviorFromFile(const std::string& xarPath,
                                                 const std::string& behaviorName) {
   if (xarPath.empty()) {
-    throw ZRError(getName(), "newBehaviorFromFile", "the behavior file path is empty", __FILE__,
-                  __LINE__);
+    throw ZRError(getName(), kNewMethod, "the behavior file path is empty", __FILE__, __LINE__);
   }
   std::string path = xarPath;
   boost::system::error_code error;
@@ -102,7 +113,7 @@ std::string ZRFrameManager::newBehaviorFromFile(const std::string& xarPath,
   // Only behavior files are read: a remote caller must not learn anything about other
   // files of the robot from the errors a parse of them would give.
   if (boost::filesystem::path(path).filename() != kBehaviorFileName) {
-    throw ZRError(getName(), "newBehaviorFromFile",
+    throw ZRError(getName(), kNewMethod,
                   "refused to read " + path + ": a behavior file is named " + kBehaviorFileName,
                   __FILE__, __LINE__);
   }
@@ -111,19 +122,60 @@ std::string ZRFrameManager::newBehaviorFromFile(const std::string& xarPath,
   // and should not learn.
   const std::string shownAs =
       behaviorName.empty() ? path : behaviorName + "/" + std::string(kBehaviorFileName);
-  std::shared_ptr<const detail::BehaviorProgram> program =
-      detail::loadBehaviorProgram(getName(), path, shownAs);
+  {
+    std::lock_guard<std::mutex> lock(fInstancesMutex);
+    refuseBeyondCount(fInstances.size());  // before the work of reading
+  }
+  std::shared_ptr<const detail::BehaviorProgram> program;
+  if (boost::filesystem::file_size(path, error) > kLargeFileBytes && !error) {
+    std::lock_guard<std::mutex> oneAtATime(fLargeReadMutex);
+    program = detail::loadBehaviorProgram(getName(), path, shownAs);
+  } else {
+    program = detail::loadBehaviorProgram(getName(), path, shownAs);
+  }
+  const std::size_t bytes = program->heldBytes();
+  const std::size_t steps = program->steps.size();
   const std::string id = nextInstanceId();
   auto instance = std::make_shared<detail::BehaviorInstance>(
       id, behaviorName.empty() ? path : behaviorName, std::move(program));
   {
     std::lock_guard<std::mutex> lock(fInstancesMutex);
+    refuseBeyondCount(fInstances.size());
+    if (bytes > fMaxHeldBytes - std::min(fHeldBytes, fMaxHeldBytes)) {
+      throw ZRError(getName(), kNewMethod,
+                    "behavior file " + shownAs + " takes " + std::to_string(bytes) +
+                        " bytes once read; with the " + std::to_string(fHeldBytes) +
+                        " bytes of the other instances that is over the limit of " +
+                        std::to_string(fMaxHeldBytes) +
+                        " bytes (TUQVU_BEHAVIOR_MAX_BYTES); delete instances that are no "
+                        "longer needed",
+                    __FILE__, __LINE__);
+    }
     fInstances.emplace(id, instance);
+    fHeldBytes += bytes;
   }
-  vu::log::write(vu::log::verbose, kCategory, "newBehaviorFromFile",
+  vu::log::write(vu::log::verbose, kCategory, kNewMethod,
                  "instance " + id + " of " + instance->name() + " from " + path + " (" +
-                     std::to_string(instance->program().stepCount) + " steps)");
+                     std::to_string(steps) + " steps, " + std::to_string(bytes) + " bytes)");
   return id;
+}
+
+void ZRFrameManager::refuseBeyondCount(std::size_t instances) const {
+  if (instances < fMaxInstances) return;
+  throw ZRError(getName(), kNewMethod,
+                "there are already " + std::to_string(instances) +
+                    " behavior instances, the most this robot keeps "
+                    "(TUQVU_BEHAVIOR_MAX_INSTANCES); delete instances that are no longer needed",
+                __FILE__, __LINE__);
+}
+
+void ZRFrameManager::forget(const detail::BehaviorInstance& instance) {
+  fHeldBytes -= std::min(fHeldBytes, instance.program().heldBytes());
+}
+
+std::size_t ZRFrameManager::heldBytes() {
+  std::lock_guard<std::mutex> lock(fInstancesMutex);
+  return fHeldBytes;
 }
 
 std::shared_ptr<detail::BehaviorInstance> ZRFrameManager::find(const std::string& id) {
@@ -152,6 +204,7 @@ void ZRFrameManager::deleteBehavior(const std::string& id) {
     const auto found = fInstances.find(id);
     if (found == fInstances.end()) return;
     instance = found->second;
+    forget(*instance);
     fInstances.erase(found);
   }
   // A run in progress keeps the instance alive until it has returned. The request is
@@ -171,6 +224,7 @@ void ZRFrameManager::cleanBehaviors() {
         ++entry;
       } else {
         dropped.push_back(entry->second);
+        forget(*entry->second);
         entry = fInstances.erase(entry);
       }
     }

@@ -9,11 +9,16 @@
 //
 // Any number of instances may run at once, each on its own caller's thread. <set> and
 // <raise> steps reach the module "ZRMemory" through the broker, <call> any module.
+//
+// The instances are bounded in number (TUQVU_BEHAVIOR_MAX_INSTANCES, 1024) and in the
+// memory their programs hold together (TUQVU_BEHAVIOR_MAX_BYTES, 256 MiB); both are read
+// when the module is made.
 #pragma once
 
 #include <zr/zrmodule.h>
 
 #include <boost/shared_ptr.hpp>
+#include <cstddef>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -37,7 +42,7 @@ public:
   // Reads and checks the file (a folder stands for its behavior.xar) and creates an
   // instance. The id is unique for the life of the process. ZRError for a missing,
   // unreadable or malformed file or an unknown step, naming the file (and the line and
-  // column of a problem inside it).
+  // column of a problem inside it), and when the instance would go beyond a limit.
   std::string newBehaviorFromFile(const std::string& xarPath, const std::string& behaviorName);
 
   // Runs the instance on the calling thread; returns when it has ended or was exited.
@@ -59,13 +64,30 @@ public:
   bool isBehaviorRunning(const std::string& id);
   std::vector<std::string> getBehaviorInstances();  // ids, oldest first
 
+  // What the instances' programs hold in memory together, in bytes, and its limit.
+  std::size_t heldBytes();
+  std::size_t maxHeldBytes() const { return fMaxHeldBytes; }
+  std::size_t maxInstances() const { return fMaxInstances; }
+
 private:
   void bindMethods();
   std::shared_ptr<detail::BehaviorInstance> find(const std::string& id);
+  void forget(const detail::BehaviorInstance& instance);  // with fInstancesMutex held
+  void refuseBeyondCount(std::size_t instances) const;    // ZRError at the limit
 
-  // Guards fInstances; held only to look up, insert or erase, never during a run.
+  const std::size_t fMaxInstances;
+  const std::size_t fMaxHeldBytes;
+
+  // Serialises the reading of large files: the XML tree of a file takes several times
+  // its size while it is read, and callers reading many at once must not add these up.
+  // Guards no data; never held with fInstancesMutex.
+  std::mutex fLargeReadMutex;
+
+  // Guards fInstances and fHeldBytes; held only to look up, insert or erase, never
+  // during a run or a read.
   std::mutex fInstancesMutex;
   std::map<std::string, std::shared_ptr<detail::BehaviorInstance>> fInstances;
+  std::size_t fHeldBytes = 0;  // the programs of fInstances
 };
 
 }  // namespace ZR
