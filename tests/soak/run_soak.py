@@ -224,8 +224,12 @@ def main():
     stats = world.stats
     checks = final.Checks()
 
-    broker = BrokerProcess(options.tuqvu, options.module, work, options.log_level,
-                           {} if options.no_adversary else adversary.SETTINGS)
+    # Every client is a thread of this one process, which the broker counts as one local
+    # client: it may have as many calls running as the broker makes in all.
+    settings = {"TUQVU_MAX_CALLS_PER_CLIENT": "256"}
+    if not options.no_adversary:
+        settings.update(adversary.SETTINGS)
+    broker = BrokerProcess(options.tuqvu, options.module, work, options.log_level, settings)
     try:
         port = broker.wait_listening(60)
         use_secret(broker.secret)

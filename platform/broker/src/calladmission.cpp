@@ -3,16 +3,6 @@
 
 namespace tuqvu {
 namespace broker {
-namespace {
-
-// Every local process calls from a loopback address: they share it, so it says nothing
-// about who calls.
-bool isLoopback(const std::string& client) {
-  return client.rfind("127.", 0) == 0 || client == "::1" || client.rfind("::ffff:127.", 0) == 0;
-}
-
-}  // namespace
-
 CallAdmission::Limits CallAdmission::limitsFromEnvironment() {
   Limits limits;
   limits.perClient = static_cast<std::size_t>(
@@ -29,7 +19,7 @@ std::shared_ptr<void> CallAdmission::admit(const std::string& client, std::strin
   {
     std::lock_guard<std::mutex> lock(state->mutex);
     std::size_t& mine = state->perClient[client];
-    if (mine >= state->limits.perClient && !isLoopback(client)) {
+    if (mine >= state->limits.perClient) {
       *why = "too many calls at once: " + client + " already has " + std::to_string(mine) +
              " running, the most one client may have (TUQVU_MAX_CALLS_PER_CLIENT); try again "
              "when one has answered";

@@ -1,4 +1,5 @@
 #include <tuqvu/broker/httpsession.h>
+#include <tuqvu/broker/localclient.h>
 #include <tuqvu/broker/requestguard.h>
 #include <tuqvu/broker/router.h>
 #include <tuqvu/broker/ssesession.h>
@@ -116,6 +117,17 @@ void HttpSession::handle(Request&& request) {
   }
 }
 
+const std::string& HttpSession::clientName() {
+  if (!fClientName) {
+    beast::error_code ignored;
+    const net::ip::tcp::endpoint peer = fStream.socket().remote_endpoint(ignored);
+    const net::ip::tcp::endpoint local = fStream.socket().local_endpoint(ignored);
+    const std::string address = peer.address().to_string();
+    fClientName = ZR::isLoopbackAddress(address) ? localClientName(peer, local) : address;
+  }
+  return *fClientName;
+}
+
 void HttpSession::startCall(Routed&& routed, unsigned version, bool keepAlive) {
   if (fContext->refusingCalls.load()) {
     return send(textResponse(http::status::service_unavailable, "the broker is shutting down"),
@@ -124,10 +136,8 @@ void HttpSession::startCall(Routed&& routed, unsigned version, bool keepAlive) {
   // One slot of the client's and of the broker's calls, held until the call returns.
   std::shared_ptr<void> admitted;
   if (fContext->admission) {
-    beast::error_code ignored;
-    const std::string client = fStream.socket().remote_endpoint(ignored).address().to_string();
     std::string why;
-    admitted = fContext->admission->admit(client, &why);
+    admitted = fContext->admission->admit(clientName(), &why);
     if (!admitted) {
       vu::log::write(vu::log::warning, "tuqvu.calls", "startCall", why);
       return send(routed.refuse(why), version, keepAlive);

@@ -1,8 +1,8 @@
-// How many calls the broker makes at once: at most `perClient` for one client address and
-// `total` for all clients together. A call beyond either is not made: the client gets a
-// JSON-RPC error (code kTooManyCalls) and may try again once its earlier calls answered.
-// Loopback addresses have no limit of their own: every local process (trusted, and each
-// one a client of its own) calls from them; the total holds for them too.
+// How many calls the broker makes at once: at most `perClient` for one client and `total`
+// for all clients together. A call beyond either is not made: the client gets a JSON-RPC
+// error (code kTooManyCalls) and may try again once its earlier calls answered. A client
+// is named by its address, or for a program of the robot itself by its process (see
+// localclient.h), so that one local program that floods cannot starve another.
 //
 //   CallAdmission admission(CallAdmission::limitsFromEnvironment());
 //   std::string why;

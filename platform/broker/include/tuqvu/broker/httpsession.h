@@ -13,6 +13,7 @@
 #include <boost/beast/http.hpp>
 #include <memory>
 #include <optional>
+#include <string>
 
 namespace tuqvu {
 namespace broker {
@@ -28,6 +29,8 @@ private:
   void onRead(boost::beast::error_code error, std::size_t bytes);
   void handle(Request&& request);
   void startCall(Routed&& routed, unsigned version, bool keepAlive);
+  // Whom the calls of this connection are counted for: its address, or the local process.
+  const std::string& clientName();
   // Finishes the response for the request (version, keep-alive, length) and writes it.
   // token, when set, is held until the write ends.
   void send(Response&& response, unsigned version, bool keepAlive,
@@ -46,6 +49,7 @@ private:
   // The request being answered came with the secret: its answer sets the session cookie.
   // Touched only by this session's handlers, one request at a time.
   bool fHandOutSessionCookie = false;
+  std::optional<std::string> fClientName;  // found at the first call
   std::shared_ptr<ServerContext> fContext;
   char fDiscard[16384];
 };
