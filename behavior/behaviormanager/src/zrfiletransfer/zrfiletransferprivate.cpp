@@ -3,6 +3,7 @@
 #include "zrfiletransferprivate.h"
 
 #include <netinet/in.h>
+#include <poll.h>
 #include <stdsoap2.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -16,6 +17,7 @@
 #include <cstring>
 
 #include "zracceptbackoff.h"
+#include "zrpendingconnections.h"
 
 namespace ZR {
 namespace {
@@ -26,6 +28,11 @@ constexpr int kIoTimeout = 15;
 // soap_accept returns at least this often (seconds), so the listener sees the stop flag.
 constexpr int kAcceptTimeout = 1;
 constexpr int kBacklog = 1000;
+// Connections accepted ahead of their turn, at most: the rest wait in the kernel's queue.
+constexpr std::size_t kMaxPending = 128;
+// How long the listener waits, while no pending connection can be served yet, before it
+// looks again (a silent connection's time may have run out).
+constexpr int kPendingPollMs = 50;
 // Binds tried when the probed port is taken by another process before the server binds it.
 constexpr int kBindAttempts = 16;
 
@@ -137,26 +144,59 @@ void ZRFileTransferPrivate::listenRequest() {
   // a passing state of the machine, not the end of the service: the listener waits and
   // tries again, so the robot is reachable as soon as the flood is over.
   detail::AcceptBackOff backOff;
+  detail::PendingConnections pending(kMaxPending, &release);
   while (fStop == 0) {
-    const SOAP_SOCKET accepted = soap_accept(fServer);
-    if (soap_valid_socket(accepted)) {
-      soap* connection = soap_copy(fServer);
-      if (connection == nullptr) {
-        ::close(accepted);
-        fServer->socket = SOAP_INVALID_SOCKET;
-        pause(backOff.failed(ENOMEM));
-        continue;
-      }
-      backOff.succeeded();
-      connection->socket = accepted;
-      // The copy owns the accepted socket from here on.
-      fServer->socket = SOAP_INVALID_SOCKET;
-      run(connection);
-    } else if (fServer->errnum != 0) {
-      pause(backOff.failed(fServer->errnum));  // a real accept error, not the time-out
+    if (pending.empty()) {
+      if (soap* connection = acceptOne(backOff)) pending.add(connection);  // waits up to 1 s
+      continue;
+    }
+    while (!pending.full() && clientsArriving()) {
+      soap* connection = acceptOne(backOff);
+      if (connection == nullptr) break;
+      pending.add(connection);
+    }
+    if (soap* next = pending.takeNext(clientsArriving())) {
+      run(next, [this, &pending] { return !pending.empty() || clientsArriving(); });
+    } else {
+      pending.waitForActivity(fServer->master, kPendingPollMs);
     }
   }
   finalise(fServer);
+}
+
+soap* ZRFileTransferPrivate::acceptOne(detail::AcceptBackOff& backOff) {
+  const SOAP_SOCKET accepted = soap_accept(fServer);
+  if (!soap_valid_socket(accepted)) {
+    if (fServer->errnum != 0) {
+      pause(backOff.failed(fServer->errnum));  // a real accept error, not the time-out
+    }
+    return nullptr;
+  }
+  soap* connection = soap_copy(fServer);
+  if (connection == nullptr) {
+    ::close(accepted);
+    fServer->socket = SOAP_INVALID_SOCKET;
+    pause(backOff.failed(ENOMEM));
+    return nullptr;
+  }
+  backOff.succeeded();
+  connection->socket = accepted;
+  // The copy owns the accepted socket from here on.
+  fServer->socket = SOAP_INVALID_SOCKET;
+  std::memset(connection->buf, 0, sizeof(connection->buf));
+  connection->recv_timeout = kIoTimeout;
+  connection->send_timeout = kIoTimeout;
+  return connection;
+}
+
+bool ZRFileTransferPrivate::clientsArriving() const {
+  pollfd waiting{fServer->master, POLLIN, 0};
+  return ::poll(&waiting, 1, 0) > 0;
+}
+
+void ZRFileTransferPrivate::release(soap* connection) {
+  finalise(connection);
+  soap_free(connection);
 }
 
 void ZRFileTransferPrivate::pause(int milliseconds) const {
@@ -167,16 +207,9 @@ void ZRFileTransferPrivate::pause(int milliseconds) const {
   }
 }
 
-void ZRFileTransferPrivate::run(soap* connection) {
-  std::memset(connection->buf, 0, sizeof(connection->buf));
-  connection->recv_timeout = kIoTimeout;
-  connection->send_timeout = kIoTimeout;
-  // The listening socket, watched for clients waiting behind this one; none when the
-  // connection was handed over without a listener of ours.
-  const int listener = fServer != nullptr ? fServer->master : -1;
-  ZR::soap_serve(connection, fLimits, listener);
-  finalise(connection);
-  soap_free(connection);
+void ZRFileTransferPrivate::run(soap* connection, std::function<bool()> othersWaiting) {
+  ZR::soap_serve(connection, fLimits, std::move(othersWaiting));
+  release(connection);
 }
 
 }  // namespace ZR

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <boost/thread/thread.hpp>
+#include <functional>
 #include <string>
 
 #include "zrserverlimits.h"
@@ -12,6 +13,9 @@
 struct soap;
 
 namespace ZR {
+namespace detail {
+class AcceptBackOff;
+}
 
 class ZRFileTransferPrivate {
 public:
@@ -37,15 +41,25 @@ public:
   // when idle, or when the connection being served ends).
   void stop();
 
-  // The listener thread's body: accepts connections one at a time until stopped. Accept
+  // The listener thread's body: accepts connections and serves them one at a time until
+  // stopped, those whose request has arrived first (see PendingConnections). Accept
   // errors do not end it: it backs off (see AcceptBackOff) and accepts again.
   void listenRequest();
 
   // Sleeps about `milliseconds`, or less when the stop flag is set meanwhile.
   void pause(int milliseconds) const;
 
-  // Serves one accepted connection, then releases its context.
-  void run(soap* connection);
+  // Serves one accepted connection, then releases its context. `othersWaiting` tells
+  // whether other clients wait meanwhile (empty: none are watched for).
+  void run(soap* connection, std::function<bool()> othersWaiting = {});
+
+  // Accepts one connection, waiting up to the accept time-out; null on a time-out or an
+  // error (after backing off). The connection is configured for serving.
+  soap* acceptOne(detail::AcceptBackOff& backOff);
+  // Whether the kernel holds connections for the listener to accept.
+  bool clientsArriving() const;
+  // Closes and frees an accepted connection.
+  static void release(soap* connection);
 
   // The listening context: null until newServer runs. Finalised by the listener thread
   // when it ends, released by the destructor.

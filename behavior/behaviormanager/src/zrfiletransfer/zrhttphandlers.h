@@ -15,6 +15,7 @@
 
 #include <boost/filesystem/path.hpp>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -37,9 +38,10 @@ int httpDel(soap* connection);
 
 // Serves the requests of one accepted connection through the hooks above, held to the
 // serving server's `limits`, and returns when the connection is finished (closed, timed
-// out, not reusable, at its request limit, or idle while a client waits on `listener`,
-// the server's listening socket; -1: none is watched).
-int soap_serve(soap* connection, const detail::ServerLimits& limits, int listener = -1);
+// out, not reusable, at its request limit, or idle while another client waits, which
+// `othersWaiting` tells; empty: none is watched).
+int soap_serve(soap* connection, const detail::ServerLimits& limits,
+               std::function<bool()> othersWaiting = {});
 
 // Maps a relative request path to a file-system path; an empty result means the path
 // is not served.

@@ -50,7 +50,8 @@ void sendUnauthorized(soap* connection) {
 
 }  // namespace
 
-ConnectionGuard::ConnectionGuard(soap* connection, const ServerLimits& limits, int listener)
+ConnectionGuard::ConnectionGuard(soap* connection, const ServerLimits& limits,
+                                 std::function<bool()> othersWaiting)
     : fConnection(connection),
       fPreviousUser(connection->user),
       fPreviousParse(connection->fparse),
@@ -58,7 +59,7 @@ ConnectionGuard::ConnectionGuard(soap* connection, const ServerLimits& limits, i
       fPreviousReceive(connection->frecv),
       fLimits(limits),
       fDeadline(fLimits),
-      fListener(listener) {
+      fOthersWaiting(std::move(othersWaiting)) {
   connection->user = this;
   connection->fparse = &ConnectionGuard::parseRequest;
   connection->fparsehdr = &ConnectionGuard::parseHeader;
@@ -129,11 +130,7 @@ bool ConnectionGuard::sendingTooSlow(soap* connection) {
 }
 
 bool ConnectionGuard::othersWaiting() const {
-  if (fListener < 0) {
-    return false;
-  }
-  pollfd pending{fListener, POLLIN, 0};
-  return ::poll(&pending, 1, 0) > 0;
+  return fOthersWaiting && fOthersWaiting();
 }
 
 long long ConnectionGuard::contestedMillisecondsLeft() const {
@@ -152,7 +149,7 @@ size_t ConnectionGuard::receive(soap* connection, char* buffer, size_t length) {
   ConnectionGuard* guard = static_cast<ConnectionGuard*>(connection->user);
   // Wait here for the next bytes, for no longer than the connection's own time-out for
   // one read and what is left of the request's deadline; gSOAP's read then finds them.
-  // While it waits, the listener is looked at now and then: a connection that holds
+  // While it waits, waiting clients are looked for now and then: a connection that holds
   // the server idle or trickles its headers gives way to a client waiting behind it.
   constexpr int kWaitingCheckMs = 100;
   const int longestMs =
@@ -200,7 +197,7 @@ size_t ConnectionGuard::receive(soap* connection, char* buffer, size_t length) {
     }
     const long long stepMs =
         std::min({leftMs, idleLeftMs,
-                  guard->fListener >= 0 ? static_cast<long long>(kWaitingCheckMs) : leftMs});
+                  guard->fOthersWaiting ? static_cast<long long>(kWaitingCheckMs) : leftMs});
     pollfd ready{connection->socket, POLLIN, 0};
     const int waited = ::poll(&ready, 1, static_cast<int>(stepMs));
     if (waited > 0) {

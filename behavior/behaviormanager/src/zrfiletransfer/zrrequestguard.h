@@ -18,6 +18,7 @@
 #include <stdsoap2.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "zrrequestdeadline.h"
@@ -39,9 +40,10 @@ struct RequestHeaders {
 
 class ConnectionGuard {
 public:
-  // `limits` are the serving server's; the guard keeps a copy. `listener` is the server's
-  // listening socket, watched for clients waiting to be served (-1: none).
-  ConnectionGuard(soap* connection, const ServerLimits& limits, int listener = -1);
+  // `limits` are the serving server's; the guard keeps a copy. `othersWaiting` tells
+  // whether other clients wait to be served (empty: none are watched for).
+  ConnectionGuard(soap* connection, const ServerLimits& limits,
+                  std::function<bool()> othersWaiting = {});
   ~ConnectionGuard();
   ConnectionGuard(const ConnectionGuard&) = delete;
   ConnectionGuard& operator=(const ConnectionGuard&) = delete;
@@ -67,7 +69,7 @@ private:
   static int parseRequest(soap* connection);
   static int parseHeader(soap* connection, const char* key, const char* value);
   static size_t receive(soap* connection, char* buffer, size_t length);
-  // Whether a client waits on the listener to be served.
+  // Whether another client waits to be served.
   bool othersWaiting() const;
   // What is left, while others wait, of the time a connection may take to begin its next
   // request or to send its headers; no limit outside those waits.
@@ -82,7 +84,7 @@ private:
   const ServerLimits fLimits;
   RequestDeadline fDeadline;
   bool fDeadlineLogged = false;
-  const int fListener;
+  const std::function<bool()> fOthersWaiting;
   bool fRequestBegun = false;  // bytes of the current request have arrived
   bool fGaveWay = false;       // closed for a waiting client: reads end at once
 };

@@ -8,8 +8,9 @@
 
 namespace ZR {
 
-int soap_serve(soap* connection, const detail::ServerLimits& limits, int listener) {
-  detail::ConnectionGuard guard(connection, limits, listener);
+int soap_serve(soap* connection, const detail::ServerLimits& limits,
+               std::function<bool()> othersWaiting) {
+  detail::ConnectionGuard guard(connection, limits, std::move(othersWaiting));
   connection->max_keep_alive = limits.maxRequests;
   connection->keep_alive = connection->max_keep_alive < 0 ? -1 : connection->max_keep_alive + 1;
   do {

@@ -1,0 +1,80 @@
+#include "zrpendingconnections.h"
+
+#include <poll.h>
+#include <stdsoap2.h>
+#include <vu/log.h>
+
+#include "zrhttpreply.h"
+
+#include <string>
+#include <vector>
+
+namespace ZR {
+namespace detail {
+namespace {
+
+// Something to read, or the client's end closed: either way serving it is quick.
+bool hasSentSomething(const soap* connection) {
+  pollfd ready{connection->socket, POLLIN, 0};
+  return ::poll(&ready, 1, 0) > 0 && (ready.revents & (POLLIN | POLLHUP | POLLERR)) != 0;
+}
+
+}  // namespace
+
+PendingConnections::PendingConnections(std::size_t capacity, void (*release)(soap*))
+    : fCapacity(capacity), fRelease(release) {}
+
+PendingConnections::~PendingConnections() {
+  for (const Waiting& waiting : fWaiting) fRelease(waiting.connection);
+}
+
+void PendingConnections::add(soap* connection) {
+  fWaiting.push_back({connection, Clock::now()});
+}
+
+soap* PendingConnections::takeNext(bool arriving) {
+  if (fWaiting.size() > 1 || arriving) {
+    const Clock::time_point now = Clock::now();
+    std::size_t closed = 0;
+    for (auto waiting = fWaiting.begin(); waiting != fWaiting.end();) {
+      const bool silentTooLong = now - waiting->since >= std::chrono::milliseconds(kSilentMs) &&
+                                 !hasSentSomething(waiting->connection);
+      if (!silentTooLong) {
+        ++waiting;
+        continue;
+      }
+      fRelease(waiting->connection);
+      waiting = fWaiting.erase(waiting);
+      ++closed;
+    }
+    if (closed > 0) {
+      vu::log::write(vu::log::info, kNetworkLog, "accept",
+                     "Closed " + std::to_string(closed) +
+                         " connection(s) that sent nothing while other clients waited");
+    }
+  }
+  for (auto waiting = fWaiting.begin(); waiting != fWaiting.end(); ++waiting) {
+    if (hasSentSomething(waiting->connection)) {
+      soap* next = waiting->connection;
+      fWaiting.erase(waiting);
+      return next;
+    }
+  }
+  if (fWaiting.size() == 1 && !arriving) {
+    soap* next = fWaiting.front().connection;
+    fWaiting.pop_front();
+    return next;
+  }
+  return nullptr;
+}
+
+void PendingConnections::waitForActivity(int listener, int milliseconds) const {
+  std::vector<pollfd> watched;
+  watched.reserve(fWaiting.size() + 1);
+  if (listener >= 0) watched.push_back({listener, POLLIN, 0});
+  for (const Waiting& waiting : fWaiting) watched.push_back({waiting.connection->socket, POLLIN, 0});
+  ::poll(watched.data(), watched.size(), milliseconds);
+}
+
+}  // namespace detail
+}  // namespace ZR
