@@ -8,7 +8,9 @@
 //
 // A Replacement dropped without commit() leaves the folder as it was: the file has no
 // name until commit(), so even kill -9 leaves nothing behind. Where the file system has
-// no unnamed files, a hidden ".tuqvu-part-*" name is used and removed on failure.
+// no unnamed files, a hidden name "<kPartPrefix><pid>-<random>" is used and removed on
+// failure; one that a crash left behind is removed at the next start (see
+// vu::project::removeStagingLeftovers).
 #pragma once
 
 #include <sys/types.h>
@@ -20,6 +22,9 @@
 
 namespace vu {
 namespace beneath {
+
+// The start of the names of files being written, where they need a name.
+constexpr const char* kPartPrefix = ".tuqvu-part-";
 
 class Replacement {
 public:
@@ -35,8 +40,9 @@ public:
 
   // Gives the file `mode` (without one it keeps 0666 less the umask, as a new file
   // would), syncs its data and renames it over `name` of the folder (a link there is
-  // replaced, never followed). False with errno set when any step fails; what was at
-  // `name` is then untouched.
+  // replaced, never followed), then syncs the folder. `name` is a name in the folder, not a
+  // path (EINVAL otherwise). False with errno set when any step fails; what was at `name`
+  // is then untouched.
   bool commit(const std::string& name, std::optional<mode_t> mode = std::nullopt);
 
 private:

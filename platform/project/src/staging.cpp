@@ -4,12 +4,14 @@
 #include <unistd.h>
 #include <vu/project/error.h>
 #include <vu/project/staging.h>
+#include <vu/replacement.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <utility>
 
 #include "detail/filecopy.h"
 #include "detail/paths.h"
@@ -18,9 +20,10 @@ namespace vu {
 namespace project {
 namespace {
 
-// The process that made a staging entry, from its name; 0 when the name carries none.
-pid_t makerOf(const std::string& name) {
-  const std::string rest = name.substr(std::strlen(detail::kStagingPrefix));
+// The process that made a staging entry, from its name (after `prefix`); 0 when the name
+// carries none.
+pid_t makerOf(const std::string& name, const char* prefix) {
+  const std::string rest = name.substr(std::strlen(prefix));
   const std::size_t dash = rest.find('-');
   if (dash == std::string::npos || dash == 0) {
     return 0;
@@ -65,7 +68,7 @@ void sweep(const std::string& dir, int depth, std::vector<std::string>& removed)
     return;
   }
   std::vector<std::string> folders;
-  std::vector<std::string> leftovers;
+  std::vector<std::pair<std::string, const char*>> leftovers;  // path, what left it
   while (const dirent* entry = ::readdir(stream.get())) {
     const std::string name = entry->d_name;
     if (name == "." || name == "..") {
@@ -76,21 +79,25 @@ void sweep(const std::string& dir, int depth, std::vector<std::string>& removed)
     if (::lstat(path.c_str(), &info) != 0) {
       continue;
     }
-    if (detail::isStagingName(name)) {
-      const pid_t maker = makerOf(name);
+    const bool staging = detail::isStagingName(name);
+    if (staging || detail::isPartName(name)) {
+      const pid_t maker =
+          makerOf(name, staging ? detail::kStagingPrefix : vu::beneath::kPartPrefix);
       if (info.st_uid == ::geteuid() && (maker == 0 || !isAlive(maker))) {
-        leftovers.push_back(path);
+        leftovers.emplace_back(path, staging ? "an import" : "a file write");
       }
-    } else if (S_ISDIR(info.st_mode) && depth > 1) {
+    } else if (S_ISDIR(info.st_mode) && depth > 1 && info.st_uid == ::geteuid()) {
+      // Only this user's folders: it writes nowhere else, and shared folders such as the
+      // temporary one hold others' folders it may not read.
       folders.push_back(path);
     }
   }
   stream.reset();
-  for (const std::string& path : leftovers) {
+  for (const auto& [path, maker] : leftovers) {
     try {
       detail::removeTree(path);
-      detail::logWarning("removeStagingLeftovers",
-                         "removed " + path + ", left by an import that did not finish");
+      detail::logWarning("removeStagingLeftovers", "removed " + path + ", left by " +
+                                                       std::string(maker) + " that did not finish");
       removed.push_back(path);
     } catch (const ProjectError& error) {
       detail::logWarning("removeStagingLeftovers", error.what());

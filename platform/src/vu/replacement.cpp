@@ -16,7 +16,7 @@ namespace {
 std::string hiddenName() {
   static const char* const kDigits = "0123456789abcdef";
   std::random_device entropy;
-  std::string name = ".tuqvu-part-";
+  std::string name = kPartPrefix + std::to_string(::getpid()) + "-";
   for (int i = 0; i < 16; ++i) name += kDigits[entropy() & 0xf];
   return name;
 }
@@ -74,6 +74,11 @@ bool Replacement::commit(const std::string& name, std::optional<mode_t> mode) {
     errno = EBADF;
     return false;
   }
+  // A name of the folder itself: a path would put the file somewhere else.
+  if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos) {
+    errno = EINVAL;
+    return false;
+  }
   std::string temporary;
   if ((mode && ::fchmod(fFile.get(), *mode) != 0) || ::fdatasync(fFile.get()) != 0 ||
       !giveName(&temporary)) {
@@ -87,6 +92,10 @@ bool Replacement::commit(const std::string& name, std::optional<mode_t> mode) {
     return false;
   }
   fHiddenName.clear();
+  // The rename is an entry of the folder: synced too, so that after a power loss the
+  // name leads to the new content. A failure here leaves the file in place; the data
+  // itself was synced above.
+  ::fsync(fDirectory);
   return true;
 }
 

@@ -88,4 +88,18 @@ TEST_F(ReplacementTest, ACommitOverAFolderFailsAndKeepsTheFolder) {
   EXPECT_EQ(namesIn(root()), std::vector<std::string>{"take.wav"});
 }
 
+TEST_F(ReplacementTest, ANameThatIsAPathIsRefusedAndNothingIsLeft) {
+  writeFile(root() / "sub" / "take.wav", "old");
+  for (const std::string name : {"sub/take.wav", "../take.wav", "..", ".", ""}) {
+    Replacement next(rootFd());
+    write(next, "new");
+    errno = 0;
+    EXPECT_FALSE(next.commit(name)) << name;
+    EXPECT_EQ(EINVAL, errno) << name;
+  }
+  EXPECT_EQ("old", tuqvutest::readFile(root() / "sub" / "take.wav"));
+  EXPECT_EQ(namesIn(root()), std::vector<std::string>{"sub"});
+  EXPECT_EQ(namesIn(root() / "sub"), std::vector<std::string>{"take.wav"});
+}
+
 }  // namespace

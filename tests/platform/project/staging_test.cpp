@@ -82,3 +82,22 @@ TEST(StagingLeftovers, AMissingFolderIsNothingToDo) {
   EXPECT_TRUE(vu::project::removeStagingLeftovers("/nonexistent/tuqvu", 3).empty());
   EXPECT_TRUE(vu::project::removeStagingLeftovers("", 3).empty());
 }
+
+TEST(StagingLeftovers, PartFilesOfWritesThatDidNotFinishGoAndThoseBeingWrittenStay) {
+  ScratchDir dir;
+  const pid_t ended = endedProcess();
+  const std::string mine = ".tuqvu-part-" + std::to_string(::getpid()) + "-00112233aabbccdd";
+  const std::string left = ".tuqvu-part-" + std::to_string(ended) + "-00112233aabbccdd";
+  writeFile(dir / ("behaviors/wave/" + left), "half a file");
+  writeFile(dir / ("behaviors/wave/" + mine), "being written");
+  writeFile(dir / "behaviors/wave/take.wav", "the old file");
+
+  LogCapture log;
+  const std::vector<std::string> removed = vu::project::removeStagingLeftovers(dir.path(), 3);
+  EXPECT_EQ(removed, (std::vector<std::string>{dir / ("behaviors/wave/" + left)}));
+  EXPECT_EQ(listDir(dir / "behaviors/wave"), (std::vector<std::string>{mine, "take.wav"}));
+  const std::vector<std::string> lines = log.texts(vu::log::warning, "vu.project");
+  ASSERT_EQ(1u, lines.size());
+  EXPECT_NE(std::string::npos, lines[0].find("left by a file write that did not finish"))
+      << lines[0];
+}

@@ -45,8 +45,8 @@ boost::shared_ptr<ZRFrameManagerProxy> makeFrameManagerProxy(boost::shared_ptr<Z
   }
 }
 
-// How deep below the user library start-up looks for what crashed imports left: as deep
-// as behaviors are nested in folders.
+// How deep below the user library and the served folders start-up looks for what
+// crashed imports and writes left: as deep as behaviors are nested in folders.
 constexpr int kStagingSearchDepth = 8;
 
 }  // namespace
@@ -85,12 +85,18 @@ ZRBehaviorManager::ZRBehaviorManager(boost::shared_ptr<ZRBroker> broker, const s
   }
 
   // Imports that a crash cut short left their staging copies in the temporary folder
-  // (unpacked packages) and beside their destination in the library. This walk is kept
-  // apart from the library index's first scan, though both cover the same folders: the
-  // index only reads (and is rebuilt whenever its root is replaced), while this deletes,
-  // once, before any library object and its notifications see the tree.
-  vu::project::removeStagingLeftovers(vu::os::tmp(), 1);
+  // (unpacked packages) and beside their destination in the library, and file-server
+  // writes cut short their part files in the folders it serves (where the file system
+  // has no unnamed files). This walk is kept apart from the library index's first scan,
+  // though both cover the same folders: the index only reads (and is rebuilt whenever its
+  // root is replaced), while this deletes, once, before any library object and its
+  // notifications see the tree.
+  vu::project::removeStagingLeftovers(vu::os::tmp(), kStagingSearchDepth);
   vu::project::removeStagingLeftovers(defaultUserBehaviorsPath, kStagingSearchDepth);
+  const fs::path served = fs::path(vu::os::home()) / ".tuqvu";
+  vu::project::removeStagingLeftovers((served / "boxlibraries").string(), kStagingSearchDepth);
+  vu::project::removeStagingLeftovers(vu::path::userWritableDataPath("tuqvu", ""),
+                                      kStagingSearchDepth);
 
   const fs::path userPath(defaultUserBehaviorsPath, vu::unicodeFacet());
   boost::system::error_code statusError;

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vu/log.h>
+#include <vu/replacement.h>
 
 #include <cerrno>
 #include <climits>
@@ -102,6 +103,10 @@ std::string joinPath(const std::string& root, const std::string& rel) {
 
 bool isStagingName(const std::string& name) {
   return name.rfind(kStagingPrefix, 0) == 0;
+}
+
+bool isPartName(const std::string& name) {
+  return name.rfind(vu::beneath::kPartPrefix, 0) == 0;
 }
 
 std::string stagingName(const std::string& suffix) {

@@ -25,6 +25,8 @@ bool normalizeRelative(const std::string& path, std::string& out);
 std::string joinPath(const std::string& root, const std::string& rel);
 
 bool isStagingName(const std::string& name);
+// Whether `name` is that of a file being written aside (vu::beneath::Replacement).
+bool isPartName(const std::string& name);
 
 // A fresh name ".tuqvu-import-<pid>-<random><suffix>" (48 random bits: whoever creates
 // it with it still refuses an existing entry); <pid> is the calling process.
