@@ -28,6 +28,26 @@ protected:
   std::unique_ptr<ZRMemory> memory{new ZRMemory(broker)};
 };
 
+// The module "Slow", subscribed to "Key", whose call for the value -1 (raised at once)
+// does not return until `release` opens: notifications raised meanwhile wait in the queue.
+struct StuckSubscriber {
+  StuckSubscriber(boost::shared_ptr<ZRBroker> broker, ZRMemory& memory)
+      : module(broker, "Slow", [this](const RecordingModule::Call& call) {
+          if (call.value == ZRValue(-1)) {
+            inside.open();
+            release.wait();
+          }
+        }) {
+    memory.subscribeToMicroEvent("Key", "Slow", "", "onEvent");
+    memory.raiseMicroEvent("Key", -1);
+  }
+  bool stuck() { return inside.wait(); }
+
+  Gate inside;
+  Gate release;
+  RecordingModule module;
+};
+
 TEST_F(MemoryTest, StoresAndReturnsValuesOfEveryType) {
   memory->insertData("A/Int", 3);
   memory->insertData("A/String", std::string("yes"));
@@ -166,28 +186,47 @@ TEST_F(MemoryTest, ABlockedSubscriberNeitherBlocksRaisingNorLosesLaterNotificati
 
 TEST_F(MemoryTest, AFullQueueDropsNotificationsButStillStoresTheValues) {
   LogCapture log;
-  Gate inside;
-  Gate release;
-  RecordingModule slow(broker, "Slow", [&](const RecordingModule::Call& call) {
-    if (call.value == ZRValue(-1)) {
-      inside.open();
-      release.wait();
-    }
-  });
-  memory->subscribeToMicroEvent("Key", "Slow", "", "onEvent");
-  memory->raiseMicroEvent("Key", -1);
-  ASSERT_TRUE(inside.wait());
+  StuckSubscriber slow(broker, *memory);
+  ASSERT_TRUE(slow.stuck());
   const int extra = 7;
   const int total = static_cast<int>(ZRMemory::kMaxPendingNotifications) + extra;
   for (int i = 0; i < total; ++i) memory->raiseMicroEvent("Key", i);
   EXPECT_EQ(memory->getData("Key"), ZRValue(total - 1));
   EXPECT_EQ(log.count("zr.memory", "the notification of Key was dropped"), 1);
-  release.open();
+  slow.release.open();
   ASSERT_TRUE(memory->flushNotifications(60000));
-  const auto calls = slow.calls();
+  const auto calls = slow.module.calls();
   ASSERT_EQ(calls.size(), ZRMemory::kMaxPendingNotifications + 1);
   EXPECT_EQ(calls.back().value, ZRValue(total - extra - 1));  // the queued ones, in order
   EXPECT_EQ(log.count("zr.memory", std::to_string(extra) + " notifications were dropped"), 1);
+}
+
+// A subscriber that does not return must not let large values pile up in the queue: the
+// notifications waiting hold at most their byte limit, and what was delivered is freed.
+TEST_F(MemoryTest, NotificationsWaitingForASlowSubscriberHoldNoMoreThanTheirByteLimit) {
+  modulestest::ScopedEnv limit("TUQVU_MEMORY_PENDING_MAX_BYTES", "2000000");
+  memory.reset();  // the module of the fixture, read with the default limit
+  memory.reset(new ZRMemory(broker));
+  EXPECT_EQ(memory->pendingLimitBytes(), 2000000u);
+  LogCapture log;
+  StuckSubscriber slow(broker, *memory);
+  ASSERT_TRUE(slow.stuck());
+  const std::string large(300000, 'x');  // about 300 KB a notification: six fit
+  for (int i = 0; i < 20; ++i) memory->raiseMicroEvent("Key", large + std::to_string(i));
+  EXPECT_EQ(memory->getData("Key"), ZRValue(large + "19"));  // every value is stored
+  EXPECT_LE(memory->pendingNotificationBytes(), 2000000u);
+  EXPECT_GE(memory->pendingNotificationBytes(), 1500000u);
+  EXPECT_EQ(log.count("zr.memory", "the notification of Key was dropped"), 1);
+
+  slow.release.open();
+  ASSERT_TRUE(memory->flushNotifications(60000));
+  EXPECT_EQ(memory->pendingNotificationBytes(), 0u);
+  const auto calls = slow.module.calls();
+  ASSERT_EQ(calls.size(), 7u);  // the first, then the six that fitted, in order
+  for (std::size_t i = 1; i < calls.size(); ++i) {
+    EXPECT_EQ(calls[i].value, ZRValue(large + std::to_string(i - 1)));
+  }
+  EXPECT_EQ(log.count("zr.memory", "14 notifications were dropped"), 1);
 }
 
 TEST_F(MemoryTest, SubscribingAgainReplacesAndUnsubscribingStops) {

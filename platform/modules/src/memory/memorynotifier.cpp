@@ -4,7 +4,10 @@
 #include <zr/zrbroker.h>
 #include <zr/zrerror.h>
 
+#include <algorithm>
 #include <chrono>
+
+#include "memory/memorysize.h"
 
 namespace ZR {
 namespace detail {
@@ -15,8 +18,11 @@ const char* const kCategory = "zr.memory";
 }  // namespace
 
 MemoryNotifier::MemoryNotifier(std::string moduleName, boost::shared_ptr<ZRBroker> broker,
-                               std::size_t maxPending)
-    : fModuleName(std::move(moduleName)), fBroker(std::move(broker)), fMaxPending(maxPending) {
+                               std::size_t maxPending, std::size_t maxPendingBytes)
+    : fModuleName(std::move(moduleName)),
+      fBroker(std::move(broker)),
+      fMaxPending(maxPending),
+      fMaxPendingBytes(maxPendingBytes) {
   fThread = std::thread([this] { run(); });
 }
 
@@ -44,17 +50,27 @@ MemoryNotifier::~MemoryNotifier() {
 }
 
 MemoryNotifier::PushResult MemoryNotifier::push(MemoryNotification notification) {
+  notification.bytes = heldBytes(notification.key, notification.value);
   {
     std::lock_guard<std::mutex> lock(fQueueMutex);
     if (fStopping) return PushResult::dropped;
-    if (fQueue.size() >= fMaxPending) {
+    const bool bytesFull =
+        fPendingBytes > 0 &&
+        notification.bytes > fMaxPendingBytes - std::min(fPendingBytes, fMaxPendingBytes);
+    if (fQueue.size() >= fMaxPending || bytesFull) {
       return ++fDropped == 1 ? PushResult::firstDrop : PushResult::dropped;
     }
+    fPendingBytes += notification.bytes;
     fQueue.push_back(std::move(notification));
     ++fQueued;
   }
   fQueueChanged.notify_one();
   return PushResult::queued;
+}
+
+std::size_t MemoryNotifier::pendingBytes() {
+  std::lock_guard<std::mutex> lock(fQueueMutex);
+  return fPendingBytes;
 }
 
 int MemoryNotifier::addObserver(Observer observer) {
@@ -100,14 +116,17 @@ void MemoryNotifier::run() {
     if (dropped > 0) {
       vu::log::write(vu::log::error, kCategory, "raiseMicroEvent",
                      std::to_string(dropped) + " notifications were dropped: more than " +
-                         std::to_string(fMaxPending) + " were waiting for delivery");
+                         std::to_string(fMaxPending) + " or more than " +
+                         std::to_string(fMaxPendingBytes) + " bytes were waiting for delivery");
     }
     for (MemoryNotification& notification : batch) {
       deliver(notification);
       // Its copy of the value goes now, not with the whole batch: a delivered
       // notification holds no memory.
+      const std::size_t bytes = notification.bytes;
       notification = MemoryNotification();
       std::lock_guard<std::mutex> lock(fQueueMutex);
+      fPendingBytes -= std::min(fPendingBytes, bytes);
       if (fStopping) return;
       ++fDelivered;
       fDeliveredChanged.notify_all();

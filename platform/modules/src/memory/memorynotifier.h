@@ -38,6 +38,7 @@ struct MemoryNotification {
   std::string key;
   ZRValue value;
   std::vector<std::shared_ptr<MemorySubscription>> subscribers;  // as they were when queued
+  std::size_t bytes = 0;  // what key and value hold, set by push()
 };
 
 class MemoryNotifier {
@@ -48,8 +49,10 @@ public:
   // A subscriber call slower than this is logged as a warning.
   static constexpr int kSlowSubscriberMs = 500;
 
-  MemoryNotifier(std::string moduleName, boost::shared_ptr<ZRBroker> broker,
-                 std::size_t maxPending);
+  // At most `maxPending` notifications wait, holding at most `maxPendingBytes` (their
+  // keys and values counted at what they hold); one always may, however large.
+  MemoryNotifier(std::string moduleName, boost::shared_ptr<ZRBroker> broker, std::size_t maxPending,
+                 std::size_t maxPendingBytes);
   ~MemoryNotifier();  // stops the thread; notifications still queued are dropped
   MemoryNotifier(const MemoryNotifier&) = delete;
   MemoryNotifier& operator=(const MemoryNotifier&) = delete;
@@ -57,6 +60,8 @@ public:
   // Never blocks beyond the queue lock; firstDrop marks the first drop since the queue
   // last had room, so the caller logs an overflow once per episode.
   PushResult push(MemoryNotification notification);
+  // The bytes that notifications waiting or being delivered hold.
+  std::size_t pendingBytes();
 
   int addObserver(Observer observer);
   void removeObserver(int id);
@@ -73,6 +78,7 @@ private:
   const std::string fModuleName;
   const boost::shared_ptr<ZRBroker> fBroker;
   const std::size_t fMaxPending;
+  const std::size_t fMaxPendingBytes;
 
   // Guards the queue, the counters and fStopping. fQueueChanged: something was queued
   // or stop was asked; fDeliveredChanged: fDelivered grew.
@@ -80,9 +86,10 @@ private:
   std::condition_variable fQueueChanged;
   std::condition_variable fDeliveredChanged;
   std::deque<MemoryNotification> fQueue;
-  std::uint64_t fQueued = 0;     // notifications accepted so far
-  std::uint64_t fDelivered = 0;  // notifications fully delivered so far
-  std::uint64_t fDropped = 0;    // dropped since the queue last had room
+  std::size_t fPendingBytes = 0;  // of fQueue and of the batch being delivered
+  std::uint64_t fQueued = 0;      // notifications accepted so far
+  std::uint64_t fDelivered = 0;   // notifications fully delivered so far
+  std::uint64_t fDropped = 0;     // dropped since the queue last had room
   bool fStopping = false;
 
   // Guards the observer table and fCallingObserver (the id being called, 0 for none).

@@ -26,7 +26,10 @@ ZRMemory::ZRMemory(boost::shared_ptr<ZRBroker> broker, const std::string& name)
       fSystemReserveBytes(
           std::min(fTotalLimitBytes, vu::settings::wholeNumber("TUQVU_MEMORY_SYSTEM_RESERVE_BYTES",
                                                                kDefaultSystemReserveBytes, 0))),
-      fNotifier(new detail::MemoryNotifier(name, broker, kMaxPendingNotifications)) {
+      fPendingLimitBytes(vu::settings::positiveNumber("TUQVU_MEMORY_PENDING_MAX_BYTES",
+                                                      kDefaultPendingLimitBytes)),
+      fNotifier(
+          new detail::MemoryNotifier(name, broker, kMaxPendingNotifications, fPendingLimitBytes)) {
   setModuleDescription(
       "Shared memory of the middleware: named data, events, and notification of the "
       "modules that subscribed to a key.");
@@ -160,9 +163,16 @@ void ZRMemory::storeAndNotify(const char* method, const std::string& key, const 
   if (pushed == detail::MemoryNotifier::PushResult::firstDrop) {
     vu::log::write(vu::log::error, kCategory, method,
                    "the notification of " + key +
-                       " was dropped: " + std::to_string(kMaxPendingNotifications) +
-                       " notifications are waiting for delivery");
+                       " was dropped: the notifications waiting "
+                       "for delivery are at their limit (" +
+                       std::to_string(kMaxPendingNotifications) + " notifications, " +
+                       std::to_string(fPendingLimitBytes) +
+                       " bytes: TUQVU_MEMORY_PENDING_MAX_BYTES)");
   }
+}
+
+std::size_t ZRMemory::pendingNotificationBytes() {
+  return fNotifier->pendingBytes();
 }
 
 void ZRMemory::insertData(const std::string& key, const ZRValue& value) {

@@ -12,8 +12,9 @@
 // No lock of the module is held while a subscriber or an observer runs. A subscriber
 // that throws is logged; one that blocks delays later notifications (nothing is lost)
 // but never blocks the raising caller. The queue holds at most kMaxPendingNotifications
-// notifications; beyond that the value is still stored but its notification is dropped
-// and the drop is logged. Details: docs/modules.md.
+// notifications and pendingLimitBytes() of their keys and values (counted like stored
+// data; TUQVU_MEMORY_PENDING_MAX_BYTES, 64 MiB); beyond either the value is still stored
+// but its notification is dropped and the drop is logged. Details: docs/modules.md.
 //
 // Limits. A value (with its key) may take at most valueLimitBytes() and all stored data
 // together totalLimitBytes(); insertData, raiseMicroEvent and declareEvent refuse more
@@ -58,6 +59,7 @@ public:
   static constexpr std::size_t kDefaultValueLimitBytes = std::size_t{1} << 20;
   static constexpr std::size_t kDefaultTotalLimitBytes = std::size_t{64} << 20;
   static constexpr std::size_t kDefaultSystemReserveBytes = std::size_t{4} << 20;
+  static constexpr std::size_t kDefaultPendingLimitBytes = std::size_t{64} << 20;
 
   explicit ZRMemory(boost::shared_ptr<ZRBroker> broker, const std::string& name = "ZRMemory");
   ~ZRMemory() override;
@@ -94,8 +96,11 @@ public:
   std::size_t valueLimitBytes() const { return fValueLimitBytes; }
   std::size_t totalLimitBytes() const { return fTotalLimitBytes; }
   std::size_t systemReserveBytes() const { return fSystemReserveBytes; }
+  std::size_t pendingLimitBytes() const { return fPendingLimitBytes; }
   // The size of all stored data as the total limit counts it.
   std::size_t storedBytes();
+  // What the notifications not yet delivered hold, counted the same way.
+  std::size_t pendingNotificationBytes();
 
 private:
   void bindMethods();
@@ -106,6 +111,7 @@ private:
   const std::size_t fValueLimitBytes;
   const std::size_t fTotalLimitBytes;
   const std::size_t fSystemReserveBytes;  // at most fTotalLimitBytes
+  const std::size_t fPendingLimitBytes;
 
   // Guards fData, fStoredBytes, fEvents and fSubscriptions. Taken before the notifier's queue lock
   // (storeAndNotify queues under it, so queue order is store order); never held while
