@@ -98,6 +98,26 @@ TEST_F(DaemonBadInput, GarbageIs400AndTheConnectionCloses) {
   }
 }
 
+// Two lengths for one body let a proxy and the broker cut the stream in different places
+// (request smuggling): such a request is refused and its connection closed, and so is a
+// length beside a chunked body.
+TEST_F(DaemonBadInput, ConflictingBodyLengthsAre400AndTheConnectionCloses) {
+  const std::string body = R"({"jsonrpc":"2.0","id":1,"method":"ZRBroker.getModules"})";
+  const std::string start = "POST /rpc HTTP/1.1\r\nHost: 127.0.0.1\r\n" + credentials() +
+                            "Content-Type: application/json\r\n";
+  const std::string length = std::to_string(body.size());
+  for (const std::string& headers :
+       {"Content-Length: " + length + "\r\nContent-Length: 4\r\n",
+        "Content-Length: 4\r\nContent-Length: " + length + "\r\n",
+        "Content-Length: " + length + ", 4\r\n",
+        "Transfer-Encoding: chunked\r\nContent-Length: " + length + "\r\n"}) {
+    const std::string raw = rawExchange(port(), start + headers + "\r\n" + body);
+    EXPECT_EQ(400, statusOf(raw)) << headers << raw.substr(0, 300);
+    // Nothing after the refusal: the rest of the stream was not taken for a request.
+    EXPECT_EQ(std::string::npos, raw.find("HTTP/1.1", 5)) << raw;
+  }
+}
+
 TEST_F(DaemonBadInput, AClientThatSendsHalfARequestDoesNotBlockOthers) {
   RawConnection halfway(port());
   halfway.send("POST /rpc HTTP/1.1\r\nHost: x\r\nContent-Length: 100\r\n\r\n{");

@@ -3,6 +3,7 @@
 #include <common/eventually.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <fstream>
@@ -26,6 +27,12 @@ bool eventually(Predicate predicate) {
 
 int intResult(int port, const std::string& method, const json& params = json::array()) {
   return rpc(port, method, params)["result"].get<int>();
+}
+
+// Whether `count` calls of TestModule.waitForFile(gate) have begun, by their entry files.
+bool waitersEntered(const std::string& gate, int count) {
+  return eventually(
+      [&] { return ::access((gate + ".entered." + std::to_string(count)).c_str(), F_OK) == 0; });
 }
 
 }  // namespace
@@ -73,15 +80,13 @@ TEST(DaemonConcurrency, ACallBeyondTheLimitIsAnsweredWithAJsonRpcErrorAndNothing
     blocked.push_back(std::make_unique<HttpConnection>(daemon.port()));
     blocked.back()->send("POST", "/rpc", rpcRequest("TestModule.waitForFile", {gate}, i));
   }
-  // Once the three are running, a fourth call is not made. They wait for a file, so a
-  // slow machine cannot let them finish before the fourth is tried.
-  HttpReply refused;
-  ASSERT_TRUE(eventually([&] {
-    HttpConnection connection(daemon.port());
-    refused = connection.request("POST", "/rpc", rpcRequest("TestModule.echo", {"x"}, 77),
-                                 {{"Content-Type", "application/json"}});
-    return refused.status != 200;
-  }));
+  // Once the three are running (seen by their entry files: a call to ask would take a
+  // slot), a fourth call is not made. They wait for a file, so a slow machine cannot let
+  // them finish before the fourth is tried.
+  ASSERT_TRUE(waitersEntered(gate, 3));
+  HttpConnection fourth(daemon.port());
+  HttpReply refused = fourth.request("POST", "/rpc", rpcRequest("TestModule.echo", {"x"}, 77),
+                                     {{"Content-Type", "application/json"}});
   EXPECT_EQ(429, refused.status);
   EXPECT_EQ("1", refused.headers["retry-after"]);
   const json answer = json::parse(refused.body);
@@ -101,6 +106,41 @@ TEST(DaemonConcurrency, ACallBeyondTheLimitIsAnsweredWithAJsonRpcErrorAndNothing
     EXPECT_EQ("found", json::parse(reply.body)["result"]);
   }
   EXPECT_EQ(json("again"), rpc(daemon.port(), "TestModule.echo", {"again"})["result"]);
+  EXPECT_EQ(0, daemon.terminate(SIGTERM)) << daemon.stderrText();
+}
+
+TEST(DaemonConcurrency, ALocalProgramThatHoldsItsShareOfCallsLeavesOtherProgramsTheirs) {
+  TuqvuProcess::Setup setup;
+  setup.args = {"--module", "TestModule=" + testModulePath()};
+  setup.env["TUQVU_MAX_CALLS_PER_CLIENT"] = "2";
+  TuqvuProcess daemon(setup);
+  const std::string gate = daemon.scratch() + "/gate";
+  std::vector<std::unique_ptr<HttpConnection>> blocked;
+  for (int i = 0; i < 2; ++i) {
+    blocked.push_back(std::make_unique<HttpConnection>(daemon.port()));
+    blocked.back()->send("POST", "/rpc", rpcRequest("TestModule.waitForFile", {gate}, i));
+  }
+  // This process has its two calls running: a third of its own is refused...
+  ASSERT_TRUE(waitersEntered(gate, 2));
+  HttpConnection third(daemon.port());
+  const HttpReply refused = third.request("POST", "/rpc", rpcRequest("TestModule.echo", {"x"}, 5),
+                                          {{"Content-Type", "application/json"}});
+  EXPECT_EQ(429, refused.status);
+  EXPECT_EQ(0u, json::parse(refused.body)["error"]["message"].get<std::string>().find(
+                    "too many calls at once: local process " + std::to_string(::getpid()) +
+                    " already has 2 running, the most one client may have "
+                    "(TUQVU_MAX_CALLS_PER_CLIENT)"))
+      << refused.body;
+  // ...while another program of the robot, on the same loopback address, is served.
+  const CommandResult other =
+      runCommand({tuqvuCallPath(), "--url", "http://127.0.0.1:" + std::to_string(daemon.port()),
+                  "TestModule.echo", "\"other\""},
+                 {{"HOME", daemon.home()}, {"XDG_CONFIG_HOME", daemon.home() + "/.config"}});
+  EXPECT_EQ(0, other.status) << other.err;
+  EXPECT_EQ("\"other\"\n", other.out);
+
+  std::ofstream(gate) << "go";
+  for (auto& connection : blocked) EXPECT_EQ(200, connection->readReply().status);
   EXPECT_EQ(0, daemon.terminate(SIGTERM)) << daemon.stderrText();
 }
 

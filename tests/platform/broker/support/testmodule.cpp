@@ -19,6 +19,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <map>
 #include <mutex>
 #include <string>
@@ -88,15 +89,21 @@ public:
           fChanged.notify_all();
           result = ZR::ZRValue("slept");
         });
-    add("waitForFile", "returns once the file exists (counted as blocked meanwhile)",
+    add("waitForFile",
+        "returns once the file exists (counted as blocked meanwhile); on entry it makes the "
+        "file <path>.entered.<n>, n counting its calls from 1",
         {{"path", ZR::TypeCodeString}}, ZR::TypeCodeString,
         [this](const ZR::ZRValue& args, ZR::ZRValue& result) {
-          // For tests that fill every call slot: the file releases the call without one.
+          // For tests that fill every call slot: the file releases the call without one,
+          // and the entry files show the calls running without one either.
+          const std::string path = args[0].toString();
+          int entered = 0;
           {
             std::lock_guard<std::mutex> lock(fMutex);
             ++fBlocked;
+            entered = ++fWaitersEntered;
           }
-          const std::string path = args[0].toString();
+          std::ofstream(path + ".entered." + std::to_string(entered)) << "";
           std::unique_lock<std::mutex> lock(fMutex);
           while (::access(path.c_str(), F_OK) != 0 && !fShuttingDown) {
             fChanged.wait_for(lock, std::chrono::milliseconds(10));
@@ -197,6 +204,7 @@ private:
   std::map<std::string, int> fReleased;   // permits per key not yet taken
   int fBlocked = 0;
   int fCompleted = 0;
+  int fWaitersEntered = 0;  // calls of waitForFile so far
   bool fShuttingDown = false;
 };
 
