@@ -1,7 +1,6 @@
-#include <tuqvu/broker/localclient.h>
-
 #include <dirent.h>
 #include <sys/stat.h>
+#include <tuqvu/broker/localclient.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -121,9 +120,9 @@ std::string localClientName(const tcp::endpoint& peer, const tcp::endpoint& loca
   const auto unmapped = [](const tcp::endpoint& endpoint) {
     const auto address = endpoint.address();
     if (address.is_v6() && address.to_v6().is_v4_mapped()) {
-      return tcp::endpoint(boost::asio::ip::make_address_v4(boost::asio::ip::v4_mapped,
-                                                             address.to_v6()),
-                           endpoint.port());
+      return tcp::endpoint(
+          boost::asio::ip::make_address_v4(boost::asio::ip::v4_mapped, address.to_v6()),
+          endpoint.port());
     }
     return endpoint;
   };

@@ -34,7 +34,8 @@ TEST(LocalClient, AConnectionOfAnotherProcessNamesThatProcess) {
   // A shell connects and holds the connection until its input closes.
   int input[2];
   ASSERT_EQ(0, ::pipe(input));
-  const std::string script = "exec 3<>/dev/tcp/127.0.0.1/" + std::to_string(port) + "; read -r _ || true";
+  const std::string script =
+      "exec 3<>/dev/tcp/127.0.0.1/" + std::to_string(port) + "; read -r _ || true";
   const pid_t child = ::fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
@@ -65,8 +66,8 @@ TEST(LocalClient, AnIpv4ClientOfADualStackListenerIsFoundToo) {
   if (error) GTEST_SKIP() << "no IPv6 here: " << error.message();
   acceptor.listen();
   tcp::socket client(io);
-  client.connect(tcp::endpoint(boost::asio::ip::make_address("127.0.0.1"),
-                               acceptor.local_endpoint().port()));
+  client.connect(
+      tcp::endpoint(boost::asio::ip::make_address("127.0.0.1"), acceptor.local_endpoint().port()));
   tcp::socket accepted = acceptor.accept();
   EXPECT_TRUE(accepted.remote_endpoint().address().to_v6().is_v4_mapped());
   EXPECT_EQ("local process " + std::to_string(::getpid()),

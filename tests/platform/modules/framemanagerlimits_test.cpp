@@ -39,7 +39,8 @@ protected:
 
   static std::vector<std::string> ticks(const RecordingModule& target) {
     std::vector<std::string> values;
-    for (const RecordingModule::Call& call : target.calls()) values.push_back(call.value.toString());
+    for (const RecordingModule::Call& call : target.calls())
+      values.push_back(call.value.toString());
     return values;
   }
 
@@ -116,15 +117,24 @@ TEST_F(FrameManagerLimitsTest, AStepOfEveryKindHoldsAtMost150Bytes) {
   const int blocks = 2000;
   for (int i = 0; i < blocks; ++i) {
     const std::string n = std::to_string(i);
-    steps += "<repeat count=\"2\">\n"
-             "  <log text=\"Hello number " + n + "\" level=\"4\"/>\n"
-             "  <wait ms=\"15\"/>\n"
-             "  <set key=\"Demo/Count" + n + "\" type=\"int\" value=\"" + n + "\"/>\n"
-             "  <raise key=\"Demo/Waved" + n + "\" type=\"string\" value=\"yes " + n + "\"/>\n"
-             "  <call module=\"ZRMemory\" method=\"insertData\">\n"
-             "    <arg type=\"string\" value=\"Demo/Last" + n + "\"/><arg type=\"int\" value=\"1\"/>\n"
-             "  </call>\n"
-             "</repeat>\n";
+    steps +=
+        "<repeat count=\"2\">\n"
+        "  <log text=\"Hello number " +
+        n +
+        "\" level=\"4\"/>\n"
+        "  <wait ms=\"15\"/>\n"
+        "  <set key=\"Demo/Count" +
+        n + "\" type=\"int\" value=\"" + n +
+        "\"/>\n"
+        "  <raise key=\"Demo/Waved" +
+        n + "\" type=\"string\" value=\"yes " + n +
+        "\"/>\n"
+        "  <call module=\"ZRMemory\" method=\"insertData\">\n"
+        "    <arg type=\"string\" value=\"Demo/Last" +
+        n +
+        "\"/><arg type=\"int\" value=\"1\"/>\n"
+        "  </call>\n"
+        "</repeat>\n";
   }
   ZRFrameManager frames(broker);
   frames.newBehaviorFromFile(write(steps), "mix");
@@ -147,7 +157,7 @@ TEST_F(FrameManagerLimitsTest, NestedRepeatsRunTheirBodiesAndGoOnAfterThem) {
       <repeat count="0"><wait ms="0"/><fail message="an endless repeat is never left"/></repeat>
     </repeat>
     <call module="Target" method="tick"><arg type="string" value="end"/></call>)"),
-                                                  "nested");
+                                                    "nested");
   // The endless repeat would fail at once: the first pass of the outer one must fail.
   EXPECT_THROW(frames.completeBehavior(id), ZRError);
   EXPECT_EQ(ticks(target), (std::vector<std::string>{"begin", "outer", "inner", "inner", "inner"}));
@@ -163,8 +173,9 @@ TEST_F(FrameManagerLimitsTest, NestedRepeatsRunTheirBodiesAndGoOnAfterThem) {
                                                          "counted");
   frames.completeBehavior(counted);
   const std::vector<std::string> all = ticks(target);
-  EXPECT_EQ(std::vector<std::string>(all.begin() + 5, all.end()),
-            (std::vector<std::string>{"outer", "inner", "inner", "outer", "inner", "inner", "end"}));
+  EXPECT_EQ(
+      std::vector<std::string>(all.begin() + 5, all.end()),
+      (std::vector<std::string>{"outer", "inner", "inner", "outer", "inner", "inner", "end"}));
 }
 
 }  // namespace

@@ -4,10 +4,10 @@
 #include <stdsoap2.h>
 #include <vu/log.h>
 
-#include "zrhttpreply.h"
-
 #include <string>
 #include <vector>
+
+#include "zrhttpreply.h"
 
 namespace ZR {
 namespace detail {
@@ -72,7 +72,8 @@ void PendingConnections::waitForActivity(int listener, int milliseconds) const {
   std::vector<pollfd> watched;
   watched.reserve(fWaiting.size() + 1);
   if (listener >= 0) watched.push_back({listener, POLLIN, 0});
-  for (const Waiting& waiting : fWaiting) watched.push_back({waiting.connection->socket, POLLIN, 0});
+  for (const Waiting& waiting : fWaiting)
+    watched.push_back({waiting.connection->socket, POLLIN, 0});
   ::poll(watched.data(), watched.size(), milliseconds);
 }
 
