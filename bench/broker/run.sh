@@ -1,15 +1,17 @@
 #!/usr/bin/env bash
-# Round-trip latency of a trivial call over one keep-alive connection (p50, p99) and
-# calls per second over 16 connections, for tuqvu's POST /rpc and, in the same run, for
-# nginx serving a small static JSON file on loopback (the practical ceiling for one HTTP
-# request here). The same client (broker_bench) measures both.
+# Round-trip latency of a trivial call over one keep-alive connection (p50, p99), and
+# calls per second and the server's CPU time per call over 1, 16 and 64 connections, for
+# tuqvu's POST /rpc and, in the same run, for nginx serving a small static JSON file on
+# loopback (the practical ceiling for one HTTP request here) and for a single-process Node
+# JSON-RPC server (bench/broker/jsonrpc_peer.mjs). The same client (broker_bench) measures
+# all three.
 #
 #   bench/broker/run.sh [runs]        default 3 runs; the median of each figure is reported
 #
 # Environment: BUILD_DIR (default <repo>/build-bench, configured Release with the benches),
 # REQUESTS (latency samples per run, default 20000), DURATION (seconds of each throughput run,
 # default 5),
-# CONNECTIONS (default 16).
+# CONNECTIONS (the connection counts of the throughput runs, default "1 16 64").
 # nginx: the one on PATH, else Debian's package is fetched with `apt-get download` and
 # unpacked into ~/.cache/tuqvu-bench: nothing is installed and no service is started.
 set -euo pipefail
@@ -17,7 +19,7 @@ set -euo pipefail
 runs=${1:-3}
 requests=${REQUESTS:-20000}
 seconds=${DURATION:-5}
-connections=${CONNECTIONS:-16}
+connections=${CONNECTIONS:-1 16 64}
 repo=$(cd "$(dirname "$0")/../.." && pwd)
 build=${BUILD_DIR:-$repo/build-bench}
 work=$(mktemp -d /tmp/tuqvu-broker-bench.XXXXXX)
@@ -99,32 +101,89 @@ done
 tuqvu_port=$(sed -n 's/.*listening on .*:\([0-9]*\)$/\1/p' "$work/tuqvu.out")
 [ -n "$tuqvu_port" ] || { log "tuqvu did not start"; exit 1; }
 
+node_port=18091
+node "$repo/bench/broker/jsonrpc_peer.mjs" "$node_port" >"$work/node.out" &
+pids+=("$!")
+node_pid=$!
+for _ in $(seq 100); do grep -q listening "$work/node.out" 2>/dev/null && break; sleep 0.1; done
+
+# Every request carries the broker's Authorization, the other servers' too, so that the
+# requests are alike.
+secret=$(cat "$work/home/.config/tuqvu/secret")
+export BENCH_HEADER="Authorization: Basic $(printf 'bench:%s' "$secret" | base64 -w0)"
 rpc_body='{"jsonrpc":"2.0","id":1,"method":"BenchPing.ping","params":[]}'
-answer=$(curl -s -X POST -d "$rpc_body" "http://127.0.0.1:$tuqvu_port/rpc")
+answer=$(curl -s -u "bench:$secret" -H 'Content-Type: application/json' -X POST -d "$rpc_body" \
+  "http://127.0.0.1:$tuqvu_port/rpc")
 [ "$answer" = '{"jsonrpc":"2.0","id":1,"result":1}' ] || { log "unexpected answer: $answer"; exit 1; }
+
+tuqvu_pid=${pids[1]}
+nginx_master=${pids[0]}
+# The CPU time (user + system, in clock ticks) of a server's processes so far.
+cpu_ticks() {
+  local who=$1 list
+  case $who in
+    tuqvu) list=$tuqvu_pid ;;
+    node) list=$node_pid ;;
+    nginx) list="$nginx_master $(pgrep -P "$nginx_master" | tr '\n' ' ')" ;;
+  esac
+  local total=0 pid
+  for pid in $list; do
+    total=$((total + $(awk '{ print $14 + $15 }' "/proc/$pid/stat")))
+  done
+  echo "$total"
+}
+ticks_per_second=$(getconf CLK_TCK)
 
 field() { sed -n "s/.*$1=\([0-9.]*\).*/\1/p"; }
 median() { sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
 declare -A results
+servers=(tuqvu nginx node)
 for run in $(seq "$runs"); do
-  for who in tuqvu nginx; do
-    if [ $who = tuqvu ]; then set -- "$tuqvu_port" POST /rpc "$rpc_body"
-    else set -- "$nginx_port" GET /ping.json ""; fi
+  for who in "${servers[@]}"; do
+    case $who in
+      tuqvu) set -- "$tuqvu_port" POST /rpc "$rpc_body" ;;
+      nginx) set -- "$nginx_port" GET /ping.json "" ;;
+      node) set -- "$node_port" POST /rpc "$rpc_body" ;;
+    esac
     lat=$("$client" latency "$@" "$requests")
-    thr=$("$client" throughput "$@" "$connections" "$seconds")
     results[$who-p50]+="$(field p50_us <<<"$lat") "
     results[$who-p99]+="$(field p99_us <<<"$lat") "
-    results[$who-rps]+="$(field rps <<<"$thr") "
-    log "run $run $who: $lat | $thr"
+    line="run $run $who: $lat"
+    for n in $connections; do
+      before=$(cpu_ticks "$who")
+      thr=$("$client" throughput "$@" "$n" "$seconds")
+      after=$(cpu_ticks "$who")
+      all=$(field all <<<"$thr")
+      cpu=$(awk -v t=$((after - before)) -v hz="$ticks_per_second" -v n="$all" \
+        'BEGIN { printf "%.1f", t / hz * 1e6 / n }')
+      results[$who-rps-$n]+="$(field rps <<<"$thr") "
+      results[$who-cpu-$n]+="$cpu "
+      line+=" | $n connections: $(field rps <<<"$thr")/s, ${cpu} µs CPU per request"
+    done
+    log "$line"
   done
 done
 
 med() { tr ' ' '\n' <<<"${results[$1]}" | grep . | median; }
-printf '\n%s runs, loopback, %s CPUs, latency over %s requests, throughput over %s s with %s connections\n' \
-  "$runs" "$(nproc)" "$requests" "$seconds" "$connections"
-printf '%-28s %10s %10s %12s\n' server "p50 µs" "p99 µs" "requests/s"
-printf '%-28s %10s %10s %12s\n' "tuqvu POST /rpc (ping)" "$(med tuqvu-p50)" "$(med tuqvu-p99)" "$(med tuqvu-rps)"
-printf '%-28s %10s %10s %12s\n' "nginx $("$nginx_bin" -v 2>&1 | sed 's/.*\///') GET static JSON" \
-  "$(med nginx-p50)" "$(med nginx-p99)" "$(med nginx-rps)"
-awk -v t="$(med tuqvu-rps)" -v n="$(med nginx-rps)" \
-  'BEGIN { printf "tuqvu / nginx requests per second: %.0f%%\n", 100 * t / n }'
+printf '\n%s runs, loopback, %s CPUs, latency over %s requests, throughput over %s s\n' \
+  "$runs" "$(nproc)" "$requests" "$seconds"
+header=$(printf '%-30s %8s %8s' server "p50 µs" "p99 µs")
+for n in $connections; do header+=$(printf ' %10s %9s' "rps@$n" "cpu@$n"); done
+echo "$header"
+for who in "${servers[@]}"; do
+  case $who in
+    tuqvu) name="tuqvu POST /rpc (ping)" ;;
+    nginx) name="nginx $("$nginx_bin" -v 2>&1 | sed 's/.*\///') GET static JSON" ;;
+    node) name="node $(node --version) JSON-RPC" ;;
+  esac
+  row=$(printf '%-30s %8s %8s' "$name" "$(med "$who-p50")" "$(med "$who-p99")")
+  for n in $connections; do
+    row+=$(printf ' %10s %9s' "$(med "$who-rps-$n")" "$(med "$who-cpu-$n")")
+  done
+  echo "$row"
+done
+for n in $connections; do
+  awk -v t="$(med "tuqvu-rps-$n")" -v g="$(med "nginx-rps-$n")" -v d="$(med "node-rps-$n")" \
+    -v tc="$(med "tuqvu-cpu-$n")" -v gc="$(med "nginx-cpu-$n")" -v n="$n" \
+    'BEGIN { printf "%d connections: tuqvu / nginx requests/s %.2f, tuqvu / node %.2f, CPU per request tuqvu / nginx %.2f\n", n, t / g, t / d, tc / gc }'
+done

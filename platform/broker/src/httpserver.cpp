@@ -2,6 +2,7 @@
 #include <tuqvu/broker/listener.h>
 #include <vu/log.h>
 
+#include <algorithm>
 #include <boost/asio/ip/address.hpp>
 
 namespace tuqvu {
@@ -10,7 +11,14 @@ namespace broker {
 namespace net = boost::asio;
 
 HttpServer::HttpServer(std::shared_ptr<ServerContext> context, int ioThreads)
-    : fContext(std::move(context)), fIoThreads(ioThreads < 1 ? 1 : ioThreads), fIoc(fIoThreads) {}
+    : fContext(std::move(context)), fIoThreads(ioThreads < 1 ? 1 : ioThreads), fIoc(fIoThreads) {
+  fContext->inlineCalls = std::make_shared<InlineCalls>(fIoThreads);
+}
+
+int HttpServer::defaultIoThreads() {
+  const int cores = static_cast<int>(std::thread::hardware_concurrency());
+  return std::max(3, cores + 1);
+}
 
 HttpServer::~HttpServer() {
   stop();

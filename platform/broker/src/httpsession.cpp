@@ -117,6 +117,14 @@ void HttpSession::handle(Request&& request) {
   }
 }
 
+Response HttpSession::runCall(const std::function<Response()>& call) {
+  try {
+    return call();
+  } catch (const std::exception& error) {
+    return textResponse(http::status::internal_server_error, error.what());
+  }
+}
+
 const std::string& HttpSession::clientName() {
   if (!fClientName) {
     beast::error_code ignored;
@@ -151,14 +159,16 @@ void HttpSession::startCall(Routed&& routed, unsigned version, bool keepAlive) {
 
   // No timer runs while the call does: a call may take minutes and the client waits.
   fStream.expires_never();
+  if (InlineCalls::Slot slot =
+          fContext->inlineCalls ? fContext->inlineCalls->tryEnter() : InlineCalls::Slot()) {
+    Response response = runCall(call);
+    admitted.reset();
+    slot.release();
+    return send(std::move(response), version, keepAlive, token);
+  }
   auto self = shared_from_this();
   auto job = [self, call = std::move(call), version, keepAlive, token, admitted]() mutable {
-    Response response;
-    try {
-      response = call();
-    } catch (const std::exception& error) {
-      response = textResponse(http::status::internal_server_error, error.what());
-    }
+    Response response = runCall(call);
     admitted.reset();  // the call is over; its answer may still take time to write
     net::post(self->fStream.get_executor(),
               [self, response = std::move(response), version, keepAlive, token]() mutable {

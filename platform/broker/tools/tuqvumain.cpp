@@ -212,7 +212,7 @@ int main(int argc, char** argv) {
   platform->observeMemory(
       [hub](const std::string& key, const ZR::ZRValue& value) { hub->publish(key, value); });
 
-  tb::HttpServer server(context, 2);
+  tb::HttpServer server(context, tb::HttpServer::defaultIoThreads());
   std::string listening;
   try {
     const auto endpoint = server.start(options.bind, options.port);

@@ -27,7 +27,11 @@ class Listener;
 
 class HttpServer {
 public:
+  // Sets context->inlineCalls for its `ioThreads` I/O threads.
   HttpServer(std::shared_ptr<ServerContext> context, int ioThreads);
+  // One I/O thread per core and one more, at least three: calls run on the I/O threads
+  // while one of them stays free (see InlineCalls), so every core can make calls.
+  static int defaultIoThreads();
   ~HttpServer();  // stop()
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;

@@ -1,6 +1,7 @@
 // One HTTP/1.1 connection: reads requests one after the other (keep-alive), routes each,
-// and writes the answer. Calls run on the executor's threads, never on the I/O threads;
-// the connection waits for its answer meanwhile. GET /events hands the connection over
+// and writes the answer. A call runs on the I/O thread that read it while another I/O
+// thread stays free, else on the executor's threads; the connection waits for its answer
+// meanwhile. GET /events hands the connection over
 // to an SseSession.
 #pragma once
 
@@ -11,6 +12,7 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,7 +30,10 @@ private:
   void onHeader(boost::beast::error_code error, std::size_t bytes);
   void onRead(boost::beast::error_code error, std::size_t bytes);
   void handle(Request&& request);
+  // Makes the call on this I/O thread when another one stays free for the other
+  // connections (see InlineCalls), else on the executor, and answers it.
   void startCall(Routed&& routed, unsigned version, bool keepAlive);
+  static Response runCall(const std::function<Response()>& call);  // an exception: 500
   // Whom the calls of this connection are counted for: its address, or the local process.
   const std::string& clientName();
   // Finishes the response for the request (version, keep-alive, length) and writes it.

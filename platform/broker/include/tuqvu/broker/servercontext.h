@@ -4,6 +4,7 @@
 
 #include <tuqvu/broker/calladmission.h>
 #include <tuqvu/broker/callexecutor.h>
+#include <tuqvu/broker/inlinecalls.h>
 #include <tuqvu/broker/rpcdispatcher.h>
 #include <tuqvu/broker/ssehub.h>
 
@@ -17,10 +18,13 @@ namespace broker {
 struct ServerContext {
   std::shared_ptr<const RpcDispatcher> rpc;
   std::shared_ptr<CallExecutor> executor;
+  // Which calls may run on the I/O thread that read them; null: none (all go to the
+  // executor). Set by the HttpServer, which knows its I/O threads.
+  std::shared_ptr<InlineCalls> inlineCalls;
   // How many calls run at once, per client and in all; null: no limit.
   std::shared_ptr<CallAdmission> admission;
   std::shared_ptr<SseHub> hub;
-  // Calls handed to the executor whose answer is not yet written (or dropped).
+  // Calls made whose answer is not yet written (or dropped).
   std::atomic<int> pendingAnswers{0};
   // Set when the broker shuts down: new calls are answered 503 and not made, while the
   // modules themselves may still call one another.
