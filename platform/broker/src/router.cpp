@@ -128,8 +128,10 @@ Routed route(Request& request, const std::shared_ptr<const RpcDispatcher>& rpc) 
   if (path == "/rpc") {
     if (verb != http::verb::post) return respond(methodNotAllowed("POST"));
     if (!isJsonContentType(request)) {
-      return respond(textResponse(http::status::unsupported_media_type,
-                                  "calls to /rpc must be sent as Content-Type: application/json"));
+      return respond(
+          textResponse(http::status::unsupported_media_type,
+                       "calls to /rpc must be sent as Content-Type: application/json (or "
+                       "application/json-rpc, application/jsonrequest)"));
     }
     std::string body = std::move(request.body());
     std::string copy = body;

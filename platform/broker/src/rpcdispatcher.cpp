@@ -112,9 +112,15 @@ std::optional<std::string> RpcDispatcher::handleOne(const json& request) const {
     return reply(failure(rpc::kMethodNotFound, "Method not found: \"" + fullName +
                                                    "\" is not of the form Module.method"));
   }
+  const std::string module = fullName.substr(0, dot);
+  const std::string method = fullName.substr(dot + 1);
   ZR::ZRValue args = ZR::ZRValue::array();
   const auto params = request.find("params");
   if (params != request.end()) {
+    // A method that does not exist is named as such, whatever its parameters look like.
+    if (auto missing = methodNotFound(module, method); missing && !params->is_array()) {
+      return reply(*missing);
+    }
     if (params->is_object()) {
       return reply(failure(rpc::kInvalidParams,
                            "Invalid params: parameters are passed by position, in an array"));
@@ -125,13 +131,14 @@ std::optional<std::string> RpcDispatcher::handleOne(const json& request) const {
     try {
       args = toValue(*params);
     } catch (const std::exception& error) {
+      if (auto missing = methodNotFound(module, method)) return reply(*missing);
       const auto* zrError = dynamic_cast<const ZR::ZRError*>(&error);
       return reply(failure(
           rpc::kInvalidParams,
           "Invalid params: " + (zrError ? zrError->description() : std::string(error.what()))));
     }
   }
-  return reply(invoke(fullName.substr(0, dot), fullName.substr(dot + 1), args));
+  return reply(invoke(module, method, args));
 }
 
 CallOutcome RpcDispatcher::invoke(const std::string& module, const std::string& method,
@@ -158,6 +165,18 @@ CallOutcome RpcDispatcher::invoke(const std::string& module, const std::string& 
     return failure(rpc::kCallFailed, module + "." + method + " failed with an unknown exception",
                    errorData(module, method, "unknown exception", "", 0));
   }
+}
+
+std::optional<CallOutcome> RpcDispatcher::methodNotFound(const std::string& module,
+                                                         const std::string& method) const {
+  if (module == rpc::kIntrospectionModule) {
+    if (method == "getModules" || method == "getMethods") return std::nullopt;
+    return introspect(method, ZR::ZRValue::array());  // its "Method not found"
+  }
+  // No arity is -1: what is left is the refusal of a module or method that is not there.
+  std::optional<CallOutcome> refusal = classifyRefusal(module, method, -1);
+  if (refusal && refusal->error.value("code", 0) == rpc::kMethodNotFound) return refusal;
+  return std::nullopt;
 }
 
 std::optional<CallOutcome> RpcDispatcher::classifyRefusal(const std::string& module,

@@ -69,6 +69,30 @@ TEST_F(DaemonRpc, ErrorCodes) {
   EXPECT_EQ(-32700, json::parse(malformed.body)["error"]["code"]);
 }
 
+TEST_F(DaemonRpc, AnUnknownMethodIsMethodNotFoundWhateverItsParameters) {
+  for (const char* params : {"[]", "[1,2,3]", "{\"a\":1}", "[[[]]]"}) {
+    for (const char* method : {"NoModule.echo", "TestModule.noSuchMethod", "noDot"}) {
+      const std::string body = std::string(R"({"jsonrpc":"2.0","id":1,"method":")") + method +
+                               R"(","params":)" + params + "}";
+      EXPECT_EQ(-32601, json::parse(httpPost(port(), "/rpc", body).body)["error"]["code"]) << body;
+    }
+  }
+}
+
+TEST_F(DaemonRpc, CallsAreAcceptedAsJsonRpcAndJsonRequestTooButNotAsPlainText) {
+  const std::string body = R"({"jsonrpc":"2.0","id":3,"method":"TestModule.add","params":[2,3]})";
+  for (const char* type : {"application/json-rpc", "application/jsonrequest"}) {
+    HttpConnection connection(port());
+    const HttpReply reply = connection.request("POST", "/rpc", body, {{"Content-Type", type}});
+    EXPECT_EQ(200, reply.status) << type;
+    EXPECT_EQ(5, json::parse(reply.body)["result"]) << type;
+  }
+  HttpConnection connection(port());
+  const HttpReply plain =
+      connection.request("POST", "/rpc", body, {{"Content-Type", "text/plain"}});
+  EXPECT_EQ(415, plain.status);
+}
+
 TEST_F(DaemonRpc, OverloadsAreChosenByArity) {
   EXPECT_EQ(json::parse("[1]"), rpc(port(), "TestModule.pair", {1})["result"]);
   EXPECT_EQ(json::parse("[1,2]"), rpc(port(), "TestModule.pair", {1, 2})["result"]);

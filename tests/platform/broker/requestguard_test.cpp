@@ -166,3 +166,19 @@ TEST(RequestGuard, PagesForbidFramingSniffingAndForeignScripts) {
   EXPECT_NE(std::string::npos, policy.find("frame-ancestors 'none'"));
   EXPECT_EQ("nosniff", jsonResponse(http::status::ok, "{}")["X-Content-Type-Options"]);
 }
+
+TEST(RequestGuard, CallsComeAsJsonUnderAnyOfTheNamesJsonRpcClientsUse) {
+  for (const char* type :
+       {"application/json", "application/json; charset=utf-8", "Application/JSON",
+        "application/json-rpc", "application/jsonrequest", "application/json-rpc;charset=UTF-8"}) {
+    EXPECT_TRUE(isJsonContentType(request({{"Content-Type", type}}, http::verb::post, "/rpc")))
+        << type;
+  }
+  // What a page of another site can send without a preflight, and no type at all.
+  for (const char* type : {"text/plain", "application/x-www-form-urlencoded",
+                           "multipart/form-data; boundary=x", "application/jsonp", ""}) {
+    EXPECT_FALSE(isJsonContentType(request({{"Content-Type", type}}, http::verb::post, "/rpc")))
+        << type;
+  }
+  EXPECT_FALSE(isJsonContentType(request({}, http::verb::post, "/rpc")));
+}

@@ -33,25 +33,23 @@ void PendingConnections::add(soap* connection) {
 }
 
 soap* PendingConnections::takeNext(bool arriving) {
-  if (fWaiting.size() > 1 || arriving) {
-    const Clock::time_point now = Clock::now();
-    std::size_t closed = 0;
-    for (auto waiting = fWaiting.begin(); waiting != fWaiting.end();) {
-      const bool silentTooLong = now - waiting->since >= std::chrono::milliseconds(kSilentMs) &&
-                                 !hasSentSomething(waiting->connection);
-      if (!silentTooLong) {
-        ++waiting;
-        continue;
-      }
-      fRelease(waiting->connection);
-      waiting = fWaiting.erase(waiting);
-      ++closed;
+  const Clock::time_point now = Clock::now();
+  std::size_t closed = 0;
+  for (auto waiting = fWaiting.begin(); waiting != fWaiting.end();) {
+    const bool silentTooLong = now - waiting->since >= std::chrono::milliseconds(kSilentMs) &&
+                               !hasSentSomething(waiting->connection);
+    if (!silentTooLong) {
+      ++waiting;
+      continue;
     }
-    if (closed > 0) {
-      vu::log::write(vu::log::info, kNetworkLog, "accept",
-                     "Closed " + std::to_string(closed) +
-                         " connection(s) that sent nothing while other clients waited");
-    }
+    fRelease(waiting->connection);
+    waiting = fWaiting.erase(waiting);
+    ++closed;
+  }
+  if (closed > 0) {
+    vu::log::write(vu::log::info, kNetworkLog, "accept",
+                   "Closed " + std::to_string(closed) +
+                       " connection(s) that sent nothing while waiting for their turn");
   }
   for (auto waiting = fWaiting.begin(); waiting != fWaiting.end(); ++waiting) {
     if (hasSentSomething(waiting->connection)) {

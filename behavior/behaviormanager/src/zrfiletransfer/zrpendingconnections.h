@@ -1,8 +1,8 @@
 // Connections accepted and not yet served, in the order they came. The server serves one
 // connection at a time; the others wait here rather than in the kernel's queue, where a
-// connection that has sent nothing cannot be told from one whose request is there. While
-// several wait, those that have sent nothing for kSilentMs are closed all at once, so what
-// a client with a request waits for does not grow with the number of silent connections.
+// connection that has sent nothing cannot be told from one whose request is there. Those
+// that have waited kSilentMs without sending anything are closed, all at once, so what a
+// client with a request waits for does not grow with the number of silent connections.
 //
 //   PendingConnections pending(kCapacity);
 //   pending.add(connection);                      // an accepted gSOAP context, now owned
@@ -22,7 +22,7 @@ namespace detail {
 class PendingConnections {
 public:
   using Clock = std::chrono::steady_clock;
-  // How long a connection may wait without sending anything while others wait too.
+  // How long a connection may wait for its turn without sending anything.
   static constexpr int kSilentMs = 200;
 
   // Frees every connection still held; `release` is how (closing the socket included).
@@ -38,9 +38,9 @@ public:
   void add(soap* connection);
 
   // The connection to serve next: the first whose request has begun to arrive (or that
-  // the client closed); a connection that has sent nothing only when it is alone and no
-  // other is `arriving` (it then waits for its request as usual). First closes, when
-  // others wait, the connections silent for kSilentMs. Null when none is to be served yet.
+  // the client closed); one that has sent nothing only when it is alone, has waited less
+  // than kSilentMs and no other is `arriving` (it then waits for its request as usual).
+  // First closes the connections silent for kSilentMs. Null when none is to be served yet.
   soap* takeNext(bool arriving);
 
   // Waits up to `milliseconds` for a pending connection to send something, or for

@@ -5,8 +5,9 @@
 //     DNS name rebound to the robot's address is refused;
 //   - an Origin header must name the broker itself, and Sec-Fetch-Site must not say the
 //     request comes from another site;
-// and calls must come as application/json (isJsonContentType), which a page of another
-// origin cannot send without the browser asking the broker first.
+// and calls must come as application/json, application/json-rpc or
+// application/jsonrequest (isJsonContentType), which a page of another origin cannot send
+// without the browser asking the broker first.
 //
 //   if (auto refusal = guardRequest(request, ZR::networkAccess())) send(*refusal);
 #pragma once
@@ -39,7 +40,8 @@ std::string sessionCookieHeader(const std::string& sessionToken);
 // session cookie, which the browser keeps to the robot's own pages.
 bool changesStateThroughAPlainGet(const Request& request);
 
-// True when Content-Type is application/json, parameters such as charset aside.
+// True when Content-Type is application/json, application/json-rpc or
+// application/jsonrequest, parameters such as charset aside.
 bool isJsonContentType(const Request& request);
 
 // Headers every page of the web interface carries: no framing, no sniffing of types,

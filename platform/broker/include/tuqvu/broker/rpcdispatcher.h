@@ -61,6 +61,9 @@ private:
   CallOutcome introspect(const std::string& method, const ZR::ZRValue& args) const;
   std::optional<CallOutcome> classifyRefusal(const std::string& module, const std::string& method,
                                              int arity) const;
+  // The "Method not found" answer when module.method does not exist.
+  std::optional<CallOutcome> methodNotFound(const std::string& module,
+                                            const std::string& method) const;
 
   boost::shared_ptr<ZR::ZRBroker> fBroker;
 };
