@@ -109,8 +109,8 @@ void HttpSession::handle(Request&& request) {
     case Routed::Kind::Call: return startCall(std::move(routed), version, keepAlive);
     case Routed::Kind::EventStream: {
       fStream.expires_never();
-      auto stream =
-          std::make_shared<SseSession>(std::move(fStream), fContext->hub, std::move(routed.keys));
+      auto stream = std::make_shared<SseSession>(
+          std::move(fStream), fContext->hub, std::move(routed.keys), std::move(routed.lastEventId));
       stream->start();
       return;  // this session ends here; the stream owns the connection
     }

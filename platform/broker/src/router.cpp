@@ -154,6 +154,11 @@ Routed route(Request& request, const std::shared_ptr<const RpcDispatcher>& rpc) 
       }
       routed.keys.push_back(*key);
     }
+    // A reconnecting EventSource names the last event it received; an empty one is none.
+    const auto lastEvent = request.find("Last-Event-ID");
+    if (lastEvent != request.end() && !lastEvent->value().empty()) {
+      routed.lastEventId = std::string(lastEvent->value());
+    }
     return routed;
   }
 

@@ -3,12 +3,45 @@
 #include <vu/settings.h>
 #include <zr/zrvaluejson.h>
 
+#include <charconv>
+#include <cstdio>
 #include <iterator>
+#include <random>
+#include <system_error>
 
 namespace tuqvu {
 namespace broker {
 
-SseHub::SseHub(std::size_t maxSubscribers) : fMaxSubscribers(maxSubscribers) {}
+namespace {
+
+// Tells one run of the broker from the next, whose event numbers start again at 1.
+std::string newRunName() {
+  std::random_device entropy;
+  char text[16];
+  std::snprintf(text, sizeof text, "%08x", static_cast<unsigned>(entropy()));
+  return text;
+}
+
+// The number in an id "<run>.<n>" of run `run`; nullopt for another run or no id at all.
+std::optional<std::uint64_t> numberIn(const std::string& id, const std::string& run) {
+  if (id.size() <= run.size() + 1 || id.compare(0, run.size(), run) != 0 || id[run.size()] != '.') {
+    return std::nullopt;
+  }
+  std::uint64_t number = 0;
+  const char* begin = id.data() + run.size() + 1;
+  const char* end = id.data() + id.size();
+  const auto [stop, error] = std::from_chars(begin, end, number);
+  if (error != std::errc() || stop != end) return std::nullopt;
+  return number;
+}
+
+std::string lostFrame(const std::string& reason) {
+  return "event: lost\ndata: {\"reason\":" + dumpJson(nlohmann::json(reason)) + "}\n\n";
+}
+
+}  // namespace
+
+SseHub::SseHub(std::size_t maxSubscribers) : fMaxSubscribers(maxSubscribers), fRun(newRunName()) {}
 
 std::size_t SseHub::maxSubscribersFromEnvironment() {
   return vu::settings::positiveNumber("TUQVU_EVENTS_MAX_SUBSCRIBERS", kDefaultMaxSubscribers,
@@ -16,7 +49,8 @@ std::size_t SseHub::maxSubscribersFromEnvironment() {
 }
 
 SseHub::Token SseHub::subscribe(std::weak_ptr<SseSubscriber> subscriber,
-                                const std::vector<std::string>& keys, Refusal* refusal) {
+                                const std::vector<std::string>& keys, Refusal* refusal,
+                                const std::optional<std::string>& lastEventId) {
   std::lock_guard<std::mutex> lock(fMutex);
   if (refusal != nullptr) *refusal = Refusal::None;
   if (fClosed) {
@@ -32,8 +66,35 @@ SseHub::Token SseHub::subscribe(std::weak_ptr<SseSubscriber> subscriber,
     return 0;
   }
   const Token token = fNext++;
-  fEntries[token] = Entry{std::move(subscriber), std::set<std::string>(keys.begin(), keys.end())};
+  Entry& entry = fEntries[token];
+  entry = Entry{std::move(subscriber), std::set<std::string>(keys.begin(), keys.end())};
+  if (lastEventId) {
+    if (std::shared_ptr<SseSubscriber> live = entry.subscriber.lock()) {
+      replay(*live, entry.keys, *lastEventId);
+    }
+  }
   return token;
+}
+
+void SseHub::replay(SseSubscriber& subscriber, const std::set<std::string>& keys,
+                    const std::string& lastEventId) {
+  const std::optional<std::uint64_t> last = numberIn(lastEventId, fRun);
+  if (!last || *last > fLastNumber) {
+    subscriber.deliver(std::make_shared<const std::string>(
+        lostFrame("the broker restarted since event " + lastEventId +
+                  "; the events raised meanwhile are not known")));
+    return;
+  }
+  const std::uint64_t oldestKept = fKept.empty() ? fLastNumber + 1 : fKept.front().number;
+  if (*last + 1 < oldestKept) {
+    subscriber.deliver(std::make_shared<const std::string>(lostFrame(
+        std::to_string(oldestKept - *last - 1) + " events after " + lastEventId +
+        " are no longer kept (the broker keeps the last " + std::to_string(kReplayEvents) + ")")));
+  }
+  for (const Kept& kept : fKept) {
+    if (kept.number <= *last) continue;
+    if (keys.empty() || keys.count(kept.key) != 0) subscriber.deliver(kept.frame);
+  }
 }
 
 void SseHub::unsubscribe(Token token) {
@@ -51,7 +112,15 @@ void SseHub::publish(const std::string& key, const ZR::ZRValue& value) {
   // one may go away with them, and its destructor unsubscribes.
   std::vector<std::shared_ptr<SseSubscriber>> reached;
   std::lock_guard<std::mutex> lock(fMutex);
-  std::shared_ptr<const std::string> text;
+  const std::uint64_t number = ++fLastNumber;
+  const auto text =
+      std::make_shared<const std::string>("id: " + eventId(number) + "\n" + frame(key, value));
+  fKept.push_back(Kept{number, key, text});
+  fKeptBytes += text->size();
+  while (fKept.size() > kReplayEvents || (fKeptBytes > kReplayBytes && fKept.size() > 1)) {
+    fKeptBytes -= fKept.front().frame->size();
+    fKept.pop_front();
+  }
   for (auto entry = fEntries.begin(); entry != fEntries.end();) {
     std::shared_ptr<SseSubscriber> subscriber = entry->second.subscriber.lock();
     if (!subscriber) {
@@ -59,7 +128,6 @@ void SseHub::publish(const std::string& key, const ZR::ZRValue& value) {
       continue;
     }
     if (entry->second.keys.empty() || entry->second.keys.count(key) != 0) {
-      if (!text) text = std::make_shared<const std::string>(frame(key, value));
       subscriber->deliver(text);
       reached.push_back(std::move(subscriber));
     }

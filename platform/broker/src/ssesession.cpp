@@ -27,10 +27,11 @@ const char* const kHeader =
 }  // namespace
 
 SseSession::SseSession(beast::tcp_stream&& stream, std::shared_ptr<SseHub> hub,
-                       std::vector<std::string> keys)
+                       std::vector<std::string> keys, std::optional<std::string> lastEventId)
     : fStream(std::move(stream)),
       fHub(std::move(hub)),
       fKeys(std::move(keys)),
+      fLastEventId(std::move(lastEventId)),
       fHeartbeat(fStream.get_executor()) {}
 
 SseSession::~SseSession() {
@@ -40,9 +41,11 @@ SseSession::~SseSession() {
 void SseSession::start() {
   // The header goes first in the queue, before any event can reach it. Nothing is written
   // before this returns: writes run on this strand after it.
-  enqueue(std::make_shared<const std::string>(kHeader), false);
+  enqueue(std::make_shared<const std::string>(std::string(kHeader) +
+                                              "retry: " + std::to_string(kRetryMs) + "\n\n"),
+          false);
   SseHub::Refusal refusal = SseHub::Refusal::None;
-  fToken = fHub->subscribe(weak_from_this(), fKeys, &refusal);
+  fToken = fHub->subscribe(weak_from_this(), fKeys, &refusal, fLastEventId);
   if (refusal == SseHub::Refusal::Closed) {
     close();  // the broker is shutting down
     return;

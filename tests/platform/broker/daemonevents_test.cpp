@@ -63,6 +63,37 @@ TEST_F(DaemonEvents, StreamDeliversTheChosenKeysInRaiseOrder) {
   }
 }
 
+TEST_F(DaemonEvents, AClientThatReconnectsWithTheLastIdGetsTheEventsRaisedMeanwhile) {
+  std::string lastId;
+  {
+    EventStream first(port(), "/events?key=Test/Replay");
+    raise("Test/Replay", 0);
+    ASSERT_EQ(event("Test/Replay", 0), json::parse(first.next()));
+    EXPECT_EQ("2000", first.retry());
+    lastId = first.lastId();
+    ASSERT_FALSE(lastId.empty());
+  }  // the connection is cut
+  for (int i = 1; i <= 3; ++i) raise("Test/Replay", i);
+  raise("Test/NotFollowed", 9);
+  EventStream again(port(), "/events?key=Test/Replay", lastId);
+  raise("Test/Replay", 4);
+  for (int i = 1; i <= 4; ++i) {
+    const std::string got = again.next();
+    ASSERT_FALSE(got.empty()) << "nothing for " << i;
+    EXPECT_EQ(event("Test/Replay", i), json::parse(got));
+  }
+}
+
+TEST_F(DaemonEvents, AnIdThisBrokerDidNotGiveIsAnsweredWithALostEventNotASilentGap) {
+  EventStream again(port(), "/events?key=Test/Replay", "0badc0de.17");
+  const json lost = json::parse(again.next());
+  EXPECT_EQ(0u,
+            lost["reason"].get<std::string>().find("the broker restarted since event 0badc0de.17"))
+      << lost;
+  raise("Test/Replay", "after");
+  EXPECT_EQ(event("Test/Replay", "after"), json::parse(again.next()));
+}
+
 TEST_F(DaemonEvents, WithoutKeysEveryKeyArrives) {
   EventStream stream(port(), "/events");
   raise("Any/One", "first");

@@ -8,18 +8,29 @@ using tuqvu::broker::SseSubscriber;
 
 namespace {
 
+// Keeps each frame without its id line, and the ids apart ("" for a frame without one).
 class Recorder : public SseSubscriber {
 public:
   void deliver(const std::shared_ptr<const std::string>& frame) override {
-    fFrames.push_back(*frame);
+    std::string text = *frame;
+    std::string id;
+    if (text.rfind("id: ", 0) == 0) {
+      const std::size_t end = text.find('\n');
+      id = text.substr(4, end - 4);
+      text.erase(0, end + 1);
+    }
+    fIds.push_back(id);
+    fFrames.push_back(text);
   }
   void close() override { fClosed = true; }
 
   const std::vector<std::string>& frames() const { return fFrames; }
+  const std::vector<std::string>& ids() const { return fIds; }
   bool closed() const { return fClosed; }
 
 private:
   std::vector<std::string> fFrames;
+  std::vector<std::string> fIds;
   bool fClosed = false;
 };
 
@@ -141,4 +152,76 @@ TEST(SseHub, EverySubscriberGetsTheSameFrameNotACopy) {
   hub.publish("Big", ZR::ZRValue(std::string(100000, 'b')));
   ASSERT_EQ(2u, seen.size());
   EXPECT_EQ(seen[0].get(), seen[1].get());
+}
+
+TEST(SseHub, EveryEventHasAnIdOfThisRunCountingFromOne) {
+  SseHub hub;
+  auto recorder = std::make_shared<Recorder>();
+  hub.subscribe(recorder, {"A"});
+  hub.publish("A", ZR::ZRValue(1));
+  hub.publish("B", ZR::ZRValue(2));  // counted, though nobody here follows it
+  hub.publish("A", ZR::ZRValue(3));
+  EXPECT_EQ((std::vector<std::string>{hub.eventId(1), hub.eventId(3)}), recorder->ids());
+  EXPECT_EQ(hub.eventId(3).substr(0, hub.eventId(3).find('.')),
+            hub.eventId(1).substr(0, hub.eventId(1).find('.')));
+  SseHub other;  // another run of the broker
+  EXPECT_NE(other.eventId(1), hub.eventId(1));
+}
+
+TEST(SseHub, AReconnectingClientGetsWhatItMissedAndThenWhatComes) {
+  SseHub hub;
+  auto first = std::make_shared<Recorder>();
+  const SseHub::Token token = hub.subscribe(first, {"A", "C"});
+  hub.publish("A", ZR::ZRValue(1));
+  hub.unsubscribe(token);  // the connection is cut
+  hub.publish("A", ZR::ZRValue(2));
+  hub.publish("B", ZR::ZRValue(3));
+  hub.publish("C", ZR::ZRValue(4));
+  auto again = std::make_shared<Recorder>();
+  hub.subscribe(again, {"A", "C"}, nullptr, first->ids().back());
+  hub.publish("A", ZR::ZRValue(5));
+  EXPECT_EQ((std::vector<std::string>{SseHub::frame("A", 2), SseHub::frame("C", 4),
+                                      SseHub::frame("A", 5)}),
+            again->frames());
+  EXPECT_EQ((std::vector<std::string>{hub.eventId(2), hub.eventId(4), hub.eventId(5)}),
+            again->ids());
+}
+
+TEST(SseHub, AClientThatMissedMoreThanIsKeptIsToldEventsWereLostBeforeTheRest) {
+  SseHub hub;
+  hub.publish("A", ZR::ZRValue(0));
+  const std::string last = hub.eventId(1);
+  for (std::size_t i = 1; i <= SseHub::kReplayEvents + 5; ++i) hub.publish("A", ZR::ZRValue(1));
+  auto again = std::make_shared<Recorder>();
+  hub.subscribe(again, {}, nullptr, last);
+  ASSERT_EQ(SseHub::kReplayEvents + 1, again->frames().size());
+  EXPECT_EQ("event: lost\ndata: {\"reason\":\"5 events after " + last +
+                " are no longer kept (the broker keeps the last 1000)\"}\n\n",
+            again->frames()[0]);
+  EXPECT_EQ("", again->ids()[0]);
+  EXPECT_EQ(hub.eventId(7), again->ids()[1]);
+  EXPECT_EQ(hub.eventId(SseHub::kReplayEvents + 6), again->ids().back());
+}
+
+TEST(SseHub, AnIdOfAnotherRunOrNoIdAtAllIsToldAsLostEvents) {
+  SseHub hub;
+  hub.publish("A", ZR::ZRValue(1));
+  for (const std::string& id :
+       {std::string("0badc0de.1"), std::string("garbage"), hub.eventId(99)}) {
+    auto again = std::make_shared<Recorder>();
+    hub.subscribe(again, {}, nullptr, id);
+    ASSERT_EQ(1u, again->frames().size()) << id;
+    EXPECT_EQ(0u, again->frames()[0].find("event: lost\ndata: {\"reason\":\"the broker "
+                                          "restarted since event " +
+                                          id))
+        << again->frames()[0];
+  }
+}
+
+TEST(SseHub, AClientUpToDateGetsNothingAgain) {
+  SseHub hub;
+  hub.publish("A", ZR::ZRValue(1));
+  auto again = std::make_shared<Recorder>();
+  hub.subscribe(again, {}, nullptr, hub.eventId(1));
+  EXPECT_TRUE(again->frames().empty());
 }

@@ -194,11 +194,12 @@ std::string rawExchange(int port, const std::string& bytes, int quietMs) {
   return connection.readUntilClosed(std::chrono::milliseconds(quietMs));
 }
 
-EventStream::EventStream(int port, const std::string& target) : fFd(connectRaw(port)) {
+EventStream::EventStream(int port, const std::string& target, const std::string& lastEventId)
+    : fFd(connectRaw(port)) {
   const std::string authorization = authorizationFor(port);
   sendAll(fFd, "GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\nAccept: text/event-stream\r\n" +
                    (authorization.empty() ? "" : "Authorization: " + authorization + "\r\n") +
-                   "\r\n");
+                   (lastEventId.empty() ? "" : "Last-Event-ID: " + lastEventId + "\r\n") + "\r\n");
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
   while (fPending.find("\r\n\r\n") == std::string::npos &&
          std::chrono::steady_clock::now() < deadline) {
@@ -208,6 +209,20 @@ EventStream::EventStream(int port, const std::string& target) : fFd(connectRaw(p
   if (end == std::string::npos) throw std::runtime_error("no event stream head: " + fPending);
   fHead = fPending.substr(0, end + 4);
   fPending.erase(0, end + 4);
+}
+
+std::string EventStream::fieldOf(const std::string& frame, const std::string& field) {
+  const std::string prefix = field + ": ";
+  std::size_t line = 0;
+  while (line < frame.size()) {
+    std::size_t end = frame.find('\n', line);
+    if (end == std::string::npos) end = frame.size();
+    if (frame.compare(line, prefix.size(), prefix) == 0) {
+      return frame.substr(line + prefix.size(), end - line - prefix.size());
+    }
+    line = end + 1;
+  }
+  return "";
 }
 
 EventStream::~EventStream() {
@@ -221,7 +236,12 @@ std::string EventStream::next(int timeoutMs) {
     while ((end = fPending.find("\n\n")) != std::string::npos) {
       const std::string frame = fPending.substr(0, end);
       fPending.erase(0, end + 2);
-      if (frame.rfind("data: ", 0) == 0) return frame.substr(6);
+      if (!fieldOf(frame, "retry").empty()) fRetry = fieldOf(frame, "retry");
+      const std::string data = dataOf(frame);
+      if (!data.empty()) {
+        fLastId = idOf(frame).empty() ? fLastId : idOf(frame);
+        return data;
+      }
     }
     if (std::chrono::steady_clock::now() >= deadline) return "";
     if (!readSome(fFd, fPending, 100)) return "";
@@ -234,7 +254,7 @@ int EventStream::countUntilClosed(int timeoutMs) {
   while (std::chrono::steady_clock::now() < deadline) {
     std::size_t end;
     while ((end = fPending.find("\n\n")) != std::string::npos) {
-      if (fPending.compare(0, 6, "data: ") == 0) ++frames;
+      if (!dataOf(fPending.substr(0, end)).empty()) ++frames;
       fPending.erase(0, end + 2);
     }
     if (!readSome(fFd, fPending, 100)) return frames;

@@ -64,7 +64,8 @@ std::string rawExchange(int port, const std::string& bytes, int quietMs = 2000);
 // A raw GET /events connection whose stream the test reads frame by frame.
 class EventStream {
 public:
-  EventStream(int port, const std::string& target);
+  // With `lastEventId`, reconnects as an EventSource does (the Last-Event-ID header).
+  EventStream(int port, const std::string& target, const std::string& lastEventId = "");
   ~EventStream();
   // The response head (status line and headers).
   const std::string& head() const { return fHead; }
@@ -74,11 +75,21 @@ public:
   // server has not closed the stream within timeoutMs.
   int countUntilClosed(int timeoutMs);
   int fd() const { return fFd; }
+  // The id of the last event next() returned, "" before the first.
+  const std::string& lastId() const { return fLastId; }
+  // The "retry:" time the stream gave, once next() has read past it; "" before.
+  const std::string& retry() const { return fRetry; }
 
 private:
+  static std::string fieldOf(const std::string& frame, const std::string& field);
+  static std::string dataOf(const std::string& frame) { return fieldOf(frame, "data"); }
+  static std::string idOf(const std::string& frame) { return fieldOf(frame, "id"); }
+
   int fFd = -1;
   std::string fHead;
   std::string fPending;
+  std::string fLastId;
+  std::string fRetry;
 };
 
 }  // namespace brokertest

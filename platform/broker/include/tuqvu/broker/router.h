@@ -15,6 +15,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,7 +30,8 @@ struct Routed {
   // Call: the answer when the call is not made because too many run already; the text
   // says why.
   std::function<Response(const std::string& why)> refuse;
-  std::vector<std::string> keys;  // EventStream: keys to follow, empty for all
+  std::vector<std::string> keys;           // EventStream: keys to follow, empty for all
+  std::optional<std::string> lastEventId;  // EventStream: the Last-Event-ID header
 };
 
 // The request's body is moved into the call when there is one.

@@ -5,17 +5,26 @@
 // is capped (TUQVU_EVENTS_MAX_SUBSCRIBERS, default 64): what the hub can make the broker
 // hold is bounded whatever clients do.
 //
+// Every event has an id, "<run>.<n>": <run> names this run of the broker, n counts its
+// events from 1. The last kReplayEvents events (at most kReplayBytes of frames) are kept,
+// so that a client that reconnects with the id of the last event it received gets what it
+// missed; when that is no longer kept (or the id is of another run) it first gets an
+// "event: lost" frame saying so, never a silent gap.
+//
 //   auto hub = std::make_shared<SseHub>(SseHub::maxSubscribersFromEnvironment());
 //   auto token = hub->subscribe(client, {"BehaviorsRun"});   // no keys: every key
-//   hub->publish("BehaviorsRun", value);  // client gets "data: {\"key\":...,\"value\":...}\n\n"
+//   hub->publish("BehaviorsRun", value);
+//   // client gets "id: 5f3a9c1e.1\ndata: {\"key\":...,\"value\":...}\n\n"
 #pragma once
 
 #include <zr/zrvalue.h>
 
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -37,6 +46,9 @@ class SseHub {
 public:
   using Token = std::uint64_t;
   static constexpr std::size_t kDefaultMaxSubscribers = 64;
+  static constexpr std::size_t kReplayEvents = 1000;
+  // Below an event stream's queue (SseSession::kMaxQueuedBytes), so that a replay fits.
+  static constexpr std::size_t kReplayBytes = std::size_t{512} << 10;
   enum class Refusal { None, Closed, Full };
 
   explicit SseHub(std::size_t maxSubscribers = kDefaultMaxSubscribers);
@@ -44,9 +56,12 @@ public:
   static std::size_t maxSubscribersFromEnvironment();
 
   // Keys to receive; an empty list receives every key. 0 when refused: the hub is closed
-  // or holds maxSubscribers() live subscribers already; `refusal` says which.
+  // or holds maxSubscribers() live subscribers already; `refusal` says which. With
+  // `lastEventId` (a reconnecting client's Last-Event-ID), the kept events after it that
+  // match the keys are delivered first, after an "event: lost" frame when some are gone.
   Token subscribe(std::weak_ptr<SseSubscriber> subscriber, const std::vector<std::string>& keys,
-                  Refusal* refusal = nullptr);
+                  Refusal* refusal = nullptr,
+                  const std::optional<std::string>& lastEventId = std::nullopt);
   void unsubscribe(Token token);
 
   void publish(const std::string& key, const ZR::ZRValue& value);
@@ -57,21 +72,35 @@ public:
   std::size_t subscriberCount() const;
   std::size_t maxSubscribers() const { return fMaxSubscribers; }
 
-  // "data: {"key":..,"value":..}\n\n"
+  // "data: {"key":..,"value":..}\n\n": a frame without its id line.
   static std::string frame(const std::string& key, const ZR::ZRValue& value);
+  // The id of this run's event number n.
+  std::string eventId(std::uint64_t n) const { return fRun + "." + std::to_string(n); }
 
 private:
   struct Entry {
     std::weak_ptr<SseSubscriber> subscriber;
     std::set<std::string> keys;  // empty: every key
   };
-  // Guards the subscriber table and fClosed; held while frames are delivered, which
-  // keeps every subscriber's frames in publish order.
+  struct Kept {
+    std::uint64_t number;
+    std::string key;
+    std::shared_ptr<const std::string> frame;
+  };
+  // Delivers what a client that last received `lastEventId` missed; with fMutex held.
+  void replay(SseSubscriber& subscriber, const std::set<std::string>& keys,
+              const std::string& lastEventId);
+  // Guards the subscriber table, fClosed, the event numbers and the kept events; held
+  // while frames are delivered, which keeps every subscriber's frames in publish order.
   mutable std::mutex fMutex;
   const std::size_t fMaxSubscribers;
   std::map<Token, Entry> fEntries;
   Token fNext = 1;
   bool fClosed = false;
+  const std::string fRun;         // fixed at construction
+  std::uint64_t fLastNumber = 0;  // of the last event published
+  std::deque<Kept> fKept;         // the last events, oldest first
+  std::size_t fKeptBytes = 0;
 };
 
 }  // namespace broker

@@ -15,6 +15,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,11 +26,16 @@ class SseSession : public SseSubscriber, public std::enable_shared_from_this<Sse
 public:
   static constexpr std::size_t kMaxQueuedBytes = 1024 * 1024;
 
+  // How long a client waits before it reconnects, sent at the start of every stream.
+  static constexpr int kRetryMs = 2000;
+
+  // `lastEventId`: what the client last received, when it reconnects (see SseHub).
   SseSession(boost::beast::tcp_stream&& stream, std::shared_ptr<SseHub> hub,
-             std::vector<std::string> keys);
+             std::vector<std::string> keys, std::optional<std::string> lastEventId = {});
   ~SseSession() override;
 
-  // Queues the header, subscribes, and starts writing.
+  // Queues the header and the retry time, subscribes (the missed events of a reconnecting
+  // client first), and starts writing.
   void start();
 
   void deliver(const std::shared_ptr<const std::string>& frame) override;
@@ -48,6 +54,7 @@ private:
   boost::beast::tcp_stream fStream;
   std::shared_ptr<SseHub> fHub;
   std::vector<std::string> fKeys;
+  std::optional<std::string> fLastEventId;
   SseHub::Token fToken = 0;
   boost::asio::steady_timer fHeartbeat;
   char fReadBuffer[256];
