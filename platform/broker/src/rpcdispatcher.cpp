@@ -167,41 +167,48 @@ CallOutcome RpcDispatcher::invoke(const std::string& module, const std::string& 
   }
 }
 
+std::optional<std::vector<int>> RpcDispatcher::aritiesOf(const std::string& module,
+                                                         const std::string& method) const {
+  if (!fBroker->hasModule(module)) return std::nullopt;
+  std::vector<ZR::ZRMethodInfo> methods;
+  try {
+    methods = fBroker->getMethods(module);
+  } catch (const ZR::ZRError&) {
+    return std::nullopt;  // unregistered meanwhile
+  }
+  std::vector<int> arities;
+  for (const ZR::ZRMethodInfo& info : methods) {
+    if (info.name == method) arities.push_back(info.arity());
+  }
+  return arities;
+}
+
 std::optional<CallOutcome> RpcDispatcher::methodNotFound(const std::string& module,
                                                          const std::string& method) const {
   if (module == rpc::kIntrospectionModule) {
     if (method == "getModules" || method == "getMethods") return std::nullopt;
     return introspect(method, ZR::ZRValue::array());  // its "Method not found"
   }
-  // No arity is -1: what is left is the refusal of a module or method that is not there.
-  std::optional<CallOutcome> refusal = classifyRefusal(module, method, -1);
-  if (refusal && refusal->error.value("code", 0) == rpc::kMethodNotFound) return refusal;
+  const std::optional<std::vector<int>> arities = aritiesOf(module, method);
+  if (!arities) {
+    return failure(rpc::kMethodNotFound,
+                   "Method not found: module " + module + " is not registered");
+  }
+  if (arities->empty()) {
+    return failure(rpc::kMethodNotFound,
+                   "Method not found: module " + module + " has no method " + method);
+  }
   return std::nullopt;
 }
 
 std::optional<CallOutcome> RpcDispatcher::classifyRefusal(const std::string& module,
                                                           const std::string& method,
                                                           int arity) const {
-  if (!fBroker->hasModule(module)) {
-    return failure(rpc::kMethodNotFound,
-                   "Method not found: module " + module + " is not registered");
+  if (auto missing = methodNotFound(module, method)) return missing;
+  const std::vector<int> arities = aritiesOf(module, method).value_or(std::vector<int>());
+  if (arities.empty() || std::find(arities.begin(), arities.end(), arity) != arities.end()) {
+    return std::nullopt;  // the method is there now, with this arity: not a refusal of ours
   }
-  std::vector<ZR::ZRMethodInfo> methods;
-  try {
-    methods = fBroker->getMethods(module);
-  } catch (const ZR::ZRError&) {
-    return failure(rpc::kMethodNotFound,
-                   "Method not found: module " + module + " is not registered");
-  }
-  std::vector<int> arities;
-  for (const ZR::ZRMethodInfo& info : methods) {
-    if (info.name == method) arities.push_back(info.arity());
-  }
-  if (arities.empty()) {
-    return failure(rpc::kMethodNotFound,
-                   "Method not found: module " + module + " has no method " + method);
-  }
-  if (std::find(arities.begin(), arities.end(), arity) != arities.end()) return std::nullopt;
   std::string expected;
   for (std::size_t i = 0; i < arities.size(); ++i) {
     expected +=

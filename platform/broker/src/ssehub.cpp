@@ -110,11 +110,12 @@ std::string SseHub::frame(const std::string& key, const ZR::ZRValue& value) {
 void SseHub::publish(const std::string& key, const ZR::ZRValue& value) {
   // Subscribers are kept alive here until the lock is released: the last reference to
   // one may go away with them, and its destructor unsubscribes.
+  // The value is written out before the lock is taken: only the id needs it.
+  const std::string data = frame(key, value);
   std::vector<std::shared_ptr<SseSubscriber>> reached;
   std::lock_guard<std::mutex> lock(fMutex);
   const std::uint64_t number = ++fLastNumber;
-  const auto text =
-      std::make_shared<const std::string>("id: " + eventId(number) + "\n" + frame(key, value));
+  const auto text = std::make_shared<const std::string>("id: " + eventId(number) + "\n" + data);
   fKept.push_back(Kept{number, key, text});
   fKeptBytes += text->size();
   while (fKept.size() > kReplayEvents || (fKeptBytes > kReplayBytes && fKept.size() > 1)) {

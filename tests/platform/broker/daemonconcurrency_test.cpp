@@ -35,6 +35,25 @@ bool waitersEntered(const std::string& gate, int count) {
       [&] { return ::access((gate + ".entered." + std::to_string(count)).c_str(), F_OK) == 0; });
 }
 
+// Starts `count` calls of TestModule.waitForFile(gate) with the ids 0 to count - 1, each on
+// a connection of its own; they answer once `gate` exists.
+std::vector<std::unique_ptr<HttpConnection>> holdCalls(int port, const std::string& gate,
+                                                       int count) {
+  std::vector<std::unique_ptr<HttpConnection>> held;
+  for (int i = 0; i < count; ++i) {
+    held.push_back(std::make_unique<HttpConnection>(port));
+    held.back()->send("POST", "/rpc", rpcRequest("TestModule.waitForFile", {gate}, i));
+  }
+  return held;
+}
+
+// The answer to one TestModule.echo("x") with `id`, on a connection of its own.
+HttpReply echoOnce(int port, int id) {
+  HttpConnection connection(port);
+  return connection.request("POST", "/rpc", rpcRequest("TestModule.echo", {"x"}, id),
+                            {{"Content-Type", "application/json"}});
+}
+
 }  // namespace
 
 TEST(DaemonConcurrency, FiveHundredBlockedCallsDoNotDelayAQuickOne) {
@@ -75,18 +94,12 @@ TEST(DaemonConcurrency, ACallBeyondTheLimitIsAnsweredWithAJsonRpcErrorAndNothing
   setup.env["TUQVU_MAX_CALLS"] = "3";
   TuqvuProcess daemon(setup);
   const std::string gate = daemon.scratch() + "/gate";
-  std::vector<std::unique_ptr<HttpConnection>> blocked;
-  for (int i = 0; i < 3; ++i) {
-    blocked.push_back(std::make_unique<HttpConnection>(daemon.port()));
-    blocked.back()->send("POST", "/rpc", rpcRequest("TestModule.waitForFile", {gate}, i));
-  }
+  std::vector<std::unique_ptr<HttpConnection>> blocked = holdCalls(daemon.port(), gate, 3);
   // Once the three are running (seen by their entry files: a call to ask would take a
   // slot), a fourth call is not made. They wait for a file, so a slow machine cannot let
   // them finish before the fourth is tried.
   ASSERT_TRUE(waitersEntered(gate, 3));
-  HttpConnection fourth(daemon.port());
-  HttpReply refused = fourth.request("POST", "/rpc", rpcRequest("TestModule.echo", {"x"}, 77),
-                                     {{"Content-Type", "application/json"}});
+  HttpReply refused = echoOnce(daemon.port(), 77);
   EXPECT_EQ(429, refused.status);
   EXPECT_EQ("1", refused.headers["retry-after"]);
   const json answer = json::parse(refused.body);
@@ -115,16 +128,10 @@ TEST(DaemonConcurrency, ALocalProgramThatHoldsItsShareOfCallsLeavesOtherPrograms
   setup.env["TUQVU_MAX_CALLS_PER_CLIENT"] = "2";
   TuqvuProcess daemon(setup);
   const std::string gate = daemon.scratch() + "/gate";
-  std::vector<std::unique_ptr<HttpConnection>> blocked;
-  for (int i = 0; i < 2; ++i) {
-    blocked.push_back(std::make_unique<HttpConnection>(daemon.port()));
-    blocked.back()->send("POST", "/rpc", rpcRequest("TestModule.waitForFile", {gate}, i));
-  }
+  std::vector<std::unique_ptr<HttpConnection>> blocked = holdCalls(daemon.port(), gate, 2);
   // This process has its two calls running: a third of its own is refused...
   ASSERT_TRUE(waitersEntered(gate, 2));
-  HttpConnection third(daemon.port());
-  const HttpReply refused = third.request("POST", "/rpc", rpcRequest("TestModule.echo", {"x"}, 5),
-                                          {{"Content-Type", "application/json"}});
+  const HttpReply refused = echoOnce(daemon.port(), 5);
   EXPECT_EQ(429, refused.status);
   EXPECT_EQ(0u, json::parse(refused.body)["error"]["message"].get<std::string>().find(
                     "too many calls at once: local process " + std::to_string(::getpid()) +

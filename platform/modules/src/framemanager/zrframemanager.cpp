@@ -126,13 +126,11 @@ std::string ZRFrameManager::newBehaviorFromFile(const std::string& xarPath,
     std::lock_guard<std::mutex> lock(fInstancesMutex);
     refuseBeyondCount(fInstances.size());  // before the work of reading
   }
-  std::shared_ptr<const detail::BehaviorProgram> program;
-  if (boost::filesystem::file_size(path, error) > kLargeFileBytes && !error) {
-    std::lock_guard<std::mutex> oneAtATime(fLargeReadMutex);
-    program = detail::loadBehaviorProgram(getName(), path, shownAs);
-  } else {
-    program = detail::loadBehaviorProgram(getName(), path, shownAs);
-  }
+  std::unique_lock<std::mutex> oneAtATime(fLargeReadMutex, std::defer_lock);
+  if (boost::filesystem::file_size(path, error) > kLargeFileBytes && !error) oneAtATime.lock();
+  std::shared_ptr<const detail::BehaviorProgram> program =
+      detail::loadBehaviorProgram(getName(), path, shownAs);
+  if (oneAtATime.owns_lock()) oneAtATime.unlock();
   const std::size_t bytes = program->heldBytes();
   const std::size_t steps = program->steps.size();
   const std::string id = nextInstanceId();

@@ -7,8 +7,6 @@
 #include <algorithm>
 #include <chrono>
 
-#include "memory/memorysize.h"
-
 namespace ZR {
 namespace detail {
 namespace {
@@ -50,7 +48,6 @@ MemoryNotifier::~MemoryNotifier() {
 }
 
 MemoryNotifier::PushResult MemoryNotifier::push(MemoryNotification notification) {
-  notification.bytes = heldBytes(notification.key, notification.value);
   {
     std::lock_guard<std::mutex> lock(fQueueMutex);
     if (fStopping) return PushResult::dropped;

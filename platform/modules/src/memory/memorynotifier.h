@@ -38,7 +38,7 @@ struct MemoryNotification {
   std::string key;
   ZRValue value;
   std::vector<std::shared_ptr<MemorySubscription>> subscribers;  // as they were when queued
-  std::size_t bytes = 0;  // what key and value hold, set by push()
+  std::size_t bytes = 0;  // what key and value hold (memorysize.h), counted by the caller
 };
 
 class MemoryNotifier {

@@ -155,7 +155,7 @@ void ZRMemory::storeAndNotify(const char* method, const std::string& key, const 
       existing->second = std::move(stored);
     }
     fStoredBytes = total;
-    detail::MemoryNotification notification{key, value, {}};
+    detail::MemoryNotification notification{key, value, {}, size};
     const auto found = fSubscriptions.find(key);
     if (found != fSubscriptions.end()) notification.subscribers = found->second;
     pushed = fNotifier->push(std::move(notification));

@@ -1,8 +1,7 @@
 // One HTTP/1.1 connection: reads requests one after the other (keep-alive), routes each,
 // and writes the answer. A call runs on the I/O thread that read it while another I/O
 // thread stays free, else on the executor's threads; the connection waits for its answer
-// meanwhile. GET /events hands the connection over
-// to an SseSession.
+// meanwhile. GET /events hands the connection over to an SseSession.
 #pragma once
 
 #include <tuqvu/broker/httptypes.h>

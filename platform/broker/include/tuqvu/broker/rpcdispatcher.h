@@ -16,6 +16,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace tuqvu {
 namespace broker {
@@ -63,6 +64,10 @@ private:
                                              int arity) const;
   // The "Method not found" answer when module.method does not exist.
   std::optional<CallOutcome> methodNotFound(const std::string& module,
+                                            const std::string& method) const;
+  // The arities of module.method, none when it has no such method; nullopt when the
+  // module is not registered.
+  std::optional<std::vector<int>> aritiesOf(const std::string& module,
                                             const std::string& method) const;
 
   boost::shared_ptr<ZR::ZRBroker> fBroker;
