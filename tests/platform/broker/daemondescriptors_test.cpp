@@ -30,6 +30,12 @@ int linesHolding(const std::string& text, const std::string& fragment) {
 }
 
 TEST(DaemonDescriptors, AShortageIsReportedOnceASecondWithItsCountAndTheBrokerRecovers) {
+#if defined(__SANITIZE_ADDRESS__)
+  // The undefined-behaviour checker built in beside it reads an object's type through a
+  // pipe; with no descriptor left it takes a sound object for a broken one and ends the
+  // broker. The plain build runs this test.
+  GTEST_SKIP() << "the sanitizers' run-time needs descriptors of its own";
+#endif
   TuqvuProcess daemon({"--module", "TestModule=" + testModulePath()});
   ASSERT_TRUE(rpc(daemon.port(), "ZRBroker.getModules", json::array()).contains("result"));
   // A few descriptors above what it holds now.
