@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
-# Runs the browser test of the behavior manager's status page. The npm packages of this
-# folder (playwright-core only: the browser is Debian's /usr/bin/chromium) are installed
-# into tests/browser/node_modules once, and again only when package-lock.json changes.
+# Runs one Node.js test of this folder (the status page in chromium by default; --test
+# names another). The npm packages of this folder (playwright-core, with Debian's
+# /usr/bin/chromium as the browser; ajv and the OpenRPC meta-schema; eventsource) are
+# installed into tests/browser/node_modules once, and again only when package-lock.json
+# changes.
 #
-#   tests/browser/run.sh --tuqvu build/bin/tuqvu \
+#   tests/browser/run.sh [--test openrpc.test.mjs] --tuqvu build/bin/tuqvu \
 #       --module build/lib/libzrbehaviormanager.so --out build/browser
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
@@ -24,4 +26,9 @@ if [ ! -f "$here/node_modules/playwright-core/package.json" ] || [ ! -f "$stamp"
   echo "$wanted" > "$stamp"
 fi
 
-exec node "$here/status_page.test.mjs" "$@"
+test=status_page.test.mjs
+if [ "${1:-}" = --test ]; then
+  test=$2
+  shift 2
+fi
+exec node "$here/$test" "$@"

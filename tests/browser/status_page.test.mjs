@@ -12,7 +12,7 @@ import os from 'node:os';
 import path from 'node:path';
 import { chromium } from 'playwright-core';
 
-import { EventStream, eventually, rpc, startTuqvu } from './support/broker.mjs';
+import { EventStream, eventually, parseArgs, rpc, startTuqvu } from './support/broker.mjs';
 import { launch, preparePage, rows, screenshotPath, section, sectionTitles, waitForDone }
   from './support/page.mjs';
 
@@ -20,15 +20,6 @@ const RUNNING = 'demos/loop';   // runs until it is stopped
 const OTHER = 'greet';          // installed, never touched
 const SYSTEM = 'System/pose';   // preloaded when the daemon reports it is ready
 const GUARD_MS = 240000;        // the whole test; only a hang reaches it
-
-function parseArgs(argv) {
-  const options = {};
-  for (let i = 0; i < argv.length; i += 2) options[argv[i].replace(/^--/, '')] = argv[i + 1];
-  for (const name of ['tuqvu', 'module', 'out']) {
-    if (!options[name]) throw new Error(`missing --${name}`);
-  }
-  return options;
-}
 
 function write(file, text) {
   fs.mkdirSync(path.dirname(file), { recursive: true });

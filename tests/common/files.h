@@ -1,6 +1,8 @@
-// Reading a whole file in a test, and the deep relative paths the link tests build.
+// Reading and writing a whole file in a test, and the deep relative paths the link tests
+// build.
 #pragma once
 
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -18,6 +20,16 @@ inline std::string readFile(const char* path) {
 template <typename Path>
 std::string readFile(const Path& path) {
   return readFile(path.c_str());
+}
+
+// Writes `text` as the whole file, making the folders above it first.
+inline void writeFile(const std::string& path, const std::string& text) {
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  std::ofstream(path, std::ios::binary) << text;
+}
+template <typename Path>
+void writeFile(const Path& path, const std::string& text) {
+  writeFile(std::string(path.c_str()), text);
 }
 
 // `part` repeated `times` times, joined by slashes: repeated("..", 3) is "../../..".

@@ -29,10 +29,7 @@ using tuqvutest::readFile;
 
 namespace {
 
-void writeFile(const fs::path& path, const std::string& text) {
-  fs::create_directories(path.parent_path());
-  std::ofstream(path.string(), std::ios::binary) << text;
-}
+using tuqvutest::writeFile;
 
 std::size_t entriesIn(const fs::path& directory) {
   std::size_t count = 0;

@@ -23,10 +23,7 @@ namespace fs = boost::filesystem;
 
 namespace {
 
-void writeFile(const fs::path& path, const std::string& text) {
-  fs::create_directories(path.parent_path());
-  std::ofstream(path.string(), std::ios::binary) << text;
-}
+using tuqvutest::writeFile;
 
 std::vector<std::string> namesIn(const fs::path& directory) {
   std::vector<std::string> names;

@@ -26,10 +26,7 @@ namespace {
 
 const char* const kSecret = "outside-the-library: not to be read";
 
-void writeFile(const fs::path& path, const std::string& text) {
-  fs::create_directories(path.parent_path());
-  std::ofstream(path.string(), std::ios::binary) << text;
-}
+using tuqvutest::writeFile;
 
 std::string projectOfType(const std::string& type) {
   return "<project>\n  <metadata key=\"Type\" value=\"" + type + "\"/>\n</project>\n";

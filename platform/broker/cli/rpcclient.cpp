@@ -68,28 +68,6 @@ RpcResponse postRpc(const Url& url, const std::string& request, const std::strin
   return {response.result_int(), std::string(response.reason()), response.body()};
 }
 
-int fileTransferPort(const Url& url) {
-  const std::string method = "ZRBehaviorManager._httpFileTransferPort";
-  const RpcResponse response = postRpc(url, buildCallRequest(method, {}), method, nullptr);
-  if (response.status != 200) {
-    throw ClientError("the broker answered " + std::to_string(response.status) + " " +
-                      response.reason + " to " + method);
-  }
-  const CallAnswer answer = interpretAnswer(response.body);
-  if (answer.exitStatus != 0) {
-    throw ClientError("the broker offers no file-transfer service (" + method + ": " + answer.text +
-                      ")");
-  }
-  const nlohmann::json port = nlohmann::json::parse(answer.text, nullptr, false);
-  if (port == nlohmann::json(0)) {
-    throw ClientError("the robot's file-transfer server is switched off (tuqvu --no-file-server)");
-  }
-  if (!port.is_number_integer() || port.get<long long>() <= 0 || port.get<long long>() > 65535) {
-    throw ClientError(method + " answered " + answer.text + ", which is no port");
-  }
-  return port.get<int>();
-}
-
 }  // namespace cli
 
 using cli::Clock;

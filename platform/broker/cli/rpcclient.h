@@ -21,9 +21,6 @@ struct RpcResponse {
 RpcResponse postRpc(const Url& url, const std::string& request, const std::string& method,
                     Feedback* feedback);
 
-// The port of the file-transfer service, asked from the behavior manager.
-int fileTransferPort(const Url& url);
-
 }  // namespace cli
 }  // namespace broker
 }  // namespace tuqvu

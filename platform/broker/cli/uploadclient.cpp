@@ -1,5 +1,6 @@
-// tuqvu-call --put: sending files to the behavior manager's file-transfer service.
+// tuqvu-call --put: sending files through the broker's file API (PUT /files/...).
 #include <tuqvu/broker/cliclient.h>
+#include <tuqvu/broker/filelisting.h>
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/write.hpp>
@@ -25,7 +26,6 @@ using tcp = net::ip::tcp;
 using cli::authorization;
 using cli::Clock;
 using cli::connectTo;
-using cli::fileTransferPort;
 using cli::hostField;
 using cli::secondsSince;
 
@@ -45,10 +45,11 @@ void putFile(const Url& server, const UploadItem& item,
   connectTo(socket, server);
   const std::string credentials = authorization();
   const std::string head =
-      "PUT " + item.remote + " HTTP/1.1\r\nHost: " + hostField(server) +
+      "PUT " + server.basePath + "/files" + percentEncodePath(item.remote) +
+      " HTTP/1.1\r\nHost: " + hostField(server) +
       (credentials.empty() ? "" : "\r\nAuthorization: " + credentials) +
-      "\r\nContent-Type: application/octet-stream\r\nContent-Length: " + std::to_string(item.size) +
-      "\r\n\r\n";
+      "\r\nConnection: close\r\nContent-Type: application/octet-stream\r\nContent-Length: " +
+      std::to_string(item.size) + "\r\n\r\n";
   beast::error_code error;
   net::write(socket, net::buffer(head), error);
   std::vector<char> block(64 * 1024);
@@ -67,13 +68,11 @@ void putFile(const Url& server, const UploadItem& item,
       onSent(got);
     }
   }
-  if (error) {
-    // The service stops reading when it refuses a request; it says nothing then.
-    throw ClientError("the file-transfer service ended the connection after " +
-                      std::to_string(item.size - left) + " of " + std::to_string(item.size) +
-                      " bytes (" + error.message() + "); the broker's log may say why");
-  }
+  const std::uint64_t written = item.size - left;
+  const beast::error_code writeError = error;
 
+  // A broker that refuses the request answers before the body and ends the connection:
+  // its answer is read in any case.
   std::string bytes;
   FileReply reply;
   char chunk[4096];
@@ -84,24 +83,27 @@ void putFile(const Url& server, const UploadItem& item,
     bytes.append(chunk, got);
     if (parseFileReply(bytes, closed, reply)) break;
     if (closed) {
-      throw ClientError(
-          "the file-transfer service closed the connection without an answer: it refuses "
-          "this path or could not write the file (the broker's log says which)");
+      if (writeError) {
+        throw ClientError("the broker ended the connection after " + std::to_string(written) +
+                          " of " + std::to_string(item.size) + " bytes (" + writeError.message() +
+                          "); its log may say why");
+      }
+      throw ClientError("the broker closed the connection without an answer");
     }
   }
   socket.shutdown(tcp::socket::shutdown_both, error);
-  if (reply.status != 200 || reply.body != "ok\n") {
+  if (reply.status != 201 && reply.status != 204) {
     std::string body = reply.body.substr(0, 200);
     while (!body.empty() && (body.back() == '\n' || body.back() == '\r')) body.pop_back();
-    throw ClientError("the file-transfer service answered " + std::to_string(reply.status) + " " +
-                      reply.reason + (body.empty() ? "" : ": " + body));
+    throw ClientError("the broker answered " + std::to_string(reply.status) + " " + reply.reason +
+                      (body.empty() ? "" : ": " + body));
   }
 }
 
 }  // namespace
 
 int runPut(const Url& url, const std::vector<UploadItem>& items, Feedback& feedback) {
-  const Url server{url.host, std::to_string(fileTransferPort(url)), ""};
+  const Url& server = url;
   std::uint64_t total = 0;
   for (const UploadItem& item : items) total += item.size;
 

@@ -1,3 +1,4 @@
+#include <tuqvu/broker/filesession.h>
 #include <tuqvu/broker/httpsession.h>
 #include <tuqvu/broker/localclient.h>
 #include <tuqvu/broker/requestguard.h>
@@ -10,6 +11,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/beast/core/string.hpp>
 #include <chrono>
+#include <limits>
 #include <optional>
 
 namespace tuqvu {
@@ -44,6 +46,10 @@ void fail(const beast::error_code& error, const char* what) {
 HttpSession::HttpSession(net::ip::tcp::socket&& socket, std::shared_ptr<ServerContext> context)
     : fStream(std::move(socket)), fContext(std::move(context)) {}
 
+HttpSession::HttpSession(beast::tcp_stream&& stream, beast::flat_buffer&& buffer,
+                         std::shared_ptr<ServerContext> context)
+    : fStream(std::move(stream)), fBuffer(std::move(buffer)), fContext(std::move(context)) {}
+
 void HttpSession::run() {
   // Start on the connection's strand.
   net::dispatch(fStream.get_executor(),
@@ -52,7 +58,10 @@ void HttpSession::run() {
 
 void HttpSession::doRead() {
   fParser.emplace();
-  fParser->body_limit(kMaxBodyBytes);
+  // Files may be larger than any other body: the limit is set once the header says what
+  // the request is (onHeader). Not boost::none, which Beast 1.74 compares as below any
+  // Content-Length.
+  fParser->body_limit(std::numeric_limits<std::uint64_t>::max());
   fParser->header_limit(kMaxHeaderBytes);
   fStream.expires_after(kIdleTimeout);
   http::async_read_header(fStream, fBuffer, *fParser,
@@ -60,7 +69,24 @@ void HttpSession::doRead() {
 }
 
 void HttpSession::onHeader(beast::error_code error, std::size_t bytes) {
+  if (!error && FileSession::handles(std::string(fParser->get().target()))) {
+    // Files are streamed, not read into memory: the file API takes over from the header.
+    GuardVerdict verdict =
+        guardRequest(fParser->get(), ZR::networkAccess(), fContext->sessionToken);
+    if (verdict.refusal) {
+      const bool bodyFollows = !fParser->is_done();
+      return send(std::move(*verdict.refusal), fParser->get().version(),
+                  fParser->get().keep_alive() && !bodyFollows);
+    }
+    auto files = std::make_shared<FileSession>(
+        std::move(fStream), std::move(fBuffer), std::move(*fParser), fContext,
+        verdict.signedIn ? sessionCookieHeader(fContext->sessionToken) : std::string());
+    return files->start();
+  }
   if (error || fParser->is_done()) return onRead(error, bytes);
+  const boost::optional<std::uint64_t> length = fParser->content_length();
+  if (length && *length > kMaxBodyBytes) return onRead(http::error::body_limit, bytes);
+  fParser->body_limit(kMaxBodyBytes);
   const auto expect = fParser->get()[http::field::expect];
   if (beast::iequals(expect, "100-continue")) {
     // Tell the client to send its body; then read it.

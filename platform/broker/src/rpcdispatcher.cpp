@@ -6,6 +6,10 @@
 
 #include <algorithm>
 
+#ifndef TUQVU_VERSION
+#define TUQVU_VERSION "unknown"
+#endif
+
 namespace tuqvu {
 namespace broker {
 
@@ -107,6 +111,13 @@ std::optional<std::string> RpcDispatcher::handleOne(const json& request) const {
     return refuse("Invalid Request: \"method\" must be a string");
   }
   const std::string& fullName = methodMember->get_ref<const std::string&>();
+  if (fullName == rpc::kDiscover) {
+    const auto params = request.find("params");
+    if (params != request.end() && !(params->is_array() && params->empty())) {
+      return reply(failure(rpc::kInvalidParams, "Invalid params: rpc.discover takes none"));
+    }
+    return reply(success(dumpJson(openRpcDocument(*fBroker, TUQVU_VERSION))));
+  }
   const std::size_t dot = fullName.find('.');
   if (dot == std::string::npos || dot == 0 || dot + 1 == fullName.size()) {
     return reply(failure(rpc::kMethodNotFound, "Method not found: \"" + fullName +
@@ -186,7 +197,9 @@ std::optional<std::vector<int>> RpcDispatcher::aritiesOf(const std::string& modu
 std::optional<CallOutcome> RpcDispatcher::methodNotFound(const std::string& module,
                                                          const std::string& method) const {
   if (module == rpc::kIntrospectionModule) {
-    if (method == "getModules" || method == "getMethods") return std::nullopt;
+    if (method == "getModules" || method == "getMethods" || method == "describeModule") {
+      return std::nullopt;
+    }
     return introspect(method, ZR::ZRValue::array());  // its "Method not found"
   }
   const std::optional<std::vector<int>> arities = aritiesOf(module, method);
@@ -246,8 +259,28 @@ CallOutcome RpcDispatcher::introspect(const std::string& method, const ZR::ZRVal
                      errorData(module, method, error.description(), error.file(), error.line()));
     }
   }
+  if (method == "describeModule") {
+    if (args.size() != 1) {
+      return failure(rpc::kInvalidParams,
+                     "Invalid params: ZRBroker.describeModule takes 1 argument(s), not " +
+                         std::to_string(args.size()));
+    }
+    if (!args[0].isString()) {
+      return failure(
+          rpc::kInvalidParams,
+          "Invalid params: ZRBroker.describeModule expects a module name (a string), not " +
+              ZR::ZRValue::TypeToString(args[0].getType()));
+    }
+    try {
+      return success(dumpJson(moduleJson(*fBroker, args[0].toString())));
+    } catch (const ZR::ZRError& error) {
+      return failure(rpc::kCallFailed, error.what(),
+                     errorData(module, method, error.description(), error.file(), error.line()));
+    }
+  }
   return failure(rpc::kMethodNotFound, "Method not found: module " + module + " has no method " +
-                                           method + " (it has getModules and getMethods)");
+                                           method +
+                                           " (it has getModules, getMethods and describeModule)");
 }
 
 std::string RpcDispatcher::evaluate(const std::string& module, const std::string& method,

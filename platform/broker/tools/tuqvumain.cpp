@@ -208,6 +208,10 @@ int main(int argc, char** argv) {
       std::make_shared<tb::CallAdmission>(tb::CallAdmission::limitsFromEnvironment());
   context->hub = std::make_shared<tb::SseHub>(tb::SseHub::maxSubscribersFromEnvironment());
   context->sessionToken = tb::randomHex(16);
+  context->fileFolders = [weak = boost::weak_ptr<ZR::ZRBroker>(broker)] {
+    const boost::shared_ptr<ZR::ZRBroker> alive = weak.lock();
+    return alive ? alive->fileFolders() : nullptr;
+  };
   std::shared_ptr<tb::SseHub> hub = context->hub;
   platform->observeMemory(
       [hub](const std::string& key, const ZR::ZRValue& value) { hub->publish(key, value); });

@@ -9,6 +9,7 @@
 // get a thread of their own, so blocking calls never starve one another.
 #pragma once
 
+#include <zr/zrfilefolders.h>
 #include <zr/zrmethodinfo.h>
 #include <zr/zrvalue.h>
 
@@ -19,6 +20,7 @@
 #include <condition_variable>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -43,6 +45,8 @@ public:
   bool hasModule(const std::string& name) const;
   std::vector<std::string> getModuleNames() const;  // in registration order
   std::vector<ZRMethodInfo> getMethods(const std::string& module) const;
+  // What the module says it is for (setModuleDescription); ZRError for an unknown module.
+  std::string getModuleDescription(const std::string& module) const;
   // The module's page (its httpGet hook); ZRError for an unknown module.
   std::string modulePage(const std::string& module);
 
@@ -90,6 +94,12 @@ public:
   bool shutdown(int graceMs);
   bool isShuttingDown() const { return fShuttingDown.load(); }
 
+  // The folders of the broker's file API (ZRFileFolders); one module publishes them at a
+  // time. Withdrawing takes them away only when they are still the ones published.
+  void publishFileFolders(std::shared_ptr<const ZRFileFolders> folders);
+  void withdrawFileFolders(const ZRFileFolders* folders);
+  std::shared_ptr<const ZRFileFolders> fileFolders() const;  // null when none are published
+
   template <typename T>
   boost::shared_ptr<T> getSpecialisedProxy(const std::string& module) {
     return boost::make_shared<T>(shared_from_this(), module);
@@ -117,6 +127,10 @@ private:
   int fTasksInProgress = 0;
 
   std::atomic<bool> fShuttingDown{false};
+
+  // Guards fFileFolders alone; held only to copy or replace the pointer.
+  mutable std::mutex fFileFoldersMutex;
+  std::shared_ptr<const ZRFileFolders> fFileFolders;
 };
 
 }  // namespace ZR

@@ -112,6 +112,15 @@ std::vector<ZRMethodInfo> ZRBroker::getMethods(const std::string& module) const 
   return target->getMethods();
 }
 
+std::string ZRBroker::getModuleDescription(const std::string& module) const {
+  const ZRModuleCore* target = findModule(module);
+  if (target == nullptr) {
+    throw ZRError(fName, "getModuleDescription", "module " + module + " is not registered",
+                  __FILE__, __LINE__);
+  }
+  return target->getModuleDescription();
+}
+
 std::string ZRBroker::modulePage(const std::string& module) {
   ZRModuleCore* target = findModule(module);
   if (target == nullptr) {
@@ -231,6 +240,21 @@ bool ZRBroker::shutdown(int graceMs) {
   std::unique_lock<std::mutex> lock(fActivityMutex);
   return fIdle.wait_for(lock, std::chrono::milliseconds(std::max(graceMs, 0)),
                         [&] { return fCallsInProgress == 0 && fTasksInProgress == 0; });
+}
+
+void ZRBroker::publishFileFolders(std::shared_ptr<const ZRFileFolders> folders) {
+  std::lock_guard<std::mutex> lock(fFileFoldersMutex);
+  fFileFolders = std::move(folders);
+}
+
+void ZRBroker::withdrawFileFolders(const ZRFileFolders* folders) {
+  std::lock_guard<std::mutex> lock(fFileFoldersMutex);
+  if (fFileFolders.get() == folders) fFileFolders.reset();
+}
+
+std::shared_ptr<const ZRFileFolders> ZRBroker::fileFolders() const {
+  std::lock_guard<std::mutex> lock(fFileFoldersMutex);
+  return fFileFolders;
 }
 
 }  // namespace ZR

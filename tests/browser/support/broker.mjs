@@ -13,6 +13,26 @@ const LISTENING = /tuqvu: listening on [^\s]*:(\d+)\n/;
 // Guards against a hang only: a daemon slower than this is broken.
 const GUARD_MS = 60000;
 
+// The options of a test's command line: --tuqvu PROGRAM --module LIBRARY --out FOLDER.
+export function parseArgs(argv) {
+  const options = {};
+  for (let i = 0; i < argv.length; i += 2) options[argv[i].replace(/^--/, '')] = argv[i + 1];
+  for (const name of ['tuqvu', 'module', 'out']) {
+    if (!options[name]) throw new Error(`missing --${name}`);
+  }
+  return options;
+}
+
+// A daemon of `options` (parseArgs) with a fresh HOME and prefix in `scratch`, which is
+// emptied first; its log is scratch/tuqvu.log.
+export async function startTuqvuIn(scratch, options) {
+  fs.rmSync(scratch, { recursive: true, force: true });
+  for (const folder of ['home', 'prefix']) fs.mkdirSync(path.join(scratch, folder), { recursive: true });
+  return startTuqvu({ program: options.tuqvu, module: options.module,
+                      home: path.join(scratch, 'home'), prefix: path.join(scratch, 'prefix'),
+                      logFile: path.join(scratch, 'tuqvu.log') });
+}
+
 export async function startTuqvu({ program, module, home, prefix, logFile }) {
   const env = { ...process.env, HOME: home, TUQVU_SDK_PREFIX: prefix };
   delete env.XDG_DATA_HOME;

@@ -77,8 +77,8 @@ TEST(Cli, HelpExplainsCallsAndWatchingWithExamples) {
 
 TEST(Cli, HelpDescribesEveryOptionAndUploads) {
   const std::string help = cliHelpText();
-  for (const char* part : {"--put LOCAL REMOTE", "--progress", "_httpFileTransferPort",
-                           "/behaviors/User/", "/tmp/", "Exit status", "-h"}) {
+  for (const char* part : {"--put LOCAL REMOTE", "--progress", "/files/REMOTE", "/behaviors/User/",
+                           "/tmp/", "Exit status", "-h"}) {
     EXPECT_NE(std::string::npos, help.find(part)) << part;
   }
 }

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <tuqvu/broker/registryjson.h>
 #include <tuqvu/broker/rpcdispatcher.h>
 #include <zr/zrbroker.h>
 #include <zr/zrerror.h>
@@ -207,6 +208,69 @@ TEST_F(RpcDispatcherTest, IntrospectionErrors) {
       -32602,
       call(R"({"jsonrpc":"2.0","id":1,"method":"ZRBroker.getModules","params":[1]})")["error"]
                                                                                      ["code"]);
+}
+
+TEST_F(RpcDispatcherTest, DescribeModuleGivesTheModulesDescriptionWithItsMethods) {
+  module.setModuleDescription("adds numbers");
+  const json described = call(
+      R"({"jsonrpc":"2.0","id":1,"method":"ZRBroker.describeModule","params":["Calc"]})")["result"];
+  EXPECT_EQ("Calc", described["name"]);
+  EXPECT_EQ("adds numbers", described["description"]);
+  EXPECT_EQ(
+      call(
+          R"({"jsonrpc":"2.0","id":1,"method":"ZRBroker.getMethods","params":["Calc"]})")["result"],
+      described["methods"]);
+  const json unknown = call(
+      R"({"jsonrpc":"2.0","id":1,"method":"ZRBroker.describeModule","params":["Nope"]})")["error"];
+  EXPECT_EQ(-32000, unknown["code"]);
+  EXPECT_EQ("describeModule", unknown["data"]["method"]);
+  EXPECT_EQ(-32602, call(R"({"jsonrpc":"2.0","id":1,"method":"ZRBroker.describeModule",
+                             "params":[1]})")["error"]["code"]);
+  EXPECT_EQ(
+      -32602,
+      call(R"({"jsonrpc":"2.0","id":1,"method":"ZRBroker.describeModule"})")["error"]["code"]);
+}
+
+TEST_F(RpcDispatcherTest, DiscoverAnswersAnOpenRpcDocumentOfEveryMethod) {
+  const json document = call(R"({"jsonrpc":"2.0","id":1,"method":"rpc.discover"})")["result"];
+  EXPECT_EQ("1.2.6", document["openrpc"]);
+  EXPECT_EQ("tuqvu", document["info"]["title"]);
+  std::vector<std::string> names;
+  for (const json& method : document["methods"]) names.push_back(method["name"]);
+  EXPECT_EQ((std::vector<std::string>{"ZRBroker.getModules", "ZRBroker.getMethods",
+                                      "ZRBroker.describeModule", "Calc.add", "Calc.nothing",
+                                      "Calc.fail", "Calc.std", "Calc.nested", "Calc.pair"}),
+            names);
+  const json add = document["methods"][3];
+  EXPECT_EQ("does add", add["description"]);
+  EXPECT_EQ("by-position", add["paramStructure"]);
+  EXPECT_EQ(json::parse(R"({"name":"a","description":"the a","schema":{"type":"integer"},
+                            "required":true})"),
+            add["params"][0]);
+  EXPECT_EQ(json::parse(R"({"name":"return","description":"what add gives",
+                            "schema":{"type":"integer"}})"),
+            add["result"]);
+  EXPECT_EQ(json::parse(R"({"type":"null"})"), document["methods"][4]["result"]["schema"]);
+  // Two forms of "pair": one entry, the parameters of the longer form beyond the shorter
+  // one optional, any value for ZRValue.
+  const json pair = document["methods"][8];
+  ASSERT_EQ(3u, pair["params"].size());
+  EXPECT_TRUE(pair["params"][0]["required"].get<bool>());
+  EXPECT_FALSE(pair["params"][1]["required"].get<bool>());
+  EXPECT_EQ(json::object(), pair["params"][2]["schema"]);
+  // Parameters are not taken.
+  EXPECT_EQ(
+      -32602,
+      call(R"({"jsonrpc":"2.0","id":1,"method":"rpc.discover","params":[1]})")["error"]["code"]);
+}
+
+TEST(RegistryJson, EveryTypeCodeHasTheSchemaOfItsJsonValues) {
+  EXPECT_EQ(json::parse(R"({"type":"boolean"})"), tuqvu::broker::schemaOfType("bool"));
+  EXPECT_EQ(json::parse(R"({"type":"number"})"), tuqvu::broker::schemaOfType("float"));
+  EXPECT_EQ(json::parse(R"({"type":"string"})"), tuqvu::broker::schemaOfType("std::string"));
+  EXPECT_EQ(json::parse(R"({"type":"array","items":{"type":"string"}})"),
+            tuqvu::broker::schemaOfType("std::vector<std::string>"));
+  EXPECT_EQ(json::object(), tuqvu::broker::schemaOfType("ZRValue"));
 }
 
 TEST_F(RpcDispatcherTest, EvaluateAnswersResultOrError) {

@@ -1,5 +1,5 @@
 // tuqvu-call --put and the waiting spinner against a real tuqvu with its behavior
-// manager: files and directories uploaded through the file-transfer service, installed
+// manager: files and directories uploaded through the broker's file API, installed
 // and run; progress on a terminal, with --progress, and the summary line otherwise.
 #include <common/files.h>
 #include <fcntl.h>
@@ -238,13 +238,13 @@ TEST_F(TuqvuCallPut, ALongCallShowsTheWaitingSpinnerOnATerminalOrWithTheOption) 
 }
 
 TEST_F(TuqvuCallPut, FailuresAreReportedAndNothingIsSentForABadPlan) {
-  // A path the service refuses: it closes the connection without a word.
+  // A path the broker does not serve.
   writeFile(fLocal / "page.html", "<html/>");
   CommandResult put = call({"--put", (fLocal / "page.html").string(), "/web/page.html"});
   EXPECT_EQ(1, put.status);
   EXPECT_EQ("", put.out);
   EXPECT_NE(std::string::npos, put.err.find("tuqvu-call: /web/page.html on 127.0.0.1:")) << put.err;
-  EXPECT_NE(std::string::npos, put.err.find("the broker's log")) << put.err;
+  EXPECT_NE(std::string::npos, put.err.find("404 Not Found")) << put.err;
 
   put = call({"--put", (fLocal / "missing").string(), "/tmp/missing"});
   EXPECT_EQ(1, put.status);
@@ -262,7 +262,7 @@ TEST_F(TuqvuCallPut, FailuresAreReportedAndNothingIsSentForABadPlan) {
   EXPECT_EQ(2, put.status);
 }
 
-TEST(TuqvuCallPutWithoutBehaviorManager, SaysThereIsNoFileTransferService) {
+TEST(TuqvuCallPutWithoutBehaviorManager, SaysNoModuleServesFiles) {
   TuqvuProcess daemon({"--module", "TestModule=" + testModulePath()});
   TempDir local;
   writeFile(fs::path(local.path()) / "x.xar", "x");
@@ -271,7 +271,8 @@ TEST(TuqvuCallPutWithoutBehaviorManager, SaysThereIsNoFileTransferService) {
                   "--put", local.path() + "/x.xar", "/tmp/x.xar"},
                  {{"TUQVU_SECRET", daemon.secret()}});
   EXPECT_EQ(1, put.status);
-  EXPECT_NE(std::string::npos, put.err.find("the broker offers no file-transfer service"))
+  EXPECT_NE(std::string::npos,
+            put.err.find("404 Not Found: 404 - Not Found: no module of this robot serves files"))
       << put.err;
   EXPECT_EQ(0, daemon.terminate(SIGTERM)) << daemon.stderrText();
 }

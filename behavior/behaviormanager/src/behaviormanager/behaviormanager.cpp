@@ -97,6 +97,8 @@ ZRBehaviorManager::ZRBehaviorManager(boost::shared_ptr<ZRBroker> broker, const s
   vu::project::removeStagingLeftovers((served / "boxlibraries").string(), kStagingSearchDepth);
   vu::project::removeStagingLeftovers(vu::path::userWritableDataPath("tuqvu", ""),
                                       kStagingSearchDepth);
+  fServedFolders = std::make_shared<ServedFolders>();
+  getParentBroker()->publishFileFolders(fServedFolders);
 
   const fs::path userPath(defaultUserBehaviorsPath, vu::unicodeFacet());
   boost::system::error_code statusError;
@@ -142,6 +144,7 @@ constexpr int kCallReturnSliceMs = 250;
 }  // namespace
 
 ZRBehaviorManager::~ZRBehaviorManager() {
+  getParentBroker()->withdrawFileFolders(fServedFolders.get());
   destructionStep("Could not stop the behaviors while shutting down",
                   [this] { stopAllBehaviors(); });
   std::set<std::string> loaded;

@@ -27,6 +27,7 @@
 #include <zr/zrmutex.h>
 #include <zr/zrvalue.h>
 #include <zrfiletransfer/zrfiletransfer.h>
+#include <zrfiletransfer/zrservedfolders.h>
 
 #include <boost/filesystem/path.hpp>
 #include <boost/shared_ptr.hpp>
@@ -206,6 +207,8 @@ private:
   boost::shared_ptr<ZRMemoryProxy> fMemoryProxy;
   boost::shared_ptr<ZRFrameManagerProxy> fFrameManagerProxy;
   ZRFileTransfer fFileTransfer;
+  // The same folders, offered to the broker's file API for as long as this module lives.
+  std::shared_ptr<ServedFolders> fServedFolders;
 };
 
 }  // namespace BehaviorManager

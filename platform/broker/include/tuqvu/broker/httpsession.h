@@ -1,7 +1,8 @@
 // One HTTP/1.1 connection: reads requests one after the other (keep-alive), routes each,
 // and writes the answer. A call runs on the I/O thread that read it while another I/O
 // thread stays free, else on the executor's threads; the connection waits for its answer
-// meanwhile. GET /events hands the connection over to an SseSession.
+// meanwhile. GET /events hands the connection over to an SseSession, a request of the
+// file API (/files/...) to a FileSession once its header is read.
 #pragma once
 
 #include <tuqvu/broker/httptypes.h>
@@ -22,7 +23,15 @@ namespace broker {
 class HttpSession : public std::enable_shared_from_this<HttpSession> {
 public:
   HttpSession(boost::asio::ip::tcp::socket&& socket, std::shared_ptr<ServerContext> context);
+  // A connection handed back after another session served a request on it; `buffer`
+  // holds what was read beyond that request.
+  HttpSession(boost::beast::tcp_stream&& stream, boost::beast::flat_buffer&& buffer,
+              std::shared_ptr<ServerContext> context);
   void run();
+  // For a handed-back connection, on its strand: reads the next request, or ends the
+  // connection after its last answer.
+  void resume() { doRead(); }
+  void close() { doClose(); }
 
 private:
   void doRead();

@@ -5,8 +5,9 @@
 //   RpcDispatcher rpc(broker);
 //   std::string reply = rpc.handle(R"({"jsonrpc":"2.0","id":1,"method":"M.m","params":[1]})");
 //
-// "ZRBroker.getModules()" and "ZRBroker.getMethods(module)" are answered here, from the
-// broker's registry, not by a module.
+// "ZRBroker.getModules()", "ZRBroker.getMethods(module)", "ZRBroker.describeModule(module)"
+// and "rpc.discover" (an OpenRPC document) are answered here, from the broker's registry,
+// not by a module.
 #pragma once
 
 #include <zr/zrbroker.h>
@@ -29,6 +30,8 @@ constexpr int kInvalidParams = -32602;
 constexpr int kCallFailed = -32000;    // the method threw; data describes the ZRError
 constexpr int kTooManyCalls = -32005;  // not made: the client or all have too many running
 constexpr const char* kIntrospectionModule = "ZRBroker";
+// The method that answers an OpenRPC document of every method (registryjson.h).
+constexpr const char* kDiscover = "rpc.discover";
 }  // namespace rpc
 
 // The outcome of one call: the JSON text of its result, or a JSON-RPC error object

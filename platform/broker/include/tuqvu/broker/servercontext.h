@@ -7,8 +7,10 @@
 #include <tuqvu/broker/inlinecalls.h>
 #include <tuqvu/broker/rpcdispatcher.h>
 #include <tuqvu/broker/ssehub.h>
+#include <zr/zrfilefolders.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -24,6 +26,9 @@ struct ServerContext {
   // How many calls run at once, per client and in all; null: no limit.
   std::shared_ptr<CallAdmission> admission;
   std::shared_ptr<SseHub> hub;
+  // The folders of the file API as they are now (a module may publish or withdraw them
+  // at any time); unset or null: no file is served.
+  std::function<std::shared_ptr<const ZR::ZRFileFolders>()> fileFolders;
   // Calls made whose answer is not yet written (or dropped).
   std::atomic<int> pendingAnswers{0};
   // Set when the broker shuts down: new calls are answered 503 and not made, while the
