@@ -23,7 +23,7 @@ run_packages=(
 test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev clang-format-14
-  git python3 curl wget zip unzip libarchive-tools
+  git python3 python3-requests curl wget zip unzip libarchive-tools
   chromium ccache
 )
 
