@@ -23,18 +23,21 @@ export function parseArgs(argv) {
   return options;
 }
 
-// A daemon of `options` (parseArgs) with a fresh HOME and prefix in `scratch`, which is
-// emptied first; its log is scratch/tuqvu.log.
+// A daemon of `options` (parseArgs) with a fresh HOME, prefix and temporary folder in
+// `scratch`, which is emptied first; its log is scratch/tuqvu.log.
 export async function startTuqvuIn(scratch, options) {
   fs.rmSync(scratch, { recursive: true, force: true });
-  for (const folder of ['home', 'prefix']) fs.mkdirSync(path.join(scratch, folder), { recursive: true });
+  for (const folder of ['home', 'prefix', 'tmp']) {
+    fs.mkdirSync(path.join(scratch, folder), { recursive: true });
+  }
   return startTuqvu({ program: options.tuqvu, module: options.module,
                       home: path.join(scratch, 'home'), prefix: path.join(scratch, 'prefix'),
-                      logFile: path.join(scratch, 'tuqvu.log') });
+                      tmp: path.join(scratch, 'tmp'), logFile: path.join(scratch, 'tuqvu.log') });
 }
 
-export async function startTuqvu({ program, module, home, prefix, logFile }) {
+export async function startTuqvu({ program, module, home, prefix, logFile, tmp }) {
   const env = { ...process.env, HOME: home, TUQVU_SDK_PREFIX: prefix };
+  if (tmp) env.TMPDIR = tmp;
   delete env.XDG_DATA_HOME;
   delete env.XDG_CONFIG_HOME;
   const log = fs.openSync(logFile, 'w');
