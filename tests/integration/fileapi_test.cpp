@@ -57,8 +57,9 @@ protected:
   static std::string raw(const std::string& bytes) { return rawExchange(port(), bytes, 1500); }
   static std::string head(const std::string& method, const std::string& target,
                           const std::string& extra = "") {
-    return method + " " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: " +
-           sBroker->authorization() + "\r\nConnection: close\r\n" + extra;
+    return method + " " + target +
+           " HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: " + sBroker->authorization() +
+           "\r\nConnection: close\r\n" + extra;
   }
 
   static std::unique_ptr<TempDir> sHome;
@@ -129,8 +130,7 @@ TEST_F(FileApi, AWriteNamingAnOldVersionIsRefusedAndTheNewerChangeKept) {
   EXPECT_EQ(412, late.status) << late.body;
   EXPECT_EQ("first", tuqvutest::readFile(tmp() / "shared.txt"));
   // If-None-Match: * creates only.
-  EXPECT_EQ(412,
-            request("PUT", "/files/tmp/shared.txt", "third", {{"If-None-Match", "*"}}).status);
+  EXPECT_EQ(412, request("PUT", "/files/tmp/shared.txt", "third", {{"If-None-Match", "*"}}).status);
   EXPECT_EQ(201, request("PUT", "/files/tmp/only-new.txt", "new", {{"If-None-Match", "*"}}).status);
   // If-Match on a file that does not exist fails.
   EXPECT_EQ(412, request("PUT", "/files/tmp/absent.txt", "x", {{"If-Match", base}}).status);
@@ -281,12 +281,12 @@ TEST_F(FileApi, NothingIsReadOrChangedWithoutTheSecret) {
 
 TEST_F(FileApi, PagesOfOtherSitesCannotChangeFiles) {
   writeFile(tmp() / "guarded.txt", "guarded");
-  EXPECT_EQ(403, request("PUT", "/files/tmp/guarded.txt", "evil",
-                         {{"Origin", "http://evil.example"}})
-                     .status);
-  EXPECT_EQ(403, request("DELETE", "/files/tmp/guarded.txt", "",
-                         {{"Sec-Fetch-Site", "cross-site"}})
-                     .status);
+  EXPECT_EQ(
+      403,
+      request("PUT", "/files/tmp/guarded.txt", "evil", {{"Origin", "http://evil.example"}}).status);
+  EXPECT_EQ(
+      403,
+      request("DELETE", "/files/tmp/guarded.txt", "", {{"Sec-Fetch-Site", "cross-site"}}).status);
   EXPECT_EQ("guarded", tuqvutest::readFile(tmp() / "guarded.txt"));
 }
 
@@ -323,9 +323,9 @@ TEST_F(FileApi, AConnectionGoesOnWithCallsAfterAFileRequest) {
   HttpConnection connection(port());
   EXPECT_EQ(201, connection.request("PUT", "/files/tmp/then-call.txt", "x").status);
   EXPECT_EQ(200, connection.request("GET", "/files/tmp/then-call.txt").status);
-  const HttpReply call = connection.request(
-      "POST", "/rpc", rpcRequest("ZRBroker.getModules", json::array()),
-      {{"Content-Type", "application/json"}});
+  const HttpReply call =
+      connection.request("POST", "/rpc", rpcRequest("ZRBroker.getModules", json::array()),
+                         {{"Content-Type", "application/json"}});
   EXPECT_EQ(200, call.status);
   EXPECT_NE(std::string::npos, call.body.find("ZRBehaviorManager"));
 }

@@ -69,8 +69,7 @@ protected:
   fs::path work() const { return fs::path(fWork.path()); }
   std::string curl() const { return "curl -sS -f -u robot:" + quoted(fBroker->secret()) + " "; }
   std::string wget() const {
-    return "wget -q --auth-no-challenge --user=robot --password=" + quoted(fBroker->secret()) +
-           " ";
+    return "wget -q --auth-no-challenge --user=robot --password=" + quoted(fBroker->secret()) + " ";
   }
   // Environment for the scripts of Node and Python.
   std::string scriptEnvironment() const {
@@ -85,11 +84,12 @@ protected:
 TEST_F(FileApiClients, CurlUploadsAFileAndAPipeAndTheNamesAreDecoded) {
   writeFile(work() / "local.txt", "from a file");
   CommandRun upload = run(curl() + "-T " + quoted((work() / "local.txt").string()) + " " +
-                   quoted(fBase + "/tmp/my%20file.txt"));
+                          quoted(fBase + "/tmp/my%20file.txt"));
   ASSERT_EQ(0, upload.status) << upload.output;
   EXPECT_EQ("from a file", tuqvutest::readFile(tmp() / "my file.txt"));
   // A pipe has no length: curl sends it chunked.
-  CommandRun piped = run("printf 'from a pipe' | " + curl() + "-T - " + quoted(fBase + "/tmp/piped.txt"));
+  CommandRun piped =
+      run("printf 'from a pipe' | " + curl() + "-T - " + quoted(fBase + "/tmp/piped.txt"));
   ASSERT_EQ(0, piped.status) << piped.output;
   EXPECT_EQ("from a pipe", tuqvutest::readFile(tmp() / "piped.txt"));
   CommandRun read = run(curl() + quoted(fBase + "/tmp/my%20file.txt"));
@@ -106,7 +106,7 @@ TEST_F(FileApiClients, CurlResumesACutDownloadAndSkipsAnUnchangedOne) {
   EXPECT_TRUE(tuqvutest::readFile(work() / "big.bin") == content);
   // -z with the local copy: nothing comes when the robot's file is not newer.
   CommandRun conditional = run(curl() + "-o /dev/null -w '%{http_code}' -z " + target + " " +
-                        quoted(fBase + "/tmp/big.bin"));
+                               quoted(fBase + "/tmp/big.bin"));
   EXPECT_EQ("304", conditional.output);
 }
 
@@ -115,9 +115,9 @@ TEST_F(FileApiClients, WgetMirrorsAFolderAndFetchesOnlyWhatChanged) {
   writeFile(tmp() / "site" / "sub dir" / "b.txt", "bb");
   writeFile(tmp() / "site" / "sub dir" / "deeper" / "c.txt", "ccc");
   const std::string mirror = (work() / "mirror").string();
-  CommandRun mirrored = run("cd " + quoted(work().string()) + " && " + wget() +
-                     "-r -np -nH --cut-dirs=3 -R 'index.html*' -P mirror " +
-                     quoted(fBase + "/tmp/site/"));
+  CommandRun mirrored =
+      run("cd " + quoted(work().string()) + " && " + wget() +
+          "-r -np -nH --cut-dirs=3 -R 'index.html*' -P mirror " + quoted(fBase + "/tmp/site/"));
   ASSERT_EQ(0, mirrored.status) << mirrored.output;
   EXPECT_EQ("a", tuqvutest::readFile(mirror + "/a.txt"));
   EXPECT_EQ("bb", tuqvutest::readFile(mirror + "/sub dir/b.txt"));
@@ -139,7 +139,7 @@ TEST_F(FileApiClients, WgetContinuesAPartialDownload) {
   writeFile(tmp() / "part.bin", content);
   writeFile(work() / "part.bin", content.substr(0, 50000));
   CommandRun continued = run("cd " + quoted(work().string()) + " && " + wget() + "-c -S " +
-                      quoted(fBase + "/tmp/part.bin"));
+                             quoted(fBase + "/tmp/part.bin"));
   ASSERT_EQ(0, continued.status) << continued.output;
   EXPECT_NE(std::string::npos, continued.output.find("206 Partial Content")) << continued.output;
   EXPECT_TRUE(tuqvutest::readFile(work() / "part.bin") == content);
@@ -195,7 +195,8 @@ names = [entry["name"] for entry in listing.json()]
 print(json.dumps({"put": put.status_code, "names": names}))
 )PY";
   writeFile(work() / "client.py", script);
-  CommandRun python = run(scriptEnvironment() + "python3 " + quoted((work() / "client.py").string()));
+  CommandRun python =
+      run(scriptEnvironment() + "python3 " + quoted((work() / "client.py").string()));
   ASSERT_EQ(0, python.status) << python.output;
   const nlohmann::json seen = nlohmann::json::parse(python.output);
   EXPECT_EQ(201, seen["put"]);

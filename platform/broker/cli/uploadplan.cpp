@@ -1,4 +1,4 @@
-// tuqvu-call --put: which files go where, and reading the file-transfer service's answer.
+// tuqvu-call --put: which files go where, and reading the broker's answer to a PUT.
 #include <sys/stat.h>
 #include <tuqvu/broker/cli.h>
 
@@ -15,11 +15,12 @@ void checkRemotePath(const std::string& remote) {
   if (remote.empty() || remote[0] != '/') {
     throw UsageError("the remote path must begin with '/', not \"" + remote + "\"");
   }
+  // The path is sent percent-encoded: blanks, '?', '#' and '%' are names like others.
+  // Control characters the broker refuses in names it creates.
   for (const unsigned char c : remote) {
-    if (c <= ' ' || c == 0x7f || c == '?' || c == '#' || c == '%') {
+    if (c < ' ' || c == 0x7f) {
       throw UsageError("the remote path \"" + remote +
-                       "\" holds a character the file-transfer service cannot take "
-                       "(blank, control character, '?', '#' or '%')");
+                       "\" holds a control character, which no name on the robot may have");
     }
   }
   std::size_t start = 1;

@@ -112,8 +112,8 @@ void FileSession::start() {
 
   const Target target = splitTarget(std::string(request.target()));
   if (target.path == "/files") {
-    auto moved = std::make_shared<http::response<http::string_body>>(http::status::moved_permanently,
-                                                                     fVersion);
+    auto moved = std::make_shared<http::response<http::string_body>>(
+        http::status::moved_permanently, fVersion);
     moved->set(http::field::location, kPrefix);
     moved->prepare_payload();
     return send(moved);
@@ -143,8 +143,8 @@ void FileSession::start() {
       return serveWrite(mapped);
     case http::verb::delete_: return serveRemove(mapped);
     default: {
-      auto answer = std::make_shared<Response>(textResponse(http::status::method_not_allowed,
-                                                            "405 - Method Not Allowed"));
+      auto answer = std::make_shared<Response>(
+          textResponse(http::status::method_not_allowed, "405 - Method Not Allowed"));
       answer->set(http::field::allow, "GET, HEAD, PUT, DELETE");
       answer->prepare_payload();
       return send(answer);
@@ -252,8 +252,8 @@ void FileSession::serveFolder(int folder, const std::string& urlPath) {
     ListedEntry entry;
     entry.name = name.name;
     entry.type = typeOf(status.st_mode);
-    entry.size = entry.type == ListedEntry::Type::File ? static_cast<std::uint64_t>(status.st_size)
-                                                       : 0;
+    entry.size =
+        entry.type == ListedEntry::Type::File ? static_cast<std::uint64_t>(status.st_size) : 0;
     entry.modified = status.st_mtim.tv_sec;
     if (entry.type == ListedEntry::Type::File) entry.entityTag = validatorsOf(status).entityTag;
     entries.push_back(std::move(entry));
@@ -264,7 +264,8 @@ void FileSession::serveFolder(int folder, const std::string& urlPath) {
   std::shared_ptr<Response> answer =
       wantsJson(request)
           ? std::make_shared<Response>(jsonResponse(http::status::ok, listingJson(entries)))
-          : std::make_shared<Response>(htmlResponse(http::status::ok, listingHtml(urlPath, entries)));
+          : std::make_shared<Response>(
+                htmlResponse(http::status::ok, listingHtml(urlPath, entries)));
   answer->set(http::field::vary, "Accept");
   answer->set(http::field::cache_control, "no-cache");
   if (request.method() == http::verb::head) {
@@ -287,7 +288,8 @@ void FileSession::serveWrite(const ZR::ZRFileTarget& target) {
                       std::to_string(limit) + " (TUQVU_FILE_PUT_MAX_BYTES)");
   }
   if (target.components.empty()) {
-    return refuse(http::status::forbidden, fFolders->changeRefusal(target, ZR::ZRFileChange::Create));
+    return refuse(http::status::forbidden,
+                  fFolders->changeRefusal(target, ZR::ZRFileChange::Create));
   }
   // A root that does not exist yet (a new application's data folder) is made first.
   boost::system::error_code made;
@@ -321,7 +323,8 @@ void FileSession::serveWrite(const ZR::ZRFileTarget& target) {
   upload->mode = upload->existed ? (existing.st_mode & 07777) : 0;
   Validators before;
   if (upload->existed) before = validatorsOf(existing);
-  if (evaluatePreconditions(request, upload->existed ? &before : nullptr) != Precondition::Proceed) {
+  if (evaluatePreconditions(request, upload->existed ? &before : nullptr) !=
+      Precondition::Proceed) {
     return refuse(http::status::precondition_failed,
                   "the file is not the version the request names (If-Match / If-None-Match)");
   }
@@ -430,8 +433,7 @@ void FileSession::serveRemove(const ZR::ZRFileTarget& target) {
   vu::beneath::UniqueFd parent;
   if (root) {
     parent.reset(vu::beneath::openBeneath(
-        root.get(), joined(target.components, target.components.size() - 1),
-        O_PATH | O_DIRECTORY));
+        root.get(), joined(target.components, target.components.size() - 1), O_PATH | O_DIRECTORY));
   }
   if (!parent) {
     if (errno == ELOOP || errno == EXDEV) {
@@ -447,9 +449,9 @@ void FileSession::serveRemove(const ZR::ZRFileTarget& target) {
   const int error =
       vu::beneath::removeTree(parent.get(), target.components.back(), fFolders->keptDirectories());
   if (error != 0) {
-    vu::log::write(vu::log::warning, kCategory, "delete",
-                   "removing " + joined(target.components, SIZE_MAX) + " failed: " +
-                       std::strerror(error));
+    vu::log::write(
+        vu::log::warning, kCategory, "delete",
+        "removing " + joined(target.components, SIZE_MAX) + " failed: " + std::strerror(error));
     return refuse(error == EBUSY ? http::status::forbidden : http::status::internal_server_error,
                   error == EBUSY ? "it holds a folder this robot depends on; that part stays"
                                  : std::strerror(error));
@@ -466,8 +468,7 @@ void FileSession::refuse(http::status status, const std::string& why) {
 }
 
 template <class Body>
-void FileSession::send(std::shared_ptr<http::response<Body>> response,
-                       std::shared_ptr<void> held) {
+void FileSession::send(std::shared_ptr<http::response<Body>> response, std::shared_ptr<void> held) {
   // A request body that was not read cannot be told from the next request.
   if (fHasBody) fKeepAlive = false;
   if (!fCookie.empty()) response->set(http::field::set_cookie, fCookie);
@@ -483,15 +484,15 @@ void FileSession::send(std::shared_ptr<http::response<Body>> response,
   response->keep_alive(fKeepAlive);
   const auto length = response->payload_size();
   fStream.expires_after(allowance(length ? *length : 0));
-  http::async_write(fStream, *response,
-                    [self = shared_from_this(), response, held](beast::error_code error,
-                                                                std::size_t) {
-                      if (error) {
-                        vu::log::write(vu::log::verbose, kCategory, "write", error.message());
-                        return;
-                      }
-                      self->done(!response->need_eof());
-                    });
+  http::async_write(
+      fStream, *response,
+      [self = shared_from_this(), response, held](beast::error_code error, std::size_t) {
+        if (error) {
+          vu::log::write(vu::log::verbose, kCategory, "write", error.message());
+          return;
+        }
+        self->done(!response->need_eof());
+      });
 }
 
 void FileSession::done(bool keepAlive) {

@@ -188,6 +188,16 @@ TEST_F(TuqvuCallPut, AReplacedFileHasTheNewContentOnly) {
   EXPECT_EQ(0u, put.err.find("tuqvu-call: sent 2 B in 1 file to ")) << put.err;
 }
 
+TEST_F(TuqvuCallPut, NamesWithBlanksAndSignsArriveAsTheyAre) {
+  writeFile(fLocal / "odd names" / "a b#1?.xar", "a");
+  writeFile(fLocal / "odd names" / "100%.txt", "b");
+  const CommandResult put =
+      call({"--put", (fLocal / "odd names").string(), "/behaviors/User/odd names"});
+  ASSERT_EQ(0, put.status) << put.err;
+  EXPECT_EQ("a", readFile(userBehaviors() / "odd names" / "a b#1?.xar"));
+  EXPECT_EQ("b", readFile(userBehaviors() / "odd names" / "100%.txt"));
+}
+
 TEST_F(TuqvuCallPut, ProgressIsShownWithTheOption) {
   writeFile(fLocal / "big.bin", randomBytes(3 * 1024 * 1024));
   const CommandResult put =
@@ -250,12 +260,12 @@ TEST_F(TuqvuCallPut, FailuresAreReportedAndNothingIsSentForABadPlan) {
   EXPECT_EQ(1, put.status);
   EXPECT_NE(std::string::npos, put.err.find("missing: no such file or directory")) << put.err;
 
-  // One name the service cannot take: not even the good files are sent.
+  // One name no file on the robot may have: not even the good files are sent.
   writeFile(fLocal / "mixed" / "a.xar", "a");
-  writeFile(fLocal / "mixed" / "b c.xar", "b");
+  writeFile(fLocal / "mixed" / "b\tc.xar", "b");
   put = call({"--put", (fLocal / "mixed").string(), "/behaviors/User/mixed"});
   EXPECT_EQ(2, put.status);
-  EXPECT_NE(std::string::npos, put.err.find("b c.xar")) << put.err;
+  EXPECT_NE(std::string::npos, put.err.find("control character")) << put.err;
   EXPECT_FALSE(fs::exists(userBehaviors() / "mixed"));
 
   put = call({"--put", (fLocal / "mixed" / "a.xar").string(), "/behaviors/User/../x"});

@@ -23,8 +23,8 @@ namespace broker {
 struct DescriptorBody {
   struct value_type {
     int fd = -1;
-    std::uint64_t offset = 0;  // where a response starts reading
-    std::uint64_t length = 0;  // how much a response sends
+    std::uint64_t offset = 0;    // where a response starts reading
+    std::uint64_t length = 0;    // how much a response sends
     std::uint64_t received = 0;  // what a request body has written so far
   };
 

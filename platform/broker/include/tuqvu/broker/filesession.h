@@ -41,8 +41,8 @@ public:
   // Whether a request target belongs to the file API.
   static bool handles(const std::string& target);
 
-  // `parser` holds the request header and nothing of its body; `cookie`, when not empty, is a Set-Cookie value
-  // for the answer.
+  // `parser` holds the request header and nothing of its body; `cookie`, when not empty, is a
+  // Set-Cookie value for the answer.
   FileSession(boost::beast::tcp_stream&& stream, boost::beast::flat_buffer&& buffer,
               http::request_parser<http::string_body>&& parser,
               std::shared_ptr<ServerContext> context, std::string cookie);
