@@ -14,7 +14,7 @@ cd "$(dirname "$0")/.."
 
 seconds=${1:-300}
 shift || true
-all=(filetransfer_path filetransfer_http behaviorfile projectxml package jsonrpc eval)
+all=(filetransfer_path filetransfer_http behaviorfile projectxml package jsonrpc eval fileheaders)
 targets=("$@")
 ((${#targets[@]})) || targets=("${all[@]}")
 jobs=${TUQVU_JOBS:-2}
@@ -41,7 +41,7 @@ run_target() {
     echo "fuzz $target: held, $runs inputs in $((SECONDS - started)) s"
   else
     echo "fuzz $target: FAILED after $((SECONDS - started)) s; input in $findings/, log $log"
-    grep -E 'ERROR|SUMMARY|fuzz sandbox|path mapping|behavior file:|project.xml:|package:|json-rpc:|eval:|http harness' \
+    grep -E 'ERROR|SUMMARY|fuzz sandbox|path mapping|behavior file:|project.xml:|package:|json-rpc:|eval:|file headers:|http harness' \
       "$log" | head -20 || true
     touch "build-fuzz/failed/$target"
   fi

@@ -198,7 +198,7 @@ TEST_F(UploadPlan, WhatCannotBeSentIsRefusedBeforeAnythingIsSent) {
   fs::create_directories(fRoot / "empty" / "inner");
   EXPECT_THROW(planUpload(path("empty"), "/tmp/x"), std::runtime_error);
   write("ok/a.txt", "a");
-  write("ok/with blank.txt", "b");
+  write("ok/with\ttab.txt", "b");
   EXPECT_THROW(planUpload(path("ok"), "/tmp/x"), UsageError);
   EXPECT_THROW(planUpload(path("ok/a.txt"), "tmp/x"), UsageError);
   write("fifo/a.txt", "a");
