@@ -1,6 +1,7 @@
 // tuqvu-call --put: which files go where, and reading the broker's answer to a PUT.
 #include <sys/stat.h>
 #include <tuqvu/broker/cli.h>
+#include <vu/text.h>
 
 #include <algorithm>
 #include <boost/filesystem.hpp>
@@ -17,11 +18,9 @@ void checkRemotePath(const std::string& remote) {
   }
   // The path is sent percent-encoded: blanks, '?', '#' and '%' are names like others.
   // Control characters the broker refuses in names it creates.
-  for (const unsigned char c : remote) {
-    if (c < ' ' || c == 0x7f) {
-      throw UsageError("the remote path \"" + remote +
-                       "\" holds a control character, which no name on the robot may have");
-    }
+  if (vu::text::holdsControlCharacter(remote)) {
+    throw UsageError("the remote path \"" + remote +
+                     "\" holds a control character, which no name on the robot may have");
   }
   std::size_t start = 1;
   while (start <= remote.size()) {

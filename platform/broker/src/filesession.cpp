@@ -8,6 +8,7 @@
 #include <vu/beneath.h>
 #include <vu/log.h>
 #include <vu/replacement.h>
+#include <vu/text.h>
 
 #include <algorithm>
 #include <boost/beast/core/string.hpp>
@@ -42,13 +43,6 @@ std::string joined(const std::vector<std::string>& components, std::size_t count
     path += components[i];
   }
   return path;
-}
-
-bool holdsControlCharacter(const std::string& text) {
-  return std::any_of(text.begin(), text.end(), [](char c) {
-    const unsigned char byte = static_cast<unsigned char>(c);
-    return byte < 0x20 || byte == 0x7f;
-  });
 }
 
 bool diskIsFull(int error) {
@@ -137,7 +131,7 @@ void FileSession::start() {
     case http::verb::get:
     case http::verb::head: return serveRead(mapped, target.path);
     case http::verb::put:
-      if (holdsControlCharacter(*decoded)) {
+      if (vu::text::holdsControlCharacter(*decoded)) {
         return refuse(http::status::bad_request, "a name in the path holds a control character");
       }
       return serveWrite(mapped);

@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 #include <tuqvu/broker/localclient.h>
 #include <unistd.h>
+#include <vu/text.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -70,14 +71,6 @@ SocketOwner findSocket(const char* table, const std::string& peer, const std::st
   return {};
 }
 
-bool isNumber(const char* name) {
-  if (*name == '\0') return false;
-  for (; *name; ++name) {
-    if (*name < '0' || *name > '9') return false;
-  }
-  return true;
-}
-
 // The process of `uid` that holds the socket `inode`, or 0.
 unsigned long processHolding(unsigned long uid, unsigned long inode) {
   const std::string wanted = "socket:[" + std::to_string(inode) + "]";
@@ -87,14 +80,14 @@ unsigned long processHolding(unsigned long uid, unsigned long inode) {
   while (holder == 0) {
     const dirent* process = ::readdir(processes);
     if (!process) break;
-    if (!isNumber(process->d_name)) continue;
+    if (!vu::text::isAllDigits(process->d_name)) continue;
     const std::string base = std::string("/proc/") + process->d_name;
     struct stat owner;
     if (::stat(base.c_str(), &owner) != 0 || owner.st_uid != uid) continue;
     DIR* descriptors = ::opendir((base + "/fd").c_str());
     if (!descriptors) continue;  // another user's, or gone
     while (const dirent* descriptor = ::readdir(descriptors)) {
-      if (!isNumber(descriptor->d_name)) continue;
+      if (!vu::text::isAllDigits(descriptor->d_name)) continue;
       char target[64];
       const std::string link = base + "/fd/" + descriptor->d_name;
       const ssize_t length = ::readlink(link.c_str(), target, sizeof target - 1);

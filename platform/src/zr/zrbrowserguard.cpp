@@ -1,3 +1,4 @@
+#include <vu/text.h>
 #include <zr/zrbrowserguard.h>
 
 #include <algorithm>
@@ -13,11 +14,6 @@ std::string lowerCase(std::string text) {
   return text;
 }
 
-bool allDigits(const std::string& text) {
-  return !text.empty() && std::all_of(text.begin(), text.end(),
-                                      [](unsigned char c) { return std::isdigit(c) != 0; });
-}
-
 }  // namespace
 
 std::string hostOfHostHeader(const std::string& value) {
@@ -27,7 +23,7 @@ std::string hostOfHostHeader(const std::string& value) {
   }
   const std::size_t colon = value.rfind(':');
   if (colon != std::string::npos && value.find(':') == colon &&
-      allDigits(value.substr(colon + 1))) {
+      vu::text::isAllDigits(value.substr(colon + 1))) {
     return value.substr(0, colon);
   }
   return value;

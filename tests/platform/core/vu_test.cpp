@@ -8,6 +8,7 @@
 #include <vu/os.h>
 #include <vu/path.h>
 #include <vu/settings.h>
+#include <vu/text.h>
 #include <vu/unicode.h>
 
 #include <boost/filesystem.hpp>
@@ -198,4 +199,25 @@ TEST(Base64, RefusesWhatIsNotBase64) {
   for (const char* text : {"Zm9", "Zm9v!", "Z===", "Zg==Zg==", "Zm=v", "Zm9v\x80"}) {
     EXPECT_FALSE(vu::base64::decode(text, bytes)) << text;
   }
+}
+
+TEST(VuText, ControlCharactersAreTheBytesBelowSpaceAndDelete) {
+  EXPECT_TRUE(vu::text::holdsControlCharacter("a\nb"));
+  EXPECT_TRUE(vu::text::holdsControlCharacter("tab\there"));
+  EXPECT_TRUE(vu::text::holdsControlCharacter(std::string("nul\0", 4)));
+  EXPECT_TRUE(vu::text::holdsControlCharacter("del\x7f"));
+  EXPECT_TRUE(vu::text::holdsControlCharacter("\x1b[31m"));
+  EXPECT_FALSE(vu::text::holdsControlCharacter("behaviors/User/walk forward/behavior.xar"));
+  EXPECT_FALSE(vu::text::holdsControlCharacter("caf\xc3\xa9~!%0A"));
+  EXPECT_FALSE(vu::text::holdsControlCharacter(""));
+}
+
+TEST(VuText, AllDigitsMeansAtLeastOneAndOnlyAsciiDigits) {
+  EXPECT_TRUE(vu::text::isAllDigits("0"));
+  EXPECT_TRUE(vu::text::isAllDigits("31415"));
+  EXPECT_FALSE(vu::text::isAllDigits(""));
+  EXPECT_FALSE(vu::text::isAllDigits("12a"));
+  EXPECT_FALSE(vu::text::isAllDigits("-1"));
+  EXPECT_FALSE(vu::text::isAllDigits(" 1"));
+  EXPECT_FALSE(vu::text::isAllDigits("\xd9\xa3"));  // an Arabic-Indic digit is not ASCII
 }

@@ -1,5 +1,6 @@
 // ZRFrameManager: instances run their steps, time their waits, stop promptly when
 // exited or deleted, fail with ZRError, and run by the hundred at once.
+#include <common/eventually.h>
 #include <gtest/gtest.h>
 #include <vu/path.h>
 #include <zr/modules/zrframemanager.h>
@@ -116,6 +117,14 @@ TEST_F(FrameManagerTest, ExitEndsALongWaitAndSkipsTheRest) {
     <set key="After" value="1"/>)");
   auto run = start(id);
   ASSERT_TRUE(frames->isBehaviorRunning(id));
+  // The exit is meant for the wait: it comes once the step before it has run.
+  ASSERT_TRUE(tuqvutest::eventually([&] {
+    try {
+      return memory->getData("Before") == ZRValue("1");
+    } catch (const ZRError&) {
+      return false;
+    }
+  }));
   const auto begin = Clock::now();
   frames->exitBehavior(id);
   ASSERT_EQ(run.wait_for(std::chrono::seconds(30)), std::future_status::ready);

@@ -12,6 +12,7 @@
 #include <unistd.h>
 #include <vu/beneath.h>
 #include <vu/log.h>
+#include <vu/text.h>
 #include <zrfiletransfer/zrhttphandlers.h>
 
 #include <algorithm>
@@ -58,7 +59,7 @@ void sendListing(soap* connection, int directory, const fs::path& requestPath) {
   std::string listing;
   std::size_t skipped = 0;
   for (const vu::beneath::DirectoryEntry& entry : entries) {
-    if (detail::holdsControlCharacter(entry.name)) {
+    if (vu::text::holdsControlCharacter(entry.name)) {
       ++skipped;
       continue;
     }

@@ -10,6 +10,7 @@
 #include <vu/beneath.h>
 #include <vu/log.h>
 #include <vu/replacement.h>
+#include <vu/text.h>
 #include <zrfiletransfer/zrhttphandlers.h>
 
 #include <algorithm>
@@ -140,7 +141,7 @@ int httpPut(soap* connection) {
     return -1;
   }
   // Such names break listings and logs; nothing is created with them.
-  if (detail::holdsControlCharacter(relative.string())) {
+  if (vu::text::holdsControlCharacter(relative.string())) {
     detail::logRefusedPath("httpPut", printable(relative.string()), "a control character");
     detail::sendRefusal(connection, "400 Bad Request",
                         "a name in the path holds a control character");

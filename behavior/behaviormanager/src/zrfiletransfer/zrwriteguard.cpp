@@ -29,16 +29,6 @@ void addCanonical(const fs::path& path, std::vector<fs::path>* paths) {
 
 }  // namespace
 
-bool holdsControlCharacter(const std::string& text) {
-  for (const char c : text) {
-    const unsigned char byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7f) {
-      return true;
-    }
-  }
-  return false;
-}
-
 std::vector<fs::path> protectedDirectories() {
   const fs::path home = toPath(vu::os::home());
   std::vector<fs::path> directories;

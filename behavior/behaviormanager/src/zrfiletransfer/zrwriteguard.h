@@ -15,9 +15,6 @@
 namespace ZR {
 namespace detail {
 
-// Whether any byte of `text` is a control character (below 0x20, or 0x7f).
-bool holdsControlCharacter(const std::string& text);
-
 // The directories no request may remove, nor any directory that holds them: the
 // installation prefix, the home directory and its ".tuqvu", the user behaviors and box
 // libraries, the temporary directory, the user data directory and its "tuqvu" folder

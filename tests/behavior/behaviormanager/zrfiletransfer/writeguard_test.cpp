@@ -24,16 +24,6 @@ bool holds(const std::vector<fs::path>& list, const fs::path& path) {
 
 }  // namespace
 
-TEST(HoldsControlCharacter, FindsBytesBelowSpaceAndDelete) {
-  EXPECT_TRUE(ZR::detail::holdsControlCharacter("a\nb"));
-  EXPECT_TRUE(ZR::detail::holdsControlCharacter("tab\there"));
-  EXPECT_TRUE(ZR::detail::holdsControlCharacter(std::string("nul\0", 4)));
-  EXPECT_TRUE(ZR::detail::holdsControlCharacter("del\x7f"));
-  EXPECT_TRUE(ZR::detail::holdsControlCharacter("\x1b[31m"));
-  EXPECT_FALSE(ZR::detail::holdsControlCharacter("behaviors/User/walk forward/behavior.xar"));
-  EXPECT_FALSE(ZR::detail::holdsControlCharacter("caf\xc3\xa9~!%0A"));
-}
-
 TEST(WriteRefusal, AServedFolderItselfIsNeitherReplacedNorRemoved) {
   EXPECT_NE(writeRefusal(paths().tmp, {}, WriteKind::Create, {}), "");
   EXPECT_NE(writeRefusal(paths().tmp, {}, WriteKind::Remove, {}), "");

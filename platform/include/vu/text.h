@@ -1,0 +1,20 @@
+// Small questions asked of text from outside: names in requests, files and the kernel's
+// tables.
+//
+//   if (vu::text::holdsControlCharacter(name)) refuse();
+//   if (vu::text::isAllDigits(entry->d_name)) ...   // a process id in /proc
+#pragma once
+
+#include <string_view>
+
+namespace vu {
+namespace text {
+
+// Whether any byte is a control character (below 0x20, or 0x7f).
+bool holdsControlCharacter(std::string_view text);
+
+// Whether the text is not empty and holds only the ASCII digits 0-9.
+bool isAllDigits(std::string_view text);
+
+}  // namespace text
+}  // namespace vu
