@@ -154,12 +154,12 @@ ByteRange requestedRange(const http::request_header<>& request, const Validators
   }
   const std::string value = trimmed(*range);
   if (value.size() < 6 || !boost::beast::iequals(value.substr(0, 6), "bytes=")) return whole;
-  const std::string spec = trimmed(value.substr(6));
-  if (spec.find(',') != std::string::npos) return whole;  // several ranges: the whole file
-  const std::size_t dash = spec.find('-');
+  const std::string ranges = trimmed(value.substr(6));
+  if (ranges.find(',') != std::string::npos) return whole;  // several ranges: the whole file
+  const std::size_t dash = ranges.find('-');
   if (dash == std::string::npos) return whole;
-  const std::string from = trimmed(spec.substr(0, dash));
-  const std::string to = trimmed(spec.substr(dash + 1));
+  const std::string from = trimmed(ranges.substr(0, dash));
+  const std::string to = trimmed(ranges.substr(dash + 1));
   ByteRange part;
   part.kind = ByteRange::Kind::Part;
   if (from.empty()) {
