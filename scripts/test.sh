@@ -36,7 +36,7 @@ ctest --test-dir build --output-on-failure -j "$jobs" --timeout 600
 
 # The further runs, in this order. A script in scripts/test.d/ joins CI by being listed
 # here once its run time in CI is known.
-for extra in asan tsan fuzz soak install package; do
+for extra in asan tsan fuzz soak install package tls; do
   [ -e "scripts/test.d/$extra.sh" ] || continue
   echo "== $extra"
   bash "scripts/test.d/$extra.sh"

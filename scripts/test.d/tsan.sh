@@ -3,8 +3,9 @@
 # manager's lifecycle (states and waits, loading, running and stopping, concurrent
 # callers, races met by the soak, destruction), concurrent default-list changes and
 # installs, the project library's concurrent readers and writers, the memory module's
-# notifications, the frame manager's runs, the core (broker, mutexes) and the broker's
-# event hub. Builds only those executables (and what they link) in build-tsan/ and fails
+# notifications, the frame manager's runs, the core (broker, mutexes), the broker's
+# event hub, and a broker serving HTTPS (its I/O threads, TLS handshakes and certificate
+# renewal, in the tuqvu of this build that the test starts). Builds only those executables (and what they link) in build-tsan/ and fails
 # on the first report. The two tests that wait 10 s on purpose are left to the normal run.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
@@ -12,7 +13,7 @@ cd "$(dirname "$0")/../.."
 dir=build-tsan
 suites=(bm_states_test bm_loading_test bm_running_test bm_concurrency_test bm_races_test
         bm_destruction_test bm_defaults_test bm_install_test concurrency_test zrmemory_test
-        zrframemanager_test core_test broker_unit_test)
+        zrframemanager_test core_test broker_unit_test integration_https_test)
 
 cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTUQVU_SANITIZE=thread >/dev/null
 cmake --build "$dir" -j 2 --target "${suites[@]}"

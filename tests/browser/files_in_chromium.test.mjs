@@ -11,8 +11,8 @@ import http from 'node:http';
 import path from 'node:path';
 import { chromium } from 'playwright-core';
 
-import { eventually, parseArgs, rpc, startTuqvuIn } from './support/broker.mjs';
-import { launch } from './support/page.mjs';
+import { parseArgs, startTuqvuIn } from './support/broker.mjs';
+import { expectThreeEventsInPage, followEventsInPage, launch } from './support/page.mjs';
 
 const KEY = 'Browser/Count';
 
@@ -61,17 +61,8 @@ async function main() {
     console.log('ok - a page of the robot writes, reads, ranges and lists files');
 
     // The browser's EventSource follows events raised meanwhile.
-    await page.evaluate((key) => {
-      window.received = [];
-      window.stream = new EventSource(`/events?key=${encodeURIComponent(key)}`);
-      window.stream.onmessage = (event) => window.received.push(JSON.parse(event.data).value);
-      return new Promise((resolve) => { window.stream.onopen = resolve; });
-    }, KEY);
-    for (let value = 0; value < 3; value += 1) await rpc(port, 'ZRMemory.insertData', [KEY, value]);
-    await eventually('the page received three events',
-                     async () => (await page.evaluate(() => window.received.length)) === 3);
-    assert.deepEqual(await page.evaluate(() => window.received), [0, 1, 2]);
-    await page.evaluate(() => window.stream.close());
+    await followEventsInPage(page, KEY);
+    await expectThreeEventsInPage(page, port, KEY);
     console.log('ok - EventSource in the page receives the events');
 
     // Another origin: the browser asks first (a preflight), the robot does not agree.

@@ -78,7 +78,10 @@ std::vector<std::string> Reply::headLines() const {
   return lines;
 }
 
-RawConnection::RawConnection(int port) : fSocket(::socket(AF_INET, SOCK_STREAM, 0)) {
+RawConnection::RawConnection(int port) : RawConnection("127.0.0.1", port) {}
+
+RawConnection::RawConnection(const std::string& ipv4, int port)
+    : fSocket(::socket(AF_INET, SOCK_STREAM, 0)) {
   if (fSocket < 0) {
     throw std::runtime_error(std::string("socket: ") + std::strerror(errno));
   }
@@ -86,7 +89,10 @@ RawConnection::RawConnection(int port) : fSocket(::socket(AF_INET, SOCK_STREAM, 
   std::memset(&address, 0, sizeof(address));
   address.sin_family = AF_INET;
   address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (::inet_pton(AF_INET, ipv4.c_str(), &address.sin_addr) != 1) {
+    ::close(fSocket);
+    throw std::runtime_error("not an IPv4 address: " + ipv4);
+  }
   if (::connect(fSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
     const std::string error = std::strerror(errno);
     ::close(fSocket);

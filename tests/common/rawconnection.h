@@ -31,6 +31,8 @@ class RawConnection {
 public:
   // Connects to 127.0.0.1:port; throws std::runtime_error when that fails.
   explicit RawConnection(int port);
+  // Connects to an IPv4 address of this machine, such as one beyond loopback.
+  RawConnection(const std::string& address, int port);
   ~RawConnection();
 
   RawConnection(const RawConnection&) = delete;

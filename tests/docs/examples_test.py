@@ -96,7 +96,7 @@ class Broker:
             self.env.pop(name, None)
         self.log = open(os.path.join(scratch, "tuqvu.log"), "w")
         self.process = subprocess.Popen(
-            [tuqvu, "--port", "0", "--bind", "127.0.0.1", "--module", module],
+            [tuqvu, "--port", "0", "--bind", "127.0.0.1", "--https", "--module", module],
             env=self.env, stdout=subprocess.PIPE, stderr=self.log, text=True)
         line = self.process.stdout.readline()
         match = re.search(r"listening on 127\.0\.0\.1:(\d+)", line)

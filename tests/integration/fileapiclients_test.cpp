@@ -3,6 +3,7 @@
 // timestamping, continuing), Node's fetch and Python's requests (UTF-8 names, streamed
 // bodies, conditional writes).
 #include <common/files.h>
+#include <common/shell.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -22,6 +23,9 @@ namespace fs = boost::filesystem;
 
 namespace {
 
+using tuqvutest::CommandRun;
+using tuqvutest::run;
+using tuqvutest::shellWord;
 using tuqvutest::writeFile;
 
 std::string randomBytes(std::size_t size) {
@@ -29,30 +33,6 @@ std::string randomBytes(std::size_t size) {
   std::string bytes(size, '\0');
   for (char& c : bytes) c = static_cast<char>(generator() & 0xff);
   return bytes;
-}
-
-struct CommandRun {
-  int status = -1;
-  std::string output;
-};
-
-// Runs a shell command line, its standard error with its output.
-CommandRun run(const std::string& command) {
-  CommandRun result;
-  FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
-  if (pipe == nullptr) return result;
-  char buffer[4096];
-  std::size_t got;
-  while ((got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) result.output.append(buffer, got);
-  const int status = ::pclose(pipe);
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return result;
-}
-
-std::string quoted(const std::string& text) {
-  std::string result = "'";
-  for (const char c : text) result += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return result + "'";
 }
 
 class FileApiClients : public ::testing::Test {
@@ -67,13 +47,14 @@ protected:
 
   fs::path tmp() const { return fs::path(fTmp.path()); }
   fs::path work() const { return fs::path(fWork.path()); }
-  std::string curl() const { return "curl -sS -f -u robot:" + quoted(fBroker->secret()) + " "; }
+  std::string curl() const { return "curl -sS -f -u robot:" + shellWord(fBroker->secret()) + " "; }
   std::string wget() const {
-    return "wget -q --auth-no-challenge --user=robot --password=" + quoted(fBroker->secret()) + " ";
+    return "wget -q --auth-no-challenge --user=robot --password=" + shellWord(fBroker->secret()) +
+           " ";
   }
   // Environment for the scripts of Node and Python.
   std::string scriptEnvironment() const {
-    return "BASE=" + quoted(fBase) + " SECRET=" + quoted(fBroker->secret()) + " ";
+    return "BASE=" + shellWord(fBase) + " SECRET=" + shellWord(fBroker->secret()) + " ";
   }
 
   TempDir fHome, fTmp, fWork;
@@ -83,16 +64,16 @@ protected:
 
 TEST_F(FileApiClients, CurlUploadsAFileAndAPipeAndTheNamesAreDecoded) {
   writeFile(work() / "local.txt", "from a file");
-  CommandRun upload = run(curl() + "-T " + quoted((work() / "local.txt").string()) + " " +
-                          quoted(fBase + "/tmp/my%20file.txt"));
+  CommandRun upload = run(curl() + "-T " + shellWord((work() / "local.txt").string()) + " " +
+                          shellWord(fBase + "/tmp/my%20file.txt"));
   ASSERT_EQ(0, upload.status) << upload.output;
   EXPECT_EQ("from a file", tuqvutest::readFile(tmp() / "my file.txt"));
   // A pipe has no length: curl sends it chunked.
   CommandRun piped =
-      run("printf 'from a pipe' | " + curl() + "-T - " + quoted(fBase + "/tmp/piped.txt"));
+      run("printf 'from a pipe' | " + curl() + "-T - " + shellWord(fBase + "/tmp/piped.txt"));
   ASSERT_EQ(0, piped.status) << piped.output;
   EXPECT_EQ("from a pipe", tuqvutest::readFile(tmp() / "piped.txt"));
-  CommandRun read = run(curl() + quoted(fBase + "/tmp/my%20file.txt"));
+  CommandRun read = run(curl() + shellWord(fBase + "/tmp/my%20file.txt"));
   EXPECT_EQ("from a file", read.output);
 }
 
@@ -100,13 +81,13 @@ TEST_F(FileApiClients, CurlResumesACutDownloadAndSkipsAnUnchangedOne) {
   const std::string content = randomBytes(300000);
   writeFile(tmp() / "big.bin", content);
   writeFile(work() / "big.bin", content.substr(0, 100000));
-  const std::string target = quoted((work() / "big.bin").string());
-  CommandRun resumed = run(curl() + "-C - -o " + target + " " + quoted(fBase + "/tmp/big.bin"));
+  const std::string target = shellWord((work() / "big.bin").string());
+  CommandRun resumed = run(curl() + "-C - -o " + target + " " + shellWord(fBase + "/tmp/big.bin"));
   ASSERT_EQ(0, resumed.status) << resumed.output;
   EXPECT_TRUE(tuqvutest::readFile(work() / "big.bin") == content);
   // -z with the local copy: nothing comes when the robot's file is not newer.
   CommandRun conditional = run(curl() + "-o /dev/null -w '%{http_code}' -z " + target + " " +
-                               quoted(fBase + "/tmp/big.bin"));
+                               shellWord(fBase + "/tmp/big.bin"));
   EXPECT_EQ("304", conditional.output);
 }
 
@@ -116,8 +97,8 @@ TEST_F(FileApiClients, WgetMirrorsAFolderAndFetchesOnlyWhatChanged) {
   writeFile(tmp() / "site" / "sub dir" / "deeper" / "c.txt", "ccc");
   const std::string mirror = (work() / "mirror").string();
   CommandRun mirrored =
-      run("cd " + quoted(work().string()) + " && " + wget() +
-          "-r -np -nH --cut-dirs=3 -R 'index.html*' -P mirror " + quoted(fBase + "/tmp/site/"));
+      run("cd " + shellWord(work().string()) + " && " + wget() +
+          "-r -np -nH --cut-dirs=3 -R 'index.html*' -P mirror " + shellWord(fBase + "/tmp/site/"));
   ASSERT_EQ(0, mirrored.status) << mirrored.output;
   EXPECT_EQ("a", tuqvutest::readFile(mirror + "/a.txt"));
   EXPECT_EQ("bb", tuqvutest::readFile(mirror + "/sub dir/b.txt"));
@@ -126,8 +107,8 @@ TEST_F(FileApiClients, WgetMirrorsAFolderAndFetchesOnlyWhatChanged) {
   // -N: a file that did not change is not fetched again.
   const std::string stamped = (work() / "stamped").string();
   fs::create_directories(stamped);
-  const std::string fetch =
-      "cd " + quoted(stamped) + " && " + wget() + "-N -S " + quoted(fBase + "/tmp/site/a.txt");
+  const std::string fetch = "cd " + shellWord(stamped) + " && " + wget() + "-N -S " +
+                            shellWord(fBase + "/tmp/site/a.txt");
   ASSERT_EQ(0, run(fetch).status);
   CommandRun again = run(fetch);
   EXPECT_EQ(0, again.status) << again.output;
@@ -138,8 +119,8 @@ TEST_F(FileApiClients, WgetContinuesAPartialDownload) {
   const std::string content = randomBytes(200000);
   writeFile(tmp() / "part.bin", content);
   writeFile(work() / "part.bin", content.substr(0, 50000));
-  CommandRun continued = run("cd " + quoted(work().string()) + " && " + wget() + "-c -S " +
-                             quoted(fBase + "/tmp/part.bin"));
+  CommandRun continued = run("cd " + shellWord(work().string()) + " && " + wget() + "-c -S " +
+                             shellWord(fBase + "/tmp/part.bin"));
   ASSERT_EQ(0, continued.status) << continued.output;
   EXPECT_NE(std::string::npos, continued.output.find("206 Partial Content")) << continued.output;
   EXPECT_TRUE(tuqvutest::readFile(work() / "part.bin") == content);
@@ -166,7 +147,7 @@ const url = base + '/tmp/' + encodeURIComponent('né fetch.txt');
 })().catch(e => { console.error(e); process.exit(1); });
 )JS";
   writeFile(work() / "client.js", script);
-  CommandRun node = run(scriptEnvironment() + "node " + quoted((work() / "client.js").string()));
+  CommandRun node = run(scriptEnvironment() + "node " + shellWord((work() / "client.js").string()));
   ASSERT_EQ(0, node.status) << node.output;
   const nlohmann::json seen = nlohmann::json::parse(node.output);
   EXPECT_EQ(201, seen["put"]);
@@ -196,7 +177,7 @@ print(json.dumps({"put": put.status_code, "names": names}))
 )PY";
   writeFile(work() / "client.py", script);
   CommandRun python =
-      run(scriptEnvironment() + "python3 " + quoted((work() / "client.py").string()));
+      run(scriptEnvironment() + "python3 " + shellWord((work() / "client.py").string()));
   ASSERT_EQ(0, python.status) << python.output;
   const nlohmann::json seen = nlohmann::json::parse(python.output);
   EXPECT_EQ(201, seen["put"]);

@@ -9,20 +9,24 @@ namespace broker {
 
 Url parseUrl(const std::string& text) {
   std::string rest = text;
+  Url url;
   const std::size_t scheme = rest.find("://");
   if (scheme != std::string::npos) {
-    if (rest.substr(0, scheme) != "http") {
-      throw UsageError("only http:// URLs are supported, not \"" + text + "\"");
+    std::string name = rest.substr(0, scheme);
+    for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (name == "https") {
+      url.secure = true;
+    } else if (name != "http") {
+      throw UsageError("only http:// and https:// URLs are supported, not \"" + text + "\"");
     }
     rest.erase(0, scheme + 3);
   }
-  Url url;
   const std::size_t slash = rest.find('/');
   std::string authority = rest.substr(0, slash);
   if (slash != std::string::npos) url.basePath = rest.substr(slash);
   while (!url.basePath.empty() && url.basePath.back() == '/') url.basePath.pop_back();
   if (authority.empty()) throw UsageError("no host in the URL \"" + text + "\"");
-  std::string port = "80";
+  std::string port = url.secure ? "443" : "80";
   if (authority[0] == '[') {  // [IPv6]:port
     const std::size_t close = authority.find(']');
     if (close == std::string::npos) throw UsageError("unclosed '[' in \"" + text + "\"");

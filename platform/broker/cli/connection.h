@@ -1,11 +1,9 @@
-// What the network side of tuqvu-call shares: reaching the broker or its file-transfer
-// service, and the credentials it sends. Internal to the client library.
+// What the network side of tuqvu-call shares besides connectToServer (cliclient.h): the
+// Host field and the credentials it sends. Internal to the client library.
 #pragma once
 
 #include <tuqvu/broker/cli.h>
 
-#include <boost/asio/connect.hpp>
-#include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/http.hpp>
 #include <chrono>
 #include <string>
@@ -20,12 +18,6 @@ double secondsSince(Clock::time_point start);
 
 // The Host field for the URL's host and port ("[::1]:9600" for IPv6 literals).
 std::string hostField(const Url& url);
-
-template <typename Socket>
-void connectTo(Socket& socket, const Url& url) {
-  boost::asio::ip::tcp::resolver resolver(socket.get_executor());
-  boost::asio::connect(socket, resolver.resolve(url.host, url.port));
-}
 
 // "Basic ..." with the installation's secret ($TUQVU_SECRET, else the secret file of
 // this user), for brokers that listen beyond loopback; "" when there is none.

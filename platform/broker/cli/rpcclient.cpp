@@ -4,6 +4,7 @@
 #include <tuqvu/broker/jsonio.h>
 #include <tuqvu/broker/secretfile.h>
 
+#include <boost/asio/ssl/error.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
@@ -19,15 +20,13 @@ namespace broker {
 namespace beast = boost::beast;
 namespace http = beast::http;
 namespace net = boost::asio;
-using tcp = net::ip::tcp;
 
 namespace cli {
 
-RpcResponse postRpc(const Url& url, const std::string& request, const std::string& method,
-                    Feedback* feedback) {
+RpcResponse postRpc(const Url& url, const ServerTrust& trust, const std::string& request,
+                    const std::string& method, Feedback* feedback) {
   net::io_context ioc;
-  beast::tcp_stream stream(ioc);
-  connectTo(stream.socket(), url);
+  Stream stream = connectToServer(ioc, url, trust);
   http::request<http::string_body> message{http::verb::post, url.basePath + "/rpc", 11};
   message.set(http::field::host, hostField(url));
   message.set(http::field::content_type, "application/json");
@@ -62,8 +61,7 @@ RpcResponse postRpc(const Url& url, const std::string& request, const std::strin
   ioc.run();
   if (feedback != nullptr) feedback->clear();
   if (readError) throw beast::system_error(readError);
-  beast::error_code ignored;
-  stream.socket().shutdown(tcp::socket::shutdown_both, ignored);
+  closeConnection(ioc, stream);
   const auto& response = parser.get();
   return {response.result_int(), std::string(response.reason()), response.body()};
 }
@@ -71,7 +69,6 @@ RpcResponse postRpc(const Url& url, const std::string& request, const std::strin
 }  // namespace cli
 
 using cli::Clock;
-using cli::connectTo;
 using cli::hostField;
 using cli::postRpc;
 using cli::RpcResponse;
@@ -90,9 +87,10 @@ void explainRefusal(int status) {
 
 }  // namespace
 
-int runCall(const Url& url, const std::string& method, const std::vector<std::string>& args,
-            Feedback& feedback) {
-  const RpcResponse response = postRpc(url, buildCallRequest(method, args), method, &feedback);
+int runCall(const Url& url, const ServerTrust& trust, const std::string& method,
+            const std::vector<std::string>& args, Feedback& feedback) {
+  const RpcResponse response =
+      postRpc(url, trust, buildCallRequest(method, args), method, &feedback);
   if (response.status != 200) {
     std::cerr << "tuqvu-call: the broker answered " << response.status << " " << response.reason
               << ": " << response.body << "\n";
@@ -104,10 +102,9 @@ int runCall(const Url& url, const std::string& method, const std::vector<std::st
   return answer.exitStatus;
 }
 
-int runWatch(const Url& url, const std::vector<std::string>& keys) {
+int runWatch(const Url& url, const ServerTrust& trust, const std::vector<std::string>& keys) {
   net::io_context ioc;
-  beast::tcp_stream stream(ioc);
-  connectTo(stream.socket(), url);
+  Stream stream = connectToServer(ioc, url, trust);
   http::request<http::empty_body> request{http::verb::get, eventsTarget(url.basePath, keys), 11};
   request.set(http::field::host, hostField(url));
   setAuthorization(request);
@@ -137,7 +134,10 @@ int runWatch(const Url& url, const std::vector<std::string>& keys) {
     // come, not when a buffer fills.
     http::read_some(stream, buffer, parser, error);
     if (error == http::error::need_buffer) error = {};
-    if (error == http::error::end_of_stream || error == net::error::eof) break;
+    if (error == http::error::end_of_stream || error == net::error::eof ||
+        error == net::ssl::error::stream_truncated) {
+      break;  // an encrypted stream may end without TLS's own end
+    }
     if (error) throw beast::system_error(error);
     pending.append(chunk, sizeof chunk - parser.get().body().size);
     // One event per "data:" line; comment lines (": keep-alive") are skipped.

@@ -18,8 +18,8 @@ struct RpcResponse {
 
 // POSTs one JSON-RPC request. With a live feedback line, a spinner shows how long the
 // answer has been awaited once a second has passed without it.
-RpcResponse postRpc(const Url& url, const std::string& request, const std::string& method,
-                    Feedback* feedback);
+RpcResponse postRpc(const Url& url, const ServerTrust& trust, const std::string& request,
+                    const std::string& method, Feedback* feedback);
 
 }  // namespace cli
 }  // namespace broker

@@ -2,7 +2,7 @@
 #include <tuqvu/broker/cliclient.h>
 #include <tuqvu/broker/filelisting.h>
 
-#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl/error.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
 #include <cerrno>
@@ -22,10 +22,8 @@ namespace broker {
 
 namespace beast = boost::beast;
 namespace net = boost::asio;
-using tcp = net::ip::tcp;
 using cli::authorization;
 using cli::Clock;
-using cli::connectTo;
 using cli::hostField;
 using cli::secondsSince;
 
@@ -36,13 +34,12 @@ struct FileCloser {
 };
 
 // One PUT on a connection of its own. onSent is told every block written.
-void putFile(const Url& server, const UploadItem& item,
+void putFile(const Url& server, const ServerTrust& trust, const UploadItem& item,
              const std::function<void(std::uint64_t)>& onSent) {
   const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(item.local.c_str(), "rb"));
   if (!file) throw ClientError(item.local + ": " + std::strerror(errno));
   net::io_context ioc;
-  tcp::socket socket(ioc);
-  connectTo(socket, server);
+  Stream stream = connectToServer(ioc, server, trust);
   const std::string credentials = authorization();
   const std::string head =
       "PUT " + server.basePath + "/files" + percentEncodePath(item.remote) +
@@ -51,7 +48,7 @@ void putFile(const Url& server, const UploadItem& item,
       "\r\nConnection: close\r\nContent-Type: application/octet-stream\r\nContent-Length: " +
       std::to_string(item.size) + "\r\n\r\n";
   beast::error_code error;
-  net::write(socket, net::buffer(head), error);
+  net::write(stream, net::buffer(head), error);
   std::vector<char> block(64 * 1024);
   std::uint64_t left = item.size;
   while (!error && left > 0) {
@@ -62,7 +59,7 @@ void putFile(const Url& server, const UploadItem& item,
                         (std::ferror(file.get()) ? std::strerror(errno)
                                                  : "the file became shorter while it was sent"));
     }
-    net::write(socket, net::buffer(block.data(), got), error);
+    net::write(stream, net::buffer(block.data(), got), error);
     if (!error) {
       left -= got;
       onSent(got);
@@ -77,8 +74,9 @@ void putFile(const Url& server, const UploadItem& item,
   FileReply reply;
   char chunk[4096];
   for (;;) {
-    const std::size_t got = socket.read_some(net::buffer(chunk), error);
-    const bool closed = error == net::error::eof || error == net::error::connection_reset;
+    const std::size_t got = stream.read_some(net::buffer(chunk), error);
+    const bool closed = error == net::error::eof || error == net::error::connection_reset ||
+                        error == net::ssl::error::stream_truncated;
     if (error && !closed) throw beast::system_error(error);
     bytes.append(chunk, got);
     if (parseFileReply(bytes, closed, reply)) break;
@@ -91,7 +89,7 @@ void putFile(const Url& server, const UploadItem& item,
       throw ClientError("the broker closed the connection without an answer");
     }
   }
-  socket.shutdown(tcp::socket::shutdown_both, error);
+  closeConnection(ioc, stream);
   if (reply.status != 201 && reply.status != 204) {
     std::string body = reply.body.substr(0, 200);
     while (!body.empty() && (body.back() == '\n' || body.back() == '\r')) body.pop_back();
@@ -102,7 +100,8 @@ void putFile(const Url& server, const UploadItem& item,
 
 }  // namespace
 
-int runPut(const Url& url, const std::vector<UploadItem>& items, Feedback& feedback) {
+int runPut(const Url& url, const ServerTrust& trust, const std::vector<UploadItem>& items,
+           Feedback& feedback) {
   const Url& server = url;
   std::uint64_t total = 0;
   for (const UploadItem& item : items) total += item.size;
@@ -124,7 +123,10 @@ int runPut(const Url& url, const std::vector<UploadItem>& items, Feedback& feedb
   };
   for (const UploadItem& item : items) {
     try {
-      putFile(server, item, progress);
+      putFile(server, trust, item, progress);
+    } catch (const UntrustedServer&) {
+      feedback.clear();
+      throw;  // its message stands on its own
     } catch (const std::exception& error) {
       feedback.clear();
       std::cerr << "tuqvu-call: " << item.remote << " on " << hostField(server) << ": "

@@ -86,7 +86,7 @@ bool FileSession::handles(const std::string& target) {
          target.compare(0, 7, "/files?") == 0;
 }
 
-FileSession::FileSession(beast::tcp_stream&& stream, beast::flat_buffer&& buffer,
+FileSession::FileSession(Stream&& stream, beast::flat_buffer&& buffer,
                          http::request_parser<http::string_body>&& parser,
                          std::shared_ptr<ServerContext> context, std::string cookie)
     : fStream(std::move(stream)),
@@ -339,7 +339,7 @@ void FileSession::serveWrite(const ZR::ZRFileTarget& target) {
   if (beast::iequals(fUpload->header[http::field::expect], "100-continue")) {
     // Only now that the write may go ahead is the client asked for its body.
     auto interim = std::make_shared<http::response<http::empty_body>>(http::status::continue_, 11);
-    fStream.expires_after(allowance(0));
+    fStream.expiresAfter(allowance(0));
     http::async_write(fStream, *interim,
                       [self = shared_from_this(), interim](beast::error_code error, std::size_t) {
                         if (!error) self->receiveBody();
@@ -350,7 +350,7 @@ void FileSession::serveWrite(const ZR::ZRFileTarget& target) {
 }
 
 void FileSession::receiveBody() {
-  fStream.expires_at(fUpload->started + allowance(fParser->get().body().received + 65536));
+  fStream.expiresAt(fUpload->started + allowance(fParser->get().body().received + 65536));
   http::async_read_some(fStream, fBuffer, *fParser,
                         beast::bind_front_handler(&FileSession::onBody, shared_from_this()));
 }
@@ -477,7 +477,7 @@ void FileSession::send(std::shared_ptr<http::response<Body>> response, std::shar
   response->version(fVersion);
   response->keep_alive(fKeepAlive);
   const auto length = response->payload_size();
-  fStream.expires_after(allowance(length ? *length : 0));
+  fStream.expiresAfter(allowance(length ? *length : 0));
   http::async_write(
       fStream, *response,
       [self = shared_from_this(), response, held](beast::error_code error, std::size_t) {

@@ -44,9 +44,9 @@ void fail(const beast::error_code& error, const char* what) {
 }  // namespace
 
 HttpSession::HttpSession(net::ip::tcp::socket&& socket, std::shared_ptr<ServerContext> context)
-    : fStream(std::move(socket)), fContext(std::move(context)) {}
+    : fStream(Stream::Plain(std::move(socket))), fContext(std::move(context)) {}
 
-HttpSession::HttpSession(beast::tcp_stream&& stream, beast::flat_buffer&& buffer,
+HttpSession::HttpSession(Stream&& stream, beast::flat_buffer&& buffer,
                          std::shared_ptr<ServerContext> context)
     : fStream(std::move(stream)), fBuffer(std::move(buffer)), fContext(std::move(context)) {}
 
@@ -63,7 +63,7 @@ void HttpSession::doRead() {
   // Content-Length.
   fParser->body_limit(std::numeric_limits<std::uint64_t>::max());
   fParser->header_limit(kMaxHeaderBytes);
-  fStream.expires_after(kIdleTimeout);
+  fStream.expiresAfter(kIdleTimeout);
   http::async_read_header(fStream, fBuffer, *fParser,
                           beast::bind_front_handler(&HttpSession::onHeader, shared_from_this()));
 }
@@ -71,8 +71,8 @@ void HttpSession::doRead() {
 void HttpSession::onHeader(beast::error_code error, std::size_t bytes) {
   if (!error && FileSession::handles(std::string(fParser->get().target()))) {
     // Files are streamed, not read into memory: the file API takes over from the header.
-    GuardVerdict verdict =
-        guardRequest(fParser->get(), ZR::networkAccess(), fContext->sessionToken);
+    GuardVerdict verdict = guardRequest(fParser->get(), ZR::networkAccess(), fContext->sessionToken,
+                                        fStream.encrypted());
     if (verdict.refusal) {
       const bool bodyFollows = !fParser->is_done();
       return send(std::move(*verdict.refusal), fParser->get().version(),
@@ -80,7 +80,8 @@ void HttpSession::onHeader(beast::error_code error, std::size_t bytes) {
     }
     auto files = std::make_shared<FileSession>(
         std::move(fStream), std::move(fBuffer), std::move(*fParser), fContext,
-        verdict.signedIn ? sessionCookieHeader(fContext->sessionToken) : std::string());
+        verdict.signedIn ? sessionCookieHeader(fContext->sessionToken, fStream.encrypted())
+                         : std::string());
     return files->start();
   }
   if (error || fParser->is_done()) return onRead(error, bytes);
@@ -92,11 +93,11 @@ void HttpSession::onHeader(beast::error_code error, std::size_t bytes) {
     // Tell the client to send its body; then read it.
     auto self = shared_from_this();
     auto interim = std::make_shared<http::response<http::empty_body>>(http::status::continue_, 11);
-    fStream.expires_after(kWriteTimeout);
+    fStream.expiresAfter(kWriteTimeout);
     http::async_write(fStream, *interim,
                       [self, interim](beast::error_code writeError, std::size_t) {
                         if (writeError) return fail(writeError, "continue");
-                        self->fStream.expires_after(kIdleTimeout);
+                        self->fStream.expiresAfter(kIdleTimeout);
                         http::async_read(self->fStream, self->fBuffer, *self->fParser,
                                          beast::bind_front_handler(&HttpSession::onRead, self));
                       });
@@ -126,7 +127,8 @@ void HttpSession::onRead(beast::error_code error, std::size_t) {
 void HttpSession::handle(Request&& request) {
   const unsigned version = request.version();
   const bool keepAlive = request.keep_alive();
-  GuardVerdict verdict = guardRequest(request, ZR::networkAccess(), fContext->sessionToken);
+  GuardVerdict verdict =
+      guardRequest(request, ZR::networkAccess(), fContext->sessionToken, fStream.encrypted());
   if (verdict.refusal) return send(std::move(*verdict.refusal), version, keepAlive);
   fHandOutSessionCookie = verdict.signedIn;
   Routed routed = route(request, fContext->rpc);
@@ -134,7 +136,7 @@ void HttpSession::handle(Request&& request) {
     case Routed::Kind::Respond: return send(std::move(routed.response), version, keepAlive);
     case Routed::Kind::Call: return startCall(std::move(routed), version, keepAlive);
     case Routed::Kind::EventStream: {
-      fStream.expires_never();
+      fStream.expiresNever();
       auto stream = std::make_shared<SseSession>(
           std::move(fStream), fContext->hub, std::move(routed.keys), std::move(routed.lastEventId));
       stream->start();
@@ -184,7 +186,7 @@ void HttpSession::startCall(Routed&& routed, unsigned version, bool keepAlive) {
   std::shared_ptr<void> token(nullptr, [context](void*) { --context->pendingAnswers; });
 
   // No timer runs while the call does: a call may take minutes and the client waits.
-  fStream.expires_never();
+  fStream.expiresNever();
   if (InlineCalls::Slot slot =
           fContext->inlineCalls ? fContext->inlineCalls->tryEnter() : InlineCalls::Slot()) {
     Response response = runCall(call);
@@ -211,14 +213,15 @@ void HttpSession::startCall(Routed&& routed, unsigned version, bool keepAlive) {
 void HttpSession::send(Response&& response, unsigned version, bool keepAlive,
                        std::shared_ptr<void> token) {
   if (fHandOutSessionCookie) {
-    response.set(http::field::set_cookie, sessionCookieHeader(fContext->sessionToken));
+    response.set(http::field::set_cookie,
+                 sessionCookieHeader(fContext->sessionToken, fStream.encrypted()));
     fHandOutSessionCookie = false;
   }
   response.version(version);
   response.keep_alive(keepAlive);
   response.prepare_payload();
   fResponse = std::make_shared<Response>(std::move(response));
-  fStream.expires_after(kWriteTimeout);
+  fStream.expiresAfter(kWriteTimeout);
   auto self = shared_from_this();
   http::async_write(fStream, *fResponse, [self, token](beast::error_code error, std::size_t) {
     const bool close = self->fResponse->need_eof();
@@ -234,6 +237,13 @@ void HttpSession::sendAndClose(http::status status, const std::string& text) {
 }
 
 void HttpSession::doClose() {
+  if (fStream.encrypted()) {
+    // close_notify, then the peer's own or the end of the connection, whichever comes
+    // first within the linger time.
+    fStream.expiresAfter(kLingerTimeout);
+    fStream.tls().async_shutdown([self = shared_from_this()](beast::error_code) {});
+    return;
+  }
   beast::error_code ignored;
   fStream.socket().shutdown(net::ip::tcp::socket::shutdown_send, ignored);
   drainBeforeClose(0);
@@ -242,7 +252,7 @@ void HttpSession::doClose() {
 void HttpSession::drainBeforeClose(std::size_t drained) {
   constexpr std::size_t kMaxDrained = 8 * 1024 * 1024;
   if (drained > kMaxDrained) return;  // the socket closes with this session
-  fStream.expires_after(kLingerTimeout);
+  fStream.expiresAfter(kLingerTimeout);
   fStream.async_read_some(net::buffer(fDiscard), [self = shared_from_this(), drained](
                                                      beast::error_code error, std::size_t bytes) {
     if (error) return;  // the client closed, or took too long

@@ -1,3 +1,4 @@
+#include <tuqvu/broker/connectionopening.h>
 #include <tuqvu/broker/httpsession.h>
 #include <tuqvu/broker/listener.h>
 #include <vu/log.h>
@@ -66,7 +67,11 @@ void Listener::onAccept(boost::beast::error_code error, tcp::socket socket) {
     }
     boost::system::error_code ignored;
     socket.set_option(tcp::no_delay(true), ignored);
-    std::make_shared<HttpSession>(std::move(socket), fContext)->run();
+    if (fContext->tls) {
+      std::make_shared<ConnectionOpening>(std::move(socket), fContext)->start();
+    } else {
+      std::make_shared<HttpSession>(std::move(socket), fContext)->run();
+    }
   }
   doAccept();
 }

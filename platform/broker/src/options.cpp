@@ -103,11 +103,27 @@ Options parseOptions(int argc, const char* const* argv) {
       options.trustLoopback = true;
     } else if (option == "--no-file-server") {
       options.fileServer = false;
+    } else if (option == "--https") {
+      options.https = true;
+    } else if (option == "--allow-plain-http") {
+      options.allowPlainHttp = true;
+    } else if (option == "--tls-cert") {
+      options.tlsCertificate = takeValue();
+    } else if (option == "--tls-key") {
+      options.tlsKey = takeValue();
     } else {
       throw OptionsError("unknown option \"" + option + "\" (try --help)");
     }
   }
+  if (options.tlsCertificate.empty() != options.tlsKey.empty()) {
+    throw OptionsError("--tls-cert and --tls-key go together: the certificate and its key");
+  }
+  if (!options.tlsCertificate.empty()) options.https = true;
   return options;
+}
+
+bool Options::servesHttps(bool bindsBeyondLoopback) const {
+  return https || bindsBeyondLoopback;
 }
 
 std::string helpText() {
@@ -116,7 +132,8 @@ std::string helpText() {
          "The TUQvu broker. It hosts the memory, preferences and frame-manager modules and the\n"
          "modules of the libraries it loads, inserts \"TUQvuReady\" = 1 into ZRMemory once all\n"
          "are up, and serves them over HTTP: JSON-RPC at POST /rpc, an event stream at\n"
-         "GET /events, and a web interface at GET / with \"?eval=\" expressions.\n"
+         "GET /events, and a web interface at GET / with \"?eval=\" expressions. Listening\n"
+         "beyond loopback, the port speaks HTTPS (and plain HTTP to this machine only).\n"
          "\n"
          "Options:\n"
          "  --port PORT          TCP port to listen on (default 9600; 0 takes any free port)\n"
@@ -130,6 +147,17 @@ std::string helpText() {
          "  --trust-loopback     serve clients on loopback without the secret: every program\n"
          "                       of every account on this machine may then control the\n"
          "                       robot. Addresses beyond loopback always need the secret\n"
+         "  --https              serve HTTPS on loopback too (beyond loopback it is always on)\n"
+         "  --tls-cert PATH      the certificate chain (PEM) to present; with --tls-key. A\n"
+         "                       file replaced on disk is taken by new connections. Without\n"
+         "                       it the broker makes a self-signed certificate at the first\n"
+         "                       start with HTTPS, beside the secret (certificate.pem and\n"
+         "                       certificate.key, mode 0600), and logs its fingerprint\n"
+         "  --tls-key PATH       the private key (PEM) of --tls-cert\n"
+         "  --allow-plain-http   with HTTPS, still take plain HTTP from other machines: the\n"
+         "                       secret, the session cookie and every call then cross the\n"
+         "                       network readable by anyone on it. Plain HTTP from this\n"
+         "                       machine itself is always taken\n"
          "  --no-file-server     do not run the behavior manager's file-transfer server (for\n"
          "                       robots without an authoring application; the broker's own\n"
          "                       pages and calls are not affected)\n"

@@ -18,12 +18,14 @@ Response refused(const std::string& why) {
 }  // namespace
 
 // The checks that keep pages of other sites and rebound DNS names out.
-std::optional<Response> browserRefusal(const Request& request, const ZR::ZRNetworkAccess& access);
+std::optional<Response> browserRefusal(const Request& request, const ZR::ZRNetworkAccess& access,
+                                       bool encrypted);
 
 const char* const kSessionCookie = "tuqvu-session";
 
-std::string sessionCookieHeader(const std::string& sessionToken) {
-  return std::string(kSessionCookie) + "=" + sessionToken + "; Path=/; HttpOnly; SameSite=Strict";
+std::string sessionCookieHeader(const std::string& sessionToken, bool encrypted) {
+  return std::string(kSessionCookie) + "=" + sessionToken + "; Path=/; HttpOnly; SameSite=Strict" +
+         (encrypted ? "; Secure" : "");
 }
 
 namespace {
@@ -73,9 +75,9 @@ bool hasSessionCookie(const Request& request, const std::string& sessionToken) {
 }  // namespace
 
 GuardVerdict guardRequest(const Request& request, const ZR::ZRNetworkAccess& access,
-                          const std::string& sessionToken) {
+                          const std::string& sessionToken, bool encrypted) {
   GuardVerdict verdict;
-  if (std::optional<Response> refusal = browserRefusal(request, access)) {
+  if (std::optional<Response> refusal = browserRefusal(request, access, encrypted)) {
     verdict.refusal = std::move(refusal);
     return verdict;
   }
@@ -102,8 +104,10 @@ GuardVerdict guardRequest(const Request& request, const ZR::ZRNetworkAccess& acc
   return verdict;
 }
 
-std::optional<Response> browserRefusal(const Request& request, const ZR::ZRNetworkAccess& access) {
+std::optional<Response> browserRefusal(const Request& request, const ZR::ZRNetworkAccess& access,
+                                       bool encrypted) {
   ZR::ZRRequestOrigin seen;
+  seen.encrypted = encrypted;
   const auto host = request.find(http::field::host);
   if (host != request.end()) seen.host = std::string(host->value());
   const auto origin = request.find(http::field::origin);

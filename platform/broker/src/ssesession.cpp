@@ -26,8 +26,8 @@ const char* const kHeader =
 
 }  // namespace
 
-SseSession::SseSession(beast::tcp_stream&& stream, std::shared_ptr<SseHub> hub,
-                       std::vector<std::string> keys, std::optional<std::string> lastEventId)
+SseSession::SseSession(Stream&& stream, std::shared_ptr<SseHub> hub, std::vector<std::string> keys,
+                       std::optional<std::string> lastEventId)
     : fStream(std::move(stream)),
       fHub(std::move(hub)),
       fKeys(std::move(keys)),
@@ -134,7 +134,7 @@ void SseSession::doWrite() {
   }
   fWritingBuffers.clear();
   for (const auto& frame : fWriting) fWritingBuffers.emplace_back(net::buffer(*frame));
-  fStream.expires_after(kWriteTimeout);
+  fStream.expiresAfter(kWriteTimeout);
   net::async_write(fStream, fWritingBuffers,
                    beast::bind_front_handler(&SseSession::onWrite, shared_from_this()));
 }
@@ -154,11 +154,10 @@ void SseSession::onWrite(beast::error_code error, std::size_t) {
 void SseSession::doRead() {
   // A client sends nothing more; reading only tells when it goes away.
   auto self = shared_from_this();
-  fStream.socket().async_read_some(net::buffer(fReadBuffer),
-                                   [self](beast::error_code error, std::size_t) {
-                                     if (error) return self->shutdown();
-                                     self->doRead();
-                                   });
+  fStream.async_read_some(net::buffer(fReadBuffer), [self](beast::error_code error, std::size_t) {
+    if (error) return self->shutdown();
+    self->doRead();
+  });
 }
 
 void SseSession::scheduleHeartbeat() {

@@ -1,7 +1,9 @@
-// tuqvu-call: calls one method of a tuqvu broker, watches its memory events, or uploads
-// files through the behavior manager's file-transfer service.
+// tuqvu-call: calls one method of a tuqvu broker, watches its memory events, uploads files
+// through its file API, or prints the fingerprint of this machine's broker.
 #include <tuqvu/broker/cli.h>
 #include <tuqvu/broker/cliclient.h>
+#include <tuqvu/broker/servertrust.h>
+#include <tuqvu/broker/tlscertificate.h>
 
 #include <csignal>
 #include <iostream>
@@ -32,6 +34,15 @@ int main(int argc, char** argv) {
     std::cout << broker::cliHelpText();
     return 0;
   }
+  if (command.kind == broker::CliCommand::ShowFingerprint) {
+    return broker::runShowFingerprint(broker::defaultCertificateFiles().certificate);
+  }
+  broker::ServerTrust trust;
+  try {
+    trust = broker::serverTrustOf(command);
+  } catch (const broker::UsageError& error) {
+    return usage(error.what());
+  }
   std::vector<broker::UploadItem> uploads;
   if (command.kind == broker::CliCommand::Put) {
     try {
@@ -47,10 +58,13 @@ int main(int argc, char** argv) {
     const broker::Url url = broker::parseUrl(command.url);
     broker::Feedback feedback = broker::Feedback::forStandardError(command.progress);
     switch (command.kind) {
-      case broker::CliCommand::Watch: return broker::runWatch(url, command.words);
-      case broker::CliCommand::Put: return broker::runPut(url, uploads, feedback);
-      default: return broker::runCall(url, command.method, command.words, feedback);
+      case broker::CliCommand::Watch: return broker::runWatch(url, trust, command.words);
+      case broker::CliCommand::Put: return broker::runPut(url, trust, uploads, feedback);
+      default: return broker::runCall(url, trust, command.method, command.words, feedback);
     }
+  } catch (const broker::UntrustedServer& error) {
+    std::cerr << "tuqvu-call: " << error.what();
+    return 1;
   } catch (const std::exception& error) {
     std::cerr << "tuqvu-call: " << command.url << ": " << error.what() << "\n";
     return 1;

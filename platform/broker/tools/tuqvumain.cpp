@@ -13,6 +13,8 @@
 #include <tuqvu/broker/secretfile.h>
 #include <tuqvu/broker/servercontext.h>
 #include <tuqvu/broker/ssehub.h>
+#include <tuqvu/broker/tlscertificate.h>
+#include <tuqvu/broker/tlscredentials.h>
 #include <unistd.h>
 #include <vu/log.h>
 #include <zr/zrbroker.h>
@@ -100,6 +102,31 @@ bool letCallsFinish(tb::HttpServer& server, const tb::ServerContext& context,
   }
 }
 
+// The certificate the port presents: the owner's, or the broker's own, made beside the
+// secret at the first start that needs it.
+std::shared_ptr<tb::TlsCredentials> tlsCredentials(const tb::Options& options,
+                                                   const std::string& secretFile) {
+  tb::CertificateFiles files{options.tlsCertificate, options.tlsKey};
+  if (files.certificate.empty()) {
+    files = tb::certificateFilesBeside(secretFile);
+    switch (tb::ensureOwnCertificate(files, tb::localNames())) {
+      case tb::OwnCertificate::Made:
+        logLine(vu::log::info, "main", "made a self-signed certificate " + files.certificate);
+        break;
+      case tb::OwnCertificate::Renewed:
+        logLine(vu::log::info, "main",
+                "renewed the self-signed certificate " + files.certificate + " with its key");
+        break;
+      case tb::OwnCertificate::Kept: break;
+    }
+  }
+  auto credentials = std::make_shared<tb::TlsCredentials>(files);
+  logLine(vu::log::info, "main",
+          "HTTPS with the certificate " + files.certificate + ", SHA-256 fingerprint " +
+              credentials->fingerprint());
+  return credentials;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -156,6 +183,16 @@ int main(int argc, char** argv) {
   }
   ZR::setNetworkAccess(access);
 
+  std::shared_ptr<tb::TlsCredentials> tls;
+  if (options.servesHttps(access.listensBeyondLoopback())) {
+    try {
+      tls = tlsCredentials(options, secretFile);
+    } catch (const tb::CertificateError& error) {
+      logLine(vu::log::error, "main", std::string("cannot serve HTTPS: ") + error.what());
+      return 1;
+    }
+  }
+
   // Every connection and every call in progress takes a descriptor or a thread: allow
   // as many descriptors as the system lets this process have.
   rlimit files{};
@@ -208,6 +245,8 @@ int main(int argc, char** argv) {
       std::make_shared<tb::CallAdmission>(tb::CallAdmission::limitsFromEnvironment());
   context->hub = std::make_shared<tb::SseHub>(tb::SseHub::maxSubscribersFromEnvironment());
   context->sessionToken = tb::randomHex(16);
+  context->tls = tls;
+  context->plainHttpBeyondLoopback = options.allowPlainHttp;
   context->fileFolders = [weak = boost::weak_ptr<ZR::ZRBroker>(broker)] {
     const boost::shared_ptr<ZR::ZRBroker> alive = weak.lock();
     return alive ? alive->fileFolders() : nullptr;

@@ -3,8 +3,10 @@
 //
 //   if (vu::text::holdsControlCharacter(name)) refuse();
 //   if (vu::text::isAllDigits(entry->d_name)) ...   // a process id in /proc
+//   if (vu::text::asciiLowerCase(host) == "localhost") ...
 #pragma once
 
+#include <string>
 #include <string_view>
 
 namespace vu {
@@ -15,6 +17,10 @@ bool holdsControlCharacter(std::string_view text);
 
 // Whether the text is not empty and holds only the ASCII digits 0-9.
 bool isAllDigits(std::string_view text);
+
+// The text with the ASCII letters A-Z in lower case (host names, header values, keys);
+// other bytes as they are.
+std::string asciiLowerCase(std::string_view text);
 
 }  // namespace text
 }  // namespace vu

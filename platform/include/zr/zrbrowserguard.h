@@ -22,12 +22,13 @@ struct ZRRequestOrigin {
   std::optional<std::string> host;    // the Host header, when there is one
   std::optional<std::string> origin;  // the Origin header, when there is one
   std::string fetchSite;              // Sec-Fetch-Site, "" when absent
+  bool encrypted = false;             // it came over TLS: its own pages are "https://"
 };
 
 enum class ZRBrowserRefusal {
   None,
   UnknownHost,    // Host names neither an address, "localhost" nor an allowed name
-  ForeignOrigin,  // Origin is not "http://" + Host
+  ForeignOrigin,  // Origin is not "http://" + Host ("https://" over TLS)
   OtherSite,      // Sec-Fetch-Site says "cross-site" or "same-site"
 };
 

@@ -6,15 +6,6 @@
 #include <cctype>
 
 namespace ZR {
-namespace {
-
-std::string lowerCase(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return text;
-}
-
-}  // namespace
 
 std::string hostOfHostHeader(const std::string& value) {
   if (!value.empty() && value[0] == '[') {
@@ -30,13 +21,14 @@ std::string hostOfHostHeader(const std::string& value) {
 }
 
 bool isAllowedHost(const std::string& host, const ZRNetworkAccess& access) {
-  const std::string name = lowerCase(host);
+  const std::string name = vu::text::asciiLowerCase(host);
   if (name == "localhost") return true;
   boost::system::error_code error;
   boost::asio::ip::make_address(name, error);
   if (!error) return true;
-  return std::any_of(access.hostNames.begin(), access.hostNames.end(),
-                     [&](const std::string& allowed) { return lowerCase(allowed) == name; });
+  return std::any_of(
+      access.hostNames.begin(), access.hostNames.end(),
+      [&](const std::string& allowed) { return vu::text::asciiLowerCase(allowed) == name; });
 }
 
 ZRBrowserRefusal browserRefusal(const ZRRequestOrigin& request, const ZRNetworkAccess& access,
@@ -46,10 +38,12 @@ ZRBrowserRefusal browserRefusal(const ZRRequestOrigin& request, const ZRNetworkA
   }
   if (siteCheck == ZRSiteCheck::NotForThisRequest) return ZRBrowserRefusal::None;
   if (request.origin &&
-      !(request.host && lowerCase(*request.origin) == lowerCase("http://" + *request.host))) {
+      !(request.host && vu::text::asciiLowerCase(*request.origin) ==
+                            vu::text::asciiLowerCase((request.encrypted ? "https://" : "http://") +
+                                                     *request.host))) {
     return ZRBrowserRefusal::ForeignOrigin;
   }
-  const std::string site = lowerCase(request.fetchSite);
+  const std::string site = vu::text::asciiLowerCase(request.fetchSite);
   if (site == "cross-site" || site == "same-site") return ZRBrowserRefusal::OtherSite;
   return ZRBrowserRefusal::None;
 }

@@ -24,24 +24,27 @@ export function parseArgs(argv) {
 }
 
 // A daemon of `options` (parseArgs) with a fresh HOME, prefix and temporary folder in
-// `scratch`, which is emptied first; its log is scratch/tuqvu.log.
-export async function startTuqvuIn(scratch, options) {
+// `scratch`, which is emptied first; its log is scratch/tuqvu.log. `extraArgs` go on its
+// command line (such as --https).
+export async function startTuqvuIn(scratch, options, extraArgs = []) {
   fs.rmSync(scratch, { recursive: true, force: true });
   for (const folder of ['home', 'prefix', 'tmp']) {
     fs.mkdirSync(path.join(scratch, folder), { recursive: true });
   }
   return startTuqvu({ program: options.tuqvu, module: options.module,
                       home: path.join(scratch, 'home'), prefix: path.join(scratch, 'prefix'),
-                      tmp: path.join(scratch, 'tmp'), logFile: path.join(scratch, 'tuqvu.log') });
+                      tmp: path.join(scratch, 'tmp'), logFile: path.join(scratch, 'tuqvu.log'),
+                      extraArgs });
 }
 
-export async function startTuqvu({ program, module, home, prefix, logFile, tmp }) {
+export async function startTuqvu({ program, module, home, prefix, logFile, tmp, extraArgs = [] }) {
   const env = { ...process.env, HOME: home, TUQVU_SDK_PREFIX: prefix };
   if (tmp) env.TMPDIR = tmp;
   delete env.XDG_DATA_HOME;
   delete env.XDG_CONFIG_HOME;
   const log = fs.openSync(logFile, 'w');
-  const args = ['--port', '0', '--bind', '127.0.0.1', '--module', module, '--log-level', '5'];
+  const args = ['--port', '0', '--bind', '127.0.0.1', '--module', module, '--log-level', '5',
+                ...extraArgs];
   const child = spawn(program, args, { env, stdio: ['ignore', 'pipe', log] });
   fs.closeSync(log);
   const exited = new Promise((resolve) => {
@@ -72,6 +75,7 @@ export async function startTuqvu({ program, module, home, prefix, logFile, tmp }
   return {
     port,
     secret,
+    home,
     pid: child.pid,
     running: () => child.exitCode === null && child.signalCode === null,
     log: () => fs.readFileSync(logFile, 'utf8'),

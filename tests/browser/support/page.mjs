@@ -4,6 +4,8 @@
 import fs from 'node:fs';
 import path from 'node:path';
 
+import { eventually, rpc } from './broker.mjs';
+
 // Debian's chromium, never a downloaded browser.
 export const CHROMIUM = '/usr/bin/chromium';
 export const CHROMIUM_ARGS = ['--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
@@ -11,7 +13,8 @@ export const CHROMIUM_ARGS = ['--no-sandbox', '--disable-gpu', '--disable-quic',
 
 // A fresh profile in `scratch`, which also serves as the browser's HOME. The browser
 // signs in with `secret` when the robot asks for it, as a person would in its dialog.
-export async function launch(chromium, scratch, secret) {
+// `extraArgs` go on chromium's command line.
+export async function launch(chromium, scratch, secret, extraArgs = []) {
   if (!fs.existsSync(CHROMIUM)) {
     throw new Error(`${CHROMIUM} is missing (scripts/deps.sh installs Debian's chromium)`);
   }
@@ -20,7 +23,7 @@ export async function launch(chromium, scratch, secret) {
   return chromium.launchPersistentContext(userDataDir, {
     executablePath: CHROMIUM,
     headless: true,
-    args: CHROMIUM_ARGS,
+    args: [...CHROMIUM_ARGS, ...extraArgs],
     env: { ...process.env, HOME: scratch },
     viewport: { width: 900, height: 700 },
     httpCredentials: { username: 'tuqvu', password: secret },
@@ -142,4 +145,28 @@ export async function waitForDone(page, url) {
       entry.what === 'state' && entry.url === wanted && entry.readyState === 4),
     url, { timeout: 60000 });
   return page.evaluate(() => window.evalLog);
+}
+
+// Opens the browser's own EventSource for the events of `key` in `page`; resolves once
+// the stream is open. What it receives piles up in window.received (the events' values).
+export async function followEventsInPage(page, key) {
+  await page.evaluate((followed) => {
+    window.received = [];
+    window.stream = new EventSource(`/events?key=${encodeURIComponent(followed)}`);
+    window.stream.onmessage = (event) => window.received.push(JSON.parse(event.data).value);
+    return new Promise((resolve) => { window.stream.onopen = resolve; });
+  }, key);
+}
+
+// Inserts the values 0, 1, 2 at `key` through the broker on `port` and checks that the
+// page's EventSource (followEventsInPage) received them in order; then closes it.
+export async function expectThreeEventsInPage(page, port, key) {
+  for (let value = 0; value < 3; value += 1) await rpc(port, 'ZRMemory.insertData', [key, value]);
+  await eventually('the page received three events',
+                   async () => (await page.evaluate(() => window.received.length)) === 3);
+  const received = await page.evaluate(() => window.received);
+  await page.evaluate(() => window.stream.close());
+  if (JSON.stringify(received) !== '[0,1,2]') {
+    throw new Error(`the page received ${JSON.stringify(received)}, not [0,1,2]`);
+  }
 }

@@ -22,10 +22,27 @@ TEST(Cli, ParsesUrls) {
   EXPECT_EQ("::1", url.host);
   EXPECT_EQ("9600", url.port);
   EXPECT_EQ("80", parseUrl("http://host").port);
-  for (const char* bad : {"https://host", "http://", "http://host:", "http://host:70000",
-                          "http://host:x1", "http://[::1"}) {
+  EXPECT_FALSE(parseUrl("http://host").secure);
+  EXPECT_FALSE(parseUrl("host").secure);
+  for (const char* bad : {"ftp://host", "http://", "https://", "http://host:", "http://host:70000",
+                          "http://host:x1", "http://[::1", "https://host:"}) {
     EXPECT_THROW(parseUrl(bad), UsageError) << bad;
   }
+}
+
+TEST(Cli, HttpsUrlsAreSecureWithPort443ByDefault) {
+  Url url = parseUrl("https://robot.local");
+  EXPECT_TRUE(url.secure);
+  EXPECT_EQ("robot.local", url.host);
+  EXPECT_EQ("443", url.port);
+  EXPECT_EQ("", url.basePath);
+  url = parseUrl("https://[fe80::1]:9600/base/");
+  EXPECT_TRUE(url.secure);
+  EXPECT_EQ("fe80::1", url.host);
+  EXPECT_EQ("9600", url.port);
+  EXPECT_EQ("/base", url.basePath);
+  EXPECT_TRUE(parseUrl("HTTPS://robot:1").secure);
+  EXPECT_FALSE(parseUrl("HTTP://robot:1").secure);
 }
 
 TEST(Cli, ArgumentsAreJsonLiteralsElseStrings) {
@@ -127,6 +144,96 @@ TEST(Cli, CommandLines) {
                                              {"--watch", "--put", "a", "/b"},
                                              {"--watch", "--frob"}}) {
     EXPECT_THROW(parseCommandLine(bad), UsageError) << ::testing::PrintToString(bad);
+  }
+}
+
+namespace {
+
+const std::string kFingerprint =
+    "AB:CD:EF:01:23:45:67:89:AB:CD:EF:01:23:45:67:89:AB:CD:EF:01:23:45:67:89:AB:CD:EF:01:23:45:67:"
+    "89";
+
+std::string usageErrorOf(const std::vector<std::string>& args) {
+  try {
+    parseCommandLine(args);
+  } catch (const UsageError& error) {
+    return error.what();
+  }
+  return "";
+}
+
+}  // namespace
+
+TEST(Cli, FingerprintAndTrustNewAreOptionsOfHttpsCalls) {
+  CliCommand command =
+      parseCommandLine({"--url", "https://robot:9600", "--fingerprint", kFingerprint, "M.m"});
+  EXPECT_EQ(CliCommand::Call, command.kind);
+  EXPECT_EQ(kFingerprint, command.fingerprint);
+  EXPECT_FALSE(command.trustNew);
+
+  // Read as a person may type it, kept in the canonical form.
+  command = parseCommandLine(
+      {"--url=https://robot", "--trust-new",
+       "--fingerprint=abcdef0123456789abcdef0123456789abcdef0123456789abcdef0123456789", "M.m",
+       "--trust-new"});
+  EXPECT_EQ(kFingerprint, command.fingerprint);
+  EXPECT_TRUE(command.trustNew);
+  EXPECT_EQ(std::vector<std::string>{"--trust-new"}, command.words);
+
+  command = parseCommandLine(
+      {"--watch", "--url", "https://robot", "--fingerprint", kFingerprint, "BehaviorsRun"});
+  EXPECT_EQ(CliCommand::Watch, command.kind);
+  EXPECT_EQ(kFingerprint, command.fingerprint);
+  EXPECT_EQ(std::vector<std::string>{"BehaviorsRun"}, command.words);
+
+  command = parseCommandLine({"--put", "a", "/tmp/", "--trust-new", "--url", "https://robot"});
+  EXPECT_EQ(CliCommand::Put, command.kind);
+  EXPECT_TRUE(command.trustNew);
+  EXPECT_TRUE(parseCommandLine({"--trust-new", "M.m"}).fingerprint.empty());
+}
+
+TEST(Cli, FingerprintAloneAsksForThisMachinesBrokerCertificate) {
+  EXPECT_EQ(CliCommand::ShowFingerprint, parseCommandLine({"--fingerprint"}).kind);
+  EXPECT_EQ(CliCommand::Help, parseCommandLine({"--fingerprint", "--help"}).kind);
+  // With anything else to do, a fingerprint must follow.
+  for (const std::vector<std::string>& args :
+       std::vector<std::vector<std::string>>{{"--url", "https://robot", "--fingerprint"},
+                                             {"--fingerprint", "--url", "https://robot", "M.m"},
+                                             {"--watch", "--fingerprint"},
+                                             {"--fingerprint", "--trust-new"}}) {
+    const std::string message = usageErrorOf(args);
+    EXPECT_NE(std::string::npos, message.find("--fingerprint needs the fingerprint"))
+        << ::testing::PrintToString(args) << ": " << message;
+  }
+}
+
+TEST(Cli, AFingerprintThatIsNoneIsAUsageErrorNamingIt) {
+  for (const std::string& bad : {std::string("ZRBroker.getModules"), std::string("AB:CD"),
+                                 kFingerprint + ":00", kFingerprint.substr(0, 94) + "G"}) {
+    const std::string message =
+        usageErrorOf({"--url", "https://robot", "--fingerprint", bad, "M.m"});
+    EXPECT_NE(std::string::npos, message.find("\"" + bad + "\" is not a certificate fingerprint"))
+        << bad << ": " << message;
+  }
+  EXPECT_NE(std::string::npos, usageErrorOf({"--url", "https://robot", "--fingerprint=", "M.m"})
+                                   .find("is not a certificate fingerprint"));
+}
+
+TEST(Cli, AFingerprintForAPlainHttpUrlIsRefusedAsItWouldCheckNothing) {
+  const std::string message = usageErrorOf({"--fingerprint", kFingerprint, "M.m"});
+  EXPECT_NE(std::string::npos, message.find("--fingerprint is for https:// URLs")) << message;
+  EXPECT_NE(std::string::npos,
+            usageErrorOf({"--url", "http://robot", "--fingerprint", kFingerprint, "M.m"})
+                .find("http://robot"));
+}
+
+TEST(Cli, HelpDescribesHttpsAndItsTrust) {
+  const std::string help = cliHelpText();
+  for (const char* part :
+       {"https://HOST[:PORT][/PATH]", "port 443", "--fingerprint FP", "tuqvu-call --fingerprint\n",
+        "--trust-new", "TUQVU_FINGERPRINT", "TUQVU_SECRET", "~/.config/tuqvu/known_robots",
+        "HOST:PORT FINGERPRINT", "intercepting"}) {
+    EXPECT_NE(std::string::npos, help.find(part)) << part;
   }
 }
 

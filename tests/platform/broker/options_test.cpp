@@ -101,3 +101,24 @@ TEST(Options, HelpNamesEveryOption) {
   }
   EXPECT_EQ(0u, versionText().find("tuqvu "));
 }
+
+TEST(Options, HttpsIsOnBeyondLoopbackAndOnLoopbackOnlyWhenAsked) {
+  EXPECT_FALSE(parse({}).servesHttps(false));
+  EXPECT_TRUE(parse({}).servesHttps(true));
+  EXPECT_TRUE(parse({"--https"}).servesHttps(false));
+  const Options owned = parse({"--tls-cert", "/etc/robot.pem", "--tls-key=/etc/robot.key"});
+  EXPECT_EQ("/etc/robot.pem", owned.tlsCertificate);
+  EXPECT_EQ("/etc/robot.key", owned.tlsKey);
+  EXPECT_TRUE(owned.servesHttps(false));  // a certificate given is a certificate to serve
+  EXPECT_FALSE(parse({}).allowPlainHttp);
+  EXPECT_TRUE(parse({"--allow-plain-http"}).allowPlainHttp);
+}
+
+TEST(Options, ACertificateWithoutItsKeyIsRefused) {
+  for (const std::vector<const char*>& args :
+       {std::vector<const char*>{"--tls-cert", "/etc/robot.pem"},
+        std::vector<const char*>{"--tls-key", "/etc/robot.key"},
+        std::vector<const char*>{"--tls-cert"}}) {
+    EXPECT_THROW(parse(args), OptionsError) << args[0];
+  }
+}

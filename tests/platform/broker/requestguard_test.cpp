@@ -155,6 +155,18 @@ TEST(RequestGuard, TheSecretSignsInWithAnyUserNameAndTheCookieKeepsTheSession) {
   EXPECT_FALSE(cookie.refusal);
   EXPECT_FALSE(cookie.signedIn);
   EXPECT_EQ("tuqvu-session=token; Path=/; HttpOnly; SameSite=Strict", sessionCookieHeader("token"));
+  EXPECT_EQ("tuqvu-session=token; Path=/; HttpOnly; SameSite=Strict; Secure",
+            sessionCookieHeader("token", true));
+}
+
+TEST(RequestGuard, OverTlsThePagesOfTheBrokerAreItsHttpsOrigin) {
+  const Request fromItsPage =
+      request({{"Host", "127.0.0.1:9600"}, {"Origin", "https://127.0.0.1:9600"}});
+  EXPECT_FALSE(guardRequest(fromItsPage, onLoopback(), "token", true).refusal);
+  EXPECT_EQ(403, guardRequest(fromItsPage, onLoopback(), "token", false).refusal->result_int());
+  const Request fromAPlainPage =
+      request({{"Host", "127.0.0.1:9600"}, {"Origin", "http://127.0.0.1:9600"}});
+  EXPECT_EQ(403, guardRequest(fromAPlainPage, onLoopback(), "token", true).refusal->result_int());
 }
 
 TEST(RequestGuard, PagesForbidFramingSniffingAndForeignScripts) {

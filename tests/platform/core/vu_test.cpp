@@ -221,3 +221,11 @@ TEST(VuText, AllDigitsMeansAtLeastOneAndOnlyAsciiDigits) {
   EXPECT_FALSE(vu::text::isAllDigits(" 1"));
   EXPECT_FALSE(vu::text::isAllDigits("\xd9\xa3"));  // an Arabic-Indic digit is not ASCII
 }
+
+TEST(VuText, LowerCaseChangesOnlyTheAsciiCapitals) {
+  EXPECT_EQ("robot.local:9600", vu::text::asciiLowerCase("Robot.LOCAL:9600"));
+  EXPECT_EQ("[fd00::ab]", vu::text::asciiLowerCase("[FD00::AB]"));
+  EXPECT_EQ("", vu::text::asciiLowerCase(""));
+  // Bytes of other characters stay as they are, whatever the locale says.
+  EXPECT_EQ("\xc3\x89t\xc3\xa9", vu::text::asciiLowerCase("\xc3\x89T\xc3\xa9"));
+}

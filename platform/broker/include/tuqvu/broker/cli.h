@@ -13,6 +13,7 @@ namespace tuqvu {
 namespace broker {
 
 struct Url {
+  bool secure = false;  // https: TLS, and the server's certificate verified
   std::string host;
   std::string port;
   std::string basePath;  // "" or "/prefix", never ending in '/'
@@ -24,8 +25,9 @@ public:
   using std::runtime_error::runtime_error;
 };
 
-// "http://HOST[:PORT][/PATH]" (the scheme may be left out; the port defaults to 80).
-// Throws UsageError saying what is wrong.
+// "http://HOST[:PORT][/PATH]" (the scheme may be left out; the port defaults to 80) or
+// "https://HOST[:PORT][/PATH]" (the port defaults to 443). Throws UsageError saying what
+// is wrong.
 Url parseUrl(const std::string& text);
 
 // A command-line argument: a JSON literal when it reads as one, else the text as a string.
@@ -52,10 +54,12 @@ std::string cliHelpText();
 
 // The command line of tuqvu-call.
 struct CliCommand {
-  enum Kind { Call, Watch, Put, Help };
+  enum Kind { Call, Watch, Put, Help, ShowFingerprint };
   Kind kind = Call;
   std::string url = "http://127.0.0.1:9600";
   bool progress = false;           // --progress: show progress even when stderr is no terminal
+  std::string fingerprint;         // --fingerprint FP, canonical: the certificate to insist on
+  bool trustNew = false;           // --trust-new: record a robot met first without asking
   std::string method;              // Call: "Module.method"
   std::vector<std::string> words;  // Call: the arguments; Watch: the keys; Put: LOCAL, REMOTE
 };
@@ -68,7 +72,8 @@ public:
 };
 
 // Options come before the method; everything after Module.method is an argument of
-// the call, taken as it is (so "-5" or "--x" can be passed).
+// the call, taken as it is (so "-5" or "--x" can be passed). "--fingerprint" with no
+// fingerprint after it and nothing else is ShowFingerprint.
 CliCommand parseCommandLine(const std::vector<std::string>& args);
 
 // One file of an upload: the local file, the request path on the file-transfer

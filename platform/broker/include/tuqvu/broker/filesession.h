@@ -21,6 +21,7 @@
 #include <tuqvu/broker/descriptorbody.h>
 #include <tuqvu/broker/httptypes.h>
 #include <tuqvu/broker/servercontext.h>
+#include <tuqvu/broker/stream.h>
 #include <zr/zrfilefolders.h>
 
 #include <boost/beast/core.hpp>
@@ -43,7 +44,7 @@ public:
 
   // `parser` holds the request header and nothing of its body; `cookie`, when not empty, is a
   // Set-Cookie value for the answer.
-  FileSession(boost::beast::tcp_stream&& stream, boost::beast::flat_buffer&& buffer,
+  FileSession(Stream&& stream, boost::beast::flat_buffer&& buffer,
               http::request_parser<http::string_body>&& parser,
               std::shared_ptr<ServerContext> context, std::string cookie);
   ~FileSession();
@@ -68,7 +69,7 @@ private:
   // Hands the connection back for the next request, or closes it.
   void done(bool keepAlive);
 
-  boost::beast::tcp_stream fStream;
+  Stream fStream;
   boost::beast::flat_buffer fBuffer;
   // Holds the request header; a PUT's body is read through it into the new file.
   std::optional<http::request_parser<DescriptorBody>> fParser;

@@ -8,6 +8,7 @@
 #include <tuqvu/broker/httptypes.h>
 #include <tuqvu/broker/router.h>
 #include <tuqvu/broker/servercontext.h>
+#include <tuqvu/broker/stream.h>
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/core.hpp>
@@ -23,12 +24,12 @@ namespace broker {
 class HttpSession : public std::enable_shared_from_this<HttpSession> {
 public:
   HttpSession(boost::asio::ip::tcp::socket&& socket, std::shared_ptr<ServerContext> context);
-  // A connection handed back after another session served a request on it; `buffer`
-  // holds what was read beyond that request.
-  HttpSession(boost::beast::tcp_stream&& stream, boost::beast::flat_buffer&& buffer,
+  // A connection handed over by another session (after its TLS handshake, or a request
+  // another session served); `buffer` holds what was read beyond that.
+  HttpSession(Stream&& stream, boost::beast::flat_buffer&& buffer,
               std::shared_ptr<ServerContext> context);
   void run();
-  // For a handed-back connection, on its strand: reads the next request, or ends the
+  // For a handed-over connection, on its strand: reads the next request, or ends the
   // connection after its last answer.
   void resume() { doRead(); }
   void close() { doClose(); }
@@ -55,7 +56,7 @@ private:
   // has read the answer.
   void drainBeforeClose(std::size_t drained);
 
-  boost::beast::tcp_stream fStream;
+  Stream fStream;
   boost::beast::flat_buffer fBuffer;
   std::optional<http::request_parser<http::string_body>> fParser;
   std::shared_ptr<Response> fResponse;  // the response being written

@@ -27,12 +27,18 @@ struct Options {
   std::string secretFile;              // empty: the user's config folder
   bool trustLoopback = false;          // --trust-loopback: no secret asked on loopback
   bool fileServer = true;              // --no-file-server: the file-transfer server stays off
+  bool https = false;                  // --https: HTTPS on loopback too
+  bool allowPlainHttp = false;         // --allow-plain-http: plain HTTP from everyone
+  std::string tlsCertificate;          // --tls-cert: empty: the broker's own certificate
+  std::string tlsKey;                  // --tls-key
   std::vector<ModuleSpec> modules;     // in load order
   bool modulesGiven = false;           // false: load the default module library
   int logLevel = 4;
   int shutdownGraceMs = 10000;
   bool showHelp = false;
   bool showVersion = false;
+  // Whether the port speaks HTTPS: always beyond loopback, on loopback when asked.
+  bool servesHttps(bool bindsBeyondLoopback) const;
 };
 
 // A command line that cannot be used; what() says why.

@@ -28,12 +28,14 @@ struct GuardVerdict {
   std::optional<Response> refusal;  // to send instead of routing the request
   bool signedIn = false;            // the secret came with it: hand out the session cookie
 };
+// `encrypted`: the request came over TLS.
 GuardVerdict guardRequest(const Request& request, const ZR::ZRNetworkAccess& access,
-                          const std::string& sessionToken);
+                          const std::string& sessionToken, bool encrypted = false);
 
-// The cookie that carries the session token, and its Set-Cookie value.
+// The cookie that carries the session token, and its Set-Cookie value; over TLS the
+// cookie is marked Secure, so a browser never sends it in clear.
 extern const char* const kSessionCookie;
-std::string sessionCookieHeader(const std::string& sessionToken);
+std::string sessionCookieHeader(const std::string& sessionToken, bool encrypted = false);
 
 // True for the requests a page can make a browser send without asking, whatever site it
 // comes from, and that still change the robot: "?eval=". Beyond the secret they need the

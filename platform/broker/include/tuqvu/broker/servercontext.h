@@ -7,6 +7,7 @@
 #include <tuqvu/broker/inlinecalls.h>
 #include <tuqvu/broker/rpcdispatcher.h>
 #include <tuqvu/broker/ssehub.h>
+#include <tuqvu/broker/tlscredentials.h>
 #include <zr/zrfilefolders.h>
 
 #include <atomic>
@@ -34,6 +35,11 @@ struct ServerContext {
   // Set when the broker shuts down: new calls are answered 503 and not made, while the
   // modules themselves may still call one another.
   std::atomic<bool> refusingCalls{false};
+  // The certificate of the port's HTTPS; null: the port speaks plain HTTP only.
+  std::shared_ptr<TlsCredentials> tls;
+  // With tls set: whether peers other than the robot itself may still speak plain HTTP
+  // (--allow-plain-http).
+  bool plainHttpBeyondLoopback = false;
   // The value of the session cookie handed to clients that presented the secret; made
   // at start-up, never the secret itself.
   std::string sessionToken;

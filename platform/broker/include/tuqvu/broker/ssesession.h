@@ -9,6 +9,7 @@
 #pragma once
 
 #include <tuqvu/broker/ssehub.h>
+#include <tuqvu/broker/stream.h>
 
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core.hpp>
@@ -30,8 +31,8 @@ public:
   static constexpr int kRetryMs = 2000;
 
   // `lastEventId`: what the client last received, when it reconnects (see SseHub).
-  SseSession(boost::beast::tcp_stream&& stream, std::shared_ptr<SseHub> hub,
-             std::vector<std::string> keys, std::optional<std::string> lastEventId = {});
+  SseSession(Stream&& stream, std::shared_ptr<SseHub> hub, std::vector<std::string> keys,
+             std::optional<std::string> lastEventId = {});
   ~SseSession() override;
 
   // Queues the header and the retry time, subscribes (the missed events of a reconnecting
@@ -51,7 +52,7 @@ private:
   void scheduleHeartbeat();
   void shutdown();
 
-  boost::beast::tcp_stream fStream;
+  Stream fStream;
   std::shared_ptr<SseHub> fHub;
   std::vector<std::string> fKeys;
   std::optional<std::string> fLastEventId;
