@@ -12,6 +12,7 @@ import argparse
 import json
 import os
 import re
+import shlex
 import shutil
 import statistics
 import sys
@@ -64,6 +65,9 @@ def parse_args():
     parser.add_argument("--no-adversary", action="store_true",
                         help="leave out the hostile client (slow senders, floods, limits)")
     parser.add_argument("--report", help="write the results as JSON here")
+    parser.add_argument("--broker-wrapper", default="",
+                        help="start tuqvu under this command, e.g. \"heaptrack -o FILE\"; "
+                             "threads, descriptors, memory and the SIGTERM go to tuqvu itself")
     return parser.parse_args()
 
 
@@ -232,7 +236,8 @@ def main():
     settings = {"TUQVU_MAX_CALLS_PER_CLIENT": "256"}
     if not options.no_adversary:
         settings.update(adversary.SETTINGS)
-    broker = BrokerProcess(options.tuqvu, options.module, work, options.log_level, settings)
+    broker = BrokerProcess(options.tuqvu, options.module, work, options.log_level, settings,
+                           shlex.split(options.broker_wrapper))
     try:
         port = broker.wait_listening(60)
         use_secret(broker.secret)

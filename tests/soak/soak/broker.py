@@ -10,8 +10,13 @@ import time
 
 
 class BrokerProcess:
-    def __init__(self, tuqvu, module, work, log_level, settings=None):
+    """tuqvu, started directly or, with `wrapper` (an argument list such as
+    ["heaptrack", "-o", "FILE"]), as the wrapper's child; `pid` is then the broker's own
+    process (found once it listens), which is watched and gets the SIGTERM."""
+
+    def __init__(self, tuqvu, module, work, log_level, settings=None, wrapper=None):
         self.work = work
+        self.wrapper = list(wrapper or [])
         self.log_path = os.path.join(work, "tuqvu.log")
         self.out_path = os.path.join(work, "tuqvu.out")
         env = {k: v for k, v in os.environ.items() if k not in ("XDG_DATA_HOME", "XDG_CONFIG_HOME", "TUQVU_SDK_PREFIX")}
@@ -22,8 +27,9 @@ class BrokerProcess:
             os.makedirs(folder, exist_ok=True)
         self._out = open(self.out_path, "wb")
         self._log = open(self.log_path, "wb")
+        self.tuqvu = os.path.realpath(tuqvu)
         self.process = subprocess.Popen(
-            [os.path.abspath(tuqvu), "--port", "0", "--bind", "127.0.0.1",
+            self.wrapper + [os.path.abspath(tuqvu), "--port", "0", "--bind", "127.0.0.1",
              "--module", os.path.abspath(module),
              "--log-level", str(log_level)],
             stdin=subprocess.DEVNULL, stdout=self._out, stderr=self._log, env=env, cwd=work)
@@ -36,6 +42,11 @@ class BrokerProcess:
             with open(self.out_path, "rb") as out:
                 match = re.search(rb"tuqvu: listening on [0-9.]+:(\d+)", out.read())
             if match:
+                if self.wrapper:
+                    self.pid = _descendant_running(self.process.pid, self.tuqvu)
+                    if self.pid is None:
+                        raise RuntimeError("tuqvu listens, but no process below the wrapper "
+                                           f"runs {self.tuqvu}")
                 self.secret = self._read_secret()
                 return int(match.group(1))
             if self.process.poll() is not None:
@@ -55,7 +66,10 @@ class BrokerProcess:
     def terminate(self, timeout):
         """SIGTERM, then the exit status; None when it did not end in time (then killed)."""
         if self.process.poll() is None:
-            self.process.send_signal(signal.SIGTERM)
+            try:
+                os.kill(self.pid, signal.SIGTERM)  # the wrapper passes on the exit status
+            except ProcessLookupError:
+                pass
         try:
             status = self.process.wait(timeout)
         except subprocess.TimeoutExpired:
@@ -65,6 +79,30 @@ class BrokerProcess:
         self._out.close()
         self._log.close()
         return status
+
+
+def _descendant_running(root, exe):
+    """The pid of a process below `root` whose executable is `exe`, or None."""
+    children = {}
+    for entry in os.listdir("/proc"):
+        if not entry.isdigit():
+            continue
+        try:
+            with open(f"/proc/{entry}/stat") as stat:
+                ppid = int(stat.read().rsplit(")", 1)[1].split()[1])
+        except (OSError, ValueError, IndexError):
+            continue
+        children.setdefault(ppid, []).append(int(entry))
+    pending = list(children.get(root, []))
+    while pending:
+        pid = pending.pop()
+        try:
+            if os.path.realpath(f"/proc/{pid}/exe") == exe:
+                return pid
+        except OSError:
+            pass
+        pending.extend(children.get(pid, []))
+    return None
 
 
 def read_counts(pid):
