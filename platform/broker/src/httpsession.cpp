@@ -159,7 +159,12 @@ const std::string& HttpSession::clientName() {
     const net::ip::tcp::endpoint peer = fStream.socket().remote_endpoint(ignored);
     const net::ip::tcp::endpoint local = fStream.socket().local_endpoint(ignored);
     const std::string address = peer.address().to_string();
-    fClientName = ZR::isLoopbackAddress(address) ? localClientName(peer, local) : address;
+    if (!ZR::isLoopbackAddress(address)) {
+      fClientName = address;
+    } else {
+      fClientName = fContext->localClients ? fContext->localClients->nameOf(peer, local)
+                                           : localClientName(peer, local);
+    }
   }
   return *fClientName;
 }

@@ -1,15 +1,11 @@
 #include <dirent.h>
 #include <sys/stat.h>
 #include <tuqvu/broker/localclient.h>
+#include <tuqvu/broker/socketowner.h>
 #include <unistd.h>
 #include <vu/text.h>
 
-#include <cstdint>
-#include <cstdio>
-#include <cstring>
-#include <fstream>
-#include <sstream>
-#include <vector>
+#include <string>
 
 namespace tuqvu {
 namespace broker {
@@ -17,63 +13,35 @@ namespace {
 
 using boost::asio::ip::tcp;
 
-// An endpoint as the kernel writes it in /proc/net/tcp{,6}: the address as the words it
-// stores, each printed as a host-order hexadecimal number, then ":" and the port.
-std::string kernelForm(const tcp::endpoint& endpoint, bool asIpv6) {
-  char text[64];
-  std::string out;
-  if (!asIpv6) {
-    const auto bytes = endpoint.address().to_v4().to_bytes();
-    std::uint32_t word;
-    std::memcpy(&word, bytes.data(), sizeof word);
-    std::snprintf(text, sizeof text, "%08X", word);
-    out = text;
-  } else {
-    const auto address = endpoint.address();
-    const auto bytes = address.is_v4() ? boost::asio::ip::make_address_v6(
-                                             boost::asio::ip::v4_mapped, address.to_v4())
-                                             .to_bytes()
-                                       : address.to_v6().to_bytes();
-    for (std::size_t at = 0; at < bytes.size(); at += 4) {
-      std::uint32_t word;
-      std::memcpy(&word, bytes.data() + at, sizeof word);
-      std::snprintf(text, sizeof text, "%08X", word);
-      out += text;
+// Whether the process `pid` (its /proc folder's name) has the socket `wanted`
+// ("socket:[INODE]") among its descriptors.
+bool holdsSocket(const std::string& pid, const std::string& wanted) {
+  const std::string folder = "/proc/" + pid + "/fd";
+  DIR* descriptors = ::opendir(folder.c_str());
+  if (!descriptors) return false;  // another user's, or gone
+  bool held = false;
+  while (const dirent* descriptor = ::readdir(descriptors)) {
+    if (!vu::text::isAllDigits(descriptor->d_name)) continue;
+    char target[64];
+    const std::string link = folder + "/" + descriptor->d_name;
+    const ssize_t length = ::readlink(link.c_str(), target, sizeof target - 1);
+    if (length > 0 &&
+        wanted.compare(0, std::string::npos, target, static_cast<std::size_t>(length)) == 0) {
+      held = true;
+      break;
     }
   }
-  std::snprintf(text, sizeof text, ":%04X", static_cast<unsigned>(endpoint.port()));
-  return out + text;
+  ::closedir(descriptors);
+  return held;
 }
 
-struct SocketOwner {
-  bool found = false;
-  unsigned long uid = 0;
-  unsigned long inode = 0;
-};
-
-// The row of the program's end of the connection: its local address is `peer`.
-SocketOwner findSocket(const char* table, const std::string& peer, const std::string& local) {
-  std::ifstream in(table);
-  std::string line;
-  std::getline(in, line);  // the header
-  while (std::getline(in, line)) {
-    std::istringstream fields(line);
-    std::string slot, localAddress, remoteAddress, state, queues, timer, retransmits;
-    SocketOwner owner;
-    fields >> slot >> localAddress >> remoteAddress >> state >> queues >> timer >> retransmits >>
-        owner.uid;
-    if (localAddress != peer || remoteAddress != local) continue;
-    std::string timeout;
-    fields >> timeout >> owner.inode;
-    owner.found = !fields.fail();
-    return owner;
-  }
-  return {};
+std::string socketLink(unsigned long inode) {
+  return "socket:[" + std::to_string(inode) + "]";
 }
 
 // The process of `uid` that holds the socket `inode`, or 0.
 unsigned long processHolding(unsigned long uid, unsigned long inode) {
-  const std::string wanted = "socket:[" + std::to_string(inode) + "]";
+  const std::string wanted = socketLink(inode);
   DIR* processes = ::opendir("/proc");
   if (!processes) return 0;
   unsigned long holder = 0;
@@ -81,60 +49,60 @@ unsigned long processHolding(unsigned long uid, unsigned long inode) {
     const dirent* process = ::readdir(processes);
     if (!process) break;
     if (!vu::text::isAllDigits(process->d_name)) continue;
-    const std::string base = std::string("/proc/") + process->d_name;
     struct stat owner;
+    const std::string base = std::string("/proc/") + process->d_name;
     if (::stat(base.c_str(), &owner) != 0 || owner.st_uid != uid) continue;
-    DIR* descriptors = ::opendir((base + "/fd").c_str());
-    if (!descriptors) continue;  // another user's, or gone
-    while (const dirent* descriptor = ::readdir(descriptors)) {
-      if (!vu::text::isAllDigits(descriptor->d_name)) continue;
-      char target[64];
-      const std::string link = base + "/fd/" + descriptor->d_name;
-      const ssize_t length = ::readlink(link.c_str(), target, sizeof target - 1);
-      if (length <= 0) continue;
-      if (wanted.compare(0, std::string::npos, target, static_cast<std::size_t>(length)) == 0) {
-        holder = std::stoul(process->d_name);
-        break;
-      }
-    }
-    ::closedir(descriptors);
+    if (holdsSocket(process->d_name, wanted)) holder = std::stoul(process->d_name);
   }
   ::closedir(processes);
   return holder;
 }
 
+// A dual-stack listener sees an IPv4 client as ::ffff:a.b.c.d; the client's own socket is
+// an IPv4 one.
+tcp::endpoint unmapped(const tcp::endpoint& endpoint) {
+  const auto address = endpoint.address();
+  if (address.is_v6() && address.to_v6().is_v4_mapped()) {
+    return tcp::endpoint(
+        boost::asio::ip::make_address_v4(boost::asio::ip::v4_mapped, address.to_v6()),
+        endpoint.port());
+  }
+  return endpoint;
+}
+
+std::string nameFor(const SocketOwner& owner, unsigned long process) {
+  if (process == 0) return "local user " + std::to_string(owner.uid);
+  return "local process " + std::to_string(process);
+}
+
 }  // namespace
 
 std::string localClientName(const tcp::endpoint& peer, const tcp::endpoint& local) {
-  tcp::endpoint peerEndpoint = peer;
-  tcp::endpoint localEndpoint = local;
-  // A dual-stack listener sees an IPv4 client as ::ffff:a.b.c.d; the client's own socket
-  // is an IPv4 one.
-  const auto unmapped = [](const tcp::endpoint& endpoint) {
-    const auto address = endpoint.address();
-    if (address.is_v6() && address.to_v6().is_v4_mapped()) {
-      return tcp::endpoint(
-          boost::asio::ip::make_address_v4(boost::asio::ip::v4_mapped, address.to_v6()),
-          endpoint.port());
-    }
-    return endpoint;
-  };
-  peerEndpoint = unmapped(peerEndpoint);
-  localEndpoint = unmapped(localEndpoint);
-  const bool v4 = peerEndpoint.address().is_v4() && localEndpoint.address().is_v4();
-  SocketOwner owner;
-  if (v4) {
-    owner = findSocket("/proc/net/tcp", kernelForm(peerEndpoint, false),
-                       kernelForm(localEndpoint, false));
+  const std::optional<SocketOwner> owner = socketOwner(unmapped(peer), unmapped(local));
+  if (!owner) return "local";
+  return nameFor(*owner, processHolding(owner->uid, owner->inode));
+}
+
+std::string LocalClientNames::nameOf(const tcp::endpoint& peer, const tcp::endpoint& local) {
+  const std::optional<SocketOwner> owner = socketOwner(unmapped(peer), unmapped(local));
+  if (!owner) return "local";
+  unsigned long last = 0;
+  {
+    std::lock_guard<std::mutex> lock(fMutex);
+    const auto found = fLastHolder.find(owner->uid);
+    if (found != fLastHolder.end()) last = found->second;
   }
-  if (!owner.found) {
-    owner = findSocket("/proc/net/tcp6", kernelForm(peerEndpoint, true),
-                       kernelForm(localEndpoint, true));
+  unsigned long process = 0;
+  if (last != 0 && holdsSocket(std::to_string(last), socketLink(owner->inode))) {
+    process = last;
+  } else {
+    process = processHolding(owner->uid, owner->inode);
   }
-  if (!owner.found) return "local";
-  const unsigned long process = processHolding(owner.uid, owner.inode);
-  if (process == 0) return "local user " + std::to_string(owner.uid);
-  return "local process " + std::to_string(process);
+  if (process != 0) {
+    std::lock_guard<std::mutex> lock(fMutex);
+    fLastHolder[owner->uid] = process;
+  }
+  return nameFor(*owner, process);
 }
 
 }  // namespace broker

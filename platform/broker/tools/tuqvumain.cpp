@@ -243,6 +243,7 @@ int main(int argc, char** argv) {
   context->executor = std::make_shared<tb::CallExecutor>();
   context->admission =
       std::make_shared<tb::CallAdmission>(tb::CallAdmission::limitsFromEnvironment());
+  context->localClients = std::make_shared<tb::LocalClientNames>();
   context->hub = std::make_shared<tb::SseHub>(tb::SseHub::maxSubscribersFromEnvironment());
   context->sessionToken = tb::randomHex(16);
   context->tls = tls;

@@ -5,6 +5,7 @@
 #include <tuqvu/broker/calladmission.h>
 #include <tuqvu/broker/callexecutor.h>
 #include <tuqvu/broker/inlinecalls.h>
+#include <tuqvu/broker/localclient.h>
 #include <tuqvu/broker/rpcdispatcher.h>
 #include <tuqvu/broker/ssehub.h>
 #include <tuqvu/broker/tlscredentials.h>
@@ -26,6 +27,9 @@ struct ServerContext {
   std::shared_ptr<InlineCalls> inlineCalls;
   // How many calls run at once, per client and in all; null: no limit.
   std::shared_ptr<CallAdmission> admission;
+  // Names the local program behind a loopback connection, for the admission; null: each
+  // connection looks it up on its own (localClientName).
+  std::shared_ptr<LocalClientNames> localClients;
   std::shared_ptr<SseHub> hub;
   // The folders of the file API as they are now (a module may publish or withdraw them
   // at any time); unset or null: no file is served.
