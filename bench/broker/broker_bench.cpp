@@ -17,8 +17,8 @@
 //
 // TLS, as a client that pins the server's certificate does it: TLS 1.2 or 1.3 with
 // OpenSSL's default ciphers and groups, no chain building or name check (the certificate
-// is self-signed), but after the handshake the SHA-256 fingerprint of the certificate
-// presented must be BENCH_PIN (hexadecimal, colons allowed). The handshake itself checks
+// is self-signed), but after the handshake the fingerprint of the certificate presented
+// (the SHA-256 of its public key, tlsfingerprint.h) must be BENCH_PIN. The handshake itself checks
 // the server's signature with the certificate's key, as always. Sessions are never resumed:
 // every handshake is a full one.
 #include <arpa/inet.h>
@@ -26,11 +26,10 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/err.h>
-#include <openssl/evp.h>
 #include <openssl/ssl.h>
-#include <openssl/x509.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <tuqvu/broker/tlsfingerprint.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -78,30 +77,21 @@ std::runtime_error tlsError(const std::string& what) {
 // The client side of TLS: one context, and the fingerprint every server must present.
 struct Tls {
   SSL_CTX* context = nullptr;
-  std::vector<unsigned char> pin;
+  std::string pin;  // canonical, as tuqvu-call keeps it
 
   Tls() {
     context = SSL_CTX_new(TLS_client_method());
     SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
     SSL_CTX_set_verify(context, SSL_VERIFY_NONE, nullptr);  // pinned below instead
     SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
-    const char* hex = std::getenv("BENCH_PIN");
-    for (const char* c = hex != nullptr ? hex : ""; *c != '\0'; ++c) {
-      if (std::isxdigit(static_cast<unsigned char>(c[0])) &&
-          std::isxdigit(static_cast<unsigned char>(c[1]))) {
-        pin.push_back(static_cast<unsigned char>(std::stoi(std::string(c, 2), nullptr, 16)));
-        ++c;
-      }
-    }
-    if (pin.size() != 32) throw std::runtime_error("BENCH_PIN is not a SHA-256 fingerprint");
+    const char* given = std::getenv("BENCH_PIN");
+    const auto parsed = tuqvu::broker::parseFingerprint(given != nullptr ? given : "");
+    if (!parsed) throw std::runtime_error("BENCH_PIN is not a SHA-256 fingerprint");
+    pin = *parsed;
   }
 
   void checkPin(SSL* ssl) const {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    X509* certificate = SSL_get0_peer_certificate(ssl);
-    if (certificate == nullptr || X509_digest(certificate, EVP_sha256(), digest, &length) != 1 ||
-        length != pin.size() || std::memcmp(digest, pin.data(), length) != 0) {
+    if (tuqvu::broker::fingerprintOfPeer(ssl) != pin) {
       throw std::runtime_error("the server's certificate is not the pinned one");
     }
   }

@@ -149,8 +149,9 @@ authorization() {
 }
 plain_header=$(authorization "$work/home")
 tls_header=$(authorization "$work/home-tls")
-# The TLS client pins the certificate, as tuqvu-call does: its SHA-256 fingerprint.
-BENCH_PIN=$(openssl x509 -in "$certificate" -noout -fingerprint -sha256 | sed 's/.*=//')
+# The TLS client pins the certificate, as tuqvu-call does: the SHA-256 of its public key.
+BENCH_PIN=$(openssl x509 -in "$certificate" -noout -pubkey | openssl pkey -pubin -outform der |
+  openssl dgst -sha256 -c | sed 's/.*= //')
 export BENCH_PIN
 rpc_body='{"jsonrpc":"2.0","id":1,"method":"BenchPing.ping","params":[]}'
 expected='{"jsonrpc":"2.0","id":1,"result":1}'

@@ -100,14 +100,10 @@ Presented handshake(net::io_context& ioc, Stream::Tls& tls, const Url& url) {
   if (error) throw ClientError(handshakeFailure(robotKey(url.host, url.port), error));
 
   SSL* ssl = tls.native_handle();
-  X509* certificate = SSL_get0_peer_certificate(ssl);
-  if (certificate == nullptr) throw ClientError("the server presented no certificate");
-  unsigned char* der = nullptr;
-  const int length = i2d_X509(certificate, &der);
-  if (length <= 0) throw ClientError("cannot encode the certificate of the server");
-  const std::string bytes(reinterpret_cast<const char*>(der), static_cast<std::size_t>(length));
-  OPENSSL_free(der);
-  return {fingerprintOfCertificate(bytes), hostChecked && SSL_get_verify_result(ssl) == X509_V_OK};
+  if (SSL_get0_peer_certificate(ssl) == nullptr) {
+    throw ClientError("the server presented no certificate");
+  }
+  return {fingerprintOfPeer(ssl), hostChecked && SSL_get_verify_result(ssl) == X509_V_OK};
 }
 
 std::ostream& noticesOf(const ServerTrust& trust) {

@@ -1,6 +1,5 @@
 #include <tuqvu/broker/connectionopening.h>
 #include <tuqvu/broker/httpsession.h>
-#include <tuqvu/broker/httptypes.h>
 #include <tuqvu/broker/stream.h>
 #include <tuqvu/broker/tlscredentials.h>
 #include <vu/log.h>
@@ -8,7 +7,6 @@
 
 #include <boost/asio/dispatch.hpp>
 #include <boost/beast/core/detect_ssl.hpp>
-#include <boost/beast/http.hpp>
 
 namespace tuqvu {
 namespace broker {
@@ -59,32 +57,10 @@ void ConnectionOpening::onDetected(beast::error_code error, bool tls) {
 void ConnectionOpening::refusePlainText() {
   // Whatever the request carried has crossed the network in clear already; it is not
   // read, and the answer tells the client where the broker really listens.
-  auto response = std::make_shared<Response>(
-      textResponse(http::status::forbidden,
-                   "this robot accepts requests from other machines over HTTPS only: use "
-                   "https:// with the same address and port"));
-  response->keep_alive(false);
-  response->prepare_payload();
-  auto self = shared_from_this();
-  http::async_write(fStream, *response, [self, response](beast::error_code error, std::size_t) {
-    if (error) return;
-    beast::error_code ignored;
-    self->fStream.socket().shutdown(net::ip::tcp::socket::shutdown_send, ignored);
-    self->drain(0);
-  });
-}
-
-void ConnectionOpening::drain(std::size_t drained) {
-  // Closing with unread bytes would reset the connection, and the client might lose the
-  // answer: what it still sends is read and dropped, for a while and up to a limit.
-  constexpr std::size_t kMaxDrained = 1024 * 1024;
-  if (drained > kMaxDrained) return;
-  fStream.expires_after(kHandshakeTimeout);
-  fStream.async_read_some(fBuffer.prepare(16384), [self = shared_from_this(), drained](
-                                                      beast::error_code error, std::size_t bytes) {
-    if (error) return;
-    self->drain(drained + bytes);
-  });
+  std::make_shared<HttpSession>(Stream(std::move(fStream)), std::move(fBuffer), fContext)
+      ->refuse(http::status::forbidden,
+               "this robot accepts requests from other machines over HTTPS only: use "
+               "https:// with the same address and port");
 }
 
 }  // namespace broker

@@ -1,5 +1,4 @@
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <netinet/in.h>
@@ -12,6 +11,7 @@
 #include <tuqvu/broker/tlscertificate.h>
 #include <unistd.h>
 #include <vu/path.h>
+#include <vu/replacement.h>
 
 #include <algorithm>
 #include <boost/asio/ip/address.hpp>
@@ -101,32 +101,22 @@ std::string pem(const std::function<int(BIO*)>& write, const std::string& what) 
   return std::string(data, static_cast<std::size_t>(length));
 }
 
-// Writes `text` to a new file beside `path` with `mode` and renames it over `path`, so
-// that a reader finds the old file or the whole new one.
+// Puts `text` with `mode` in place of `path` in one step (vu::beneath::Replacement), so
+// that a reader finds the old file or the whole new one, and a crash leaves nothing beside.
 void replaceFile(const std::string& path, const std::string& text, mode_t mode) {
-  const std::string temporary = path + ".new";
-  ::unlink(temporary.c_str());
-  const int fd =
-      ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode);
-  if (fd < 0) throw CertificateError("cannot create " + temporary + ": " + std::strerror(errno));
-  std::size_t written = 0;
-  while (written < text.size()) {
-    const ssize_t done = ::write(fd, text.data() + written, text.size() - written);
-    if (done < 0 && errno == EINTR) continue;
-    if (done <= 0) {
-      const std::string why = std::strerror(errno);
-      ::close(fd);
-      ::unlink(temporary.c_str());
-      throw CertificateError("cannot write " + temporary + ": " + why);
-    }
-    written += static_cast<std::size_t>(done);
+  const boost::filesystem::path file(path);
+  const std::string folderPath = file.has_parent_path() ? file.parent_path().string() : ".";
+  const vu::beneath::UniqueFd folder(vu::beneath::openDirectory(folderPath));
+  vu::beneath::Replacement next(folder.get());
+  bool written = folder && next.valid();
+  for (std::size_t done = 0; written && done < text.size();) {
+    const ssize_t got = ::write(next.fd(), text.data() + done, text.size() - done);
+    if (got < 0 && errno == EINTR) continue;
+    written = got > 0;
+    if (written) done += static_cast<std::size_t>(got);
   }
-  const bool synced = ::fsync(fd) == 0;
-  ::close(fd);
-  if (!synced || ::rename(temporary.c_str(), path.c_str()) != 0) {
-    const std::string why = std::strerror(errno);
-    ::unlink(temporary.c_str());
-    throw CertificateError("cannot put the new " + path + " in place: " + why);
+  if (!written || !next.commit(file.filename().string(), mode)) {
+    throw CertificateError("cannot write " + path + ": " + std::strerror(errno));
   }
 }
 

@@ -1,5 +1,6 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
+#include <openssl/ssl.h>
 #include <openssl/x509.h>
 #include <tuqvu/broker/tlsfingerprint.h>
 
@@ -24,15 +25,10 @@ std::string colonHex(const unsigned char* bytes, std::size_t count) {
   return text;
 }
 
-}  // namespace
-
-std::string fingerprintOfCertificate(const std::string& der) {
-  const unsigned char* cursor = reinterpret_cast<const unsigned char*>(der.data());
-  std::unique_ptr<X509, decltype(&X509_free)> certificate(
-      d2i_X509(nullptr, &cursor, static_cast<long>(der.size())), &X509_free);
-  if (!certificate) throw CertificateError("not a DER certificate");
+// The fingerprint of the public key of `certificate`.
+std::string fingerprintOfKeyOf(X509* certificate) {
   unsigned char* key = nullptr;
-  const int keyLength = i2d_PUBKEY(X509_get0_pubkey(certificate.get()), &key);
+  const int keyLength = i2d_PUBKEY(X509_get0_pubkey(certificate), &key);
   if (keyLength <= 0) throw CertificateError("a certificate without a usable public key");
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
@@ -45,18 +41,21 @@ std::string fingerprintOfCertificate(const std::string& der) {
   return colonHex(digest, length);
 }
 
+}  // namespace
+
+std::string fingerprintOfPeer(const SSL* connection) {
+  X509* certificate = SSL_get0_peer_certificate(connection);
+  if (certificate == nullptr) throw CertificateError("the peer presented no certificate");
+  return fingerprintOfKeyOf(certificate);
+}
+
 std::string fingerprintOfPemFile(const std::string& path) {
   std::unique_ptr<BIO, decltype(&BIO_free)> file(BIO_new_file(path.c_str(), "r"), &BIO_free);
   if (!file) throw CertificateError("cannot open the certificate " + path);
   std::unique_ptr<X509, decltype(&X509_free)> certificate(
       PEM_read_bio_X509(file.get(), nullptr, nullptr, nullptr), &X509_free);
   if (!certificate) throw CertificateError("no PEM certificate in " + path);
-  unsigned char* der = nullptr;
-  const int length = i2d_X509(certificate.get(), &der);
-  if (length <= 0) throw CertificateError("cannot encode the certificate " + path);
-  const std::string bytes(reinterpret_cast<const char*>(der), static_cast<std::size_t>(length));
-  OPENSSL_free(der);
-  return fingerprintOfCertificate(bytes);
+  return fingerprintOfKeyOf(certificate.get());
 }
 
 std::optional<std::string> parseFingerprint(const std::string& text) {

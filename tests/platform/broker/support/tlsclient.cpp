@@ -49,14 +49,7 @@ TlsConnection::TlsConnection(int port, const std::string& trusted, const std::st
 TlsConnection::~TlsConnection() = default;
 
 std::string TlsConnection::peerFingerprint() const {
-  X509* certificate = SSL_get1_peer_certificate(fImpl->stream->tls().native_handle());
-  if (certificate == nullptr) return "";
-  unsigned char* der = nullptr;
-  const int length = i2d_X509(certificate, &der);
-  X509_free(certificate);
-  const std::string bytes(reinterpret_cast<const char*>(der), static_cast<std::size_t>(length));
-  OPENSSL_free(der);
-  return tuqvu::broker::fingerprintOfCertificate(bytes);
+  return tuqvu::broker::fingerprintOfPeer(fImpl->stream->tls().native_handle());
 }
 
 std::string TlsConnection::protocol() const {

@@ -26,7 +26,6 @@ public:
 private:
   void onDetected(boost::beast::error_code error, bool tls);
   void refusePlainText();
-  void drain(std::size_t drained);
 
   boost::beast::tcp_stream fStream;
   boost::beast::flat_buffer fBuffer;  // what was read to tell TLS from clear text

@@ -33,6 +33,9 @@ public:
   // connection after its last answer.
   void resume() { doRead(); }
   void close() { doClose(); }
+  // For a handed-over connection, on its strand: answers `text` with `status` instead of
+  // reading a request, and ends the connection.
+  void refuse(http::status status, const std::string& text) { sendAndClose(status, text); }
 
 private:
   void doRead();

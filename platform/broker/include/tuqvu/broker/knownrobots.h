@@ -17,7 +17,7 @@ namespace broker {
 // One line of the file.
 struct KnownRobot {
   std::string key;          // "HOST:PORT" as robotKey writes it
-  std::string fingerprint;  // canonical, as fingerprintOfCertificate writes it
+  std::string fingerprint;  // canonical, as tlsfingerprint.h writes it
   int line = 0;             // its line number in the file, from 1
 };
 

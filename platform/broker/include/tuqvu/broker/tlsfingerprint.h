@@ -4,9 +4,11 @@
 // keeps it. The key is what ssh pins of a host, and what curl's --pinnedpubkey and
 // browsers pin: a certificate renewed with the same key keeps its fingerprint.
 //
-//   const std::string seen = tuqvu::broker::fingerprintOfCertificate(der);
+//   const std::string seen = tuqvu::broker::fingerprintOfPeer(tls.native_handle());
 //   if (seen != *tuqvu::broker::parseFingerprint(pinned)) refuse();
 #pragma once
+
+#include <openssl/types.h>
 
 #include <optional>
 #include <stdexcept>
@@ -21,8 +23,9 @@ public:
   using std::runtime_error::runtime_error;
 };
 
-// The fingerprint of a certificate in DER form; CertificateError when it is none.
-std::string fingerprintOfCertificate(const std::string& der);
+// The fingerprint of the certificate the peer of a TLS connection presented, once its
+// handshake is done; CertificateError when it presented none.
+std::string fingerprintOfPeer(const SSL* connection);
 
 // The fingerprint of the first certificate of a PEM file; CertificateError when there is
 // none.
