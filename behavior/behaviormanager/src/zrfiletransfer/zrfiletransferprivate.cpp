@@ -14,10 +14,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "zracceptbackoff.h"
-#include "zrpendingconnections.h"
+#include "zrhttpreply.h"
 
 namespace ZR {
 namespace {
@@ -144,19 +145,22 @@ void ZRFileTransferPrivate::listenRequest() {
   // a passing state of the machine, not the end of the service: the listener waits and
   // tries again, so the robot is reachable as soon as the flood is over.
   detail::AcceptBackOff backOff;
-  detail::PendingConnections pending(kMaxPending, &release);
+  detail::PendingConnections pending(kMaxPending);
   while (fStop == 0) {
     if (pending.empty()) {
-      if (soap* connection = acceptOne(backOff)) pending.add(connection);  // waits up to 1 s
+      // Waits up to the accept time-out.
+      if (std::optional<detail::AcceptedConnection> accepted = acceptOne(backOff)) {
+        pending.add(*accepted);
+      }
       continue;
     }
     while (!pending.full() && clientsArriving()) {
-      soap* connection = acceptOne(backOff);
-      if (connection == nullptr) break;
-      pending.add(connection);
+      std::optional<detail::AcceptedConnection> accepted = acceptOne(backOff);
+      if (!accepted) break;
+      pending.add(*accepted);
     }
-    if (soap* next = pending.takeNext(clientsArriving())) {
-      run(next, [this, &pending] { return !pending.empty() || clientsArriving(); });
+    if (std::optional<detail::AcceptedConnection> next = pending.takeNext(clientsArriving())) {
+      serve(*next, [this, &pending] { return !pending.empty() || clientsArriving(); });
     } else {
       pending.waitForActivity(fServer->master, kPendingPollMs);
     }
@@ -164,25 +168,40 @@ void ZRFileTransferPrivate::listenRequest() {
   finalise(fServer);
 }
 
-soap* ZRFileTransferPrivate::acceptOne(detail::AcceptBackOff& backOff) {
+std::optional<detail::AcceptedConnection> ZRFileTransferPrivate::acceptOne(
+    detail::AcceptBackOff& backOff) {
   const SOAP_SOCKET accepted = soap_accept(fServer);
   if (!soap_valid_socket(accepted)) {
     if (fServer->errnum != 0) {
       pause(backOff.failed(fServer->errnum));  // a real accept error, not the time-out
     }
-    return nullptr;
-  }
-  soap* connection = soap_copy(fServer);
-  if (connection == nullptr) {
-    ::close(accepted);
-    fServer->socket = SOAP_INVALID_SOCKET;
-    pause(backOff.failed(ENOMEM));
-    return nullptr;
+    return std::nullopt;
   }
   backOff.succeeded();
-  connection->socket = accepted;
-  // The copy owns the accepted socket from here on.
+  // The listening context describes the last connection accepted; the socket is the
+  // caller's from here on.
+  detail::AcceptedConnection connection;
+  connection.socket = accepted;
+  connection.host = fServer->host;
+  connection.port = fServer->port;
+  connection.ip = fServer->ip;
+  std::memcpy(connection.ip6, fServer->ip6, sizeof(connection.ip6));
+  std::memcpy(&connection.peer, &fServer->peer, sizeof(connection.peer));
+  connection.peerLength = fServer->peerlen;
   fServer->socket = SOAP_INVALID_SOCKET;
+  return connection;
+}
+
+soap* ZRFileTransferPrivate::contextFor(const detail::AcceptedConnection& accepted) {
+  soap* connection = soap_copy(fServer);
+  if (connection == nullptr) return nullptr;
+  connection->socket = accepted.socket;
+  std::snprintf(connection->host, sizeof(connection->host), "%s", accepted.host.c_str());
+  connection->port = accepted.port;
+  connection->ip = accepted.ip;
+  std::memcpy(connection->ip6, accepted.ip6, sizeof(connection->ip6));
+  std::memcpy(&connection->peer, &accepted.peer, sizeof(connection->peer));
+  connection->peerlen = accepted.peerLength;
   std::memset(connection->buf, 0, sizeof(connection->buf));
   connection->recv_timeout = kIoTimeout;
   connection->send_timeout = kIoTimeout;
@@ -207,7 +226,16 @@ void ZRFileTransferPrivate::pause(int milliseconds) const {
   }
 }
 
-void ZRFileTransferPrivate::run(soap* connection, std::function<bool()> othersWaiting) {
+void ZRFileTransferPrivate::serve(const detail::AcceptedConnection& accepted,
+                                  std::function<bool()> othersWaiting) {
+  soap* connection = contextFor(accepted);
+  if (connection == nullptr) {
+    vu::log::write(vu::log::error, detail::kNetworkLog, "serve",
+                   "No memory to serve the connection of " + accepted.host + " port " +
+                       std::to_string(accepted.port) + "; closing it");
+    ::close(accepted.socket);
+    return;
+  }
   ZR::soap_serve(connection, fLimits, std::move(othersWaiting));
   release(connection);
 }

@@ -6,8 +6,10 @@
 #include <atomic>
 #include <boost/thread/thread.hpp>
 #include <functional>
+#include <optional>
 #include <string>
 
+#include "zrpendingconnections.h"
 #include "zrserverlimits.h"
 
 struct soap;
@@ -49,13 +51,15 @@ public:
   // Sleeps about `milliseconds`, or less when the stop flag is set meanwhile.
   void pause(int milliseconds) const;
 
-  // Serves one accepted connection, then releases its context. `othersWaiting` tells
-  // whether other clients wait meanwhile (empty: none are watched for).
-  void run(soap* connection, std::function<bool()> othersWaiting = {});
+  // Serves one accepted connection in a context of its own, then closes it.
+  // `othersWaiting` tells whether other clients wait meanwhile (empty: none are watched).
+  void serve(const detail::AcceptedConnection& accepted, std::function<bool()> othersWaiting = {});
+  // A copy of the listening context set up to serve `accepted`; null without memory.
+  soap* contextFor(const detail::AcceptedConnection& accepted);
 
-  // Accepts one connection, waiting up to the accept time-out; null on a time-out or an
-  // error (after backing off). The connection is configured for serving.
-  soap* acceptOne(detail::AcceptBackOff& backOff);
+  // Accepts one connection, waiting up to the accept time-out; empty on a time-out or an
+  // error (after backing off).
+  std::optional<detail::AcceptedConnection> acceptOne(detail::AcceptBackOff& backOff);
   // Whether the kernel holds connections for the listener to accept.
   bool clientsArriving() const;
   // Closes and frees an accepted connection.

@@ -1,7 +1,7 @@
 #include "zrpendingconnections.h"
 
 #include <poll.h>
-#include <stdsoap2.h>
+#include <unistd.h>
 #include <vu/log.h>
 
 #include <string>
@@ -14,25 +14,22 @@ namespace detail {
 namespace {
 
 // Something to read, or the client's end closed: either way serving it is quick.
-bool hasSentSomething(const soap* connection) {
-  pollfd ready{connection->socket, POLLIN, 0};
+bool hasSentSomething(const AcceptedConnection& connection) {
+  pollfd ready{connection.socket, POLLIN, 0};
   return ::poll(&ready, 1, 0) > 0 && (ready.revents & (POLLIN | POLLHUP | POLLERR)) != 0;
 }
 
 }  // namespace
 
-PendingConnections::PendingConnections(std::size_t capacity, void (*release)(soap*))
-    : fCapacity(capacity), fRelease(release) {}
-
 PendingConnections::~PendingConnections() {
-  for (const Waiting& waiting : fWaiting) fRelease(waiting.connection);
+  for (const Waiting& waiting : fWaiting) ::close(waiting.connection.socket);
 }
 
-void PendingConnections::add(soap* connection) {
+void PendingConnections::add(const AcceptedConnection& connection) {
   fWaiting.push_back({connection, Clock::now()});
 }
 
-soap* PendingConnections::takeNext(bool arriving) {
+std::optional<AcceptedConnection> PendingConnections::takeNext(bool arriving) {
   const Clock::time_point now = Clock::now();
   std::size_t closed = 0;
   for (auto waiting = fWaiting.begin(); waiting != fWaiting.end();) {
@@ -42,7 +39,7 @@ soap* PendingConnections::takeNext(bool arriving) {
       ++waiting;
       continue;
     }
-    fRelease(waiting->connection);
+    ::close(waiting->connection.socket);
     waiting = fWaiting.erase(waiting);
     ++closed;
   }
@@ -53,25 +50,24 @@ soap* PendingConnections::takeNext(bool arriving) {
   }
   for (auto waiting = fWaiting.begin(); waiting != fWaiting.end(); ++waiting) {
     if (hasSentSomething(waiting->connection)) {
-      soap* next = waiting->connection;
+      AcceptedConnection next = std::move(waiting->connection);
       fWaiting.erase(waiting);
       return next;
     }
   }
   if (fWaiting.size() == 1 && !arriving) {
-    soap* next = fWaiting.front().connection;
+    AcceptedConnection next = std::move(fWaiting.front().connection);
     fWaiting.pop_front();
     return next;
   }
-  return nullptr;
+  return std::nullopt;
 }
 
 void PendingConnections::waitForActivity(int listener, int milliseconds) const {
   std::vector<pollfd> watched;
   watched.reserve(fWaiting.size() + 1);
   if (listener >= 0) watched.push_back({listener, POLLIN, 0});
-  for (const Waiting& waiting : fWaiting)
-    watched.push_back({waiting.connection->socket, POLLIN, 0});
+  for (const Waiting& waiting : fWaiting) watched.push_back({waiting.connection.socket, POLLIN, 0});
   ::poll(watched.data(), watched.size(), milliseconds);
 }
 
