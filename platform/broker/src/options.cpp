@@ -1,4 +1,5 @@
 #include <tuqvu/broker/options.h>
+#include <tuqvu/broker/optionwords.h>
 
 #include <boost/asio/ip/address.hpp>
 #include <cerrno>
@@ -61,20 +62,13 @@ ModuleSpec parseModuleArgument(const std::string& argument, bool optional) {
 
 Options parseOptions(int argc, const char* const* argv) {
   Options options;
-  for (int i = 1; i < argc; ++i) {
-    std::string option = argv[i];
-    std::string value;
-    bool hasValue = false;
-    const std::size_t equals = option.find('=');
-    if (option.rfind("--", 0) == 0 && equals != std::string::npos) {
-      value = option.substr(equals + 1);
-      option.erase(equals);
-      hasValue = true;
-    }
+  OptionWords words(std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc));
+  while (!words.done()) {
+    const std::string option = words.next();
     const auto takeValue = [&]() -> std::string {
-      if (hasValue) return value;
-      if (i + 1 >= argc) throw OptionsError(option + " needs a value");
-      return argv[++i];
+      std::optional<std::string> value = words.value();
+      if (!value) throw OptionsError(option + " needs a value");
+      return *value;
     };
     if (option == "--help" || option == "-h") {
       options.showHelp = true;
@@ -111,6 +105,24 @@ Options parseOptions(int argc, const char* const* argv) {
       options.tlsCertificate = takeValue();
     } else if (option == "--tls-key") {
       options.tlsKey = takeValue();
+    } else if (option == "--mqtt") {
+      options.mqttUrl = takeValue();
+    } else if (option == "--mqtt-user") {
+      options.mqttUser = takeValue();
+    } else if (option == "--mqtt-password-file") {
+      options.mqttPasswordFile = takeValue();
+    } else if (option == "--mqtt-cert") {
+      options.mqttCertificate = takeValue();
+    } else if (option == "--mqtt-key") {
+      options.mqttKey = takeValue();
+    } else if (option == "--mqtt-ca") {
+      options.mqttCertificateAuthorities = takeValue();
+    } else if (option == "--robot-id") {
+      options.robotId = takeValue();
+    } else if (option == "--mqtt-prefix") {
+      options.mqttPrefix = takeValue();
+    } else if (option == "--mqtt-group") {
+      options.mqttGroups.push_back(takeValue());
     } else {
       throw OptionsError("unknown option \"" + option + "\" (try --help)");
     }
@@ -161,6 +173,19 @@ std::string helpText() {
          "  --no-file-server     do not run the behavior manager's file-transfer server (for\n"
          "                       robots without an authoring application; the broker's own\n"
          "                       pages and calls are not affected)\n"
+         "  --mqtt URL           report to the MQTT broker at mqtt://HOST[:PORT] or\n"
+         "                       mqtts://HOST[:PORT] and take commands from it (the fleet\n"
+         "                       link; see docs/fleet.md). Without it nothing of this runs\n"
+         "  --mqtt-user NAME     the user name at the MQTT broker\n"
+         "  --mqtt-password-file PATH\n"
+         "                       a file holding the MQTT password (or TUQVU_MQTT_PASSWORD)\n"
+         "  --mqtt-cert PATH     a client certificate (PEM) for mqtts://, with --mqtt-key\n"
+         "  --mqtt-key PATH      its private key (PEM)\n"
+         "  --mqtt-ca PATH       the certificate authorities (PEM) to check the MQTT broker\n"
+         "                       with (default: the system's)\n"
+         "  --robot-id ID        this robot's name in the fleet (default: the host name)\n"
+         "  --mqtt-prefix TEXT   the first level of every topic (default tuqvu)\n"
+         "  --mqtt-group NAME    a group this robot takes commands for (repeatable)\n"
          "  --module [NAME=]PATH load a module library (repeatable, in this order); NAME\n"
          "                       defaults to the library's module name. Without --module the\n"
          "                       behavior manager library of the build or installation is loaded.\n"
@@ -178,6 +203,9 @@ std::string helpText() {
          "  HOME                 the user's home (user behaviors, preferences, secret)\n"
          "  TUQVU_BIND           the address to listen on when --bind is not given\n"
          "  TUQVU_SDK_PREFIX     the installation prefix (system data, default module library)\n"
+         "  TUQVU_MQTT, TUQVU_MQTT_USER, TUQVU_MQTT_PASSWORD, TUQVU_MQTT_CERT, TUQVU_MQTT_KEY,\n"
+         "  TUQVU_MQTT_CA, TUQVU_ROBOT_ID, TUQVU_MQTT_PREFIX, TUQVU_MQTT_GROUPS (comma-separated)\n"
+         "                       the fleet link's settings where the options do not give them\n"
          "\n"
          "Once listening it prints \"tuqvu: listening on ADDRESS:PORT\" on standard output.\n"
          "SIGINT or SIGTERM shut it down cleanly (exit status 0); a second signal ends it at "

@@ -1,9 +1,11 @@
 // tuqvu-call: calls one method of a tuqvu broker, watches its memory events, uploads files
-// through its file API, or prints the fingerprint of this machine's broker.
+// through its file API, prints the fingerprint of this machine's broker, or lists and
+// calls the robots of a fleet through an MQTT broker.
 #include <tuqvu/broker/cli.h>
 #include <tuqvu/broker/cliclient.h>
 #include <tuqvu/broker/servertrust.h>
 #include <tuqvu/broker/tlscertificate.h>
+#include <tuqvu/fleet/fleetclient.h>
 
 #include <csignal>
 #include <iostream>
@@ -24,14 +26,26 @@ int usage(const std::string& message) {
 int main(int argc, char** argv) {
   // A server that drops the connection must give a write error, not end the program.
   std::signal(SIGPIPE, SIG_IGN);
+  const std::vector<std::string> arguments(argv + 1, argv + argc);
+  if (tuqvu::fleet::isFleetCommandLine(arguments)) {
+    tuqvu::fleet::FleetCommandLine fleetCommand;
+    try {
+      fleetCommand = tuqvu::fleet::parseFleetCommandLine(arguments);
+    } catch (const std::exception& error) {
+      return usage(error.what());
+    }
+    return fleetCommand.kind == tuqvu::fleet::FleetCommandLine::List
+               ? tuqvu::fleet::runFleetList(fleetCommand, std::cout, std::cerr)
+               : tuqvu::fleet::runFleetCall(fleetCommand, std::cout, std::cerr);
+  }
   broker::CliCommand command;
   try {
-    command = broker::parseCommandLine(std::vector<std::string>(argv + 1, argv + argc));
+    command = broker::parseCommandLine(arguments);
   } catch (const std::exception& error) {
     return usage(error.what());
   }
   if (command.kind == broker::CliCommand::Help) {
-    std::cout << broker::cliHelpText();
+    std::cout << broker::cliHelpText() << tuqvu::fleet::fleetHelpText();
     return 0;
   }
   if (command.kind == broker::CliCommand::ShowFingerprint) {

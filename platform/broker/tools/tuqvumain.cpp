@@ -15,6 +15,7 @@
 #include <tuqvu/broker/ssehub.h>
 #include <tuqvu/broker/tlscertificate.h>
 #include <tuqvu/broker/tlscredentials.h>
+#include <tuqvu/fleet/fleetlink.h>
 #include <unistd.h>
 #include <vu/log.h>
 #include <zr/zrbroker.h>
@@ -183,6 +184,14 @@ int main(int argc, char** argv) {
   }
   ZR::setNetworkAccess(access);
 
+  tuqvu::fleet::FleetSettings fleetSettings;
+  try {
+    fleetSettings = tuqvu::fleet::fleetSettings(options);
+  } catch (const tuqvu::fleet::FleetSettingsError& error) {
+    std::cerr << "tuqvu: " << error.what() << "\n";
+    return 2;
+  }
+
   std::shared_ptr<tb::TlsCredentials> tls;
   if (options.servesHttps(access.listensBeyondLoopback())) {
     try {
@@ -253,8 +262,18 @@ int main(int argc, char** argv) {
     return alive ? alive->fileFolders() : nullptr;
   };
   std::shared_ptr<tb::SseHub> hub = context->hub;
-  platform->observeMemory(
-      [hub](const std::string& key, const ZR::ZRValue& value) { hub->publish(key, value); });
+  // Without --mqtt there is no fleet link at all.
+  std::shared_ptr<tuqvu::fleet::FleetLink> fleet;
+  if (fleetSettings.enabled()) {
+    std::string version = tb::versionText();
+    version = version.substr(version.find(' ') + 1);
+    version.erase(version.find_last_not_of('\n') + 1);
+    fleet = std::make_shared<tuqvu::fleet::FleetLink>(fleetSettings, context, version);
+  }
+  platform->observeMemory([hub, fleet](const std::string& key, const ZR::ZRValue& value) {
+    hub->publish(key, value);
+    if (fleet) fleet->memoryEvent(key, value);
+  });
 
   tb::HttpServer server(context, tb::HttpServer::defaultIoThreads());
   std::string listening;
@@ -272,6 +291,7 @@ int main(int argc, char** argv) {
   }
 
   announceReady(broker);
+  if (fleet) fleet->start();
   std::cout << "tuqvu: listening on " << listening << std::endl;
 
   const int signal = shutdownRequested.get();
@@ -286,6 +306,7 @@ int main(int argc, char** argv) {
             "calls still running after the grace period; their modules end them");
   }
   platform->stopObserving();
+  if (fleet) fleet->stop();  // "offline" to the fleet while the modules are still there
   hub->closeAll();
   loader.destroyAll();
   platform->destroy();

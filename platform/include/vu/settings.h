@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <limits>
+#include <string>
 
 namespace vu {
 namespace settings {
@@ -22,6 +23,9 @@ std::uint64_t wholeNumber(const char* name, std::uint64_t fallback, std::uint64_
 // The same from 1 to `largest`.
 std::uint64_t positiveNumber(const char* name, std::uint64_t fallback,
                              std::uint64_t largest = std::numeric_limits<std::uint64_t>::max());
+
+// The text of the environment variable `name`; `fallback` when it is unset or empty.
+std::string text(const char* name, const std::string& fallback = std::string());
 
 }  // namespace settings
 }  // namespace vu

@@ -32,5 +32,10 @@ std::uint64_t positiveNumber(const char* name, std::uint64_t fallback, std::uint
   return wholeNumber(name, fallback, 1, largest);
 }
 
+std::string text(const char* name, const std::string& fallback) {
+  const char* value = std::getenv(name);
+  return value != nullptr && *value != '\0' ? std::string(value) : fallback;
+}
+
 }  // namespace settings
 }  // namespace vu

@@ -31,8 +31,19 @@ struct Options {
   bool allowPlainHttp = false;         // --allow-plain-http: plain HTTP from everyone
   std::string tlsCertificate;          // --tls-cert: empty: the broker's own certificate
   std::string tlsKey;                  // --tls-key
-  std::vector<ModuleSpec> modules;     // in load order
-  bool modulesGiven = false;           // false: load the default module library
+  // The fleet link: an MQTT broker to report to and take commands from (see
+  // tuqvu/fleet/fleetsettings.h for what is not given here and comes from the environment).
+  std::string mqttUrl;                     // --mqtt: empty: no fleet link
+  std::string mqttUser;                    // --mqtt-user
+  std::string mqttPasswordFile;            // --mqtt-password-file
+  std::string mqttCertificate;             // --mqtt-cert: a client certificate (PEM)
+  std::string mqttKey;                     // --mqtt-key
+  std::string mqttCertificateAuthorities;  // --mqtt-ca: whom to trust for mqtts://
+  std::string robotId;                     // --robot-id: empty: the host name
+  std::string mqttPrefix;                  // --mqtt-prefix: empty: "tuqvu"
+  std::vector<std::string> mqttGroups;     // --mqtt-group, repeatable
+  std::vector<ModuleSpec> modules;         // in load order
+  bool modulesGiven = false;               // false: load the default module library
   int logLevel = 4;
   int shutdownGraceMs = 10000;
   bool showHelp = false;
