@@ -371,6 +371,9 @@ async function main() {
     running.catch(() => {});  // awaited below; a failure before that is not a second one
     await inPanel(page, 'running', LOOP).waitFor({ timeout: 60000 });
     await page.setViewportSize({ width: 1280, height: 900 });
+    // Some seconds of the chart for the picture.
+    await page.waitForFunction(() => document.querySelector('#health svg polyline')
+      ?.getAttribute('points').split(' ').length >= 8, null, { timeout: 60000 });
     await page.screenshot({ path: screenshotPath(options.out, 'dashboard.png'), fullPage: true });
     await accessible(page, 'on a wide screen');
     await phoneLayout(page, options.out);
