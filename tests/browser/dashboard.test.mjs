@@ -16,6 +16,7 @@ import { chromium } from 'playwright-core';
 
 import { EventStream, eventually, parseArgs, rpc, startTuqvu } from './support/broker.mjs';
 import { cleanUp, launch, report, screenshotPath } from './support/page.mjs';
+import { startRelay } from './support/relay.mjs';
 import { zipOf } from './support/zip.mjs';
 
 const here = path.dirname(fileURLToPath(import.meta.url));
@@ -243,6 +244,41 @@ async function eventLogFiltersAndPauses(page, port) {
   console.log(`ok - the event log shows an event after ${elapsed} ms, filters, pauses and resumes`);
 }
 
+// Events raised while the page is cut off from the robot show once it is back: the
+// browser reconnects naming the last event it had, and the broker replays the rest. The
+// page is reached through a relay here, which cuts its connections.
+async function nothingLostAcrossACut(context, port) {
+  const relay = await startRelay(port);
+  const page = await context.newPage();
+  try {
+    await page.goto(`http://127.0.0.1:${relay.port}/ui/`);
+    await page.locator('#connection[data-connected="true"]').waitFor({ timeout: 60000 });
+    const log = page.locator('#events [data-log] li');
+    // The last event the page had before the cut is where the broker resumes.
+    await rpc(port, 'ZRMemory.insertData', ['Dashboard/Cut', 'before']);
+    await waitForText(log, 'before');
+    relay.cut();
+    await page.locator('#connection[data-connected="false"]').waitFor({ timeout: 60000 });
+    for (const value of ['while-away-1', 'while-away-2']) {
+      await rpc(port, 'ZRMemory.insertData', ['Dashboard/Cut', value]);
+    }
+    relay.reopen();
+    await page.locator('#connection[data-connected="true"]').waitFor({ timeout: 60000 });
+    await waitForText(log, 'while-away-2');
+    const cut = (await log.allTextContents()).filter((text) => text.includes('Dashboard/Cut'))
+      .reverse();
+    assert.equal(cut.length, 3, `entries of the cut: ${JSON.stringify(cut)}`);
+    assert.match(cut[0], /"before"/);
+    assert.match(cut[1], /while-away-1/);
+    assert.match(cut[2], /while-away-2/);
+    await waitForText(log, 'connected again');
+  } finally {
+    await page.close();
+    relay.close();
+  }
+  console.log('ok - events raised while the page was cut off show, in order, once it is back');
+}
+
 async function healthChart(page) {
   const facts = page.locator('#health [data-facts]');
   await waitForText(facts, 'ZRBehaviorManager');
@@ -363,6 +399,7 @@ async function main() {
     await libraryActions(page, port);
     await defaultBehaviors(page, port, events);
     await eventLogFiltersAndPauses(page, port);
+    await nothingLostAcrossACut(context, port);
     await healthChart(page);
     await installs(page, port, desk);
 
