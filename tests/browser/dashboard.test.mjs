@@ -151,9 +151,10 @@ async function runningShowsLiveAndStops(page, port, events) {
 }
 
 async function keyboardAlone(page, port) {
-  const running = rpc(port, `${M}.runBehavior`, [`User/${LOOP}`]);
-  running.catch(() => {});  // awaited below; a failure before that is not a second one
+  // Started from its row in the library this time: the row says it runs.
+  await inPanel(page, 'library', LOOP).getByRole('button', { name: `Run ${LOOP}` }).click();
   await inPanel(page, 'running', LOOP).waitFor({ timeout: 60000 });
+  await waitForText(inPanel(page, 'library', LOOP).locator('.message'), `${LOOP} is running.`);
   await page.locator('body').focus();
   await page.evaluate(() => document.activeElement?.blur());
   let label = null;
@@ -163,15 +164,15 @@ async function keyboardAlone(page, port) {
   }
   assert.equal(label, `Stop ${LOOP}`, 'the stop button is not reached with the Tab key');
   await page.keyboard.press('Enter');
-  await running;
   await inPanel(page, 'running', LOOP).waitFor({ state: 'detached', timeout: 60000 });
+  await waitForText(inPanel(page, 'library', LOOP).locator('.message'), `${LOOP} has ended.`);
   console.log('ok - with the keyboard alone the stop button is reached and stops the behavior');
 }
 
 async function libraryActions(page, port) {
   const row = inPanel(page, 'library', GREET);
   await row.getByRole('button', { name: `Run ${GREET}` }).click();
-  await waitForText(row.locator('.message'), `${GREET} ran to its end.`);
+  await waitForText(row.locator('.message'), `${GREET} has ended.`);
   await row.getByRole('button', { name: `Load ${GREET}` }).click();
   await waitForText(row.locator('.message'), `${GREET} is loaded.`);
 
@@ -202,6 +203,15 @@ async function libraryActions(page, port) {
 
 async function defaultBehaviors(page, port, events) {
   const panel = page.locator('#defaults');
+  // A name that is no behavior is refused in words next to the field it was typed in.
+  await panel.locator('[data-name]').fill('no/such');
+  await panel.getByRole('button', { name: 'Add', exact: true }).click();
+  const refusal = panel.locator('#defaults-error');
+  await waitForText(refusal, 'Could not add no/such');
+  assert.match(await refusal.textContent(), /behavior no\/such is not installed/);
+  assert.equal(await panel.locator('[data-name]').getAttribute('aria-describedby'), 'defaults-error');
+  assert.deepEqual(await rpc(port, `${M}.getDefaultBehaviors`), []);
+
   await panel.locator('[data-name]').fill(POSE);
   await panel.getByRole('button', { name: 'Add', exact: true }).click();
   await inPanel(page, 'defaults', POSE).waitFor({ timeout: 60000 });

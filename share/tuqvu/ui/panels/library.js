@@ -14,13 +14,13 @@ export function libraryPanel(root, confirm) {
   const files = new Map();       // name -> entries, or an Error, while its files show
   say(error, '');
 
-  function note(name, text, isError = false) {
-    notes.set(name, { text, isError });
+  function note(name, text, isError = false, starting = false) {
+    notes.set(name, { text, isError, starting });
     render();
   }
 
-  async function act(name, doing, action) {
-    note(name, doing);
+  async function act(name, doing, action, starting = false) {
+    note(name, doing, false, starting);
     try {
       note(name, await action());
     } catch (failure) {
@@ -33,8 +33,8 @@ export function libraryPanel(root, confirm) {
     // running set shows it, and the end once the call returns.
     act(name, `Starting ${name}…`, async () => {
       await call(`${M}.runBehavior`, qualified(name));
-      return `${name} ran to its end.`;
-    });
+      return `${name} has ended.`;
+    }, true);
   }
 
   function load(name) {
@@ -102,7 +102,9 @@ export function libraryPanel(root, confirm) {
   function row(name, system) {
     const tags = state.tags.get(name) ?? [];
     const running = state.running.has(name) || state.running.has(qualified(name));
-    const said = notes.get(name);
+    let said = notes.get(name);
+    // A run answers only at its end: meanwhile the running set says it has started.
+    if (said?.starting && running) said = { text: `${name} is running.`, isError: false };
     const button = (label, action, key) =>
       h('button', { type: 'button', 'aria-label': `${label} ${name}`, 'data-key': `${key}:${name}`,
                     onclick: action }, label);
