@@ -8,6 +8,7 @@
 //   node dashboard.test.mjs --tuqvu build/bin/tuqvu --module build/lib/libzrbehaviormanager.so \
 //        --out build/browser
 import assert from 'node:assert/strict';
+import { execFileSync } from 'node:child_process';
 import fs from 'node:fs';
 import os from 'node:os';
 import path from 'node:path';
@@ -64,7 +65,17 @@ function makeTree(root) {
     ['behavior.xar', xar('<log text="hello from a package"/>'), true],
     ['project.xml', project('package'), false],
   ]));
-  return { home, prefix, desk };
+  // Tar packages as tar makes them: gzip-compressed with a name longer than a tar header
+  // holds, and one holding a link.
+  const long = `sounds/${'very-long-name-'.repeat(8)}.wav`;
+  write(path.join(desk, 'tarred', 'behavior.xar'), xar('<log text="hello from a tar"/>'));
+  write(path.join(desk, 'tarred', 'project.xml'), project('tarball'));
+  write(path.join(desk, 'tarred', long), Buffer.alloc(3000, 5));
+  execFileSync('tar', ['-czf', path.join(desk, 'tarred.tar.gz'), '-C', path.join(desk, 'tarred'), '.']);
+  write(path.join(desk, 'linked', 'behavior.xar'), xar('<wait ms="1"/>'));
+  fs.symlinkSync('/etc/passwd', path.join(desk, 'linked', 'passwd'));
+  execFileSync('tar', ['-cf', path.join(desk, 'linked.tar'), '-C', path.join(desk, 'linked'), '.']);
+  return { home, prefix, desk, long };
 }
 
 const inPanel = (page, panel, name) =>
@@ -311,7 +322,7 @@ async function recordProgress(page) {
   });
 }
 
-async function installs(page, port, desk) {
+async function installs(page, port, desk, long) {
   const panel = page.locator('#install');
   await recordProgress(page);
   await panel.locator('[data-folder]').setInputFiles(path.join(desk, 'wave'));
@@ -350,6 +361,17 @@ async function installs(page, port, desk) {
   assert.ok(await rpc(port, `${M}.isBehaviorInstalled`, ['hello']));
   assert.deepEqual(await rpc(port, `${M}.getBehaviorTags`, ['User/hello']), ['package']);
   console.log('ok - a dropped zip package installs');
+
+  await panel.locator('[data-package]').setInputFiles(path.join(desk, 'tarred.tar.gz'));
+  await waitForText(panel.locator('[data-message]'), 'tarred is installed.');
+  assert.deepEqual(await rpc(port, `${M}.getBehaviorTags`, ['User/tarred']), ['tarball']);
+  const sounds = await page.evaluate(async () =>
+    (await fetch('/files/behaviors/User/tarred/sounds/', { headers: { Accept: 'application/json' } })).json());
+  assert.deepEqual(sounds.map((entry) => [entry.name, entry.size]), [[path.basename(long), 3000]]);
+  await panel.locator('[data-package]').setInputFiles(path.join(desk, 'linked.tar'));
+  await waitForText(panel.locator('[data-error]'), 'linked.tar was not installed: it holds a link, passwd.');
+  assert.equal(await rpc(port, `${M}.isBehaviorInstalled`, ['linked']), false);
+  console.log('ok - a tar.gz package with a long name installs; a tar holding a link is refused');
 }
 
 async function accessible(page, where) {
@@ -376,7 +398,7 @@ async function phoneLayout(page, out) {
 async function main() {
   const options = parseArgs(process.argv.slice(2));
   const root = fs.mkdtempSync(path.join(os.tmpdir(), 'tuqvu-dashboard-'));
-  const { home, prefix, desk } = makeTree(root);
+  const { home, prefix, desk, long } = makeTree(root);
   const guard = setTimeout(() => {
     console.error('FAIL: the test did not end in time');
     process.exit(1);
@@ -411,7 +433,7 @@ async function main() {
     await eventLogFiltersAndPauses(page, port);
     await nothingLostAcrossACut(context, port);
     await healthChart(page);
-    await installs(page, port, desk);
+    await installs(page, port, desk, long);
 
     // A behavior running for the pictures and the accessibility checks.
     const running = rpc(port, `${M}.runBehavior`, [`User/${LOOP}`]);

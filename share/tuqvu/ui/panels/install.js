@@ -4,7 +4,14 @@
 import { call, fileUrl, putFile } from '../lib/broker.js';
 import { part, reason, say } from '../lib/dom.js';
 import { refreshLibrary, state } from '../lib/state.js';
+import { readTar } from '../lib/tar.js';
 import { PackageError, readZip } from '../lib/zip.js';
+
+// A package's name without its extension, and how its files are read.
+const PACKAGES = [
+  [/\.zip$/i, readZip],
+  [/\.(tar\.gz|tgz|tar)$/i, readTar],
+];
 
 // Every file below a dropped folder entry, as {path, blob} relative to that folder.
 async function filesOfEntry(entry, prefix = '') {
@@ -22,6 +29,10 @@ async function filesOfEntry(entry, prefix = '') {
   const nested = await Promise.all(children.map((child) =>
     filesOfEntry(child, `${prefix}${entry.name}/`)));
   return nested.flat();
+}
+
+function isPackage(file) {
+  return PACKAGES.some(([pattern]) => pattern.test(file.name));
 }
 
 function withoutTop(files, top) {
@@ -107,10 +118,11 @@ export function installPanel(root, confirm) {
   }
 
   async function installPackage(file) {
-    const name = file.name.replace(/\.zip$/i, '');
+    const [pattern, read] = PACKAGES.find(([known]) => known.test(file.name));
+    const name = file.name.replace(pattern, '');
     let files;
     try {
-      files = await readZip(file);
+      files = await read(file);
     } catch (failure) {
       if (!(failure instanceof PackageError)) throw failure;
       refuse(`${file.name} was not installed: ${failure.message}.`);
@@ -133,10 +145,11 @@ export function installPanel(root, confirm) {
     take(async () => {
       if (entry && entry.isDirectory) {
         await install(entry.name, withoutTop(await filesOfEntry(entry), entry.name));
-      } else if (file && /\.zip$/i.test(file.name)) {
+      } else if (file && isPackage(file)) {
         await installPackage(file);
       } else {
-        refuse(`${file ? file.name : 'That'} was not installed: drop one behavior folder or one .zip package.`);
+        refuse(`${file ? file.name : 'That'} was not installed: drop one behavior folder or ` +
+               'one package (.zip, .tar, .tar.gz).');
       }
     });
   });
@@ -151,6 +164,7 @@ export function installPanel(root, confirm) {
   part(root, 'package').addEventListener('change', (event) => {
     const [file] = event.target.files;
     event.target.value = '';
-    if (file) take(() => installPackage(file));
+    if (file && isPackage(file)) take(() => installPackage(file));
+    else if (file) refuse(`${file.name} was not installed: it is no .zip, .tar or .tar.gz package.`);
   });
 }
