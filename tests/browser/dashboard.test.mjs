@@ -15,7 +15,8 @@ import path from 'node:path';
 import { fileURLToPath } from 'node:url';
 import { chromium } from 'playwright-core';
 
-import { EventStream, eventually, parseArgs, rpc, startTuqvu } from './support/broker.mjs';
+import { EventStream, credentials, eventually, parseArgs, rpc, startTuqvu }
+  from './support/broker.mjs';
 import { cleanUp, launch, report, screenshotPath } from './support/page.mjs';
 import { startRelay } from './support/relay.mjs';
 import { zipOf } from './support/zip.mjs';
@@ -61,6 +62,7 @@ function makeTree(root) {
   write(path.join(desk, 'huge', 'behavior.xar'), xar('<wait ms="20"/>'));
   write(path.join(desk, 'huge', 'sounds', 'long.wav'), Buffer.alloc(PUT_LIMIT + 1000, 3));
   write(path.join(desk, 'notes', 'readme.txt'), 'no behavior here\n');
+  write(path.join(desk, '.zip'), zipOf([['behavior.xar', xar('<wait ms="1"/>'), false]]));
   write(path.join(desk, 'hello.zip'), zipOf([
     ['behavior.xar', xar('<log text="hello from a package"/>'), true],
     ['project.xml', project('package'), false],
@@ -361,6 +363,13 @@ async function installs(page, port, desk, long) {
   assert.ok(await rpc(port, `${M}.isBehaviorInstalled`, ['hello']));
   assert.deepEqual(await rpc(port, `${M}.getBehaviorTags`, ['User/hello']), ['package']);
   console.log('ok - a dropped zip package installs');
+
+  // A package named ".zip" names no behavior: nothing may land in the library itself.
+  await panel.locator('[data-package]').setInputFiles(path.join(desk, '.zip'));
+  await waitForText(panel.locator('[data-error]'), 'cannot be empty or begin with a dot');
+  assert.equal(await rpc(port, `${M}.isBehaviorInstalled`, ['behavior.xar']), false);
+  assert.equal((await fetch(`http://127.0.0.1:${port}/files/behaviors/User/behavior.xar`,
+                            { headers: credentials(port) })).status, 404);
 
   await panel.locator('[data-package]').setInputFiles(path.join(desk, 'tarred.tar.gz'));
   await waitForText(panel.locator('[data-message]'), 'tarred is installed.');

@@ -1,4 +1,4 @@
-// Installing by dropping a behavior folder or a zip package onto the page (or choosing
+// Installing by dropping a behavior folder or a package onto the page (or choosing
 // one): its files go to the user library through the file API with a progress bar, then
 // installBehavior takes them in. A refusal says what was refused and why.
 import { call, fileUrl, putFile } from '../lib/broker.js';
@@ -62,6 +62,11 @@ export function installPanel(root, confirm) {
   }
 
   async function install(name, files) {
+    // "." would put the files into the library itself, ".." beside it.
+    if (name === '' || name.startsWith('.')) {
+      refuse(`"${name}" was not installed: a behavior's name cannot be empty or begin with a dot.`);
+      return;
+    }
     if (!files.some((file) => file.path === 'behavior.xar')) {
       refuse(`${name} was not installed: it holds no behavior.xar at its top, so it is no behavior.`);
       return;
