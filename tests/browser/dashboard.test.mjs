@@ -59,6 +59,9 @@ function makeTree(root) {
   write(path.join(desk, 'wave', 'behavior.xar'), xar('<wait ms="20"/>'));
   write(path.join(desk, 'wave', 'project.xml'), project('arm', 'dance'));
   write(path.join(desk, 'wave', 'sounds', 'music.wav'), Buffer.alloc(150000, 7));
+  write(path.join(desk, 'dragged', 'behavior.xar'), xar('<wait ms="20"/>'));
+  write(path.join(desk, 'dragged', 'project.xml'), project('dragged'));
+  write(path.join(desk, 'dragged', 'data', 'notes.txt'), 'taken along\n');
   write(path.join(desk, 'huge', 'behavior.xar'), xar('<wait ms="20"/>'));
   write(path.join(desk, 'huge', 'sounds', 'long.wav'), Buffer.alloc(PUT_LIMIT + 1000, 3));
   write(path.join(desk, 'notes', 'readme.txt'), 'no behavior here\n');
@@ -313,6 +316,19 @@ async function healthChart(page) {
   console.log('ok - the health panel lists the modules and draws its chart');
 }
 
+// Drags the file or folder at `file` onto the element, through chromium's own drag and
+// drop (DevTools' Input.dispatchDragEvent), so the page gets it as from a file manager.
+async function dragOnto(page, selector, file) {
+  const box = await page.locator(selector).boundingBox();
+  const at = { x: box.x + box.width / 2, y: box.y + box.height / 2 };
+  const session = await page.context().newCDPSession(page);
+  const data = { items: [], files: [file], dragOperationsMask: 1 };
+  for (const type of ['dragEnter', 'dragOver', 'drop']) {
+    await session.send('Input.dispatchDragEvent', { type, ...at, data });
+  }
+  await session.detach();
+}
+
 // The values the progress bar took, as the page set them.
 async function recordProgress(page) {
   await page.evaluate(() => {
@@ -337,7 +353,16 @@ async function installs(page, port, desk, long) {
             `no value between 0 and the total: ${JSON.stringify(seen)}`);
   assert.ok(await rpc(port, `${M}.isBehaviorInstalled`, ['wave']));
   await inPanel(page, 'library', 'wave').waitFor({ timeout: 60000 });
-  console.log(`ok - a dropped folder uploads with its progress (${seen.length} steps) and installs`);
+  console.log(`ok - a chosen folder uploads with its progress (${seen.length} steps) and installs`);
+
+  // A folder dragged from a file manager, as the browser's own drag and drop delivers it.
+  await dragOnto(page, '#install [data-drop]', path.join(desk, 'dragged'));
+  await waitForText(panel.locator('[data-message]'), 'dragged is installed.');
+  assert.deepEqual(await rpc(port, `${M}.getBehaviorTags`, ['User/dragged']), ['dragged']);
+  const dragged = await page.evaluate(async () =>
+    (await fetch('/files/behaviors/User/dragged/data/', { headers: { Accept: 'application/json' } })).json());
+  assert.deepEqual(dragged.map((entry) => entry.name), ['notes.txt']);
+  console.log('ok - a folder dragged onto the page installs with its subfolders');
 
   await panel.locator('[data-folder]').setInputFiles(path.join(desk, 'huge'));
   await waitForText(panel.locator('[data-error]'), 'huge was not installed');
