@@ -70,10 +70,15 @@ Response dashboardFile(const std::string& folder, const std::string& relative) {
   }
   vu::beneath::UniqueFd root(vu::beneath::openDirectory(folder));
   if (!root) return textResponse(http::status::not_found, "this installation has no dashboard");
+  // Opened by its components alone, so that "//etc/passwd" is "etc/passwd" of the folder.
   // O_NONBLOCK: a FIFO planted in the folder is opened without waiting for a writer,
   // then refused as no regular file.
+  std::string beneath;
+  for (const std::string& component : components) {
+    beneath += (beneath.empty() ? "" : "/") + component;
+  }
   vu::beneath::UniqueFd file(
-      vu::beneath::openBeneath(root.get(), name, O_RDONLY | O_NOCTTY | O_NONBLOCK));
+      vu::beneath::openBeneath(root.get(), beneath, O_RDONLY | O_NOCTTY | O_NONBLOCK));
   if (!file) return notFound(relative);
   struct stat status {};
   if (::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
@@ -89,7 +94,8 @@ Response dashboardFile(const std::string& folder, const std::string& relative) {
     done += static_cast<std::size_t>(got);
   }
   body.resize(done);
-  Response response = makeResponse(http::status::ok, dashboardContentType(name), std::move(body));
+  Response response =
+      makeResponse(http::status::ok, dashboardContentType(beneath), std::move(body));
   addDashboardSecurityHeaders(response);
   return response;
 }
