@@ -14,13 +14,13 @@ export function libraryPanel(root, confirm) {
   const files = new Map();       // name -> entries, or an Error, while its files show
   say(error, '');
 
-  function note(name, text, isError = false, starting = false) {
-    notes.set(name, { text, isError, starting });
+  function note(name, text, isError = false) {
+    notes.set(name, { text, isError });
     render();
   }
 
-  async function act(name, doing, action, starting = false) {
-    note(name, doing, false, starting);
+  async function act(name, doing, action) {
+    note(name, doing);
     try {
       note(name, await action());
     } catch (failure) {
@@ -34,7 +34,7 @@ export function libraryPanel(root, confirm) {
     act(name, `Starting ${name}…`, async () => {
       await call(`${M}.runBehavior`, qualified(name));
       return `${name} has ended.`;
-    }, true);
+    });
   }
 
   function load(name) {
@@ -103,8 +103,9 @@ export function libraryPanel(root, confirm) {
     const tags = state.tags.get(name) ?? [];
     const running = state.running.has(name) || state.running.has(qualified(name));
     let said = notes.get(name);
-    // A run answers only at its end: meanwhile the running set says it has started.
-    if (said?.starting && running) said = { text: `${name} is running.`, isError: false };
+    // A run answers only at its end, and a behavior may be started elsewhere: while it
+    // runs, that is what its row says, whatever the last action reported before.
+    if (said && !said.isError && running) said = { text: `${name} is running.`, isError: false };
     const button = (label, action, key) =>
       h('button', { type: 'button', 'aria-label': `${label} ${name}`, 'data-key': `${key}:${name}`,
                     onclick: action }, label);
