@@ -5,6 +5,7 @@
 #   include/tuqvu/zr, include/tuqvu/vu             headers for people writing their own modules
 #   lib/pkgconfig/tuqvu.pc                         Cflags -I<prefix>/include/tuqvu
 #   share/tuqvu/behaviors                          the sample behaviors (the system library)
+#   share/tuqvu/ui                                 the dashboard the broker serves at /ui/
 #   share/bash-completion/completions/tuqvu-call, share/man/man1/*.1
 #   lib/systemd/system/tuqvu.service               (<prefix>/lib, as systemd looks in /usr/lib)
 # The pkg-config file and the unit name paths under the prefix; they are written when

@@ -117,7 +117,8 @@ else
   echo "run: the broker listens on $url but has not answered ZRBroker.getModules" >&2
 fi
 cat <<EOF
-  pages    $url/ (the modules, each with a console)
+  pages    $url/ui/ (the dashboard: behaviors, installs, events, health, live)
+           $url/ (the modules, each with a console)
            $url/ZRBehaviorManager/ (the behavior manager's status page)
   call     $command ZRBroker.getModules
            $call --help tells the rest

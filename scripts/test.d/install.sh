@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # `cmake --install` of the tested build (build/, or $TUQVU_BUILD_DIR) into a temporary
-# prefix: the layout, the installed tuqvu finding its default module library and its
-# system behaviors by itself (TUQVU_SDK_PREFIX unset), tuqvu-call's completion, and a
+# prefix: the layout, the installed tuqvu finding its default module library, its
+# system behaviors and its dashboard by itself (TUQVU_SDK_PREFIX unset), tuqvu-call's completion, and a
 # small module program outside the tree built with `pkg-config --cflags --libs tuqvu`.
 # Alone:
 #   bash scripts/test.d/install.sh
@@ -24,7 +24,8 @@ for file in bin/tuqvu bin/tuqvu-call lib/libtuqvucore.so lib/libtuqvuproject.so 
             lib/libtuqvumodules.so lib/libzrbehaviormanager.so lib/pkgconfig/tuqvu.pc \
             include/tuqvu/zr/zrmodule.h include/tuqvu/zr/proxies/zrmemoryproxy.h \
             include/tuqvu/vu/project/package.h include/tuqvu/zr/detail/zrfunctor.h \
-            share/tuqvu/behaviors/stand/behavior.xar share/man/man1/tuqvu.1 \
+            share/tuqvu/behaviors/stand/behavior.xar share/tuqvu/ui/index.html \
+            share/tuqvu/ui/app.js share/man/man1/tuqvu.1 \
             share/man/man1/tuqvu-call.1 share/bash-completion/completions/tuqvu-call \
             lib/systemd/system/tuqvu.service; do
   test -e "$prefix/$file" || { say "missing $file" >&2; exit 1; }
@@ -59,6 +60,13 @@ names=$(call ZRBehaviorManager.getSystemBehaviorNames | tr -d ' \n')
 [ "$names" = '["System/animations/nod","System/animations/wave","System/idle","System/stand"]' ] ||
   { say "system behaviors: $names" >&2; exit 1; }
 say "the installed tuqvu loaded $prefix/lib/libzrbehaviormanager.so and found $names"
+
+# The dashboard from the installed files, to a client that presents the secret.
+secret=$(cat "$work/home/.config/tuqvu/secret")
+page=$(curl -sS -f -u "tuqvu:$secret" "http://127.0.0.1:$port/ui/")
+[ "$page" = "$(cat "$prefix/share/tuqvu/ui/index.html")" ] ||
+  { say "the installed tuqvu does not serve its dashboard at /ui/" >&2; exit 1; }
+say "the installed tuqvu serves its dashboard from $prefix/share/tuqvu/ui"
 
 # Completion of options, request paths and Module.method names asked from this broker.
 completion() {  # the command line up to the cursor; prints the candidates, one a line

@@ -42,6 +42,7 @@ rm -f /tmp/tuqvu-package-apt.log
 unit=/usr/lib/systemd/system/tuqvu.service
 for file in /usr/bin/tuqvu /usr/bin/tuqvu-call /usr/lib/libtuqvucore.so \
             /usr/lib/libzrbehaviormanager.so /usr/share/tuqvu/behaviors/stand/behavior.xar \
+            /usr/share/tuqvu/ui/index.html \
             /usr/include/tuqvu/zr/zrmodule.h /usr/share/man/man1/tuqvu-call.1 \
             /usr/share/bash-completion/completions/tuqvu-call "$unit"; do
   test -e "$file" || { say "missing $file" >&2; exit 1; }

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs one Node.js test of this folder (the status page in chromium by default; --test
 # names another). The npm packages of this folder (playwright-core, with Debian's
-# /usr/bin/chromium as the browser; ajv and the OpenRPC meta-schema; eventsource) are
+# /usr/bin/chromium as the browser; axe-core; ajv and the OpenRPC meta-schema; eventsource) are
 # installed into tests/browser/node_modules once, and again only when package-lock.json
 # changes.
 #

@@ -13,8 +13,8 @@ import path from 'node:path';
 import { chromium } from 'playwright-core';
 
 import { EventStream, eventually, parseArgs, rpc, startTuqvu } from './support/broker.mjs';
-import { launch, preparePage, rows, screenshotPath, section, sectionTitles, waitForDone }
-  from './support/page.mjs';
+import { cleanUp, launch, preparePage, report, rows, screenshotPath, section, sectionTitles,
+  waitForDone } from './support/page.mjs';
 
 const RUNNING = 'demos/loop';   // runs until it is stopped
 const OTHER = 'greet';          // installed, never touched
@@ -207,19 +207,8 @@ async function main() {
     console.log('ok - tuqvu shuts down cleanly');
   } finally {
     clearTimeout(guard);
-    events?.close();
-    await context?.close().catch(() => {});
-    if (tuqvu?.running()) {
-      console.error(`tuqvu log:\n${tuqvu.log()}`);
-      tuqvu.kill();
-    }
-    fs.rmSync(root, { recursive: true, force: true });
+    await cleanUp({ events, context, tuqvu, root });
   }
 }
 
-main().then(
-  () => console.log('PASS'),
-  (error) => {
-    console.error(`FAIL: ${error.stack ?? error}`);
-    process.exitCode = 1;
-  });
+report(main);

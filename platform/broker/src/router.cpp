@@ -1,3 +1,4 @@
+#include <tuqvu/broker/dashboard.h>
 #include <tuqvu/broker/evalparser.h>
 #include <tuqvu/broker/jsonio.h>
 #include <tuqvu/broker/requestguard.h>
@@ -106,7 +107,8 @@ std::string indexPage(const std::vector<std::string>& modules) {
     page += "<li><a href=\"/" + name + "/\">" + name + "</a></li>\n";
   }
   page +=
-      "</ul>\n<p>Remote API: POST /rpc (JSON-RPC 2.0), GET /events (Server-Sent Events), "
+      "</ul>\n<p><a href=\"/ui/\">Dashboard</a>: running behaviors, libraries, installs, "
+      "events</p>\n<p>Remote API: POST /rpc (JSON-RPC 2.0), GET /events (Server-Sent Events), "
       "GET /&lt;Module&gt;/?eval=Module.method(args)</p>\n</body></html>\n";
   return page;
 }
@@ -168,6 +170,17 @@ Routed route(Request& request, const std::shared_ptr<const RpcDispatcher>& rpc) 
     if (verb != http::verb::get) return respond(methodNotAllowed("GET"));
     if (expression) return evaluate(*expression, rpc);
     return respond(htmlResponse(http::status::ok, indexPage(rpc->broker()->getModuleNames())));
+  }
+
+  if (path == "/ui" || path.rfind("/ui/", 0) == 0) {
+    if (verb != http::verb::get) return respond(methodNotAllowed("GET"));
+    if (path == "/ui") {
+      // The page's relative references need the slash.
+      Response moved = textResponse(http::status::moved_permanently, "see /ui/");
+      moved.set(http::field::location, "/ui/");
+      return respond(std::move(moved));
+    }
+    return respond(dashboardFile(dashboardFolder(), path.substr(4)));
   }
 
   // "/<Module>" or "/<Module>/"

@@ -170,3 +170,26 @@ export async function expectThreeEventsInPage(page, port, key) {
     throw new Error(`the page received ${JSON.stringify(received)}, not [0,1,2]`);
   }
 }
+
+// The end of a test's run, whatever happened: its event stream and browser closed, the
+// daemon killed if it still runs (its log shown, since the test stopped before it
+// could), and the scratch folder `root` removed.
+export async function cleanUp({ events, context, tuqvu, root }) {
+  events?.close();
+  await context?.close().catch(() => {});
+  if (tuqvu?.running()) {
+    console.error(`tuqvu log:\n${tuqvu.log()}`);
+    tuqvu.kill();
+  }
+  fs.rmSync(root, { recursive: true, force: true });
+}
+
+// Runs a test's main function and reports PASS, or FAIL with why and exit status 1.
+export function report(main) {
+  main().then(
+    () => console.log('PASS'),
+    (error) => {
+      console.error(`FAIL: ${error.stack ?? error}`);
+      process.exitCode = 1;
+    });
+}

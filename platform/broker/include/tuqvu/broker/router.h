@@ -8,6 +8,7 @@
 //                               400 when EXPR cannot be parsed
 //   POST /rpc                   JSON-RPC 2.0
 //   GET  /events?key=K...       Server-Sent Events of memory events
+//   GET  /ui/...                the dashboard's installed files (dashboard.h)
 #pragma once
 
 #include <tuqvu/broker/httptypes.h>
