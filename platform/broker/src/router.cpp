@@ -40,12 +40,9 @@ Routed runCall(std::function<Response()> call) {
 Routed runRpcCall(std::function<Response()> call, const std::string& body) {
   Routed routed = runCall(std::move(call));
   routed.refuse = [body](const std::string& why) {
-    nlohmann::json id = nullptr;
-    const nlohmann::json request = nlohmann::json::parse(body, nullptr, false);
-    if (request.is_object() && request.contains("id")) id = request["id"];
-    Response response =
-        jsonResponse(http::status::too_many_requests,
-                     dumpJson({{"jsonrpc", "2.0"}, {"error", tooManyCalls(why)}, {"id", id}}));
+    Response response = jsonResponse(
+        http::status::too_many_requests,
+        dumpJson({{"jsonrpc", "2.0"}, {"error", tooManyCalls(why)}, {"id", requestIdOf(body)}}));
     response.set(http::field::retry_after, "1");
     return response;
   };

@@ -290,5 +290,10 @@ std::string RpcDispatcher::evaluate(const std::string& module, const std::string
   return "{\"error\":" + dumpJson(outcome.error) + "}";
 }
 
+nlohmann::json requestIdOf(const std::string& body) {
+  const nlohmann::json request = nlohmann::json::parse(body, nullptr, false);
+  return request.is_object() && request.contains("id") ? request["id"] : nlohmann::json();
+}
+
 }  // namespace broker
 }  // namespace tuqvu

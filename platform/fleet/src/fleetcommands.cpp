@@ -28,11 +28,6 @@ std::optional<FleetCommands::Clock::time_point> expiryOf(const mqtt::const_messa
   return FleetCommands::Clock::now() + std::chrono::seconds(seconds);
 }
 
-nlohmann::json requestId(const std::string& body) {
-  const nlohmann::json request = nlohmann::json::parse(body, nullptr, false);
-  return request.is_object() && request.contains("id") ? request["id"] : nlohmann::json();
-}
-
 }  // namespace
 
 FleetCommands::FleetCommands(std::shared_ptr<broker::ServerContext> context, std::string robotId,
@@ -63,7 +58,7 @@ void FleetCommands::answerWithError(const mqtt::const_message_ptr& request, int 
   if (responseTopicOf(request).empty()) return;
   const nlohmann::json reply = {{"jsonrpc", "2.0"},
                                 {"error", broker::rpcError(code, message)},
-                                {"id", requestId(request->to_string())}};
+                                {"id", broker::requestIdOf(request->to_string())}};
   fSend(answer(request, broker::dumpJson(reply)));
 }
 

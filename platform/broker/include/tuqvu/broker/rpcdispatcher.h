@@ -79,5 +79,9 @@ private:
 // {"code":code,"message":message} with "data" when data is not null.
 nlohmann::json rpcError(int code, const std::string& message, const nlohmann::json& data = nullptr);
 
+// The id of the request in `body`, for an error answered without running it: null for a
+// batch or a body that is no JSON object.
+nlohmann::json requestIdOf(const std::string& body);
+
 }  // namespace broker
 }  // namespace tuqvu
