@@ -236,6 +236,10 @@ void ZRFileTransferPrivate::serve(const detail::AcceptedConnection& accepted,
     ::close(accepted.socket);
     return;
   }
+  run(connection, std::move(othersWaiting));
+}
+
+void ZRFileTransferPrivate::run(soap* connection, std::function<bool()> othersWaiting) {
   ZR::soap_serve(connection, fLimits, std::move(othersWaiting));
   release(connection);
 }

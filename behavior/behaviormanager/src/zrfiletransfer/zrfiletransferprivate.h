@@ -54,6 +54,8 @@ public:
   // Serves one accepted connection in a context of its own, then closes it.
   // `othersWaiting` tells whether other clients wait meanwhile (empty: none are watched).
   void serve(const detail::AcceptedConnection& accepted, std::function<bool()> othersWaiting = {});
+  // Serves a connection whose context is ready, then closes and releases it.
+  void run(soap* connection, std::function<bool()> othersWaiting = {});
   // A copy of the listening context set up to serve `accepted`; null without memory.
   soap* contextFor(const detail::AcceptedConnection& accepted);
 
