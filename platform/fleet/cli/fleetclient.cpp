@@ -32,7 +32,7 @@ public:
   }
   ~FleetSession() {
     try {
-      fClient.disconnect()->wait_for(std::chrono::seconds(2));
+      disconnectAndSettle(fClient, std::chrono::seconds(2));
     } catch (const mqtt::exception&) {
       // Gone already.
     }
@@ -184,7 +184,7 @@ int runFleetCall(const FleetCommandLine& command, std::ostream& out, std::ostrea
     mqtt::properties properties{
         {mqtt::property::RESPONSE_TOPIC, topics.responses(clientId)},
         {mqtt::property::CORRELATION_DATA, correlation},
-        {mqtt::property::MESSAGE_EXPIRY_INTERVAL, static_cast<uint32_t>(command.timeoutSeconds)}};
+        {mqtt::property::MESSAGE_EXPIRY_INTERVAL, static_cast<int32_t>(command.timeoutSeconds)}};
     session.client()
         .publish(mqtt::message_ptr_builder()
                      .topic(topic)

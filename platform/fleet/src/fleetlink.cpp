@@ -107,7 +107,7 @@ void FleetLink::stop() {
   try {
     if (fClient->is_connected()) {
       publish(fTopics.status(), statusPayload(false), true);
-      fClient->disconnect()->wait_for(kGoodbye);
+      disconnectAndSettle(*fClient, kGoodbye);
     }
   } catch (const mqtt::exception& error) {
     vu::log::write(vu::log::warning, kLog, "stop",
@@ -187,7 +187,7 @@ bool FleetLink::connect() {
       fLostLogged = true;
     }
     try {
-      if (fClient->is_connected()) fClient->disconnect()->wait_for(kGoodbye);
+      if (fClient->is_connected()) disconnectAndSettle(*fClient, kGoodbye);
     } catch (const mqtt::exception&) {
       // Not connected after all: nothing to end.
     }

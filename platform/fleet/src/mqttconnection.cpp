@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <thread>
 
 namespace tuqvu {
 namespace fleet {
@@ -33,6 +34,19 @@ mqtt::connect_options mqttConnectOptions(const FleetSettings& settings,
     builder.ssl(ssl.finalize());
   }
   return builder.finalize();
+}
+
+bool disconnectAndSettle(mqtt::async_client& client, std::chrono::milliseconds timeout) {
+  const mqtt::token_ptr goodbye = client.disconnect();
+  if (!goodbye->wait_for(timeout)) return false;
+  // Paho marks the token complete before its thread wakes the waiters and drops the
+  // client's reference; destroying the client in between frees what that thread still
+  // uses. The reference is dropped last, so one left here means the thread is done.
+  const auto end = std::chrono::steady_clock::now() + timeout;
+  while (goodbye.use_count() > 1 && std::chrono::steady_clock::now() < end) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
 }
 
 std::string uniqueClientId(const std::string& stem) {

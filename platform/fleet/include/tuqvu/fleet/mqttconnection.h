@@ -8,6 +8,7 @@
 #include <mqtt/async_client.h>
 #include <tuqvu/fleet/fleetsettings.h>
 
+#include <chrono>
 #include <optional>
 #include <string>
 
@@ -23,6 +24,11 @@ mqtt::create_options mqttCreateOptions();
 // with `will`, the broker publishes it when the connection ends without a goodbye.
 mqtt::connect_options mqttConnectOptions(const FleetSettings& settings,
                                          const std::optional<mqtt::message>& will = std::nullopt);
+
+// Ends the client's connection, waiting at most `timeout` for the broker's answer and then
+// until Paho's own thread has let go of the disconnect, so that the client may be destroyed
+// right after. False when the broker did not answer in time.
+bool disconnectAndSettle(mqtt::async_client& client, std::chrono::milliseconds timeout);
 
 // A client id no other client has: `stem`, the host's process id and random hex.
 std::string uniqueClientId(const std::string& stem);
