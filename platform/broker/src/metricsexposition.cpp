@@ -46,6 +46,23 @@ std::optional<std::int64_t> openDescriptors(const std::string& proc) {
   return count;
 }
 
+// The format's escapes of a help text. prometheus-cpp 1.0 writes help texts as they are
+// (label values it escapes), so a newline in one would end the line early.
+std::string escapedHelp(const std::string& help) {
+  std::string escaped;
+  escaped.reserve(help.size());
+  for (const char c : help) {
+    if (c == '\\') {
+      escaped += "\\\\";
+    } else if (c == '\n') {
+      escaped += "\\n";
+    } else {
+      escaped += c;
+    }
+  }
+  return escaped;
+}
+
 prometheus::MetricType typeOf(ZR::ZRMetricType type) {
   switch (type) {
     case ZR::ZRMetricType::Counter: return prometheus::MetricType::Counter;
@@ -112,7 +129,7 @@ std::string exposition(const ZR::ZRMetrics& registry) {
   for (const ZR::ZRMetrics::FamilyValues& values : registry.snapshot()) {
     prometheus::MetricFamily family;
     family.name = values.name;
-    family.help = values.help;
+    family.help = escapedHelp(values.help);
     family.type = typeOf(values.type);
     for (const ZR::ZRMetrics::SeriesValues& series : values.series) {
       prometheus::ClientMetric metric;

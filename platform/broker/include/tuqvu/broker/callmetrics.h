@@ -31,8 +31,9 @@ namespace broker {
 
 class CallMetrics {
 public:
-  // At most this many methods get series; any beyond are not counted (and logged once).
-  static constexpr std::size_t kMaxMethods = 1024;
+  // At most this many methods get series (three counters each, within the registry's
+  // kMaxSeriesPerFamily); any beyond are not counted, and that is logged once.
+  static constexpr std::size_t kMaxMethods = 600;
 
   enum class Rejection { MethodNotFound, InvalidRequest, TooManyCalls };
 
