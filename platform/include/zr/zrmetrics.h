@@ -62,6 +62,7 @@ public:
   // `upperBounds` ascending, finite; ZRError otherwise.
   explicit ZRHistogram(std::vector<double> upperBounds);
 
+  // A NaN is not counted.
   void observe(double value) noexcept;
 
   struct Snapshot {

@@ -60,6 +60,7 @@ ZRHistogram::ZRHistogram(std::vector<double> upperBounds)
 }
 
 void ZRHistogram::observe(double value) noexcept {
+  if (std::isnan(value)) return;  // it would fall in no bucket and spoil the sum for good
   // The first bound at or above the value: Prometheus buckets are "less or equal".
   const std::size_t bucket = static_cast<std::size_t>(
       std::lower_bound(fUpperBounds.begin(), fUpperBounds.end(), value) - fUpperBounds.begin());

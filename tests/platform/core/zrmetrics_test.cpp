@@ -2,6 +2,7 @@
 #include <zr/zrerror.h>
 #include <zr/zrmetrics.h>
 
+#include <limits>
 #include <thread>
 #include <vector>
 
@@ -44,6 +45,7 @@ TEST(ZRMetrics, AHistogramCountsEachObservationInTheFirstBucketAtOrAboveIt) {
   ZRMetrics metrics;
   ZR::ZRHistogram& histogram = metrics.histogram("wait_seconds", "Waits.", {0.1, 1, 10});
   for (double value : {0.05, 0.1, 0.5, 1.0, 3.0, 100.0}) histogram.observe(value);
+  histogram.observe(std::numeric_limits<double>::quiet_NaN());  // not counted
   const ZR::ZRHistogram::Snapshot snapshot = histogram.snapshot();
   // le=0.1: 0.05 and 0.1; le=1: and 0.5, 1; le=10: and 3; +Inf: and 100.
   EXPECT_EQ((std::vector<std::uint64_t>{2, 4, 5, 6}), snapshot.cumulative);

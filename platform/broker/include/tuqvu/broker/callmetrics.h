@@ -76,8 +76,9 @@ private:
   std::array<ZR::ZRCounter*, 3> fRejected{};
   // The table callers read; replaced whole, with a release store, when a method is added.
   std::atomic<const Table*> fTable;
-  // Guards fEntries, fTables and the replacement of fTable; taken only when a method is
-  // counted for the first time. The registry's own lock is taken inside it, nothing else.
+  // Guards fEntries, fTables, fFullLogged and the replacement of fTable; taken only when a
+  // method is counted for the first time (or is one too many). The registry's own lock is
+  // taken inside it, and nothing else.
   std::mutex fAddMutex;
   std::deque<Entry> fEntries;  // never moved: tables point into it
   // Every table made, kept until the end: a caller may still read one that was replaced.

@@ -98,8 +98,9 @@ private:
   // Delivers what a client that last received `lastEventId` missed; with fMutex held.
   void replay(SseSubscriber& subscriber, const std::set<std::string>& keys,
               const std::string& lastEventId);
-  // Guards the subscriber table, fClosed, the event numbers and the kept events; held
-  // while frames are delivered, which keeps every subscriber's frames in publish order.
+  // Guards the subscriber table, fClosed, the event numbers, the kept events and the two
+  // metric pointers (whose values are atomics of their own); held while frames are
+  // delivered, which keeps every subscriber's frames in publish order.
   mutable std::mutex fMutex;
   const std::size_t fMaxSubscribers;
   std::map<Token, Entry> fEntries;
