@@ -239,6 +239,30 @@ TEST_F(Metrics, TheFileTransferServerCountsRequestsAndBytes) {
           value(before, "tuqvu_file_bytes_total{server=\"file-transfer\",direction=\"sent\"}"));
 }
 
+TEST_F(Metrics, TheFileTransferServerCountsTheBodiesItReceives) {
+  const int filePort =
+      rpc(port(), "ZRBehaviorManager._httpFileTransferPort", json::array())["result"].get<int>();
+  const auto series = [](const std::string& labels) {
+    return "{server=\"file-transfer\"," + labels + "}";
+  };
+  const Samples before = scrape();
+  const std::string body(500, 'y');
+  const std::string answer = rawExchange(
+      filePort,
+      "PUT /tmp/transferred.txt HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: " +
+          sBroker->authorization() + "\r\nContent-Length: " + std::to_string(body.size()) +
+          "\r\nConnection: close\r\n\r\n" + body,
+      1500);
+  ASSERT_EQ(0u, answer.rfind("HTTP/1.1 2", 0)) << answer;
+  const Samples after = scrape();
+  const auto moved = [&](const std::string& name) {
+    return value(after, name) - value(before, name);
+  };
+  EXPECT_EQ(1, moved("tuqvu_file_requests_total" + series("method=\"PUT\"")));
+  EXPECT_EQ(500, moved("tuqvu_file_bytes_total" + series("direction=\"received\"")));
+  EXPECT_EQ(answer.size(), moved("tuqvu_file_bytes_total" + series("direction=\"sent\"")));
+}
+
 TEST_F(Metrics, EventStreamSubscribersAreCountedWhileTheyAreOpen) {
   {
     EventStream stream(port(), "/events");

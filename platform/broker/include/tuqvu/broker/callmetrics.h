@@ -41,7 +41,7 @@ public:
   struct Method {
     ZR::ZRCounter* ok = nullptr;
     ZR::ZRCounter* error = nullptr;    // the method threw
-    ZR::ZRCounter* refused = nullptr;  // not made: wrong arguments, the broker shutting down
+    ZR::ZRCounter* refused = nullptr;  // not made: the wrong number or kind of arguments
     ZR::ZRHistogram* duration = nullptr;
   };
 
