@@ -62,7 +62,7 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 # What dpkg-shlibdeps finds for the binaries and libraries of a Debian 12 build, and
 # adduser for the service account.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS
-    "adduser, libarchive13 (>= 3.0.4), libboost-filesystem1.74.0 (>= 1.74.0+ds1), libboost-thread1.74.0 (>= 1.74.0+ds1), libc6 (>= 2.34), libgcc-s1 (>= 3.0), libgsoap-2.8.124 (>= 2.8.124), libpugixml1v5 (>= 1.6), libstdc++6 (>= 12)")
+    "adduser, libarchive13 (>= 3.0.4), libboost-filesystem1.74.0 (>= 1.74.0+ds1), libboost-thread1.74.0 (>= 1.74.0+ds1), libc6 (>= 2.34), libgcc-s1 (>= 3.0), libgsoap-2.8.124 (>= 2.8.124), libprometheus-cpp-core1.0 (>= 1.0.1), libpugixml1v5 (>= 1.6), libstdc++6 (>= 12)")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     ${CMAKE_SOURCE_DIR}/packaging/debian/postinst

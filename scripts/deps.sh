@@ -9,7 +9,9 @@ set -euo pipefail
 
 # Building and running: the compiler, CMake with Ninja, and the libraries the broker, its
 # modules and the behavior manager link (OpenSSL for the broker's HTTPS and the making of
-# its certificate, Eclipse Paho for the fleet link over MQTT).
+# its certificate, Eclipse Paho for the fleet link over MQTT, prometheus-cpp whose core
+# writes the text of /metrics; its package brings the library's HTTP parts along, which
+# are not linked).
 run_packages=(
   build-essential cmake ninja-build pkg-config
   libboost-filesystem-dev libboost-system-dev libboost-thread-dev
@@ -18,16 +20,18 @@ run_packages=(
   libpugixml-dev libarchive-dev nlohmann-json3-dev
   libssl-dev openssl
   libpaho-mqtt-dev libpaho-mqttpp-dev
+  prometheus-cpp-dev
 )
 # What the tests add: the test and benchmark libraries, clang with its sanitizer and fuzzer
 # runtimes, the layout checker, git (which it asks for the files), the tools the tests make
-# packages and requests with, the browser of the status page's test, and ccache, which
+# packages and requests with, the Prometheus client library whose parser reads /metrics,
+# the browser of the status page's test, and ccache, which
 # lets a second full run rebuild only what changed, and testssl.sh, which checks the
 # broker's HTTPS, and Mosquitto with its clients, the MQTT broker of the fleet's tests.
 test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev clang-format-14
-  git python3 python3-requests curl wget zip unzip libarchive-tools
+  git python3 python3-requests python3-prometheus-client curl wget zip unzip libarchive-tools
   chromium ccache testssl.sh mosquitto mosquitto-clients
 )
 

@@ -104,6 +104,10 @@ void FileSession::start() {
   fKeepAlive = fParser->keep_alive();
   fHasBody = !fParser->is_done();
 
+  if (fContext->fileMetrics) {
+    fContext->fileMetrics->request(std::string(request.method_string())).increment();
+  }
+
   const Target target = splitTarget(std::string(request.target()));
   if (target.path == "/files") {
     auto moved = std::make_shared<http::response<http::string_body>>(
@@ -356,6 +360,11 @@ void FileSession::receiveBody() {
 }
 
 void FileSession::onBody(beast::error_code error, std::size_t) {
+  if (fContext->fileMetrics) {
+    const std::uint64_t received = fParser->get().body().received;
+    fContext->fileMetrics->received->increment(received - fCountedReceived);
+    fCountedReceived = received;
+  }
   if (error == http::error::body_limit) {
     fKeepAlive = false;
     return refuse(http::status::payload_too_large,
@@ -480,7 +489,8 @@ void FileSession::send(std::shared_ptr<http::response<Body>> response, std::shar
   fStream.expiresAfter(allowance(length ? *length : 0));
   http::async_write(
       fStream, *response,
-      [self = shared_from_this(), response, held](beast::error_code error, std::size_t) {
+      [self = shared_from_this(), response, held](beast::error_code error, std::size_t bytes) {
+        if (self->fContext->fileMetrics) self->fContext->fileMetrics->sent->increment(bytes);
         if (error) {
           vu::log::write(vu::log::verbose, kCategory, "write", error.message());
           return;

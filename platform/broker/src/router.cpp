@@ -1,6 +1,7 @@
 #include <tuqvu/broker/dashboard.h>
 #include <tuqvu/broker/evalparser.h>
 #include <tuqvu/broker/jsonio.h>
+#include <tuqvu/broker/metricsexposition.h>
 #include <tuqvu/broker/requestguard.h>
 #include <tuqvu/broker/router.h>
 #include <tuqvu/broker/url.h>
@@ -22,11 +23,12 @@ nlohmann::json tooManyCalls(const std::string& why) {
   return rpcError(rpc::kTooManyCalls, why);
 }
 
-Routed runCall(std::function<Response()> call) {
+Routed runCall(std::function<Response()> call, const std::shared_ptr<const RpcDispatcher>& rpc) {
   Routed routed;
   routed.kind = Routed::Kind::Call;
   routed.call = std::move(call);
-  routed.refuse = [](const std::string& why) {
+  routed.refuse = [rpc](const std::string& why) {
+    rpc->countRejected(CallMetrics::Rejection::TooManyCalls);
     Response response =
         jsonResponse(http::status::too_many_requests, dumpJson({{"error", tooManyCalls(why)}}));
     response.set(http::field::retry_after, "1");
@@ -37,9 +39,11 @@ Routed runCall(std::function<Response()> call) {
 
 // The same for a JSON-RPC body: the error answers the request's id (null for a batch or
 // a body that is no JSON object).
-Routed runRpcCall(std::function<Response()> call, const std::string& body) {
-  Routed routed = runCall(std::move(call));
-  routed.refuse = [body](const std::string& why) {
+Routed runRpcCall(std::function<Response()> call, const std::string& body,
+                  const std::shared_ptr<const RpcDispatcher>& rpc) {
+  Routed routed = runCall(std::move(call), rpc);
+  routed.refuse = [body, rpc](const std::string& why) {
+    rpc->countRejected(CallMetrics::Rejection::TooManyCalls);
     Response response = jsonResponse(
         http::status::too_many_requests,
         dumpJson({{"jsonrpc", "2.0"}, {"error", tooManyCalls(why)}, {"id", requestIdOf(body)}}));
@@ -59,34 +63,43 @@ Routed evalError(const std::string& message, std::size_t position) {
 // that was made is a 200 with {"result"} or {"error"} in the body.
 Routed evaluate(const std::string& rawExpression, const std::shared_ptr<const RpcDispatcher>& rpc) {
   const std::optional<std::string> expression = percentDecode(rawExpression);
-  if (!expression) return evalError("cannot parse expression: malformed %-escape", 0);
-  if (!isValidUtf8(*expression)) return evalError("cannot parse expression: invalid UTF-8", 0);
+  const auto unreadable = [&rpc](const std::string& message, std::size_t position) {
+    rpc->countRejected(CallMetrics::Rejection::InvalidRequest);
+    return evalError(message, position);
+  };
+  if (!expression) return unreadable("cannot parse expression: malformed %-escape", 0);
+  if (!isValidUtf8(*expression)) return unreadable("cannot parse expression: invalid UTF-8", 0);
   EvalCall parsed;
   try {
     parsed = parseEval(*expression);
   } catch (const EvalSyntaxError& error) {
-    return evalError(std::string("cannot parse expression: ") + error.what(), error.position());
+    return unreadable(std::string("cannot parse expression: ") + error.what(), error.position());
   }
-  return runCall([rpc, parsed = std::move(parsed)]() {
-    return jsonResponse(http::status::ok, rpc->evaluate(parsed.module, parsed.method, parsed.args));
-  });
+  return runCall(
+      [rpc, parsed = std::move(parsed)]() {
+        return jsonResponse(http::status::ok,
+                            rpc->evaluate(parsed.module, parsed.method, parsed.args));
+      },
+      rpc);
 }
 
 Routed modulePage(const std::string& module, const std::shared_ptr<const RpcDispatcher>& rpc) {
-  return runCall([rpc, module]() {
-    try {
-      return htmlResponse(http::status::ok, rpc->broker()->modulePage(module));
-    } catch (const ZR::ZRError& error) {
-      if (!rpc->broker()->hasModule(module)) {
-        return textResponse(http::status::not_found, "no module named " + module);
-      }
-      return textResponse(http::status::internal_server_error,
-                          "the page of " + module + " failed: " + error.what());
-    } catch (const std::exception& error) {
-      return textResponse(http::status::internal_server_error,
-                          "the page of " + module + " failed: " + error.what());
-    }
-  });
+  return runCall(
+      [rpc, module]() {
+        try {
+          return htmlResponse(http::status::ok, rpc->broker()->modulePage(module));
+        } catch (const ZR::ZRError& error) {
+          if (!rpc->broker()->hasModule(module)) {
+            return textResponse(http::status::not_found, "no module named " + module);
+          }
+          return textResponse(http::status::internal_server_error,
+                              "the page of " + module + " failed: " + error.what());
+        } catch (const std::exception& error) {
+          return textResponse(http::status::internal_server_error,
+                              "the page of " + module + " failed: " + error.what());
+        }
+      },
+      rpc);
 }
 
 }  // namespace
@@ -140,7 +153,16 @@ Routed route(Request& request, const std::shared_ptr<const RpcDispatcher>& rpc) 
           if (reply.empty()) return makeResponse(http::status::no_content, "application/json", "");
           return jsonResponse(http::status::ok, std::move(reply));
         },
-        copy);
+        copy, rpc);
+  }
+  if (path == "/metrics") {
+    if (verb != http::verb::get) return respond(methodNotAllowed("GET"));
+    // Read from atomics and /proc: quick enough for the I/O thread, and no scrape waits
+    // behind calls.
+    Response metrics =
+        makeResponse(http::status::ok, kMetricsContentType, metricsText(rpc->broker()->metrics()));
+    metrics.set(http::field::cache_control, "no-store");
+    return respond(std::move(metrics));
   }
   if (path == "/events") {
     if (verb != http::verb::get) return respond(methodNotAllowed("GET"));

@@ -5,6 +5,7 @@
 #include <zr/zrvaluejson.h>
 
 #include <algorithm>
+#include <chrono>
 
 #ifndef TUQVU_VERSION
 #define TUQVU_VERSION "unknown"
@@ -61,17 +62,20 @@ json rpcError(int code, const std::string& message, const json& data) {
   return error;
 }
 
-RpcDispatcher::RpcDispatcher(boost::shared_ptr<ZR::ZRBroker> broker) : fBroker(std::move(broker)) {}
+RpcDispatcher::RpcDispatcher(boost::shared_ptr<ZR::ZRBroker> broker)
+    : fBroker(std::move(broker)), fCalls(std::make_unique<CallMetrics>(fBroker->metrics())) {}
 
 std::string RpcDispatcher::handle(const std::string& body) const {
   json document;
   try {
     document = parseJson(body);
   } catch (const JsonParseError& error) {
+    fCalls->rejected(CallMetrics::Rejection::InvalidRequest);
     return errorResponse(nullptr, rpc::kParseError, std::string("Parse error: ") + error.what());
   }
   if (!document.is_array()) return handleOne(document).value_or("");
   if (document.empty()) {
+    fCalls->rejected(CallMetrics::Rejection::InvalidRequest);
     return errorResponse(nullptr, rpc::kInvalidRequest, "Invalid Request: empty batch");
   }
   std::string replies;
@@ -83,6 +87,7 @@ std::string RpcDispatcher::handle(const std::string& body) const {
 
 std::optional<std::string> RpcDispatcher::handleOne(const json& request) const {
   if (!request.is_object()) {
+    fCalls->rejected(CallMetrics::Rejection::InvalidRequest);
     return errorResponse(nullptr, rpc::kInvalidRequest, "Invalid Request: not a JSON object");
   }
   const auto idMember = request.find("id");
@@ -99,7 +104,14 @@ std::optional<std::string> RpcDispatcher::handleOne(const json& request) const {
   // An object that is not a well-formed request is no notification, whether or not it has
   // an id: it is answered, with a null id when it has none.
   const auto refuse = [&](const std::string& message) -> std::optional<std::string> {
+    fCalls->rejected(CallMetrics::Rejection::InvalidRequest);
     return responseText(id, failure(rpc::kInvalidRequest, message));
+  };
+  // The answer of a call refused here, before it was made, counted as that method's.
+  const auto refuseCall = [&](const std::string& module, const std::string& method,
+                              const CallOutcome& outcome) {
+    count(module, method, outcome);
+    return reply(outcome);
   };
 
   const auto version = request.find("jsonrpc");
@@ -114,12 +126,18 @@ std::optional<std::string> RpcDispatcher::handleOne(const json& request) const {
   if (fullName == rpc::kDiscover) {
     const auto params = request.find("params");
     if (params != request.end() && !(params->is_array() && params->empty())) {
-      return reply(failure(rpc::kInvalidParams, "Invalid params: rpc.discover takes none"));
+      return refuseCall("rpc", "discover",
+                        failure(rpc::kInvalidParams, "Invalid params: rpc.discover takes none"));
     }
-    return reply(success(dumpJson(openRpcDocument(*fBroker, TUQVU_VERSION))));
+    const auto started = std::chrono::steady_clock::now();
+    CallOutcome document = success(dumpJson(openRpcDocument(*fBroker, TUQVU_VERSION)));
+    count("rpc", "discover", document,
+          std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
+    return reply(document);
   }
   const std::size_t dot = fullName.find('.');
   if (dot == std::string::npos || dot == 0 || dot + 1 == fullName.size()) {
+    fCalls->rejected(CallMetrics::Rejection::MethodNotFound);
     return reply(failure(rpc::kMethodNotFound, "Method not found: \"" + fullName +
                                                    "\" is not of the form Module.method"));
   }
@@ -130,11 +148,12 @@ std::optional<std::string> RpcDispatcher::handleOne(const json& request) const {
   if (params != request.end()) {
     // A method that does not exist is named as such, whatever its parameters look like.
     if (auto missing = methodNotFound(module, method); missing && !params->is_array()) {
-      return reply(*missing);
+      return refuseCall(module, method, *missing);
     }
     if (params->is_object()) {
-      return reply(failure(rpc::kInvalidParams,
-                           "Invalid params: parameters are passed by position, in an array"));
+      return refuseCall(module, method,
+                        failure(rpc::kInvalidParams,
+                                "Invalid params: parameters are passed by position, in an array"));
     }
     if (!params->is_array()) {
       return refuse("Invalid Request: \"params\" must be an array");
@@ -142,11 +161,14 @@ std::optional<std::string> RpcDispatcher::handleOne(const json& request) const {
     try {
       args = toValue(*params);
     } catch (const std::exception& error) {
-      if (auto missing = methodNotFound(module, method)) return reply(*missing);
+      if (auto missing = methodNotFound(module, method)) {
+        return refuseCall(module, method, *missing);
+      }
       const auto* zrError = dynamic_cast<const ZR::ZRError*>(&error);
-      return reply(failure(
-          rpc::kInvalidParams,
-          "Invalid params: " + (zrError ? zrError->description() : std::string(error.what()))));
+      return refuseCall(
+          module, method,
+          failure(rpc::kInvalidParams, "Invalid params: " + (zrError ? zrError->description()
+                                                                     : std::string(error.what()))));
     }
   }
   return reply(invoke(module, method, args));
@@ -154,6 +176,28 @@ std::optional<std::string> RpcDispatcher::handleOne(const json& request) const {
 
 CallOutcome RpcDispatcher::invoke(const std::string& module, const std::string& method,
                                   const ZR::ZRValue& args) const {
+  const auto started = std::chrono::steady_clock::now();
+  CallOutcome outcome = invokeUncounted(module, method, args);
+  count(module, method, outcome,
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
+  return outcome;
+}
+
+void RpcDispatcher::count(const std::string& module, const std::string& method,
+                          const CallOutcome& outcome, double seconds) const {
+  const int code = outcome.ok ? 0 : outcome.error.value("code", rpc::kCallFailed);
+  // Names no module has get no series of their own.
+  if (code == rpc::kMethodNotFound) return fCalls->rejected(CallMetrics::Rejection::MethodNotFound);
+  if (code == rpc::kInvalidRequest) return fCalls->rejected(CallMetrics::Rejection::InvalidRequest);
+  const CallMetrics::Method* series = fCalls->method(module, method);
+  if (series == nullptr) return;
+  if (code == rpc::kInvalidParams) return series->refused->increment();  // not made
+  (outcome.ok ? series->ok : series->error)->increment();
+  if (seconds >= 0) series->duration->observe(seconds);
+}
+
+CallOutcome RpcDispatcher::invokeUncounted(const std::string& module, const std::string& method,
+                                           const ZR::ZRValue& args) const {
   if (module == rpc::kIntrospectionModule) return introspect(method, args);
   try {
     const ZR::ZRBroker::ClientCallScope fromClient;

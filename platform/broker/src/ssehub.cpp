@@ -63,11 +63,13 @@ SseHub::Token SseHub::subscribe(std::weak_ptr<SseSubscriber> subscriber,
   }
   if (fEntries.size() >= fMaxSubscribers) {
     if (refusal != nullptr) *refusal = Refusal::Full;
+    countSubscribers();
     return 0;
   }
   const Token token = fNext++;
   Entry& entry = fEntries[token];
   entry = Entry{std::move(subscriber), std::set<std::string>(keys.begin(), keys.end())};
+  countSubscribers();
   if (lastEventId) {
     if (std::shared_ptr<SseSubscriber> live = entry.subscriber.lock()) {
       replay(*live, entry.keys, *lastEventId);
@@ -100,6 +102,24 @@ void SseHub::replay(SseSubscriber& subscriber, const std::set<std::string>& keys
 void SseHub::unsubscribe(Token token) {
   std::lock_guard<std::mutex> lock(fMutex);
   fEntries.erase(token);
+  countSubscribers();
+}
+
+void SseHub::countIn(ZR::ZRMetrics& registry) {
+  ZR::ZRGauge& subscribers =
+      registry.gauge("tuqvu_event_stream_subscribers", "Event streams (GET /events) open now.");
+  ZR::ZRCounter& published =
+      registry.counter("tuqvu_events_published_total", "Memory events sent to the event streams.");
+  std::lock_guard<std::mutex> lock(fMutex);
+  fSubscribersGauge = &subscribers;
+  fPublished = &published;
+  countSubscribers();
+}
+
+void SseHub::countSubscribers() {
+  if (fSubscribersGauge != nullptr) {
+    fSubscribersGauge->set(static_cast<std::int64_t>(fEntries.size()));
+  }
 }
 
 std::string SseHub::frame(const std::string& key, const ZR::ZRValue& value) {
@@ -115,6 +135,7 @@ void SseHub::publish(const std::string& key, const ZR::ZRValue& value) {
   std::vector<std::shared_ptr<SseSubscriber>> reached;
   std::lock_guard<std::mutex> lock(fMutex);
   const std::uint64_t number = ++fLastNumber;
+  if (fPublished != nullptr) fPublished->increment();
   const auto text = std::make_shared<const std::string>("id: " + eventId(number) + "\n" + data);
   fKept.push_back(Kept{number, key, text});
   fKeptBytes += text->size();
@@ -134,6 +155,7 @@ void SseHub::publish(const std::string& key, const ZR::ZRValue& value) {
     }
     ++entry;
   }
+  countSubscribers();
 }
 
 void SseHub::closeAll() {
@@ -147,6 +169,7 @@ void SseHub::closeAll() {
     }
   }
   fEntries.clear();
+  countSubscribers();
 }
 
 std::size_t SseHub::subscriberCount() const {

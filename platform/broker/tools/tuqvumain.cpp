@@ -254,6 +254,9 @@ int main(int argc, char** argv) {
       std::make_shared<tb::CallAdmission>(tb::CallAdmission::limitsFromEnvironment());
   context->localClients = std::make_shared<tb::LocalClientNames>();
   context->hub = std::make_shared<tb::SseHub>(tb::SseHub::maxSubscribersFromEnvironment());
+  context->hub->countIn(broker->metrics());
+  context->fileMetrics =
+      std::make_shared<const ZR::ZRFileServerMetrics>(broker->metrics(), "files");
   context->sessionToken = tb::randomHex(16);
   context->tls = tls;
   context->plainHttpBeyondLoopback = options.allowPlainHttp;

@@ -1,31 +1,17 @@
-#include <dirent.h>
+#include <tuqvu/broker/metricsexposition.h>
 #include <tuqvu/fleet/processhealth.h>
-#include <unistd.h>
-
-#include <fstream>
-#include <string>
 
 namespace tuqvu {
 namespace fleet {
 
+// The same reading of /proc/self as the broker's GET /metrics, so the fleet's health and
+// the scrape never disagree on what they count.
 ProcessHealth processHealth() {
+  const broker::ProcessFigures figures = broker::readProcessFigures();
   ProcessHealth health;
-  std::ifstream statm("/proc/self/statm");
-  std::uint64_t size = 0, resident = 0;
-  if (statm >> size >> resident) {
-    health.residentBytes = resident * static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
-  }
-  std::ifstream status("/proc/self/status");
-  for (std::string line; std::getline(status, line);) {
-    if (line.rfind("Threads:", 0) == 0) health.threads = std::stoi(line.substr(8));
-  }
-  if (DIR* folder = ::opendir("/proc/self/fd")) {
-    while (const dirent* entry = ::readdir(folder)) {
-      if (entry->d_name[0] != '.') ++health.descriptors;
-    }
-    ::closedir(folder);
-    --health.descriptors;  // the listing's own
-  }
+  health.residentBytes = static_cast<std::uint64_t>(figures.residentBytes.value_or(0));
+  health.threads = static_cast<int>(figures.threads.value_or(0));
+  health.descriptors = static_cast<int>(figures.openDescriptors.value_or(0));
   return health;
 }
 

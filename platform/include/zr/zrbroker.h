@@ -11,6 +11,7 @@
 
 #include <zr/zrfilefolders.h>
 #include <zr/zrmethodinfo.h>
+#include <zr/zrmetrics.h>
 #include <zr/zrvalue.h>
 
 #include <atomic>
@@ -100,6 +101,11 @@ public:
   void withdrawFileFolders(const ZRFileFolders* folders);
   std::shared_ptr<const ZRFileFolders> fileFolders() const;  // null when none are published
 
+  // The process's metrics (zrmetrics.h): modules register what they count here, the
+  // broker exposes it at GET /metrics.
+  ZRMetrics& metrics() { return fMetrics; }
+  const ZRMetrics& metrics() const { return fMetrics; }
+
   template <typename T>
   boost::shared_ptr<T> getSpecialisedProxy(const std::string& module) {
     return boost::make_shared<T>(shared_from_this(), module);
@@ -111,6 +117,8 @@ private:
   ZRModuleCore* findModule(const std::string& name) const;
 
   const std::string fName;
+  // Thread-safe on its own; outlives every module, which hold references into it.
+  ZRMetrics fMetrics;
 
   // Guards the module registry. Never held while a method runs.
   mutable std::mutex fModulesMutex;

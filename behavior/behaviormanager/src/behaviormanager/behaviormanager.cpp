@@ -57,7 +57,9 @@ ZRBehaviorManager::ZRBehaviorManager(boost::shared_ptr<ZRBroker> broker, const s
       fUserLibrary(""),
       fRegistryLock(ZRMutex::createZRMutex()),
       fMemoryProxy(getParentBroker()->getSpecialisedProxy<ZRMemoryProxy>("ZRMemory")),
-      fFrameManagerProxy(makeFrameManagerProxy(getParentBroker())) {
+      fFrameManagerProxy(makeFrameManagerProxy(getParentBroker())),
+      fFileTransfer(&getParentBroker()->metrics()) {
+  registerMetrics();
   setModuleDescription(
       "This module is intended to manage behaviors. With this module, you can load, start, stop "
       "behaviors, add default behaviors or remove them. \n");
@@ -142,6 +144,25 @@ constexpr int kCallReturnAttempts = 20;
 constexpr int kCallReturnSliceMs = 250;
 
 }  // namespace
+
+void ZRBehaviorManager::registerMetrics() {
+  ZRMetrics& metrics = getParentBroker()->metrics();
+  fRunningGauge = &metrics.gauge("tuqvu_behaviors_running", "Behaviors running now.");
+  // One series per state, all there from the start: a state never entered shows 0.
+  const char* const names[] = {"unknown", "unloaded", "loading", "loaded", "running", "unloading"};
+  static_assert(sizeof(names) / sizeof(names[0]) == StateUnloading + 1, "a name for every state");
+  for (std::size_t state = 0; state < fStateChanges.size(); ++state) {
+    fStateChanges[state] = &metrics.counter("tuqvu_behavior_state_changes_total",
+                                            "Behavior state changes, by the state entered.",
+                                            {{"state", names[state]}});
+  }
+  const char* const installs = "tuqvu_behavior_installs_total";
+  const char* const installsHelp = "Behavior, package and resource installs, by outcome.";
+  fInstalled = &metrics.counter(installs, installsHelp, {{"outcome", "installed"}});
+  fInstallFailed = &metrics.counter(installs, installsHelp, {{"outcome", "failed"}});
+  // A module loaded again finds the series of the one before; nothing runs yet.
+  fRunningGauge->set(0);
+}
 
 ZRBehaviorManager::~ZRBehaviorManager() {
   getParentBroker()->withdrawFileFolders(fServedFolders.get());

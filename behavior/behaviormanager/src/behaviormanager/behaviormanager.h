@@ -23,12 +23,14 @@
 #include <zr/proxies/zrmemoryproxy.h>
 #include <zr/zrbroker.h>
 #include <zr/zrerror.h>
+#include <zr/zrmetrics.h>
 #include <zr/zrmodule.h>
 #include <zr/zrmutex.h>
 #include <zr/zrvalue.h>
 #include <zrfiletransfer/zrfiletransfer.h>
 #include <zrfiletransfer/zrservedfolders.h>
 
+#include <array>
 #include <boost/filesystem/path.hpp>
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/mutex.hpp>
@@ -178,6 +180,11 @@ public:
   void onBehaviorRemoved(const std::string& path);
 
 private:
+  // Registers the module's series in the broker's metrics; the constructor's first step.
+  void registerMetrics();
+  // installBehavior's work; the public one counts its outcome.
+  bool xInstallBehavior(const std::string& absolutePath, const std::string& localPath,
+                        bool overwrite);
   void registerMethods();
   void publishRunningBehaviors();  // caller holds fRunningMutex
   // Waits until `done` holds for the behavior's state; the others wait through it.
@@ -204,6 +211,12 @@ private:
   boost::mutex fDefaultsMutex;
   std::map<std::string, BehaviorState> fStates;
   std::set<std::string> fRunning;
+  // The module's counts in the broker's metrics, registered at construction (the series
+  // outlive the module: the broker owns them). Atomics: counted under no lock of ours.
+  ZRGauge* fRunningGauge;                                    // the size of fRunning
+  std::array<ZRCounter*, StateUnloading + 1> fStateChanges;  // by the state entered
+  ZRCounter* fInstalled;
+  ZRCounter* fInstallFailed;
   boost::shared_ptr<ZRMemoryProxy> fMemoryProxy;
   boost::shared_ptr<ZRFrameManagerProxy> fFrameManagerProxy;
   ZRFileTransfer fFileTransfer;

@@ -46,6 +46,13 @@ bool ZRBehaviorManager::installBehavior(const std::string& localPath) {
 
 bool ZRBehaviorManager::installBehavior(const std::string& absolutePath,
                                         const std::string& localPath, bool overwrite) {
+  const bool installed = xInstallBehavior(absolutePath, localPath, overwrite);
+  (installed ? fInstalled : fInstallFailed)->increment();
+  return installed;
+}
+
+bool ZRBehaviorManager::xInstallBehavior(const std::string& absolutePath,
+                                         const std::string& localPath, bool overwrite) {
   if (!fUserLibrary.valid()) {
     detail::log(vu::log::error, "installBehavior",
                 std::string("No valid user behavior library ") +

@@ -44,6 +44,9 @@ void ZRBehaviorManager::setBehaviorState(const std::string& name, BehaviorState 
     }
     entry = state;
   }
+  if (state >= 0 && static_cast<std::size_t>(state) < fStateChanges.size()) {
+    fStateChanges[static_cast<std::size_t>(state)]->increment();
+  }
   // Wakes the waiting threads when this change is complete, after its publication, so
   // that a thread woken by it finds "BehaviorsRun" already raised; also when the
   // publication throws, since the state has changed all the same. The change was made
@@ -63,6 +66,7 @@ void ZRBehaviorManager::setBehaviorState(const std::string& name, BehaviorState 
 }
 
 void ZRBehaviorManager::publishRunningBehaviors() {
+  fRunningGauge->set(static_cast<std::int64_t>(fRunning.size()));
   const std::vector<std::string> names(fRunning.begin(), fRunning.end());
   fMemoryProxy->raiseMicroEvent(behaviorsRunKey, ZRValue(names));
 }

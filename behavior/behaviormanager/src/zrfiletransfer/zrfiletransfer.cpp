@@ -15,7 +15,10 @@ constexpr unsigned int kStartDelayMs = 400;
 
 }  // namespace
 
-ZRFileTransfer::ZRFileTransfer() : _p(new ZRFileTransferPrivate) {
+ZRFileTransfer::ZRFileTransfer(ZRMetrics* metrics)
+    : _p(new ZRFileTransferPrivate(
+          metrics ? std::make_unique<const ZRFileServerMetrics>(*metrics, "file-transfer")
+                  : nullptr)) {
   const ZRNetworkAccess access = networkAccess();
   if (!access.fileServer) {
     vu::log::write(vu::log::info, "core.common.network", "ZRFileTransfer",

@@ -12,10 +12,12 @@
 namespace ZR {
 
 class ZRFileTransferPrivate;
+class ZRMetrics;
 
 class ZRFileTransfer {
 public:
-  ZRFileTransfer();
+  // With `metrics`, its requests and bytes are counted there (label server="file-transfer").
+  explicit ZRFileTransfer(ZRMetrics* metrics = nullptr);
   ~ZRFileTransfer();
 
   ZRFileTransfer(const ZRFileTransfer&) = delete;

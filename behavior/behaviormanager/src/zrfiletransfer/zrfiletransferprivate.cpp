@@ -45,8 +45,12 @@ void finalise(soap* context) {
 
 }  // namespace
 
-ZRFileTransferPrivate::ZRFileTransferPrivate()
-    : fServer(nullptr), fStop(0), fPort(0), fLimits(detail::ServerLimits::fromEnvironment()) {}
+ZRFileTransferPrivate::ZRFileTransferPrivate(std::unique_ptr<const ZRFileServerMetrics> metrics)
+    : fServer(nullptr),
+      fStop(0),
+      fPort(0),
+      fLimits(detail::ServerLimits::fromEnvironment()),
+      fMetrics(std::move(metrics)) {}
 
 ZRFileTransferPrivate::~ZRFileTransferPrivate() {
   stop();
@@ -240,7 +244,7 @@ void ZRFileTransferPrivate::serve(const detail::AcceptedConnection& accepted,
 }
 
 void ZRFileTransferPrivate::run(soap* connection, std::function<bool()> othersWaiting) {
-  ZR::soap_serve(connection, fLimits, std::move(othersWaiting));
+  ZR::soap_serve(connection, fLimits, std::move(othersWaiting), fMetrics.get());
   release(connection);
 }
 

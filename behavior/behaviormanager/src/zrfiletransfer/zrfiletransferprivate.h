@@ -3,9 +3,12 @@
 // time. Internal to the file-transfer library (tests use it to reach findFreePort).
 #pragma once
 
+#include <zr/zrfileservermetrics.h>
+
 #include <atomic>
 #include <boost/thread/thread.hpp>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -21,7 +24,8 @@ class AcceptBackOff;
 
 class ZRFileTransferPrivate {
 public:
-  ZRFileTransferPrivate();
+  // Counts requests and bytes in `metrics` unless it is null.
+  explicit ZRFileTransferPrivate(std::unique_ptr<const ZRFileServerMetrics> metrics = nullptr);
   ~ZRFileTransferPrivate();
 
   ZRFileTransferPrivate(const ZRFileTransferPrivate&) = delete;
@@ -77,6 +81,8 @@ public:
   // The limits every connection is held to, read from the environment when this server
   // is made; fixed from then on.
   const detail::ServerLimits fLimits;
+  // The counts of this server in the broker's metrics; null: not counted.
+  const std::unique_ptr<const ZRFileServerMetrics> fMetrics;
   // The listener thread (not-a-thread until start()).
   boost::thread fThread;
 };

@@ -12,6 +12,7 @@
 #pragma once
 
 #include <stdsoap2.h>
+#include <zr/zrfileservermetrics.h>
 
 #include <boost/filesystem/path.hpp>
 #include <cstdint>
@@ -39,9 +40,11 @@ int httpDel(soap* connection);
 // Serves the requests of one accepted connection through the hooks above, held to the
 // serving server's `limits`, and returns when the connection is finished (closed, timed
 // out, not reusable, at its request limit, or idle while another client waits, which
-// `othersWaiting` tells; empty: none is watched).
+// `othersWaiting` tells; empty: none is watched). Its requests and bytes are counted in
+// `metrics` unless it is null.
 int soap_serve(soap* connection, const detail::ServerLimits& limits,
-               std::function<bool()> othersWaiting = {});
+               std::function<bool()> othersWaiting = {},
+               const ZRFileServerMetrics* metrics = nullptr);
 
 // Maps a relative request path to a file-system path; an empty result means the path
 // is not served.

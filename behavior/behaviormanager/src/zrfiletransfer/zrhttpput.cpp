@@ -88,6 +88,7 @@ BodyOutcome receiveBody(soap* connection, int file) {
     if (!writeAll(file, connection->buf + connection->bufidx, first)) {
       return BodyOutcome::writeFailed;
     }
+    detail::ConnectionGuard::bodyReceived(connection, first);
     connection->bufidx += first;
     remaining -= first;
   }
@@ -101,6 +102,7 @@ BodyOutcome receiveBody(soap* connection, int file) {
     if (!writeAll(file, connection->buf, count)) {
       return BodyOutcome::writeFailed;
     }
+    detail::ConnectionGuard::bodyReceived(connection, count);
     connection->bufidx += count;
     remaining -= count;
   }

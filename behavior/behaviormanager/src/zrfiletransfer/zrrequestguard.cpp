@@ -51,12 +51,15 @@ void sendUnauthorized(soap* connection) {
 }  // namespace
 
 ConnectionGuard::ConnectionGuard(soap* connection, const ServerLimits& limits,
-                                 std::function<bool()> othersWaiting)
+                                 std::function<bool()> othersWaiting,
+                                 const ZRFileServerMetrics* metrics)
     : fConnection(connection),
       fPreviousUser(connection->user),
       fPreviousParse(connection->fparse),
       fPreviousParseHeader(connection->fparsehdr),
       fPreviousReceive(connection->frecv),
+      fPreviousSend(connection->fsend),
+      fMetrics(metrics),
       fLimits(limits),
       fDeadline(fLimits),
       fOthersWaiting(std::move(othersWaiting)) {
@@ -64,6 +67,7 @@ ConnectionGuard::ConnectionGuard(soap* connection, const ServerLimits& limits,
   connection->fparse = &ConnectionGuard::parseRequest;
   connection->fparsehdr = &ConnectionGuard::parseHeader;
   connection->frecv = &ConnectionGuard::receive;
+  if (fMetrics != nullptr) connection->fsend = &ConnectionGuard::sendCounted;
   // gSOAP's own answers to these carry "Access-Control-Allow-Origin: *" and claim PUT,
   // PATCH and POST; the service has none of that.
   connection->fopt = [](soap* c) {
@@ -79,6 +83,31 @@ ConnectionGuard::~ConnectionGuard() {
   fConnection->fparse = fPreviousParse;
   fConnection->fparsehdr = fPreviousParseHeader;
   fConnection->frecv = fPreviousReceive;
+  fConnection->fsend = fPreviousSend;
+}
+
+int ConnectionGuard::sendCounted(soap* connection, const char* data, size_t length) {
+  ConnectionGuard* guard = static_cast<ConnectionGuard*>(connection->user);
+  const int result = guard->fPreviousSend(connection, data, length);
+  if (result == SOAP_OK) guard->fMetrics->sent->increment(length);
+  return result;
+}
+
+void ConnectionGuard::bodyReceived(const soap* connection, std::size_t bytes) {
+  if (connection->frecv == &ConnectionGuard::receive && connection->user != nullptr) {
+    const ConnectionGuard* guard = static_cast<const ConnectionGuard*>(connection->user);
+    if (guard->fMetrics != nullptr) guard->fMetrics->received->increment(bytes);
+  }
+}
+
+const char* ConnectionGuard::methodName(int status) {
+  switch (status) {
+    case SOAP_GET: return "GET";
+    case SOAP_HEAD: return "HEAD";
+    case SOAP_PUT: return "PUT";
+    case SOAP_DEL: return "DELETE";
+    default: return "other";
+  }
 }
 
 void ConnectionGuard::beginRequest() {
@@ -225,9 +254,16 @@ const RequestHeaders* ConnectionGuard::headersOf(const soap* connection) {
 int ConnectionGuard::parseRequest(soap* connection) {
   ConnectionGuard* guard = static_cast<ConnectionGuard*>(connection->user);
   const int error = guard->fPreviousParse(connection);
+  // A request line was read (SOAP_OK, or a method it has no hook for); a connection that
+  // ended or timed out before one is no request.
+  const bool refusedMethod =
+      error == 405 || (error >= SOAP_GET_METHOD && error <= SOAP_HTTP_METHOD);
+  if (guard->fMetrics != nullptr && (error == SOAP_OK || refusedMethod)) {
+    guard->fMetrics->request(refusedMethod ? "other" : methodName(connection->status)).increment();
+  }
   // gSOAP's errors for a method without a hook (405 for one it does not know at all); it
   // would answer them with a SOAP fault.
-  if (error == 405 || (error >= SOAP_GET_METHOD && error <= SOAP_HTTP_METHOD)) {
+  if (refusedMethod) {
     sendMethodNotAllowed(connection);
     // The end of the exchange without a reply of gSOAP's: with the connection's send and
     // receive time-outs set it sends no fault for SOAP_EOF, and the dispatcher closes.

@@ -16,6 +16,7 @@
 #pragma once
 
 #include <stdsoap2.h>
+#include <zr/zrfileservermetrics.h>
 
 #include <cstdint>
 #include <functional>
@@ -43,7 +44,8 @@ public:
   // `limits` are the serving server's; the guard keeps a copy. `othersWaiting` tells
   // whether other clients wait to be served (empty: none are watched for).
   ConnectionGuard(soap* connection, const ServerLimits& limits,
-                  std::function<bool()> othersWaiting = {});
+                  std::function<bool()> othersWaiting = {},
+                  const ZRFileServerMetrics* metrics = nullptr);
   ~ConnectionGuard();
   ConnectionGuard(const ConnectionGuard&) = delete;
   ConnectionGuard& operator=(const ConnectionGuard&) = delete;
@@ -64,11 +66,15 @@ public:
   static void beginSending(soap* connection, std::uint64_t length);
   // Whether the reply being sent is past its deadline (logged once); false without a guard.
   static bool sendingTooSlow(soap* connection);
+  // Counts `bytes` of a request body as received; nothing without a guard or metrics.
+  static void bodyReceived(const soap* connection, std::size_t bytes);
 
 private:
   static int parseRequest(soap* connection);
   static int parseHeader(soap* connection, const char* key, const char* value);
   static size_t receive(soap* connection, char* buffer, size_t length);
+  static int sendCounted(soap* connection, const char* data, size_t length);
+  static const char* methodName(int status);
   // Whether another client waits to be served.
   bool othersWaiting() const;
   // What is left, while others wait, of the time a connection may take to begin its next
@@ -80,6 +86,8 @@ private:
   int (*fPreviousParse)(soap*);
   int (*fPreviousParseHeader)(soap*, const char*, const char*);
   size_t (*fPreviousReceive)(soap*, char*, size_t);
+  int (*fPreviousSend)(soap*, const char*, size_t);
+  const ZRFileServerMetrics* const fMetrics;  // null: not counted
   RequestHeaders fHeaders;
   const ServerLimits fLimits;
   RequestDeadline fDeadline;

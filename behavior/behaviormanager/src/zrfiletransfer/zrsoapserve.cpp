@@ -9,8 +9,8 @@
 namespace ZR {
 
 int soap_serve(soap* connection, const detail::ServerLimits& limits,
-               std::function<bool()> othersWaiting) {
-  detail::ConnectionGuard guard(connection, limits, std::move(othersWaiting));
+               std::function<bool()> othersWaiting, const ZRFileServerMetrics* metrics) {
+  detail::ConnectionGuard guard(connection, limits, std::move(othersWaiting), metrics);
   connection->max_keep_alive = limits.maxRequests;
   connection->keep_alive = connection->max_keep_alive < 0 ? -1 : connection->max_keep_alive + 1;
   do {

@@ -78,7 +78,8 @@ private:
   std::string fCookie;
   unsigned fVersion = 11;
   bool fKeepAlive = true;
-  bool fHasBody = false;  // the request announced a body (length > 0 or chunked)
+  bool fHasBody = false;               // the request announced a body (length > 0 or chunked)
+  std::uint64_t fCountedReceived = 0;  // of the body, in the metrics already
   std::unique_ptr<Upload> fUpload;
 };
 

@@ -9,6 +9,7 @@
 //   POST /rpc                   JSON-RPC 2.0
 //   GET  /events?key=K...       Server-Sent Events of memory events
 //   GET  /ui/...                the dashboard's installed files (dashboard.h)
+//   GET  /metrics               the broker's metrics, Prometheus text format
 #pragma once
 
 #include <tuqvu/broker/httptypes.h>

@@ -5,15 +5,19 @@
 //   RpcDispatcher rpc(broker);
 //   std::string reply = rpc.handle(R"({"jsonrpc":"2.0","id":1,"method":"M.m","params":[1]})");
 //
+// Every call is counted in the broker's metrics (callmetrics.h).
+//
 // "ZRBroker.getModules()", "ZRBroker.getMethods(module)", "ZRBroker.describeModule(module)"
 // and "rpc.discover" (an OpenRPC document) are answered here, from the broker's registry,
 // not by a module.
 #pragma once
 
+#include <tuqvu/broker/callmetrics.h>
 #include <zr/zrbroker.h>
 #include <zr/zrvalue.h>
 
 #include <boost/shared_ptr.hpp>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -50,7 +54,7 @@ public:
   // (only notifications).
   std::string handle(const std::string& body) const;
 
-  // Calls module.method with an array of arguments.
+  // Calls module.method with an array of arguments, and counts the call.
   CallOutcome invoke(const std::string& module, const std::string& method,
                      const ZR::ZRValue& args) const;
 
@@ -60,7 +64,15 @@ public:
 
   const boost::shared_ptr<ZR::ZRBroker>& broker() const { return fBroker; }
 
+  // Counts a call refused before it reached the dispatcher (too many running).
+  void countRejected(CallMetrics::Rejection reason) const { fCalls->rejected(reason); }
+
 private:
+  CallOutcome invokeUncounted(const std::string& module, const std::string& method,
+                              const ZR::ZRValue& args) const;
+  // Counts the outcome of a call of module.method; `seconds` < 0 when it was not timed.
+  void count(const std::string& module, const std::string& method, const CallOutcome& outcome,
+             double seconds = -1) const;
   std::optional<std::string> handleOne(const nlohmann::json& request) const;
   CallOutcome introspect(const std::string& method, const ZR::ZRValue& args) const;
   std::optional<CallOutcome> classifyRefusal(const std::string& module, const std::string& method,
@@ -74,6 +86,9 @@ private:
                                             const std::string& method) const;
 
   boost::shared_ptr<ZR::ZRBroker> fBroker;
+  // Its series live in the broker's registry; the table of methods grows as they are
+  // first called, which handle() and invoke() do, though they change nothing else.
+  std::unique_ptr<CallMetrics> fCalls;
 };
 
 // {"code":code,"message":message} with "data" when data is not null.

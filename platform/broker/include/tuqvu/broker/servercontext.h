@@ -10,6 +10,7 @@
 #include <tuqvu/broker/ssehub.h>
 #include <tuqvu/broker/tlscredentials.h>
 #include <zr/zrfilefolders.h>
+#include <zr/zrfileservermetrics.h>
 
 #include <atomic>
 #include <functional>
@@ -34,6 +35,8 @@ struct ServerContext {
   // The folders of the file API as they are now (a module may publish or withdraw them
   // at any time); unset or null: no file is served.
   std::function<std::shared_ptr<const ZR::ZRFileFolders>()> fileFolders;
+  // The file API's requests and bytes in the broker's metrics; null: not counted.
+  std::shared_ptr<const ZR::ZRFileServerMetrics> fileMetrics;
   // Calls made whose answer is not yet written (or dropped).
   std::atomic<int> pendingAnswers{0};
   // Set when the broker shuts down: new calls are answered 503 and not made, while the

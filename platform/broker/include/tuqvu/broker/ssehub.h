@@ -17,6 +17,7 @@
 //   // client gets "id: 5f3a9c1e.1\ndata: {\"key\":...,\"value\":...}\n\n"
 #pragma once
 
+#include <zr/zrmetrics.h>
 #include <zr/zrvalue.h>
 
 #include <cstdint>
@@ -70,6 +71,11 @@ public:
   void closeAll();
 
   std::size_t subscriberCount() const;
+
+  // Keeps tuqvu_event_stream_subscribers (the streams open) and tuqvu_events_published_total
+  // in `registry` from now on; call once, before the hub is used. The registry must
+  // outlive the hub.
+  void countIn(ZR::ZRMetrics& registry);
   std::size_t maxSubscribers() const { return fMaxSubscribers; }
 
   // "data: {"key":..,"value":..}\n\n": a frame without its id line.
@@ -87,11 +93,14 @@ private:
     std::string key;
     std::shared_ptr<const std::string> frame;
   };
+  // Sets the gauge of subscribers to the table's size; with fMutex held.
+  void countSubscribers();
   // Delivers what a client that last received `lastEventId` missed; with fMutex held.
   void replay(SseSubscriber& subscriber, const std::set<std::string>& keys,
               const std::string& lastEventId);
-  // Guards the subscriber table, fClosed, the event numbers and the kept events; held
-  // while frames are delivered, which keeps every subscriber's frames in publish order.
+  // Guards the subscriber table, fClosed, the event numbers, the kept events and the two
+  // metric pointers (whose values are atomics of their own); held while frames are
+  // delivered, which keeps every subscriber's frames in publish order.
   mutable std::mutex fMutex;
   const std::size_t fMaxSubscribers;
   std::map<Token, Entry> fEntries;
@@ -101,6 +110,8 @@ private:
   std::uint64_t fLastNumber = 0;  // of the last event published
   std::deque<Kept> fKept;         // the last events, oldest first
   std::size_t fKeptBytes = 0;
+  ZR::ZRGauge* fSubscribersGauge = nullptr;  // null: not counted
+  ZR::ZRCounter* fPublished = nullptr;
 };
 
 }  // namespace broker

@@ -1,4 +1,5 @@
-// This process's resident memory, threads and open descriptors, from /proc/self.
+// This process's resident memory, threads and open descriptors, from /proc/self as
+// GET /metrics reads them (tuqvu/broker/metricsexposition.h).
 #pragma once
 
 #include <cstdint>
