@@ -313,7 +313,19 @@ async function healthChart(page) {
     return series.length === 2 && series[0].getAttribute('points').split(' ').length >= 3;
   }, null, { timeout: 60000 });
   assert.match(await facts.textContent(), /ZRMemory, ZRPreferences, ZRFrameManager, ZRBehaviorManager/);
-  console.log('ok - the health panel lists the modules and draws its chart');
+  // The broker's own figures, from its /metrics: by the second sample every one is known.
+  await page.waitForFunction(
+    () => !document.querySelector('#health [data-facts]').textContent.includes('not known yet'),
+    null, { timeout: 10000 });
+  const text = await facts.textContent();
+  assert.match(text, /Uptime\d+ (s|min \d+ s|h \d+ min)/);
+  assert.match(text, /Memory\d+\.\d MiB/);
+  const connections = Number(text.match(/Open connections(\d+)/)[1]);
+  assert.ok(connections >= 2, `the page's own event stream and calls are open: ${text}`);
+  const rate = Number(text.match(/Calls per second(\d+\.\d)/)[1]);
+  assert.ok(rate > 0, `the panel's own calls are counted: ${text}`);
+  console.log('ok - the health panel lists the modules, the broker\'s uptime, memory, ' +
+              'connections and calls per second, and draws its chart');
 }
 
 // Drags the file or folder at `file` onto the element, through chromium's own drag and

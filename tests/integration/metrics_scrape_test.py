@@ -135,6 +135,7 @@ class MetricsScrape(unittest.TestCase):
         self.assertEqual("gauge", families["tuqvu_behaviors_running"].type)
         self.assertEqual(6, len(families["tuqvu_behavior_state_changes"].samples))
         self.assertEqual("gauge", families["tuqvu_event_stream_subscribers"].type)
+        self.assertEqual("gauge", families["tuqvu_http_connections_open"].type)
         self.assertGreater(self.sample(families, "process_resident_memory_bytes",
                                        "process_resident_memory_bytes"), 0)
         self.assertGreater(self.sample(families, "process_threads", "process_threads"), 0)

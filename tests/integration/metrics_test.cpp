@@ -273,6 +273,20 @@ TEST_F(Metrics, EventStreamSubscribersAreCountedWhileTheyAreOpen) {
       tuqvutest::eventually([] { return value(scrape(), "tuqvu_event_stream_subscribers") == 0; }));
 }
 
+TEST_F(Metrics, ConnectionsToThePortAreCountedWhileTheyAreOpen) {
+  const std::string open = "tuqvu_http_connections_open";
+  {
+    // Three idle keep-alive connections, and the scrape's own.
+    HttpConnection first(port());
+    HttpConnection second(port());
+    HttpConnection third(port());
+    EXPECT_TRUE(tuqvutest::eventually([&] { return value(scrape(), open) == 4; }))
+        << value(scrape(), open);
+  }
+  EXPECT_TRUE(tuqvutest::eventually([&] { return value(scrape(), open) == 1; }))
+      << value(scrape(), open);
+}
+
 TEST_F(Metrics, TheProcessIsDescribed) {
   const Samples samples = scrape();
   EXPECT_GT(value(samples, "process_resident_memory_bytes"), 0);

@@ -16,7 +16,9 @@ namespace net = boost::asio;
 
 ConnectionOpening::ConnectionOpening(net::ip::tcp::socket&& socket,
                                      std::shared_ptr<ServerContext> context)
-    : fStream(std::move(socket)), fContext(std::move(context)) {}
+    : fStream(std::move(socket)),
+      fContext(std::move(context)),
+      fCounted(fContext->openConnections) {}
 
 void ConnectionOpening::start() {
   net::dispatch(fStream.get_executor(), [self = shared_from_this()]() {
@@ -32,7 +34,8 @@ void ConnectionOpening::onDetected(beast::error_code error, bool tls) {
     beast::error_code ignored;
     const std::string peer = fStream.socket().remote_endpoint(ignored).address().to_string();
     if (fContext->plainHttpBeyondLoopback || ZR::isLoopbackAddress(peer)) {
-      return std::make_shared<HttpSession>(Stream(std::move(fStream)), std::move(fBuffer), fContext)
+      return std::make_shared<HttpSession>(opened(Stream(std::move(fStream))), std::move(fBuffer),
+                                           fContext)
           ->resume();
     }
     return refusePlainText();
@@ -48,16 +51,21 @@ void ConnectionOpening::onDetected(beast::error_code error, bool tls) {
           return;
         }
         self->fBuffer.consume(used);
-        std::make_shared<HttpSession>(Stream(std::move(*stream), credentials),
+        std::make_shared<HttpSession>(self->opened(Stream(std::move(*stream), credentials)),
                                       std::move(self->fBuffer), self->fContext)
             ->resume();
       });
 }
 
+Stream ConnectionOpening::opened(Stream stream) {
+  stream.keepCounted(std::move(fCounted));
+  return stream;
+}
+
 void ConnectionOpening::refusePlainText() {
   // Whatever the request carried has crossed the network in clear already; it is not
   // read, and the answer tells the client where the broker really listens.
-  std::make_shared<HttpSession>(Stream(std::move(fStream)), std::move(fBuffer), fContext)
+  std::make_shared<HttpSession>(opened(Stream(std::move(fStream))), std::move(fBuffer), fContext)
       ->refuse(http::status::forbidden,
                "this robot accepts requests from other machines over HTTPS only: use "
                "https:// with the same address and port");

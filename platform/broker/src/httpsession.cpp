@@ -44,7 +44,9 @@ void fail(const beast::error_code& error, const char* what) {
 }  // namespace
 
 HttpSession::HttpSession(net::ip::tcp::socket&& socket, std::shared_ptr<ServerContext> context)
-    : fStream(Stream::Plain(std::move(socket))), fContext(std::move(context)) {}
+    : fStream(Stream::Plain(std::move(socket))), fContext(std::move(context)) {
+  fStream.keepCounted(OpenConnection(fContext->openConnections));
+}
 
 HttpSession::HttpSession(Stream&& stream, beast::flat_buffer&& buffer,
                          std::shared_ptr<ServerContext> context)

@@ -257,6 +257,9 @@ int main(int argc, char** argv) {
   context->hub->countIn(broker->metrics());
   context->fileMetrics =
       std::make_shared<const ZR::ZRFileServerMetrics>(broker->metrics(), "files");
+  context->openConnections = &broker->metrics().gauge(
+      "tuqvu_http_connections_open",
+      "Connections to the broker's port open now (HTTP and HTTPS, event streams included).");
   context->sessionToken = tb::randomHex(16);
   context->tls = tls;
   context->plainHttpBeyondLoopback = options.allowPlainHttp;

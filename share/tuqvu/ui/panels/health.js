@@ -3,25 +3,45 @@
 // from; the rest only draws what it returns.
 import { call } from '../lib/broker.js';
 import { h, part, reason, say } from '../lib/dom.js';
+import { readMetrics } from '../lib/metrics.js';
 
 const SAMPLES = 60;     // one a second: the last minute
 const SVG = 'http://www.w3.org/2000/svg';
 
-// One sample of the broker's health. The broker answers the module list and the time a
-// call takes; the event rate is what this page received. Uptime, memory, connections
-// and calls per second are left undefined: the broker does not report them (yet).
+// The calls counted at the previous sample and when, to tell calls per second.
+let previousCalls;
+
+// One sample of the broker's health: the module list and the time a call takes, measured
+// by calling; uptime, memory, open connections and the call rate from its /metrics; the
+// event rate is what this page received.
 export async function readHealth(eventsSinceLastSample) {
   const started = performance.now();
   const modules = await call('ZRBroker.getModules');
+  const callMs = performance.now() - started;
+  const figures = await readMetrics();
+  const now = performance.now();
+  const calls = figures.get('tuqvu_rpc_calls_total') ?? 0;
+  const callsPerSecond = previousCalls === undefined
+    ? undefined
+    : Math.max(0, calls - previousCalls.calls) / ((now - previousCalls.at) / 1000);
+  previousCalls = { calls, at: now };
   return {
     modules,
-    callMs: performance.now() - started,
+    callMs,
     eventsPerSecond: eventsSinceLastSample,
-    uptimeSeconds: undefined,
-    memoryBytes: undefined,
-    connections: undefined,
-    callsPerSecond: undefined,
+    uptimeSeconds: figures.get('tuqvu_uptime_seconds'),
+    memoryBytes: figures.get('process_resident_memory_bytes'),
+    connections: figures.get('tuqvu_http_connections_open'),
+    callsPerSecond,
   };
+}
+
+// "3 h 12 min", "4 min 5 s", "12 s".
+function duration(seconds) {
+  const s = Math.floor(seconds);
+  if (s >= 3600) return `${Math.floor(s / 3600)} h ${Math.floor((s % 3600) / 60)} min`;
+  if (s >= 60) return `${Math.floor(s / 60)} min ${s % 60} s`;
+  return `${s} s`;
 }
 
 function svg(tag, attributes = {}) {
@@ -53,15 +73,15 @@ export function healthPanel(root) {
   }
 
   function draw(latest) {
-    const shown = (value, unit) => (value === undefined ? 'not reported by this broker' : `${value}${unit}`);
+    const shown = (value, text) => (value === undefined ? 'not known yet' : text(value));
     facts.replaceChildren(
       ...fact('Modules', latest.modules.join(', ')),
       ...fact('Events per second', String(latest.eventsPerSecond)),
       ...fact('Call time', `${latest.callMs.toFixed(1)} ms`),
-      ...fact('Uptime', shown(latest.uptimeSeconds, ' s')),
-      ...fact('Memory', shown(latest.memoryBytes, ' bytes')),
-      ...fact('Open connections', shown(latest.connections, '')),
-      ...fact('Calls per second', shown(latest.callsPerSecond, '')));
+      ...fact('Uptime', shown(latest.uptimeSeconds, duration)),
+      ...fact('Memory', shown(latest.memoryBytes, (bytes) => `${(bytes / 1048576).toFixed(1)} MiB`)),
+      ...fact('Open connections', shown(latest.connections, String)),
+      ...fact('Calls per second', shown(latest.callsPerSecond, (rate) => rate.toFixed(1))));
     const rates = samples.map((s) => s.eventsPerSecond);
     const times = samples.map((s) => s.callMs);
     const rateTop = Math.max(1, ...rates);

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <tuqvu/broker/servercontext.h>
+#include <tuqvu/broker/stream.h>
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/core.hpp>
@@ -26,10 +27,13 @@ public:
 private:
   void onDetected(boost::beast::error_code error, bool tls);
   void refusePlainText();
+  // The stream the connection goes on with, which keeps its count.
+  Stream opened(Stream stream);
 
   boost::beast::tcp_stream fStream;
   boost::beast::flat_buffer fBuffer;  // what was read to tell TLS from clear text
   std::shared_ptr<ServerContext> fContext;
+  OpenConnection fCounted;
 };
 
 }  // namespace broker

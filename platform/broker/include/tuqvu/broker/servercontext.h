@@ -11,6 +11,7 @@
 #include <tuqvu/broker/tlscredentials.h>
 #include <zr/zrfilefolders.h>
 #include <zr/zrfileservermetrics.h>
+#include <zr/zrmetrics.h>
 
 #include <atomic>
 #include <functional>
@@ -37,6 +38,9 @@ struct ServerContext {
   std::function<std::shared_ptr<const ZR::ZRFileFolders>()> fileFolders;
   // The file API's requests and bytes in the broker's metrics; null: not counted.
   std::shared_ptr<const ZR::ZRFileServerMetrics> fileMetrics;
+  // Connections open now, in the broker's metrics (which outlive the server); null: not
+  // counted.
+  ZR::ZRGauge* openConnections = nullptr;
   // Calls made whose answer is not yet written (or dropped).
   std::atomic<int> pendingAnswers{0};
   // Set when the broker shuts down: new calls are answered 503 and not made, while the

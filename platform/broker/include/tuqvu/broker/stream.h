@@ -8,6 +8,8 @@
 //   http::async_read(stream, buffer, parser, handler);
 #pragma once
 
+#include <tuqvu/broker/openconnection.h>
+
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl/stream.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
@@ -30,6 +32,9 @@ public:
   // `context`: the one `tls` was made from, kept as long as the stream is.
   Stream(Tls&& tls, std::shared_ptr<boost::asio::ssl::context> context)
       : fStream(std::in_place_type<Tls>, std::move(tls)), fContext(std::move(context)) {}
+
+  // Keeps the server's count of this connection for as long as the stream lives.
+  void keepCounted(OpenConnection counted) { fCounted = std::move(counted); }
 
   bool encrypted() const { return std::holds_alternative<Tls>(fStream); }
   // The TLS layer; only for an encrypted stream.
@@ -82,6 +87,7 @@ public:
 private:
   std::variant<Plain, Tls> fStream;
   std::shared_ptr<boost::asio::ssl::context> fContext;
+  OpenConnection fCounted;
 };
 
 }  // namespace broker
