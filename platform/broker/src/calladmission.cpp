@@ -14,30 +14,29 @@ CallAdmission::Limits CallAdmission::limitsFromEnvironment() {
 
 CallAdmission::CallAdmission(Limits limits) : fState(std::make_shared<State>(limits)) {}
 
-std::shared_ptr<void> CallAdmission::admit(const std::string& client, std::string* why) {
+CallAdmission::Decision CallAdmission::admit(const std::string& client) {
   std::shared_ptr<State> state = fState;
   {
     std::lock_guard<std::mutex> lock(state->mutex);
     std::size_t& mine = state->perClient[client];
     if (mine >= state->limits.perClient) {
-      *why = "too many calls at once: " + client + " already has " + std::to_string(mine) +
-             " running, the most one client may have (TUQVU_MAX_CALLS_PER_CLIENT); try again "
-             "when one has answered";
-      return nullptr;
+      return Refused{
+          "too many calls at once: " + client + " already has " + std::to_string(mine) +
+          " running, the most one client may have (TUQVU_MAX_CALLS_PER_CLIENT); try again "
+          "when one has answered"};
     }
     if (state->total >= state->limits.total) {
-      *why = "too many calls at once: " + std::to_string(state->total) +
-             " are running, the most the broker makes (TUQVU_MAX_CALLS); try again when one "
-             "has answered";
       if (mine == 0) state->perClient.erase(client);
-      return nullptr;
+      return Refused{"too many calls at once: " + std::to_string(state->total) +
+                     " are running, the most the broker makes (TUQVU_MAX_CALLS); try again "
+                     "when one has answered"};
     }
     ++mine;
     ++state->total;
   }
   // The ticket points at the shared state only so that it tests true; the deleter frees
   // the slot.
-  return std::shared_ptr<void>(static_cast<void*>(state.get()), [state, client](void*) {
+  return Ticket(static_cast<void*>(state.get()), [state, client](void*) {
     std::lock_guard<std::mutex> lock(state->mutex);
     --state->total;
     const auto found = state->perClient.find(client);

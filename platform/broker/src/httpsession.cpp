@@ -177,14 +177,14 @@ void HttpSession::startCall(Routed&& routed, unsigned version, bool keepAlive) {
                 version, false);
   }
   // One slot of the client's and of the broker's calls, held until the call returns.
-  std::shared_ptr<void> admitted;
+  CallAdmission::Ticket admitted;
   if (fContext->admission) {
-    std::string why;
-    admitted = fContext->admission->admit(clientName(), &why);
-    if (!admitted) {
-      vu::log::write(vu::log::warning, "tuqvu.calls", "startCall", why);
-      return send(routed.refuse(why), version, keepAlive);
+    CallAdmission::Decision decision = fContext->admission->admit(clientName());
+    if (const auto* refused = std::get_if<CallAdmission::Refused>(&decision)) {
+      vu::log::write(vu::log::warning, "tuqvu.calls", "startCall", refused->why);
+      return send(routed.refuse(refused->why), version, keepAlive);
     }
+    admitted = std::get<CallAdmission::Ticket>(std::move(decision));
   }
   std::function<Response()> call = std::move(routed.call);
   // Counts this answer until its write ends, or until the handler holding it is dropped.

@@ -1,6 +1,7 @@
 #include <tuqvu/broker/jsonio.h>
 #include <tuqvu/broker/registryjson.h>
 #include <tuqvu/broker/rpcdispatcher.h>
+#include <zr/zrcallrefused.h>
 #include <zr/zrerror.h>
 #include <zr/zrvaluejson.h>
 
@@ -38,6 +39,12 @@ json errorData(const std::string& module, const std::string& method, const std::
           {"description", description},
           {"source", source},
           {"line", line}};
+}
+
+CallOutcome callFailed(const ZR::ZRError& error) {
+  return failure(
+      rpc::kCallFailed, error.what(),
+      errorData(error.module(), error.method(), error.description(), error.file(), error.line()));
 }
 
 std::string responseText(const json& id, const CallOutcome& outcome) {
@@ -202,18 +209,18 @@ CallOutcome RpcDispatcher::invokeUncounted(const std::string& module, const std:
   try {
     const ZR::ZRBroker::ClientCallScope fromClient;
     return success(ZR::toJson(fBroker->call(module, method, args)));
-  } catch (const ZR::ZRError& error) {
-    // The broker refuses unknown modules, unknown methods and wrong arities with its own
-    // name; the same error may also come from a call the method itself made, so the
-    // target is checked before the refusal is taken as ours.
-    if (error.module() == fBroker->getName() && error.method() == "call") {
+  } catch (const ZR::ZRCallRefused& refused) {
+    // Only the refusal of this very call is the caller's mistake; one that the method met
+    // in a call of its own is the method's failure. The refusal is answered from the
+    // method table as it is now (a module may have been registered meanwhile).
+    if (refused.targetModule() == module && refused.targetMethod() == method) {
       if (auto refusal = classifyRefusal(module, method, static_cast<int>(args.size()))) {
         return *refusal;
       }
     }
-    return failure(
-        rpc::kCallFailed, error.what(),
-        errorData(error.module(), error.method(), error.description(), error.file(), error.line()));
+    return callFailed(refused);
+  } catch (const ZR::ZRError& error) {
+    return callFailed(error);
   } catch (const std::exception& error) {
     return failure(rpc::kCallFailed, error.what(), errorData(module, method, error.what(), "", 0));
   } catch (...) {

@@ -73,12 +73,14 @@ void FleetCommands::take(const mqtt::const_message_ptr& message) {
     return answerWithError(message, broker::rpc::kTooManyCalls, "the broker is shutting down");
   }
   // One slot of the requester's and of the broker's calls, held until the call returns.
-  std::shared_ptr<void> admitted;
+  broker::CallAdmission::Ticket admitted;
   if (fContext->admission) {
-    std::string why;
-    admitted = fContext->admission->admit(
-        "mqtt " + (responseTopic.empty() ? std::string("(no answer)") : responseTopic), &why);
-    if (!admitted) return answerWithError(message, broker::rpc::kTooManyCalls, why);
+    broker::CallAdmission::Decision decision = fContext->admission->admit(
+        "mqtt " + (responseTopic.empty() ? std::string("(no answer)") : responseTopic));
+    if (const auto* refused = std::get_if<broker::CallAdmission::Refused>(&decision)) {
+      return answerWithError(message, broker::rpc::kTooManyCalls, refused->why);
+    }
+    admitted = std::get<broker::CallAdmission::Ticket>(std::move(decision));
   }
   const std::optional<Clock::time_point> expiry = expiryOf(message);
   auto job = [self = shared_from_this(), message, expiry, admitted]() mutable {

@@ -5,12 +5,12 @@
 //                 "behavior/behaviormanager/src/behaviormanager", 870);
 #pragma once
 
-#include <exception>
+#include <stdexcept>
 #include <string>
 
 namespace ZR {
 
-class ZRError : public std::exception {
+class ZRError : public std::runtime_error {
 public:
   ZRError(const std::string& module, const std::string& method, const std::string& description,
           const std::string& file = "", int line = 0);
@@ -21,8 +21,7 @@ public:
   const std::string& file() const { return fFile; }
   int line() const { return fLine; }
 
-  // "<module>::<method>\n\t<description>\n\t<file>:<line>"
-  const char* what() const noexcept override { return fWhat.c_str(); }
+  // what(): "<module>::<method>\n\t<description>\n\t<file>:<line>"
 
 private:
   std::string fModule;
@@ -30,7 +29,6 @@ private:
   std::string fDescription;
   std::string fFile;
   int fLine;
-  std::string fWhat;
 };
 
 }  // namespace ZR

@@ -1,5 +1,6 @@
 #include <vu/log.h>
 #include <zr/zrbroker.h>
+#include <zr/zrcallrefused.h>
 #include <zr/zrerror.h>
 #include <zr/zrmodulecore.h>
 
@@ -138,24 +139,26 @@ ZRValue ZRBroker::call(const std::string& module, const std::string& method, con
                   __FILE__, __LINE__);
   }
   if (args.isValid() && !args.isArray()) {
-    throw ZRError(fName, "call", "the arguments of " + module + "." + method + " must be an array",
-                  __FILE__, __LINE__);
+    throw ZRCallRefused(ZRCallRefused::Reason::WrongArguments, fName, module, method,
+                        "the arguments of " + module + "." + method + " must be an array", __FILE__,
+                        __LINE__);
   }
   const ZRModuleCore* target = findModule(module);
   if (target == nullptr) {
-    throw ZRError(fName, "call", "module " + module + " is not registered", __FILE__, __LINE__);
+    throw ZRCallRefused(ZRCallRefused::Reason::NoSuchModule, fName, module, method,
+                        "module " + module + " is not registered", __FILE__, __LINE__);
   }
   const int arity = static_cast<int>(args.size());
   ZRModuleCore::BoundMethod bound;
   if (!target->findMethod(method, arity, bound)) {
     if (target->hasMethod(method)) {
-      throw ZRError(
-          fName, "call",
+      throw ZRCallRefused(
+          ZRCallRefused::Reason::WrongArguments, fName, module, method,
           "method " + module + "." + method + " takes no " + std::to_string(arity) + " arguments",
           __FILE__, __LINE__);
     }
-    throw ZRError(fName, "call", "module " + module + " has no method " + method, __FILE__,
-                  __LINE__);
+    throw ZRCallRefused(ZRCallRefused::Reason::NoSuchMethod, fName, module, method,
+                        "module " + module + " has no method " + method, __FILE__, __LINE__);
   }
   CallScope scope(*this, *target);
   ZRValue result;

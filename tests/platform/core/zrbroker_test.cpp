@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <zr/zrbroker.h>
+#include <zr/zrcallrefused.h>
 #include <zr/zrerror.h>
 
 #include <atomic>
@@ -58,6 +59,39 @@ TEST(ZRBroker, BadCallsFailWithErrorsNamingWhatWasAsked) {
             "method M.f takes no 0 arguments");
   EXPECT_NE(descriptionOf([&] { broker->call("M", "f", ZRValue("a")); }).find("must be an array"),
             std::string::npos);
+}
+
+// The reason and the target of the call the broker refused, or "made" when it made it.
+std::string refusalOf(const std::function<void()>& action) {
+  using Reason = ZR::ZRCallRefused::Reason;
+  try {
+    action();
+  } catch (const ZR::ZRCallRefused& refused) {
+    const char* reason = refused.reason() == Reason::NoSuchModule   ? "no such module"
+                         : refused.reason() == Reason::NoSuchMethod ? "no such method"
+                                                                    : "wrong arguments";
+    return std::string(reason) + " " + refused.targetModule() + "." + refused.targetMethod() +
+           " by " + refused.module() + "::" + refused.method();
+  } catch (const ZRError&) {
+    return "another error";
+  }
+  return "made";
+}
+
+TEST(ZRBroker, CallsItDidNotMakeAreRefusedByKindNamingTheirTarget) {
+  auto broker = ZR::ZRBroker::create();
+  TestModule module(broker, "M");
+  module.add("f", {ZR::TypeCodeString}, ZR::TypeCodeVoid, [](const ZRValue&, ZRValue&) {});
+  module.add("fail", {}, ZR::TypeCodeVoid,
+             [](const ZRValue&, ZRValue&) { throw ZRError("M", "fail", "it failed", "file", 12); });
+  const std::string by = " by " + broker->getName() + "::call";
+  EXPECT_EQ(refusalOf([&] { broker->call("Nope", "f", args({"a"})); }),
+            "no such module Nope.f" + by);
+  EXPECT_EQ(refusalOf([&] { broker->call("M", "g", args({"a"})); }), "no such method M.g" + by);
+  EXPECT_EQ(refusalOf([&] { broker->call("M", "f", args({})); }), "wrong arguments M.f" + by);
+  EXPECT_EQ(refusalOf([&] { broker->call("M", "f", ZRValue("a")); }), "wrong arguments M.f" + by);
+  EXPECT_EQ(refusalOf([&] { broker->call("M", "fail", args({})); }), "another error");
+  EXPECT_EQ(refusalOf([&] { broker->call("M", "f", args({"a"})); }), "made");
 }
 
 TEST(ZRBroker, MethodExceptionsPassThroughUnchanged) {

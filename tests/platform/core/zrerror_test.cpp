@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <zr/zrerror.h>
 
+#include <stdexcept>
+
 TEST(ZRError, KeepsEveryFieldAndWhatCarriesThemAll) {
   const ZR::ZRError error("ZRBehaviorManager", "runBehavior", "behavior x is not installed",
                           "behavior/behaviormanager/src/behaviormanager", 870);
@@ -16,10 +18,10 @@ TEST(ZRError, KeepsEveryFieldAndWhatCarriesThemAll) {
   }
 }
 
-TEST(ZRError, IsAStdException) {
+TEST(ZRError, IsARuntimeErrorLikeEveryExceptionOfTheProject) {
   try {
     throw ZR::ZRError("m", "f", "d", "s", 1);
-  } catch (const std::exception& error) {
+  } catch (const std::runtime_error& error) {
     EXPECT_NE(std::string(error.what()).find("d"), std::string::npos);
   }
 }

@@ -5,9 +5,9 @@
 // localclient.h), so that one local program that floods cannot starve another.
 //
 //   CallAdmission admission(CallAdmission::limitsFromEnvironment());
-//   std::string why;
-//   auto ticket = admission.admit("192.168.1.7", &why);   // null: refused, `why` says so
-//   ...make the call; the slot is free again when the last copy of ticket goes
+//   CallAdmission::Decision decision = admission.admit("192.168.1.7");
+//   if (auto* refused = std::get_if<CallAdmission::Refused>(&decision)) ...say refused->why
+//   ...else make the call; the slot is free again when the last copy of the ticket goes
 //
 // The limits come from TUQVU_MAX_CALLS_PER_CLIENT (default 64) and TUQVU_MAX_CALLS
 // (default 256); a value that is not a positive whole number is logged and ignored.
@@ -18,6 +18,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <variant>
 
 namespace tuqvu {
 namespace broker {
@@ -32,9 +33,17 @@ public:
 
   explicit CallAdmission(Limits limits);
 
-  // A ticket for one call of `client`, or null with the reason in `why` when the client
-  // or everybody together already has as many calls running as allowed.
-  std::shared_ptr<void> admit(const std::string& client, std::string* why);
+  // One call's slot, held until the last copy of the ticket goes.
+  using Ticket = std::shared_ptr<void>;
+  // Why a call was not admitted, in words for its client.
+  struct Refused {
+    std::string why;
+  };
+  using Decision = std::variant<Ticket, Refused>;
+
+  // A ticket for one call of `client`, or Refused when the client or everybody together
+  // already has as many calls running as allowed.
+  Decision admit(const std::string& client);
 
   std::size_t running() const;
   const Limits& limits() const { return fState->limits; }
