@@ -209,15 +209,22 @@ TEST_F(Metrics, TheFileAPICountsRequestsAndBytes) {
   ASSERT_EQ(201, connection.request("PUT", "/files/tmp/counted.txt", body).status);
   const HttpReply read = connection.request("GET", "/files/tmp/counted.txt");
   ASSERT_EQ(200, read.status);
-  const Samples after = scrape();
+  Samples after;
   const auto moved = [&](const std::string& series) {
     return value(after, series) - value(before, series);
   };
+  const std::string sent = "tuqvu_file_bytes_total{server=\"files\",direction=\"sent\"}";
+  // An answer is counted once its write has ended, which may come just after the client
+  // has read it.
+  EXPECT_TRUE(tuqvutest::eventually([&] {
+    after = scrape();
+    return moved(sent) > 1000;
+  })) << moved(sent);
   EXPECT_EQ(1, moved("tuqvu_file_requests_total{server=\"files\",method=\"PUT\"}"));
   EXPECT_EQ(1, moved("tuqvu_file_requests_total{server=\"files\",method=\"GET\"}"));
   EXPECT_EQ(1000, moved("tuqvu_file_bytes_total{server=\"files\",direction=\"received\"}"));
-  // The answer to the GET holds the body and its headers.
-  EXPECT_GT(moved("tuqvu_file_bytes_total{server=\"files\",direction=\"sent\"}"), 1000);
+  // The answer to the GET holds the body and its headers; the PUT's answer is counted too.
+  EXPECT_GT(moved(sent), 1000);
 }
 
 TEST_F(Metrics, TheFileTransferServerCountsRequestsAndBytes) {

@@ -1,5 +1,6 @@
 #include <tuqvu/broker/options.h>
 #include <tuqvu/broker/optionwords.h>
+#include <zr/zrreadykey.h>
 
 #include <boost/asio/ip/address.hpp>
 #include <cerrno>
@@ -142,7 +143,9 @@ std::string helpText() {
   return "Usage: tuqvu [OPTIONS]\n"
          "\n"
          "The TUQvu broker. It hosts the memory, preferences and frame-manager modules and the\n"
-         "modules of the libraries it loads, inserts \"TUQvuReady\" = 1 into ZRMemory once all\n"
+         "modules of the libraries it loads, inserts \"" +
+         std::string(ZR::kReadyKey) +
+         "\" = 1 into ZRMemory once all\n"
          "are up, and serves them over HTTP: JSON-RPC at POST /rpc, an event stream at\n"
          "GET /events, and a web interface at GET / with \"?eval=\" expressions. Listening\n"
          "beyond loopback, the port speaks HTTPS (and plain HTTP to this machine only).\n"

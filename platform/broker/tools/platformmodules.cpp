@@ -68,7 +68,7 @@ private:
 class HostedPlatformModules : public PlatformModules {
 public:
   explicit HostedPlatformModules(boost::shared_ptr<ZR::ZRBroker>) {
-    vu::log::write(vu::log::warning, "tuqvu", "PlatformModules",
+    vu::log::write(vu::log::warning, "tuqvu.modules", "PlatformModules",
                    "this broker is built without the memory, preferences and frame-manager "
                    "modules");
   }

@@ -18,8 +18,10 @@
 #include <tuqvu/fleet/fleetlink.h>
 #include <unistd.h>
 #include <vu/log.h>
+#include <vu/settings.h>
 #include <zr/zrbroker.h>
 #include <zr/zrnetworkaccess.h>
+#include <zr/zrreadykey.h>
 
 #include <boost/asio/ip/address.hpp>
 #include <chrono>
@@ -28,7 +30,10 @@
 #include <future>
 #include <iostream>
 #include <memory>
+#include <optional>
+#include <stdexcept>
 #include <thread>
+#include <utility>
 
 #include "platformmodules.h"
 
@@ -36,7 +41,7 @@ namespace tb = tuqvu::broker;
 
 namespace {
 
-const char* const kCategory = "tuqvu";
+const char* const kCategory = "tuqvu.main";
 constexpr auto kAnswerDrain = std::chrono::seconds(5);
 
 void logLine(int level, const std::string& function, const std::string& text) {
@@ -77,12 +82,13 @@ std::vector<tb::ModuleSpec> modulesToLoad(const tb::Options& options) {
 
 void announceReady(const boost::shared_ptr<ZR::ZRBroker>& broker) {
   ZR::ZRValue args = ZR::ZRValue::array();
-  args.arrayPush(ZR::ZRValue("TUQvuReady"));
+  args.arrayPush(ZR::ZRValue(ZR::kReadyKey));
   args.arrayPush(ZR::ZRValue(1));
   try {
     broker->call("ZRMemory", "insertData", args);
   } catch (const std::exception& error) {
-    logLine(vu::log::warning, "main", std::string("cannot insert TUQvuReady: ") + error.what());
+    logLine(vu::log::warning, "main",
+            std::string("cannot insert ") + ZR::kReadyKey + ": " + error.what());
   }
 }
 
@@ -128,44 +134,55 @@ std::shared_ptr<tb::TlsCredentials> tlsCredentials(const tb::Options& options,
   return credentials;
 }
 
-}  // namespace
+// A start that cannot go on. Status 2 is a mistake in how tuqvu was started, said on
+// stderr; status 1 a failure of the robot's own, logged.
+class StartFailure : public std::runtime_error {
+public:
+  StartFailure(int status, const std::string& text) : std::runtime_error(text), fStatus(status) {}
+  int report() const {
+    if (fStatus == 2) {
+      std::cerr << "tuqvu: " << what() << "\n";
+    } else {
+      logLine(vu::log::error, "main", what());
+    }
+    return fStatus;
+  }
 
-int main(int argc, char** argv) {
+private:
+  int fStatus;
+};
+
+// The options of the command line and of the service's configuration file (which sets the
+// address through the environment); none when help or the version was asked for, and
+// printed.
+std::optional<tb::Options> startOptions(int argc, char** argv) {
   tb::Options options;
   try {
     options = tb::parseOptions(argc, argv);
   } catch (const tb::OptionsError& error) {
-    std::cerr << "tuqvu: " << error.what() << "\n";
-    return 2;
+    throw StartFailure(2, error.what());
   }
-  if (options.showHelp) {
-    std::cout << tb::helpText();
-    return 0;
+  if (options.showHelp || options.showVersion) {
+    std::cout << (options.showHelp ? tb::helpText() : tb::versionText());
+    return std::nullopt;
   }
-  if (options.showVersion) {
-    std::cout << tb::versionText();
-    return 0;
-  }
-  vu::log::setMaxLevel(options.logLevel);
-  // The service's configuration file sets the address through the environment.
-  if (const char* bind = std::getenv("TUQVU_BIND"); bind != nullptr && !options.bindGiven) {
+  const std::string bind = vu::settings::text("TUQVU_BIND");
+  if (!bind.empty() && !options.bindGiven) {
     boost::system::error_code error;
     boost::asio::ip::make_address(bind, error);
-    if (error) {
-      std::cerr << "tuqvu: TUQVU_BIND must be an IP address, not \"" << bind << "\"\n";
-      return 2;
-    }
+    if (error) throw StartFailure(2, "TUQVU_BIND must be an IP address, not \"" + bind + "\"");
     options.bind = bind;
   }
+  return options;
+}
 
-  // Who may reach the servers of this process: set before any module starts one.
+// Who may reach the servers of this process, with the installation's secret.
+ZR::ZRNetworkAccess networkAccess(const tb::Options& options, const std::string& secretFile) {
   ZR::ZRNetworkAccess access;
   access.bindAddress = options.bind;
   access.hostNames = options.hostNames;
   access.trustLoopback = options.trustLoopback;
   access.fileServer = options.fileServer;
-  const std::string secretFile =
-      options.secretFile.empty() ? tb::defaultSecretFile() : options.secretFile;
   try {
     if (options.secretFile.empty() && tb::moveLegacySecret(tb::legacySecretFile(), secretFile)) {
       logLine(vu::log::warning, "main",
@@ -174,43 +191,36 @@ int main(int argc, char** argv) {
     access.secret = tb::loadOrCreateSecret(secretFile);
   } catch (const tb::SecretFileError& error) {
     if (access.requiresCredentials()) {
-      logLine(vu::log::error, "main",
-              std::string("cannot serve without the secret (--trust-loopback serves loopback "
-                          "without it): ") +
-                  error.what());
-      return 1;
+      throw StartFailure(1, std::string("cannot serve without the secret (--trust-loopback serves "
+                                        "loopback without it): ") +
+                                error.what());
     }
     logLine(vu::log::warning, "main", std::string("no secret: ") + error.what());
   }
-  ZR::setNetworkAccess(access);
+  return access;
+}
 
-  tuqvu::fleet::FleetSettings fleetSettings;
+tuqvu::fleet::FleetSettings fleetSettingsOf(const tb::Options& options) {
   try {
-    fleetSettings = tuqvu::fleet::fleetSettings(options);
+    return tuqvu::fleet::fleetSettings(options);
   } catch (const tuqvu::fleet::FleetSettingsError& error) {
-    std::cerr << "tuqvu: " << error.what() << "\n";
-    return 2;
+    throw StartFailure(2, error.what());
   }
+}
 
-  std::shared_ptr<tb::TlsCredentials> tls;
-  if (options.servesHttps(access.listensBeyondLoopback())) {
-    try {
-      tls = tlsCredentials(options, secretFile);
-    } catch (const tb::CertificateError& error) {
-      logLine(vu::log::error, "main", std::string("cannot serve HTTPS: ") + error.what());
-      return 1;
-    }
-  }
-
-  // Every connection and every call in progress takes a descriptor or a thread: allow
-  // as many descriptors as the system lets this process have.
+// Every connection and every call in progress takes a descriptor or a thread: allow as
+// many descriptors as the system lets this process have.
+void raiseDescriptorLimit() {
   rlimit files{};
   if (::getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
     files.rlim_cur = files.rlim_max;
     ::setrlimit(RLIMIT_NOFILE, &files);
   }
+}
 
-  // Before any thread starts, so that every thread inherits the mask.
+// Called before any other thread starts, so that every thread inherits the mask. The
+// future holds the first SIGINT or SIGTERM.
+std::future<int> takeSignals() {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
@@ -218,35 +228,55 @@ int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
   std::promise<int> firstSignal;
-  std::future<int> shutdownRequested = firstSignal.get_future();
+  std::future<int> first = firstSignal.get_future();
   std::thread(watchSignals, std::move(firstSignal), signals).detach();
+  return first;
+}
 
-  boost::shared_ptr<ZR::ZRBroker> broker = ZR::ZRBroker::create("tuqvu");
-  std::unique_ptr<tb::PlatformModules> platform;
-  try {
-    platform = tb::PlatformModules::create(broker);
-  } catch (const std::exception& error) {
-    logLine(vu::log::error, "main",
-            std::string("cannot create the platform modules: ") + error.what());
-    return 1;
-  }
-
-  tb::ModuleLoader loader(broker);
-  for (const tb::ModuleSpec& moduleSpec : modulesToLoad(options)) {
+// The modules this process hosts: the platform's and those of the loaded libraries.
+// Going out of scope destroys them, the libraries' first, whichever way main ends.
+class HostedModules {
+public:
+  explicit HostedModules(const boost::shared_ptr<ZR::ZRBroker>& broker) : fLoader(broker) {
     try {
-      loader.load(moduleSpec);
-    } catch (const tb::ModuleLoadError& error) {
-      if (moduleSpec.optional) {
-        logLine(vu::log::warning, "main", std::string(error.what()) + " (optional; going on)");
-        continue;
-      }
-      logLine(vu::log::error, "main", error.what());
-      loader.destroyAll();
-      platform->destroy();
-      return 1;
+      fPlatform = tb::PlatformModules::create(broker);
+    } catch (const std::exception& error) {
+      throw StartFailure(1, std::string("cannot create the platform modules: ") + error.what());
     }
   }
+  ~HostedModules() { destroy(); }
+  HostedModules(const HostedModules&) = delete;
+  HostedModules& operator=(const HostedModules&) = delete;
 
+  void load(const std::vector<tb::ModuleSpec>& modules) {
+    for (const tb::ModuleSpec& moduleSpec : modules) {
+      try {
+        fLoader.load(moduleSpec);
+      } catch (const tb::ModuleLoadError& error) {
+        if (!moduleSpec.optional) throw StartFailure(1, error.what());
+        logLine(vu::log::warning, "main", std::string(error.what()) + " (optional; going on)");
+      }
+    }
+  }
+  tb::PlatformModules& platform() { return *fPlatform; }
+
+  void destroy() {
+    if (std::exchange(fDestroyed, true)) return;
+    fPlatform->stopObserving();
+    fLoader.destroyAll();
+    fPlatform->destroy();
+  }
+
+private:
+  tb::ModuleLoader fLoader;
+  std::unique_ptr<tb::PlatformModules> fPlatform;
+  bool fDestroyed = false;
+};
+
+// What every connection of the port shares.
+std::shared_ptr<tb::ServerContext> serverContext(const boost::shared_ptr<ZR::ZRBroker>& broker,
+                                                 const tb::Options& options,
+                                                 std::shared_ptr<tb::TlsCredentials> tls) {
   auto context = std::make_shared<tb::ServerContext>();
   context->rpc = std::make_shared<tb::RpcDispatcher>(broker);
   context->executor = std::make_shared<tb::CallExecutor>();
@@ -261,63 +291,57 @@ int main(int argc, char** argv) {
       "tuqvu_http_connections_open",
       "Connections to the broker's port open now (HTTP and HTTPS, event streams included).");
   context->sessionToken = tb::randomHex(16);
-  context->tls = tls;
+  context->tls = std::move(tls);
   context->plainHttpBeyondLoopback = options.allowPlainHttp;
   context->fileFolders = [weak = boost::weak_ptr<ZR::ZRBroker>(broker)] {
     const boost::shared_ptr<ZR::ZRBroker> alive = weak.lock();
     return alive ? alive->fileFolders() : nullptr;
   };
-  std::shared_ptr<tb::SseHub> hub = context->hub;
-  // Without --mqtt there is no fleet link at all.
-  std::shared_ptr<tuqvu::fleet::FleetLink> fleet;
-  if (fleetSettings.enabled()) {
-    std::string version = tb::versionText();
-    version = version.substr(version.find(' ') + 1);
-    version.erase(version.find_last_not_of('\n') + 1);
-    fleet = std::make_shared<tuqvu::fleet::FleetLink>(fleetSettings, context, version);
-  }
-  platform->observeMemory([hub, fleet](const std::string& key, const ZR::ZRValue& value) {
-    hub->publish(key, value);
-    if (fleet) fleet->memoryEvent(key, value);
-  });
+  return context;
+}
 
-  tb::HttpServer server(context, tb::HttpServer::defaultIoThreads());
-  std::string listening;
+// The robot's link to its fleet; null without --mqtt.
+std::shared_ptr<tuqvu::fleet::FleetLink> fleetLink(
+    const tuqvu::fleet::FleetSettings& settings,
+    const std::shared_ptr<tb::ServerContext>& context) {
+  if (!settings.enabled()) return nullptr;
+  std::string version = tb::versionText();
+  version = version.substr(version.find(' ') + 1);
+  version.erase(version.find_last_not_of('\n') + 1);
+  return std::make_shared<tuqvu::fleet::FleetLink>(settings, context, version);
+}
+
+// The address and port the server listens on, as "address:port".
+std::string listen(tb::HttpServer& server, const tb::Options& options) {
   try {
     const auto endpoint = server.start(options.bind, options.port);
-    listening = endpoint.address().to_string() + ":" + std::to_string(endpoint.port());
+    return endpoint.address().to_string() + ":" + std::to_string(endpoint.port());
   } catch (const std::exception& error) {
-    logLine(vu::log::error, "main",
-            "cannot listen on " + options.bind + ":" + std::to_string(options.port) + ": " +
-                error.what());
-    platform->stopObserving();
-    loader.destroyAll();
-    platform->destroy();
-    return 1;
+    throw StartFailure(1, "cannot listen on " + options.bind + ":" + std::to_string(options.port) +
+                              ": " + error.what());
   }
+}
 
-  announceReady(broker);
-  if (fleet) fleet->start();
-  std::cout << "tuqvu: listening on " << listening << std::endl;
-
-  const int signal = shutdownRequested.get();
-  // Remote calls stop here; the modules keep calling one another until they are gone,
-  // since a module's destructor may need another module (to stop what it started).
+// The steps of a clean stop after `signal`. Remote calls stop first; the modules keep
+// calling one another until they are gone, since a module's destructor may need another
+// module (to stop what it started).
+void stop(int signal, const tb::Options& options, tb::HttpServer& server,
+          tb::ServerContext& context, const boost::shared_ptr<ZR::ZRBroker>& broker,
+          HostedModules& modules, tuqvu::fleet::FleetLink* fleet) {
   server.stopAccepting();
-  context->refusingCalls = true;
+  context.refusingCalls = true;
   logLine(vu::log::info, "main", "signal " + std::to_string(signal) + ", shutting down");
-  if (!letCallsFinish(server, *context, *broker,
+  if (!letCallsFinish(server, context, *broker,
                       std::chrono::milliseconds(options.shutdownGraceMs))) {
     logLine(vu::log::warning, "main",
             "calls still running after the grace period; their modules end them");
   }
-  platform->stopObserving();
-  if (fleet) fleet->stop();  // "offline" to the fleet while the modules are still there
-  hub->closeAll();
-  loader.destroyAll();
-  platform->destroy();
+  modules.platform().stopObserving();
+  if (fleet != nullptr) fleet->stop();  // "offline" to the fleet while the modules are there
+  context.hub->closeAll();
+  modules.destroy();
   broker->shutdown(0);
-  context->executor->stop();
+  context.executor->stop();
   if (!server.drain(kAnswerDrain)) {
     // A call that outlived its module; the process cannot wait for it forever.
     logLine(vu::log::warning, "main", "answers still pending at exit");
@@ -326,5 +350,52 @@ int main(int argc, char** argv) {
   }
   server.stop();
   logLine(vu::log::info, "main", "stopped");
-  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    const std::optional<tb::Options> options = startOptions(argc, argv);
+    if (!options) return 0;
+    vu::log::setMaxLevel(options->logLevel);
+
+    const std::string secretFile =
+        options->secretFile.empty() ? tb::defaultSecretFile() : options->secretFile;
+    const ZR::ZRNetworkAccess access = networkAccess(*options, secretFile);
+    // Before any module starts a server of its own.
+    ZR::setNetworkAccess(access);
+    const tuqvu::fleet::FleetSettings fleetSettings = fleetSettingsOf(*options);
+    std::shared_ptr<tb::TlsCredentials> tls;
+    if (options->servesHttps(access.listensBeyondLoopback())) {
+      try {
+        tls = tlsCredentials(*options, secretFile);
+      } catch (const tb::CertificateError& error) {
+        throw StartFailure(1, std::string("cannot serve HTTPS: ") + error.what());
+      }
+    }
+    raiseDescriptorLimit();
+    std::future<int> shutdownRequested = takeSignals();
+
+    boost::shared_ptr<ZR::ZRBroker> broker = ZR::ZRBroker::create("tuqvu");
+    HostedModules modules(broker);
+    modules.load(modulesToLoad(*options));
+    const std::shared_ptr<tb::ServerContext> context = serverContext(broker, *options, tls);
+    const std::shared_ptr<tuqvu::fleet::FleetLink> fleet = fleetLink(fleetSettings, context);
+    modules.platform().observeMemory(
+        [hub = context->hub, fleet](const std::string& key, const ZR::ZRValue& value) {
+          hub->publish(key, value);
+          if (fleet) fleet->memoryEvent(key, value);
+        });
+    tb::HttpServer server(context, tb::HttpServer::defaultIoThreads());
+    const std::string listening = listen(server, *options);
+    announceReady(broker);
+    if (fleet) fleet->start();
+    std::cout << "tuqvu: listening on " << listening << std::endl;
+
+    stop(shutdownRequested.get(), *options, server, *context, broker, modules, fleet.get());
+    return 0;
+  } catch (const StartFailure& failure) {
+    return failure.report();
+  }
 }

@@ -6,6 +6,7 @@
 #include <vu/project/behaviorlibraryproject.h>
 #include <vu/project/staging.h>
 #include <vu/unicode.h>
+#include <zr/zrreadykey.h>
 #include <zr/zrtypes.h>
 
 #include <boost/filesystem.hpp>
@@ -26,24 +27,13 @@ const char* behaviorUpdatedKey = "ZRBehaviorManager/BehaviorUpdated";
 const char* behaviorRemovedKey = "ZRBehaviorManager/BehaviorRemoved";
 const char* behaviorsRunKey = "BehaviorsRun";
 
-std::string ZRBehaviorManager::defaultUserBehaviorsPath = vu::os::home() + "/.tuqvu/behaviors";
-std::string ZRBehaviorManager::defaultBehaviorsModuleName = "DefaultBehaviors";
-std::string ZRBehaviorManager::fxarFileName = "behavior.xar";
-std::string ZRBehaviorManager::fTUQvuReady = "TUQvuReady";
+const std::string ZRBehaviorManager::defaultUserBehaviorsPath =
+    vu::os::home() + "/.tuqvu/behaviors";
+const std::string ZRBehaviorManager::defaultBehaviorsModuleName = "DefaultBehaviors";
+const std::string ZRBehaviorManager::fxarFileName = "behavior.xar";
+const std::string ZRBehaviorManager::fTUQvuReady = kReadyKey;
 
 namespace {
-
-// Owns a frame-manager proxy from the moment it is built; a failure while wrapping it
-// deletes it and passes on.
-boost::shared_ptr<ZRFrameManagerProxy> makeFrameManagerProxy(boost::shared_ptr<ZRBroker> broker) {
-  ZRFrameManagerProxy* proxy = new ZRFrameManagerProxy(broker);
-  try {
-    return boost::shared_ptr<ZRFrameManagerProxy>(proxy);
-  } catch (...) {
-    delete proxy;
-    throw;
-  }
-}
 
 // How deep below the user library and the served folders start-up looks for what
 // crashed imports and writes left: as deep as behaviors are nested in folders.
@@ -51,14 +41,16 @@ constexpr int kStagingSearchDepth = 8;
 
 }  // namespace
 
-ZRBehaviorManager::ZRBehaviorManager(boost::shared_ptr<ZRBroker> broker, const std::string& name)
+ZRBehaviorManager::ZRBehaviorManager(boost::shared_ptr<ZRBroker> broker, const std::string& name,
+                                     const std::string& userBehaviorsPath)
     : ZRModule(broker, name),
       fSystemLibrary(vu::path::findData("tuqvu", "behaviors")),
       fUserLibrary(""),
       fRegistryLock(ZRMutex::createZRMutex()),
       fMemoryProxy(getParentBroker()->getSpecialisedProxy<ZRMemoryProxy>("ZRMemory")),
-      fFrameManagerProxy(makeFrameManagerProxy(getParentBroker())),
-      fFileTransfer(&getParentBroker()->metrics()) {
+      fFrameManagerProxy(boost::make_shared<ZRFrameManagerProxy>(getParentBroker())),
+      fFileTransfer(&getParentBroker()->metrics()),
+      fUserBehaviorsPath(userBehaviorsPath) {
   registerMetrics();
   setModuleDescription(
       "This module is intended to manage behaviors. With this module, you can load, start, stop "
@@ -94,7 +86,7 @@ ZRBehaviorManager::ZRBehaviorManager(boost::shared_ptr<ZRBroker> broker, const s
   // root is replaced), while this deletes, once, before any library object and its
   // notifications see the tree.
   vu::project::removeStagingLeftovers(vu::os::tmp(), kStagingSearchDepth);
-  vu::project::removeStagingLeftovers(defaultUserBehaviorsPath, kStagingSearchDepth);
+  vu::project::removeStagingLeftovers(fUserBehaviorsPath, kStagingSearchDepth);
   const fs::path served = fs::path(vu::os::home()) / ".tuqvu";
   vu::project::removeStagingLeftovers((served / "boxlibraries").string(), kStagingSearchDepth);
   vu::project::removeStagingLeftovers(vu::path::userWritableDataPath("tuqvu", ""),
@@ -102,22 +94,22 @@ ZRBehaviorManager::ZRBehaviorManager(boost::shared_ptr<ZRBroker> broker, const s
   fServedFolders = std::make_shared<ServedFolders>();
   getParentBroker()->publishFileFolders(fServedFolders);
 
-  const fs::path userPath(defaultUserBehaviorsPath, vu::unicodeFacet());
+  const fs::path userPath(fUserBehaviorsPath, vu::unicodeFacet());
   boost::system::error_code statusError;
   const fs::file_type type = fs::status(userPath, statusError).type();
   if (type != fs::status_error && type != fs::file_not_found) {
-    setBehaviorsPath(defaultUserBehaviorsPath);
+    setBehaviorsPath(fUserBehaviorsPath);
     return;
   }
   boost::system::error_code createError;
   fs::create_directories(userPath, createError);
-  if (!createError && vu::project::makeBehaviorLibraryProject(defaultUserBehaviorsPath, "")) {
-    setBehaviorsPath(defaultUserBehaviorsPath);
+  if (!createError && vu::project::makeBehaviorLibraryProject(fUserBehaviorsPath, "")) {
+    setBehaviorsPath(fUserBehaviorsPath);
     return;
   }
   detail::log(
       vu::log::warning, "ZRBehaviorManager",
-      "Could not create behaviors path " + defaultUserBehaviorsPath + " for the Behavior Manager.");
+      "Could not create behaviors path " + fUserBehaviorsPath + " for the Behavior Manager.");
 }
 
 namespace {

@@ -69,12 +69,14 @@ public:
     std::string frameManagerId;  // empty while a load is in progress
   };
 
-  static std::string defaultUserBehaviorsPath;    // <home> + "/.tuqvu/behaviors"
-  static std::string defaultBehaviorsModuleName;  // "DefaultBehaviors"
-  static std::string fxarFileName;                // "behavior.xar"
-  static std::string fTUQvuReady;                 // "TUQvuReady"
+  static const std::string defaultUserBehaviorsPath;    // <home> + "/.tuqvu/behaviors"
+  static const std::string defaultBehaviorsModuleName;  // "DefaultBehaviors"
+  static const std::string fxarFileName;                // "behavior.xar"
+  static const std::string fTUQvuReady;                 // "TUQvuReady"
 
-  ZRBehaviorManager(boost::shared_ptr<ZRBroker> broker, const std::string& name);
+  // `userBehaviorsPath`: the user library, prepared and announced at construction.
+  ZRBehaviorManager(boost::shared_ptr<ZRBroker> broker, const std::string& name,
+                    const std::string& userBehaviorsPath = defaultUserBehaviorsPath);
   ~ZRBehaviorManager() override;
 
   // Behaviors path and names.
@@ -222,6 +224,7 @@ private:
   ZRFileTransfer fFileTransfer;
   // The same folders, offered to the broker's file API for as long as this module lives.
   std::shared_ptr<ServedFolders> fServedFolders;
+  const std::string fUserBehaviorsPath;
 };
 
 }  // namespace BehaviorManager

@@ -46,6 +46,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vu/log.h>
+#include <vu/settings.h>
 
 #include <cerrno>
 #include <climits>
@@ -78,8 +79,7 @@ std::shared_ptr<LibraryIndex> LibraryIndex::acquire(const std::string& root) {
 
 LibraryIndex::LibraryIndex(std::string root) : fRoot(std::move(root)) {
   // For file systems whose changes inotify does not report (network file systems).
-  const char* polling = std::getenv("TUQVU_LIBRARY_POLLING");
-  fPolling = polling != nullptr && *polling != '\0' && std::strcmp(polling, "0") != 0;
+  fPolling = vu::settings::text("TUQVU_LIBRARY_POLLING", "0") != "0";
   refresh();
 }
 

@@ -145,7 +145,6 @@ void ManagerTest::SetUp() {
     setenv(name, value.c_str(), 1);
   }
   fs::create_directories(fBase / "tmp");
-  ZRBehaviorManager::defaultUserBehaviorsPath = fHome.string() + "/.tuqvu/behaviors";
   logs = std::make_unique<LogCapture>();
   broker = ZR::ZRBroker::create("bmtest");
 }
@@ -158,7 +157,8 @@ void ManagerTest::startPlatform(bool withMemory, bool withPreferences, bool with
 }
 
 ZRBehaviorManager& ManagerTest::startManager() {
-  manager = std::make_unique<ZRBehaviorManager>(broker, "ZRBehaviorManager");
+  manager = std::make_unique<ZRBehaviorManager>(broker, "ZRBehaviorManager",
+                                                fHome.string() + "/.tuqvu/behaviors");
   return *manager;
 }
 
