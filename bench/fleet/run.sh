@@ -33,13 +33,13 @@ cat >"$work/acl" <<ACL
 user robot
 topic readwrite tuqvu/robots/#
 topic read tuqvu/groups/#
-topic read tuqvu/all/command
+topic read tuqvu/all/command/#
 topic write tuqvu/clients/#
 
 user operator
-topic write tuqvu/all/command
-topic write tuqvu/groups/+/command
-topic write tuqvu/robots/+/command
+topic write tuqvu/all/command/#
+topic write tuqvu/groups/+/command/#
+topic write tuqvu/robots/+/command/#
 topic read tuqvu/robots/#
 topic readwrite tuqvu/clients/#
 ACL

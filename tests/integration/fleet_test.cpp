@@ -12,10 +12,11 @@
 #include <fstream>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "support/fleetbroker.h"
+#include "support/fleetoutput.h"
 #include "support/httpclient.h"
 #include "support/mosquitto.h"
 #include "support/tuqvuprocess.h"
@@ -28,26 +29,6 @@ using tuqvutest::eventually;
 namespace {
 
 constexpr int kRobots = 5;
-
-// Robots write their own topics and the answers; operators command and read; viewers
-// only read what the robots publish.
-const char* const kAcl =
-    "user robot\n"
-    "topic readwrite tuqvu/robots/#\n"
-    "topic read tuqvu/groups/#\n"
-    "topic read tuqvu/all/command\n"
-    "topic write tuqvu/clients/#\n"
-    "\n"
-    "user operator\n"
-    "topic write tuqvu/robots/+/command\n"
-    "topic write tuqvu/groups/+/command\n"
-    "topic write tuqvu/all/command\n"
-    "topic read tuqvu/robots/#\n"
-    "topic readwrite tuqvu/clients/#\n"
-    "\n"
-    "user viewer\n"
-    "topic read tuqvu/robots/#\n"
-    "topic readwrite tuqvu/clients/#\n";
 
 // A system library holding "mark", which sets Fleet/Ran to 1.
 class SystemLibrary {
@@ -72,11 +53,7 @@ std::string robotId(int index) {
 class Fleet : public ::testing::Test {
 protected:
   void SetUp() override {
-    mqtt = std::make_unique<Mosquitto>(
-        std::map<std::string, std::string>{{"robot", "robot-secret"},
-                                           {"operator", "operator-secret"},
-                                           {"viewer", "viewer-secret"}},
-        kAcl);
+    mqtt = std::make_unique<Mosquitto>(kFleetUsers, kFleetAcl);
     ASSERT_TRUE(mqtt->running()) << mqtt->log();
     for (int i = 0; i < kRobots; ++i) robots.push_back(startRobot(i));
     ASSERT_TRUE(
@@ -102,47 +79,20 @@ protected:
   }
 
   CommandResult tuqvuCall(const std::string& user, std::vector<std::string> args) {
-    std::vector<std::string> argv = {tuqvuCallPath(),         "--fleet", mqtt->url(),
-                                     "--mqtt-user",           user,      "--mqtt-password-file",
-                                     mqtt->passwordFile(user)};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return runCommand(argv);
+    return runCommand(
+        fleetCallArgv(tuqvuCallPath(), mqtt->url(), user, mqtt->passwordFile(user), args));
   }
   CommandResult fleetList(const std::string& user) { return tuqvuCall(user, {"--json"}); }
 
   // The statuses the fleet list shows, by robot.
-  std::map<std::string, json> statuses() {
-    std::map<std::string, json> byRobot;
-    std::istringstream lines(fleetList("operator").out);
-    for (std::string line; std::getline(lines, line);) {
-      const json status = json::parse(line, nullptr, false);
-      if (status.is_object()) byRobot[status.value("robot", "")] = status;
-    }
-    return byRobot;
-  }
-  int onlineRobots() {
-    int online = 0;
-    for (const auto& [robot, status] : statuses()) online += status["state"] == "online";
-    return online;
-  }
-
-  json memory(int index, const std::string& key) {
-    const json reply = rpc(robots[index]->port(), "ZRMemory.getData", json::array({key}));
-    return reply.contains("result") ? reply["result"] : json();
-  }
+  std::map<std::string, json> statuses() { return statusesByRobot(fleetList("operator").out); }
+  int onlineRobots() { return onlineCount(statuses()); }
+  json memory(int index, const std::string& key) { return robotMemory(robots[index]->port(), key); }
 
   SystemLibrary library;
   std::unique_ptr<Mosquitto> mqtt;
   std::vector<std::unique_ptr<TuqvuProcess>> robots;
 };
-
-// The JSON lines of an output, parsed.
-std::vector<json> jsonLines(const std::string& output) {
-  std::vector<json> parsed;
-  std::istringstream lines(output);
-  for (std::string line; std::getline(lines, line);) parsed.push_back(json::parse(line));
-  return parsed;
-}
 
 }  // namespace
 

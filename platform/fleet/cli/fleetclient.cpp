@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <chrono>
 #include <map>
+#include <optional>
 #include <set>
 
 namespace tuqvu {
@@ -19,16 +20,18 @@ using Clock = std::chrono::steady_clock;
 // Retained statuses arrive right after the subscription; this long a pause ends them.
 constexpr std::chrono::milliseconds kStatusQuiet{500};
 
-// A connected client that queues what it receives, disconnected on destruction.
+// A connected client that queues what it receives, disconnected on destruction: with
+// MQTT 5, or 3.1.1 when the broker refuses 5.
 class FleetSession {
 public:
   FleetSession(const FleetSettings& settings, int timeoutSeconds)
       : fClient(settings.serverUri(), uniqueClientId("tuqvu-call"), mqttCreateOptions()),
         fTimeout(timeoutSeconds) {
     fClient.start_consuming();
-    if (!fClient.connect(mqttConnectOptions(settings))->wait_for(fTimeout)) {
-      throw std::runtime_error("no answer from the MQTT broker " + settings.url);
-    }
+    const MqttAttempt attempt =
+        connectMqtt(fClient, settings, std::nullopt, MQTTVERSION_5, fTimeout);
+    if (attempt.version == 0) throw std::runtime_error(attempt.error);
+    fVersion = attempt.version;
   }
   ~FleetSession() {
     try {
@@ -44,6 +47,7 @@ public:
     }
   }
   mqtt::async_client& client() { return fClient; }
+  int version() const { return fVersion; }
 
   // The next message until `deadline`; null when none came.
   mqtt::const_message_ptr next(Clock::time_point deadline) {
@@ -57,6 +61,7 @@ public:
 private:
   mqtt::async_client fClient;
   std::chrono::seconds fTimeout;
+  int fVersion = 0;
 };
 
 // Every robot's last status, by robot id.
@@ -178,21 +183,45 @@ int runFleetCall(const FleetCommandLine& command, std::ostream& out, std::ostrea
       err << "tuqvu-call: no robot is online\n";
       return 1;
     }
+    // The name this call's answers come back under, and, without MQTT 5's properties, the
+    // requester's level of the command topic and the JSON-RPC id that tells its answers.
     const std::string clientId = broker::randomHex(8);
     const std::string correlation = broker::randomHex(8);
-    session.subscribe(topics.responses(clientId));
-    mqtt::properties properties{
-        {mqtt::property::RESPONSE_TOPIC, topics.responses(clientId)},
-        {mqtt::property::CORRELATION_DATA, correlation},
-        {mqtt::property::MESSAGE_EXPIRY_INTERVAL, static_cast<int32_t>(command.timeoutSeconds)}};
+    const bool mqtt5 = session.version() == MQTTVERSION_5;
+    mqtt::message_ptr_builder request;
+    if (mqtt5) {
+      session.subscribe(topics.responses(clientId));
+      request.topic(topic)
+          .payload(broker::buildCallRequest(command.method, command.args))
+          .properties({{mqtt::property::RESPONSE_TOPIC, topics.responses(clientId)},
+                       {mqtt::property::CORRELATION_DATA, correlation},
+                       {mqtt::property::MESSAGE_EXPIRY_INTERVAL,
+                        static_cast<int32_t>(command.timeoutSeconds)}});
+    } else {
+      session.subscribe(topics.everyAnswerTo(clientId));
+      nlohmann::json body =
+          nlohmann::json::parse(broker::buildCallRequest(command.method, command.args));
+      body["id"] = correlation;
+      request.topic(FleetTopics::withRequester(topic, clientId)).payload(broker::dumpJson(body));
+    }
     session.client()
-        .publish(mqtt::message_ptr_builder()
-                     .topic(topic)
-                     .payload(broker::buildCallRequest(command.method, command.args))
-                     .qos(1)
-                     .properties(std::move(properties))
-                     .finalize())
+        .publish(request.qos(1).finalize())
         ->wait_for(std::chrono::seconds(command.timeoutSeconds));
+    // The robot an answer of this call comes from; none for any other message.
+    const auto robotOfOurs =
+        [&](const mqtt::const_message_ptr& message) -> std::optional<std::string> {
+      if (mqtt5) {
+        if (correlationOf(message) != correlation) return std::nullopt;
+        return robotOfAnswer(message);
+      }
+      const nlohmann::json answer = nlohmann::json::parse(message->to_string(), nullptr, false);
+      const std::string robot = topics.robotOfAnswer(message->get_topic(), clientId);
+      if (robot.empty() || !answer.is_object() || !answer.contains("id") ||
+          answer["id"] != correlation) {
+        return std::nullopt;
+      }
+      return robot;
+    };
 
     std::set<std::string> waiting = addressed;
     bool allSucceeded = true;
@@ -200,8 +229,9 @@ int runFleetCall(const FleetCommandLine& command, std::ostream& out, std::ostrea
     while (!waiting.empty()) {
       const mqtt::const_message_ptr message = session.next(end);
       if (!message) break;
-      if (correlationOf(message) != correlation) continue;
-      const std::string robot = robotOfAnswer(message);
+      const std::optional<std::string> ours = robotOfOurs(message);
+      if (!ours) continue;
+      const std::string& robot = *ours;
       const nlohmann::ordered_json answer =
           nlohmann::ordered_json::parse(message->to_string(), nullptr, false);
       nlohmann::ordered_json line = {{"robot", robot}};

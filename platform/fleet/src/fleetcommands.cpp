@@ -30,12 +30,24 @@ std::optional<FleetCommands::Clock::time_point> expiryOf(const mqtt::const_messa
 
 }  // namespace
 
-FleetCommands::FleetCommands(std::shared_ptr<broker::ServerContext> context, std::string robotId,
+FleetCommands::FleetCommands(std::shared_ptr<broker::ServerContext> context, FleetTopics topics,
                              Send send)
-    : fContext(std::move(context)), fRobotId(std::move(robotId)), fSend(std::move(send)) {}
+    : fContext(std::move(context)), fTopics(std::move(topics)), fSend(std::move(send)) {}
+
+std::string FleetCommands::replyTopicOf(const mqtt::const_message_ptr& request) const {
+  const std::string responseTopic = responseTopicOf(request);
+  if (!responseTopic.empty()) return responseTopic;
+  const std::string requester = fTopics.requesterOf(request->get_topic());
+  return requester.empty() ? "" : fTopics.answerTo(requester);
+}
 
 mqtt::message_ptr FleetCommands::answer(const mqtt::const_message_ptr& request,
                                         const std::string& body) const {
+  if (responseTopicOf(request).empty()) {
+    // The requester named itself in the topic: the answer topic says which robot answers,
+    // and the message carries no property, which an MQTT 3.1.1 connection could not send.
+    return mqtt::message_ptr_builder().topic(replyTopicOf(request)).payload(body).qos(1).finalize();
+  }
   mqtt::properties properties;
   const mqtt::properties& asked = request->get_properties();
   if (asked.contains(mqtt::property::CORRELATION_DATA)) {
@@ -43,7 +55,7 @@ mqtt::message_ptr FleetCommands::answer(const mqtt::const_message_ptr& request,
                     mqtt::get<std::string>(asked, mqtt::property::CORRELATION_DATA)});
   }
   // Several robots answer one request of a group on the same topic: each says who it is.
-  properties.add({mqtt::property::USER_PROPERTY, std::string("robot"), fRobotId});
+  properties.add({mqtt::property::USER_PROPERTY, std::string("robot"), fTopics.robotId()});
   return mqtt::message_ptr_builder()
       .topic(responseTopicOf(request))
       .payload(body)
@@ -55,7 +67,7 @@ mqtt::message_ptr FleetCommands::answer(const mqtt::const_message_ptr& request,
 void FleetCommands::answerWithError(const mqtt::const_message_ptr& request, int code,
                                     const std::string& message) const {
   vu::log::write(vu::log::warning, kLog, "command", message);
-  if (responseTopicOf(request).empty()) return;
+  if (replyTopicOf(request).empty()) return;
   const nlohmann::json reply = {{"jsonrpc", "2.0"},
                                 {"error", broker::rpcError(code, message)},
                                 {"id", broker::requestIdOf(request->to_string())}};
@@ -63,7 +75,7 @@ void FleetCommands::answerWithError(const mqtt::const_message_ptr& request, int 
 }
 
 void FleetCommands::take(const mqtt::const_message_ptr& message) {
-  const std::string responseTopic = responseTopicOf(message);
+  const std::string replyTopic = replyTopicOf(message);
   if (message->get_payload().size() > broker::kMaxBodyBytes) {
     return answerWithError(
         message, broker::rpc::kInvalidRequest,
@@ -76,7 +88,7 @@ void FleetCommands::take(const mqtt::const_message_ptr& message) {
   broker::CallAdmission::Ticket admitted;
   if (fContext->admission) {
     broker::CallAdmission::Decision decision = fContext->admission->admit(
-        "mqtt " + (responseTopic.empty() ? std::string("(no answer)") : responseTopic));
+        "mqtt " + (replyTopic.empty() ? std::string("(no answer)") : replyTopic));
     if (const auto* refused = std::get_if<broker::CallAdmission::Refused>(&decision)) {
       return answerWithError(message, broker::rpc::kTooManyCalls, refused->why);
     }
@@ -91,7 +103,7 @@ void FleetCommands::take(const mqtt::const_message_ptr& message) {
     }
     const std::string body = self->fContext->rpc->handle(message->to_string());
     admitted.reset();
-    if (!body.empty() && !responseTopicOf(message).empty()) {
+    if (!body.empty() && !self->replyTopicOf(message).empty()) {
       self->fSend(self->answer(message, body));
     }
   };

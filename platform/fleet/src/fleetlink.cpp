@@ -5,6 +5,7 @@
 #include <tuqvu/fleet/fleetcommands.h>
 #include <tuqvu/fleet/fleetlink.h>
 #include <tuqvu/fleet/mqttconnection.h>
+#include <tuqvu/fleet/mqttversion.h>
 #include <tuqvu/fleet/processhealth.h>
 #include <vu/log.h>
 #include <zr/zrvaluejson.h>
@@ -50,20 +51,32 @@ FleetLink::~FleetLink() {
 }
 
 void FleetLink::start() {
-  fClient = std::make_shared<mqtt::async_client>(
-      fSettings.serverUri(), uniqueClientId("tuqvu-" + fSettings.robotId), mqttCreateOptions());
-  std::weak_ptr<mqtt::async_client> client = fClient;
-  fCommands = std::make_shared<FleetCommands>(
-      fContext, fSettings.robotId, [client](mqtt::message_ptr message) {
-        const std::shared_ptr<mqtt::async_client> alive = client.lock();
-        if (!alive) return;
+  fFirstVersion = MQTTVERSION_5;
+  std::weak_ptr<AnswerRoute> route = fAnswerRoute;
+  fCommands =
+      std::make_shared<FleetCommands>(fContext, fTopics, [route](mqtt::message_ptr message) {
+        std::shared_ptr<mqtt::async_client> client;
+        if (const std::shared_ptr<AnswerRoute> alive = route.lock()) {
+          std::lock_guard<std::mutex> lock(alive->mutex);
+          client = alive->client.lock();
+        }
+        if (!client) return;
         try {
-          alive->publish(std::move(message));
+          client->publish(std::move(message));
         } catch (const mqtt::exception& error) {
           vu::log::write(vu::log::warning, kLog, "answer",
                          std::string("an answer was lost: ") + error.what());
         }
       });
+  makeClient();
+  fThread = std::thread([this] { run(); });
+}
+
+void FleetLink::makeClient() {
+  fRetiredClient = std::move(fClient);
+  fClient = std::make_shared<mqtt::async_client>(
+      fSettings.serverUri(), uniqueClientId("tuqvu-" + fSettings.robotId), mqttCreateOptions());
+  fClientTriedMqtt311 = false;
   fClient->set_connection_lost_handler([this](const std::string& cause) {
     vu::log::write(vu::log::warning, kLog, "connection",
                    "lost the MQTT broker " + fSettings.url + (cause.empty() ? "" : ": " + cause) +
@@ -76,7 +89,8 @@ void FleetLink::start() {
   fClient->set_message_callback([commands](mqtt::const_message_ptr message) {
     if (const std::shared_ptr<FleetCommands> alive = commands.lock()) alive->take(message);
   });
-  fThread = std::thread([this] { run(); });
+  std::lock_guard<std::mutex> lock(fAnswerRoute->mutex);
+  fAnswerRoute->client = fClient;
 }
 
 bool FleetLink::connected() const {
@@ -161,37 +175,62 @@ void FleetLink::run() {
 }
 
 bool FleetLink::connect() {
-  try {
-    const mqtt::message will(fTopics.status(), statusPayload(false), 1, true);
-    if (!fClient->connect(mqttConnectOptions(fSettings, will))->wait_for(kBrokerAnswer)) {
-      throw mqtt::exception(MQTTASYNC_FAILURE, "no answer from the broker");
-    }
-    std::vector<std::string> topics{fTopics.command(), fTopics.allCommand()};
-    for (const std::string& group : fSettings.groups) topics.push_back(fTopics.groupCommand(group));
-    const mqtt::string_collection_ptr filters = mqtt::string_collection::create(topics);
-    const std::vector<int> qos(topics.size(), 1);
-    if (!fClient->subscribe(filters, qos)->wait_for(kBrokerAnswer)) {
-      throw mqtt::exception(MQTTASYNC_FAILURE, "no answer to the subscription");
-    }
-    vu::log::write(
-        vu::log::info, kLog, "connection",
-        "connected to the MQTT broker " + fSettings.url + " as robot " + fSettings.robotId);
-    fLostLogged = false;
-    return true;
-  } catch (const mqtt::exception& error) {
-    // Once a spell of failures, so that a broker that stays away does not fill the log.
-    if (!fLostLogged) {
-      vu::log::write(
-          vu::log::warning, kLog, "connection",
-          "cannot reach the MQTT broker " + fSettings.url + ": " + error.what() + "; trying again");
-      fLostLogged = true;
-    }
+  // A client that fell back to 3.1.1 in vain cannot try MQTT 5 again.
+  if (fClientTriedMqtt311 && fFirstVersion == MQTTVERSION_5) makeClient();
+  const mqtt::message will(fTopics.status(), statusPayload(false), 1, true);
+  const MqttAttempt attempt = connectMqtt(*fClient, fSettings, will, fFirstVersion, kBrokerAnswer);
+  fClientTriedMqtt311 = fClientTriedMqtt311 || attempt.triedMqtt311;
+  if (fFirstVersion == MQTTVERSION_5 &&
+      (attempt.mqtt5Refused || attempt.version == MQTTVERSION_3_1_1)) {
+    fFirstVersion = MQTTVERSION_3_1_1;
+    vu::log::write(vu::log::info, kLog, "connection",
+                   "the MQTT broker " + fSettings.url +
+                       " does not take MQTT 5: the robot uses MQTT 3.1.1 with it until it "
+                       "restarts");
+  }
+  std::string error = attempt.error;
+  if (attempt.version != 0) {
     try {
-      if (fClient->is_connected()) disconnectAndSettle(*fClient, kGoodbye);
-    } catch (const mqtt::exception&) {
-      // Not connected after all: nothing to end.
+      subscribeToCommands();
+      vu::log::write(vu::log::info, kLog, "connection",
+                     "connected to the MQTT broker " + fSettings.url + " with " +
+                         mqttVersionName(attempt.version) + " as robot " + fSettings.robotId);
+      fLostLogged = false;
+      return true;
+    } catch (const mqtt::exception& subscription) {
+      error = subscription.what();
     }
-    return false;
+  }
+  // Once a spell of failures, so that a broker that stays away does not fill the log.
+  if (!fLostLogged) {
+    vu::log::write(
+        vu::log::warning, kLog, "connection",
+        "cannot reach the MQTT broker " + fSettings.url + ": " + error + "; trying again");
+    fLostLogged = true;
+  }
+  try {
+    if (fClient->is_connected()) disconnectAndSettle(*fClient, kGoodbye);
+  } catch (const mqtt::exception&) {
+    // Not connected after all: nothing to end.
+  }
+  return false;
+}
+
+void FleetLink::subscribeToCommands() {
+  std::vector<std::string> commandTopics{fTopics.command(), fTopics.allCommand()};
+  for (const std::string& group : fSettings.groups) {
+    commandTopics.push_back(fTopics.groupCommand(group));
+  }
+  // Each bare, and with a requester's level for those who cannot name a response topic.
+  std::vector<std::string> topics;
+  for (const std::string& topic : commandTopics) {
+    topics.push_back(topic);
+    topics.push_back(FleetTopics::anyRequester(topic));
+  }
+  const mqtt::string_collection_ptr filters = mqtt::string_collection::create(topics);
+  const std::vector<int> qos(topics.size(), 1);
+  if (!fClient->subscribe(filters, qos)->wait_for(kBrokerAnswer)) {
+    throw mqtt::exception(MQTTASYNC_FAILURE, "no answer to the subscription");
   }
 }
 

@@ -1,5 +1,6 @@
 #include <tuqvu/broker/secretfile.h>
 #include <tuqvu/fleet/mqttconnection.h>
+#include <tuqvu/fleet/mqttversion.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -15,12 +16,17 @@ mqtt::create_options mqttCreateOptions() {
 }
 
 mqtt::connect_options mqttConnectOptions(const FleetSettings& settings,
-                                         const std::optional<mqtt::message>& will) {
+                                         const std::optional<mqtt::message>& will, int version) {
   mqtt::connect_options_builder builder = mqtt::connect_options_builder()
-                                              .mqtt_version(MQTTVERSION_5)
-                                              .clean_start(true)
+                                              .mqtt_version(version)
                                               .keep_alive_interval(std::chrono::seconds(30))
                                               .connect_timeout(std::chrono::seconds(10));
+  // MQTT 5 calls it a clean start, 3.1.1 a clean session; Paho refuses the other's flag.
+  if (version == MQTTVERSION_5) {
+    builder.clean_start(true);
+  } else {
+    builder.clean_session(true);
+  }
   if (!settings.user.empty()) builder.user_name(settings.user);
   if (!settings.password.empty()) builder.password(settings.password);
   if (will) builder.will(*will);
@@ -34,6 +40,54 @@ mqtt::connect_options mqttConnectOptions(const FleetSettings& settings,
     builder.ssl(ssl.finalize());
   }
   return builder.finalize();
+}
+
+namespace {
+
+// One CONNECT of `version`: "" when connected, else why not; `refusal` says what the failure
+// tells of the version.
+std::string connectOnce(mqtt::async_client& client, const mqtt::connect_options& options,
+                        std::chrono::seconds timeout, Mqtt5Refusal* refusal) {
+  *refusal = Mqtt5Refusal::None;
+  try {
+    if (!client.connect(options)->wait_for(timeout)) return "no answer from the broker";
+    return "";
+  } catch (const mqtt::exception& error) {
+    *refusal =
+        mqtt5RefusalOf(error.get_return_code(), error.get_reason_code(), error.get_message());
+    const std::string words = connectRefusalText(error.get_return_code());
+    return error.what() + (words.empty() ? "" : " (" + words + ")");
+  }
+}
+
+}  // namespace
+
+MqttAttempt connectMqtt(mqtt::async_client& client, const FleetSettings& settings,
+                        const std::optional<mqtt::message>& will, int firstVersion,
+                        std::chrono::seconds timeout) {
+  MqttAttempt attempt;
+  Mqtt5Refusal refusal = Mqtt5Refusal::None;
+  std::string error =
+      connectOnce(client, mqttConnectOptions(settings, will, firstVersion), timeout, &refusal);
+  if (error.empty()) {
+    attempt.version = firstVersion;
+    return attempt;
+  }
+  if (firstVersion != MQTTVERSION_5 || refusal == Mqtt5Refusal::None) {
+    attempt.error = error;
+    return attempt;
+  }
+  attempt.mqtt5Refused = refusal == Mqtt5Refusal::Certain;
+  attempt.triedMqtt311 = true;
+  const std::string fallbackError =
+      connectOnce(client, mqttConnectOptions(settings, will, MQTTVERSION_3_1_1), timeout, &refusal);
+  if (fallbackError.empty()) {
+    attempt.version = MQTTVERSION_3_1_1;
+  } else {
+    // Both, so that neither the refusal nor the reason 3.1.1 failed (credentials) is hidden.
+    attempt.error = error + "; with MQTT 3.1.1: " + fallbackError;
+  }
+  return attempt;
 }
 
 bool disconnectAndSettle(mqtt::async_client& client, std::chrono::milliseconds timeout) {

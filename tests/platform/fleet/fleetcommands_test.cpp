@@ -1,6 +1,7 @@
 // Commands that reach a robot over MQTT, run through the broker's own dispatcher, share
 // of calls and call threads: answered with the request's correlation data and the
-// robot's name, not run once their message expiry has passed, refused when too large.
+// robot's name, or on the answer topic of a requester that named itself in the command
+// topic (MQTT 3.1.1), not run once their message expiry has passed, refused when too large.
 #include <gtest/gtest.h>
 #include <tuqvu/broker/calladmission.h>
 #include <tuqvu/broker/callexecutor.h>
@@ -19,6 +20,7 @@
 
 using nlohmann::json;
 using tuqvu::fleet::FleetCommands;
+using tuqvu::fleet::FleetTopics;
 
 namespace {
 
@@ -33,17 +35,19 @@ protected:
     context->executor = std::make_shared<tuqvu::broker::CallExecutor>();
     context->admission =
         std::make_shared<tuqvu::broker::CallAdmission>(tuqvu::broker::CallAdmission::Limits{4, 8});
-    commands = std::make_shared<FleetCommands>(context, "r7", [this](mqtt::message_ptr message) {
-      std::lock_guard<std::mutex> lock(mutex);
-      sent.push_back(std::move(message));
-      arrived.notify_all();
-    });
+    commands = std::make_shared<FleetCommands>(context, FleetTopics("tuqvu", "r7"),
+                                               [this](mqtt::message_ptr message) {
+                                                 std::lock_guard<std::mutex> lock(mutex);
+                                                 sent.push_back(std::move(message));
+                                                 arrived.notify_all();
+                                               });
   }
   ~FleetCommandsTest() override { context->executor->stop(); }
 
-  static mqtt::const_message_ptr request(const std::string& body, mqtt::properties properties) {
+  static mqtt::const_message_ptr request(const std::string& body, mqtt::properties properties,
+                                         const std::string& topic = "tuqvu/all/command") {
     return mqtt::message_ptr_builder()
-        .topic("tuqvu/all/command")
+        .topic(topic)
         .payload(body)
         .qos(1)
         .properties(std::move(properties))
@@ -143,4 +147,36 @@ TEST_F(FleetCommandsTest, NoCommandIsRunOnceTheBrokerShutsDown) {
   ASSERT_TRUE(answer);
   EXPECT_EQ(json::parse(answer->to_string())["error"]["code"], -32005);
   EXPECT_EQ(total.load(), 0);
+}
+
+TEST_F(FleetCommandsTest,
+       ARequesterNamedInTheTopicIsAnsweredOnItsTopicForThisRobotWithoutProperties) {
+  commands->take(request(R"({"jsonrpc":"2.0","id":"k1","method":"Counter.add","params":[4]})", {},
+                         "tuqvu/groups/front/command/c2"));
+  const mqtt::message_ptr answer = nextSent();
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->get_topic(), "tuqvu/clients/c2/responses/r7");
+  EXPECT_EQ(json::parse(answer->to_string()),
+            json::parse(R"({"jsonrpc":"2.0","id":"k1","result":4})"));
+  EXPECT_TRUE(answer->get_properties().empty());
+}
+
+TEST_F(FleetCommandsTest, ARefusalOfANamedRequesterGoesToItsTopicToo) {
+  context->refusingCalls = true;
+  commands->take(request(R"({"jsonrpc":"2.0","id":8,"method":"Counter.add","params":[1]})", {},
+                         "tuqvu/robots/r7/command/c3"));
+  const mqtt::message_ptr answer = nextSent();
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->get_topic(), "tuqvu/clients/c3/responses/r7");
+  EXPECT_EQ(json::parse(answer->to_string())["id"], 8);
+  EXPECT_EQ(total.load(), 0);
+}
+
+TEST_F(FleetCommandsTest, AResponseTopicWinsOverARequesterNamedInTheTopic) {
+  commands->take(request(R"({"jsonrpc":"2.0","id":6,"method":"Counter.add","params":[1]})",
+                         answered("both"), "tuqvu/all/command/c4"));
+  const mqtt::message_ptr answer = nextSent();
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->get_topic(), "tuqvu/clients/c1/responses");
+  EXPECT_EQ(robotOf(answer), "r7");
 }

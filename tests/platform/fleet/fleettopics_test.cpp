@@ -38,3 +38,34 @@ TEST(FleetTopics, ALevelHoldsNoSeparatorWildcardOrControlCharacter) {
   EXPECT_FALSE(isTopicLevel(std::string(65, 'a')));
   EXPECT_TRUE(isTopicLevel(std::string(64, 'a')));
 }
+
+TEST(FleetTopics, ARequesterWithoutMqtt5NamesItselfAsOneMoreLevelOfTheCommandTopic) {
+  const FleetTopics topics("tuqvu", "robot-7");
+  EXPECT_EQ(FleetTopics::withRequester(topics.command(), "c1"), "tuqvu/robots/robot-7/command/c1");
+  EXPECT_EQ(FleetTopics::anyRequester(topics.allCommand()), "tuqvu/all/command/+");
+  EXPECT_EQ(topics.requesterOf("tuqvu/robots/robot-7/command/c1"), "c1");
+  EXPECT_EQ(topics.requesterOf("tuqvu/groups/front/command/c-2"), "c-2");
+  EXPECT_EQ(topics.requesterOf("tuqvu/all/command/c.3"), "c.3");
+  EXPECT_EQ(topics.answerTo("c1"), "tuqvu/clients/c1/responses/robot-7");
+  EXPECT_EQ(topics.everyAnswerTo("c1"), "tuqvu/clients/c1/responses/+");
+}
+
+TEST(FleetTopics, ABareCommandTopicNamesNoRequesterEvenWhenANameIsCommand) {
+  const FleetTopics topics("tuqvu", "command");
+  EXPECT_EQ(topics.requesterOf("tuqvu/robots/robot-7/command"), "");
+  EXPECT_EQ(topics.requesterOf("tuqvu/all/command"), "");
+  EXPECT_EQ(topics.requesterOf("tuqvu/groups/command/command"), "");
+  EXPECT_EQ(topics.requesterOf("tuqvu/robots/command/command"), "");
+  EXPECT_EQ(topics.requesterOf("other/all/command/c1"), "");
+  EXPECT_EQ(topics.requesterOf("tuqvu/robots/r/status/c1"), "");
+  EXPECT_EQ(topics.requesterOf("tuqvu/all/command/c1/more"), "");
+}
+
+TEST(FleetTopics, TheRobotOfAnAnswerComesFromItsLastLevel) {
+  const FleetTopics topics("lab", "");
+  EXPECT_EQ(topics.robotOfAnswer("lab/clients/c1/responses/r-1", "c1"), "r-1");
+  EXPECT_EQ(topics.robotOfAnswer("lab/clients/c2/responses/r-1", "c1"), "");
+  EXPECT_EQ(topics.robotOfAnswer("lab/clients/c1/responses", "c1"), "");
+  EXPECT_EQ(topics.robotOfAnswer("lab/clients/c1/responses/", "c1"), "");
+  EXPECT_EQ(topics.robotOfAnswer("lab/clients/c1/responses/a/b", "c1"), "");
+}

@@ -9,6 +9,11 @@
 // that drops the oldest) and one thread of the link's own connects, publishes and
 // reconnects with back-off; after a reconnect it publishes the retained state again.
 //
+// It connects with MQTT 5, or with 3.1.1 when the broker refuses 5 (connectMqtt); once the
+// broker has refused 5, or taken 3.1.1 after hanging up on 5, the link stays on 3.1.1 until
+// the robot restarts: a Paho client that has tried 3.1.1 takes 5 no more, and a new client
+// on every reconnect would buy nothing from a broker that is not upgraded in between.
+//
 //   FleetLink link(settings, context, "1.0.0");
 //   link.start();
 //   observer = [&](const std::string& key, const ZR::ZRValue& value) { link.memoryEvent(key,
@@ -67,6 +72,10 @@ private:
 
   void run();
   bool connect();
+  // Makes a client with the link's handlers and routes the answers of commands through it;
+  // the one it replaces is kept until the next replacement (see fRetiredClient).
+  void makeClient();
+  void subscribeToCommands();
   void publishState();
   void publishEvent(const Event& event);
   void publish(const std::string& topic, const std::string& payload, bool retained);
@@ -81,10 +90,23 @@ private:
   const std::shared_ptr<broker::ServerContext> fContext;
   const std::string fVersion;
   const Clock::time_point fStarted = Clock::now();
-  std::shared_ptr<mqtt::async_client> fClient;
+  // The answers of commands leave on call threads through the client in use.
+  struct AnswerRoute {
+    std::mutex mutex;  // guards client
+    std::weak_ptr<mqtt::async_client> client;
+  };
+  const std::shared_ptr<AnswerRoute> fAnswerRoute = std::make_shared<AnswerRoute>();
   std::shared_ptr<FleetCommands> fCommands;
   std::thread fThread;
-  bool fLostLogged = false;  // used by the link's thread alone
+
+  // Used by the link's thread alone, and by stop() once that thread has ended.
+  std::shared_ptr<mqtt::async_client> fClient;
+  // The client replaced last: Paho's thread may still be returning from its failed connect
+  // when it is replaced, so it is destroyed only a retry later, at the next replacement.
+  std::shared_ptr<mqtt::async_client> fRetiredClient;
+  int fFirstVersion = 0;             // the version a connect tries first
+  bool fClientTriedMqtt311 = false;  // fClient takes MQTT 5 no more
+  bool fLostLogged = false;
 
   mutable std::mutex fMutex;  // guards everything below
   std::condition_variable fWake;

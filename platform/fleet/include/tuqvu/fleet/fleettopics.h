@@ -10,6 +10,13 @@
 //   <prefix>/robots/<id>/command    JSON-RPC requests for this robot
 //   <prefix>/groups/<group>/command JSON-RPC requests for every robot of the group
 //   <prefix>/all/command            JSON-RPC requests for every robot
+//   <prefix>/clients/<client>/responses            answers named by an MQTT 5 request
+//
+// MQTT 3.1.1 carries no response topic, so a requester on it names itself with one more
+// level of the command topic (<command topic>/<client>), and each robot answers on a topic
+// of its own under the requester's:
+//
+//   <prefix>/clients/<client>/responses/<id>
 //
 //   FleetTopics topics("tuqvu", "robot-7");
 //   topics.status();   // "tuqvu/robots/robot-7/status"
@@ -42,6 +49,21 @@ public:
   std::string responses(const std::string& clientId) const;
   // The robot of a status topic ("" when the topic is no robot's status).
   std::string robotOfStatus(const std::string& topic) const;
+
+  // A command topic with the requester's level added: "<command>/<client>".
+  static std::string withRequester(const std::string& commandTopic, const std::string& clientId);
+  // Matches a command topic with any requester's level.
+  static std::string anyRequester(const std::string& commandTopic) { return commandTopic + "/+"; }
+  // The requester a command topic names ("" for a bare command topic or no command topic).
+  std::string requesterOf(const std::string& commandTopic) const;
+  // Where this robot answers a requester that named itself in the command topic.
+  std::string answerTo(const std::string& clientId) const;
+  // Matches every robot's answers to `clientId`.
+  std::string everyAnswerTo(const std::string& clientId) const {
+    return responses(clientId) + "/+";
+  }
+  // The robot that sent an answer to `clientId` ("" when the topic is no such answer).
+  std::string robotOfAnswer(const std::string& topic, const std::string& clientId) const;
 
   const std::string& prefix() const { return fPrefix; }
   const std::string& robotId() const { return fRobotId; }
