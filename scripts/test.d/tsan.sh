@@ -20,7 +20,8 @@ cmake --build "$dir" -j 2 --target "${suites[@]}"
 
 # Two suites at a time (most of their time is spent waiting on the module's threads);
 # each writes its own log, shown whole when the suite fails.
-export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
+# Findings that are not ours are suppressed only with a reason, in tsan.supp.
+export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/scripts/test.d/tsan.supp"
 mkdir -p "$dir/logs"
 run_suite() {
   local suite=$1 log=$dir/logs/$1.log started=$SECONDS

@@ -133,7 +133,7 @@ void HttpSession::handle(Request&& request) {
       guardRequest(request, ZR::networkAccess(), fContext->sessionToken, fStream.encrypted());
   if (verdict.refusal) return send(std::move(*verdict.refusal), version, keepAlive);
   fHandOutSessionCookie = verdict.signedIn;
-  Routed routed = route(request, fContext->rpc);
+  Routed routed = route(request, fContext->rpc, fContext->recentLog.get());
   switch (routed.kind) {
     case Routed::Kind::Respond: return send(std::move(routed.response), version, keepAlive);
     case Routed::Kind::Call: return startCall(std::move(routed), version, keepAlive);

@@ -123,7 +123,8 @@ std::string indexPage(const std::vector<std::string>& modules) {
   return page;
 }
 
-Routed route(Request& request, const std::shared_ptr<const RpcDispatcher>& rpc) {
+Routed route(Request& request, const std::shared_ptr<const RpcDispatcher>& rpc,
+             const RecentLog* recentLog) {
   const http::verb verb = request.method();
   if (verb != http::verb::get && verb != http::verb::post) {
     Response refused = methodNotAllowed("GET, POST");
@@ -163,6 +164,23 @@ Routed route(Request& request, const std::shared_ptr<const RpcDispatcher>& rpc) 
         makeResponse(http::status::ok, kMetricsContentType, metricsText(rpc->broker()->metrics()));
     metrics.set(http::field::cache_control, "no-store");
     return respond(std::move(metrics));
+  }
+  if (path == "/log" && recentLog != nullptr) {
+    if (verb != http::verb::get) return respond(methodNotAllowed("GET"));
+    std::uint64_t after = 0;
+    const std::vector<std::string> given = queryValues(target.query, "after");
+    if (!given.empty()) {
+      const std::string& text = given.front();
+      if (text.empty() || text.size() > 19 ||
+          text.find_first_not_of("0123456789") != std::string::npos) {
+        return respond(textResponse(http::status::bad_request,
+                                    "after= takes the sequence number of a log entry"));
+      }
+      after = std::stoull(text);
+    }
+    Response log = jsonResponse(http::status::ok, recentLogJson(*recentLog, after));
+    log.set(http::field::cache_control, "no-store");
+    return respond(std::move(log));
   }
   if (path == "/events") {
     if (verb != http::verb::get) return respond(methodNotAllowed("GET"));

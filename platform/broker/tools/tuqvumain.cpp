@@ -9,6 +9,7 @@
 #include <tuqvu/broker/httpserver.h>
 #include <tuqvu/broker/moduleloader.h>
 #include <tuqvu/broker/options.h>
+#include <tuqvu/broker/recentlog.h>
 #include <tuqvu/broker/rpcdispatcher.h>
 #include <tuqvu/broker/secretfile.h>
 #include <tuqvu/broker/servercontext.h>
@@ -174,6 +175,18 @@ std::optional<tb::Options> startOptions(int argc, char** argv) {
     options.bind = bind;
   }
   return options;
+}
+
+// Every log line goes to stderr, and the warnings and errors also to what GET /log
+// answers, for operators who cannot read the robot's stderr.
+std::shared_ptr<tb::RecentLog> keepRecentLog() {
+  auto recent = std::make_shared<tb::RecentLog>();
+  vu::log::setSink([recent](const vu::log::Message& message) {
+    const std::string line = vu::log::format(message) + "\n";
+    std::fwrite(line.data(), 1, line.size(), stderr);
+    recent->add(message);
+  });
+  return recent;
 }
 
 // Who may reach the servers of this process, with the installation's secret.
@@ -359,6 +372,7 @@ int main(int argc, char** argv) {
     const std::optional<tb::Options> options = startOptions(argc, argv);
     if (!options) return 0;
     vu::log::setMaxLevel(options->logLevel);
+    const std::shared_ptr<tb::RecentLog> recentLog = keepRecentLog();
 
     const std::string secretFile =
         options->secretFile.empty() ? tb::defaultSecretFile() : options->secretFile;
@@ -381,6 +395,7 @@ int main(int argc, char** argv) {
     HostedModules modules(broker);
     modules.load(modulesToLoad(*options));
     const std::shared_ptr<tb::ServerContext> context = serverContext(broker, *options, tls);
+    context->recentLog = recentLog;
     const std::shared_ptr<tuqvu::fleet::FleetLink> fleet = fleetLink(fleetSettings, context);
     modules.platform().observeMemory(
         [hub = context->hub, fleet](const std::string& key, const ZR::ZRValue& value) {

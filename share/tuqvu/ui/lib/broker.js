@@ -3,6 +3,7 @@
 const RPC = new URL('../rpc', document.baseURI).href;
 const EVENTS = new URL('../events', document.baseURI).href;
 const FILES = new URL('../files/', document.baseURI).href;
+const LOG = new URL('../log', document.baseURI).href;
 
 let nextId = 1;
 
@@ -111,4 +112,12 @@ export function putFile(path, body, onProgress) {
     request.onerror = () => reject(new CallError(`the upload of ${path} was cut off`));
     request.send(body);
   });
+}
+
+// The broker's latest warnings and errors after entry `after` (0: all it kept):
+// {last, entries: [{sequence, time, level, category, function, text}]}.
+export async function readLog(after = 0) {
+  const reply = await fetch(`${LOG}?after=${after}`, { credentials: 'same-origin' });
+  if (!reply.ok) throw new CallError(`the broker answered ${reply.status} for its log`);
+  return reply.json();
 }

@@ -1,7 +1,7 @@
 // Installing by dropping a behavior folder or a package onto the page (or choosing
 // one): its files go to the user library through the file API with a progress bar, then
 // installBehavior takes them in. A refusal says what was refused and why.
-import { call, fileUrl, putFile } from '../lib/broker.js';
+import { call, fileUrl, putFile, readLog } from '../lib/broker.js';
 import { part, reason, say } from '../lib/dom.js';
 import { refreshLibrary, state } from '../lib/state.js';
 import { readTar } from '../lib/tar.js';
@@ -12,6 +12,30 @@ const PACKAGES = [
   [/\.zip$/i, readZip],
   [/\.(tar\.gz|tgz|tar)$/i, readTar],
 ];
+
+// The sequence of the broker's latest log entry; null when its log cannot be read.
+async function lastLogEntry() {
+  try {
+    return (await readLog(Number.MAX_SAFE_INTEGER)).last;
+  } catch {
+    return null;
+  }
+}
+
+// What the behavior manager logged about the install since entry `before`, in words.
+async function whyRefused(before) {
+  const unknown = 'the behavior manager did not take it as a behavior or package, and its ' +
+    "log on the robot says why.";
+  if (before === null) return unknown;
+  try {
+    const { entries } = await readLog(before);
+    const reasons = entries.filter((entry) => entry.function === 'installBehavior')
+      .map((entry) => entry.text);
+    return reasons.length === 0 ? unknown : reasons.join(' ');
+  } catch {
+    return unknown;
+  }
+}
 
 // Every file below a dropped folder entry, as {path, blob} relative to that folder.
 async function filesOfEntry(entry, prefix = '') {
@@ -95,10 +119,10 @@ export function installPanel(root, confirm) {
         progress.setAttribute('value', String(done));
       }
       say(message, `Installing ${name}…`);
+      const logBefore = await lastLogEntry();
       if (!await call('ZRBehaviorManager.installBehavior', name)) {
         await forget(name, existed);
-        refuse(`The robot refused to install ${name}: the behavior manager did not take it as a ` +
-               'behavior or package (its log on the robot says why).');
+        refuse(`The robot refused to install ${name}: ${await whyRefused(logBefore)}`);
         return;
       }
       await refreshLibrary();

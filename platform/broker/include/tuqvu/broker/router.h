@@ -10,9 +10,11 @@
 //   GET  /events?key=K...       Server-Sent Events of memory events
 //   GET  /ui/...                the dashboard's installed files (dashboard.h)
 //   GET  /metrics               the broker's metrics, Prometheus text format
+//   GET  /log?after=N           the latest warnings and errors after entry N (JSON)
 #pragma once
 
 #include <tuqvu/broker/httptypes.h>
+#include <tuqvu/broker/recentlog.h>
 #include <tuqvu/broker/rpcdispatcher.h>
 
 #include <functional>
@@ -36,8 +38,10 @@ struct Routed {
   std::optional<std::string> lastEventId;  // EventStream: the Last-Event-ID header
 };
 
-// The request's body is moved into the call when there is one.
-Routed route(Request& request, const std::shared_ptr<const RpcDispatcher>& rpc);
+// The request's body is moved into the call when there is one. `recentLog`: what GET /log
+// answers; null: /log is not found.
+Routed route(Request& request, const std::shared_ptr<const RpcDispatcher>& rpc,
+             const RecentLog* recentLog = nullptr);
 
 // The page of GET /: every module with a link to its page.
 std::string indexPage(const std::vector<std::string>& modules);

@@ -6,6 +6,7 @@
 #include <tuqvu/broker/callexecutor.h>
 #include <tuqvu/broker/inlinecalls.h>
 #include <tuqvu/broker/localclient.h>
+#include <tuqvu/broker/recentlog.h>
 #include <tuqvu/broker/rpcdispatcher.h>
 #include <tuqvu/broker/ssehub.h>
 #include <tuqvu/broker/tlscredentials.h>
@@ -41,6 +42,8 @@ struct ServerContext {
   // Connections open now, in the broker's metrics (which outlive the server); null: not
   // counted.
   ZR::ZRGauge* openConnections = nullptr;
+  // The latest warnings and errors, answered at GET /log; null: no /log.
+  std::shared_ptr<const RecentLog> recentLog;
   // Calls made whose answer is not yet written (or dropped).
   std::atomic<int> pendingAnswers{0};
   // Set when the broker shuts down: new calls are answered 503 and not made, while the
