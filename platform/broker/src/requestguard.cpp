@@ -147,12 +147,10 @@ bool isJsonContentType(const Request& request) {
          boost::beast::iequals(media, "application/jsonrequest");
 }
 
-void addPageSecurityHeaders(Response& response) {
-  response.set("Content-Security-Policy",
-               "default-src 'self'; script-src 'self' 'unsafe-inline'; style-src 'self' "
-               "'unsafe-inline'; img-src 'self'; connect-src 'self'; frame-ancestors 'none'; "
-               "base-uri 'none'; form-action 'self'");
+void addPageSecurityHeaders(Response& response, const PagePolicy& policy) {
+  response.set("Content-Security-Policy", policy.contentSecurityPolicy);
   response.set("X-Frame-Options", "DENY");
+  if (policy.sendsNoReferrer) response.set("Referrer-Policy", "no-referrer");
 }
 
 }  // namespace broker

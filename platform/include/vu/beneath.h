@@ -88,6 +88,17 @@ bool listDirectory(int directory, std::vector<DirectoryEntry>* entries);
 // directory, ELOOP when the tree is deeper than 256 levels).
 int removeTree(int directory, const std::string& name, const std::vector<FileIdentity>& keep = {});
 
+// Reads the regular file `relative` beneath `directory` whole into `content`, opened as
+// openBeneath does (no link, no escape) and without waiting on a FIFO. Returns 0, the
+// errno of openBeneath (ENOENT, ELOOP for a link, EXDEV for an escape), EINVAL when it is
+// no regular file, EFBIG when it holds more than `maxBytes`, or the errno of the read.
+int readFileBeneath(int directory, const std::string& relative, std::size_t maxBytes,
+                    std::string* content);
+
+// Reads what remains of the open file `fd` into `content`, at most `maxBytes` of it:
+// 0, EFBIG when there is more, or the errno of the failed read.
+int readUpTo(int fd, std::size_t maxBytes, std::string* content);
+
 // The components of a relative path, "" and "." dropped. False when one is "..".
 bool splitRelative(const std::string& relative, std::vector<std::string>* components);
 

@@ -426,6 +426,34 @@ int removeTree(int directory, const std::string& name, const std::vector<FileIde
   return removeEntry(directory, name, keep, 0);
 }
 
+int readUpTo(int fd, std::size_t maxBytes, std::string* content) {
+  content->clear();
+  char buffer[65536];
+  for (;;) {
+    const ssize_t got = ::read(fd, buffer, sizeof buffer);
+    if (got < 0) {
+      if (errno == EINTR) continue;
+      return errno;
+    }
+    if (got == 0) return 0;
+    if (content->size() + static_cast<std::size_t>(got) > maxBytes) return EFBIG;
+    content->append(buffer, static_cast<std::size_t>(got));
+  }
+}
+
+int readFileBeneath(int directory, const std::string& relative, std::size_t maxBytes,
+                    std::string* content) {
+  // O_NONBLOCK: a FIFO planted in the folder is opened without waiting for a writer, then
+  // refused as no regular file.
+  UniqueFd file(openBeneath(directory, relative, O_RDONLY | O_NOCTTY | O_NONBLOCK));
+  if (!file) return errno;
+  struct stat status {};
+  if (::fstat(file.get(), &status) != 0) return errno;
+  if (!S_ISREG(status.st_mode)) return EINVAL;
+  if (static_cast<std::size_t>(status.st_size) > maxBytes) return EFBIG;
+  return readUpTo(file.get(), maxBytes, content);
+}
+
 bool splitRelative(const std::string& relative, std::vector<std::string>* components) {
   std::size_t start = 0;
   while (start <= relative.size()) {

@@ -206,3 +206,20 @@ TEST_F(BeneathTest, RemoveTreeRefusesNamesThatAreNotOneEntry) {
   }
   EXPECT_TRUE(fs::exists(root() / "a" / "b.txt"));
 }
+
+TEST_F(BeneathTest, ReadingAFileBeneathGivesItWholeAndRefusesLinksFifosAndTheOversized) {
+  writeFile(root() / "a" / "page.html", "<p>hello</p>");
+  writeFile(outside() / "secret.txt", "secret");
+  fs::create_symlink(outside() / "secret.txt", root() / "out.txt");
+  ASSERT_EQ(0, ::mkfifo((root() / "pipe").c_str(), 0600));
+  std::string content = "left over";
+  EXPECT_EQ(0, vu::beneath::readFileBeneath(rootFd(), "a/page.html", 100, &content));
+  EXPECT_EQ("<p>hello</p>", content);
+  EXPECT_EQ(EFBIG, vu::beneath::readFileBeneath(rootFd(), "a/page.html", 5, &content));
+  EXPECT_EQ(ELOOP, vu::beneath::readFileBeneath(rootFd(), "out.txt", 100, &content));
+  EXPECT_EQ(ENOENT, vu::beneath::readFileBeneath(rootFd(), "missing", 100, &content));
+  EXPECT_EQ(EXDEV, vu::beneath::readFileBeneath(rootFd(), "../outside/secret.txt", 100, &content));
+  // A FIFO nobody writes to is refused at once instead of waiting for a writer.
+  EXPECT_EQ(EINVAL, vu::beneath::readFileBeneath(rootFd(), "pipe", 100, &content));
+  EXPECT_EQ(EINVAL, vu::beneath::readFileBeneath(rootFd(), "a", 100, &content));
+}

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vu/beneath.h>
 
 #include <cerrno>
 #include <system_error>
@@ -32,20 +33,8 @@ bool readWholeFile(const std::string& path, std::string& content, std::size_t ma
                             "cannot read " + path + " (" + std::to_string(info.st_size) +
                                 " bytes; at most " + std::to_string(maxBytes) + " are read)");
   }
-  content.clear();
-  content.reserve(static_cast<std::size_t>(info.st_size));
-  char buffer[65536];
-  for (;;) {
-    const ssize_t got = ::read(fd, buffer, sizeof buffer);
-    if (got < 0) {
-      if (errno == EINTR) continue;
-      throw std::system_error(errno, std::generic_category(), "cannot read " + path);
-    }
-    if (got == 0) break;
-    if (content.size() + static_cast<std::size_t>(got) > maxBytes) {
-      throw std::system_error(EFBIG, std::generic_category(), "cannot read " + path);
-    }
-    content.append(buffer, static_cast<std::size_t>(got));
+  if (const int error = vu::beneath::readUpTo(fd, maxBytes, &content)) {
+    throw std::system_error(error, std::generic_category(), "cannot read " + path);
   }
   return true;
 }

@@ -22,10 +22,6 @@ std::string dashboardFolder();
 // for anything missing, outside the folder, reached through a link or not a regular file.
 Response dashboardFile(const std::string& folder, const std::string& relative);
 
-// The headers of the dashboard's files: its scripts and styles only from the broker's
-// own files (no inline code), its requests only to the broker, no framing.
-void addDashboardSecurityHeaders(Response& response);
-
 // The Content-Type of a dashboard file, by its extension.
 std::string dashboardContentType(const std::string& name);
 

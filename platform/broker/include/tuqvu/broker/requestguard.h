@@ -46,9 +46,30 @@ bool changesStateThroughAPlainGet(const Request& request);
 // application/jsonrequest, parameters such as charset aside.
 bool isJsonContentType(const Request& request);
 
-// Headers every page of the web interface carries: no framing, no sniffing of types,
-// scripts and requests only from the broker itself.
-void addPageSecurityHeaders(Response& response);
+// What a kind of page may load and run, in its security headers.
+struct PagePolicy {
+  const char* contentSecurityPolicy;
+  bool sendsNoReferrer;  // Referrer-Policy: no-referrer
+};
+
+// The modules' pages and the console: their scripts and styles may be inline (a module
+// writes its page whole), and load only from the broker.
+inline constexpr PagePolicy kModulePagePolicy{
+    "default-src 'self'; script-src 'self' 'unsafe-inline'; style-src 'self' "
+    "'unsafe-inline'; img-src 'self'; connect-src 'self'; frame-ancestors 'none'; "
+    "base-uri 'none'; form-action 'self'",
+    false};
+
+// The dashboard: no inline code anywhere, so that a behavior's name that slipped into the
+// page as markup could neither run as script nor restyle it; requests to the broker alone.
+inline constexpr PagePolicy kDashboardPolicy{
+    "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self'; "
+    "connect-src 'self'; manifest-src 'self'; frame-ancestors 'none'; base-uri 'none'; "
+    "form-action 'none'",
+    true};
+
+// Headers every page of the web interface carries: no framing, and what `policy` allows.
+void addPageSecurityHeaders(Response& response, const PagePolicy& policy = kModulePagePolicy);
 
 }  // namespace broker
 }  // namespace tuqvu
