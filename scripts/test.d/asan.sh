@@ -4,7 +4,7 @@
 # fails. Run by scripts/test.sh after the normal tests; alone:
 #   bash scripts/test.d/asan.sh
 # Findings that are not ours are suppressed only with a reason, in the files named below
-# (asan.supp.lsan, asan.supp.ubsan next to this script): today none.
+# (asan.supp.lsan, asan.supp.ubsan next to this script): today one, in asan.supp.lsan.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 here=scripts/test.d
