@@ -50,9 +50,8 @@ std::string recentLogJson(const RecentLog& log, std::uint64_t sequence) {
   const std::uint64_t last = log.last();
   nlohmann::json entries = nlohmann::json::array();
   for (const RecentLog::Entry& entry : log.after(sequence)) {
-    const std::string line = vu::log::format(entry.message);
     entries.push_back({{"sequence", entry.sequence},
-                       {"time", line.substr(0, line.find(' '))},
+                       {"time", vu::log::timestamp(entry.message.time)},
                        {"level", entry.message.level},
                        {"category", entry.message.category},
                        {"function", entry.message.function},

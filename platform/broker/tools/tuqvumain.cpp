@@ -182,8 +182,7 @@ std::optional<tb::Options> startOptions(int argc, char** argv) {
 std::shared_ptr<tb::RecentLog> keepRecentLog() {
   auto recent = std::make_shared<tb::RecentLog>();
   vu::log::setSink([recent](const vu::log::Message& message) {
-    const std::string line = vu::log::format(message) + "\n";
-    std::fwrite(line.data(), 1, line.size(), stderr);
+    vu::log::writeToStderr(message);
     recent->add(message);
   });
   return recent;

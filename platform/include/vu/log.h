@@ -50,5 +50,12 @@ void setSink(Sink sink);
 // "TIMESTAMP LEVEL CATEGORY FUNCTION: TEXT", the stderr sink's line without its end.
 std::string format(const Message& message);
 
+// The TIMESTAMP of format(): UTC, ISO 8601 with milliseconds, "2026-11-21T10:00:00.123Z".
+std::string timestamp(std::chrono::system_clock::time_point time);
+
+// What the default sink does: the formatted line on stderr. For a sink that also keeps
+// or forwards messages.
+void writeToStderr(const Message& message);
+
 }  // namespace log
 }  // namespace vu

@@ -23,8 +23,8 @@ Sink& currentSink() {
 
 }  // namespace
 
-std::string format(const Message& message) {
-  const auto since = message.time.time_since_epoch();
+std::string timestamp(std::chrono::system_clock::time_point time) {
+  const auto since = time.time_since_epoch();
   const std::time_t seconds = std::chrono::duration_cast<std::chrono::seconds>(since).count();
   const int millis =
       static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(since).count() % 1000);
@@ -33,8 +33,17 @@ std::string format(const Message& message) {
   char stamp[64];
   std::snprintf(stamp, sizeof stamp, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", utc.tm_year + 1900,
                 utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, millis);
-  return std::string(stamp) + " " + std::to_string(message.level) + " " + message.category + " " +
-         message.function + ": " + message.text;
+  return stamp;
+}
+
+std::string format(const Message& message) {
+  return timestamp(message.time) + " " + std::to_string(message.level) + " " + message.category +
+         " " + message.function + ": " + message.text;
+}
+
+void writeToStderr(const Message& message) {
+  const std::string line = format(message) + "\n";
+  std::fwrite(line.data(), 1, line.size(), stderr);
 }
 
 void write(int level, const std::string& category, const std::string& function,
@@ -48,8 +57,7 @@ void write(int level, const std::string& category, const std::string& function,
     currentSink()(message);
     return;
   }
-  const std::string line = format(message) + "\n";
-  std::fwrite(line.data(), 1, line.size(), stderr);
+  writeToStderr(message);
 }
 
 void setMaxLevel(int level) {
