@@ -96,6 +96,7 @@ void TuqvuProcess::start(Setup setup) {
   env.erase("XDG_DATA_HOME");
   env.erase("XDG_CONFIG_HOME");
   env["HOME"] = fHome.path();
+  env["TMPDIR"] = fTmp.path();
   env["TUQVU_SDK_PREFIX"] = fPrefix.path();
   for (const auto& extra : setup.env) env[extra.first] = extra.second;
 

@@ -1,5 +1,5 @@
-// Starts the real tuqvu daemon for a test: a free port (--port 0), a temporary HOME and
-// installation prefix, standard output read until "tuqvu: listening on ADDRESS:PORT",
+// Starts the real tuqvu daemon for a test: a free port (--port 0), a temporary HOME,
+// TMPDIR and installation prefix, standard output read until "tuqvu: listening on ADDRESS:PORT",
 // standard error kept in a file.
 //
 //   TuqvuProcess tuqvu({"--module", testModulePath()});
@@ -79,6 +79,9 @@ private:
   TempDir fHome;
   TempDir fPrefix;
   TempDir fScratch;
+  // The daemon's own TMPDIR: at start it removes what dead imports left in its temporary
+  // folder, and with the shared one it would remove what other tests planted there.
+  TempDir fTmp;
   std::string fStderrPath;
   std::string fStdout;
   std::size_t fStdoutRead = 0;  // bytes of fStdout handed out by readLine
