@@ -167,6 +167,30 @@ TEST_F(FrameManagerTest, DeletingARunningInstanceEndsItsRun) {
   EXPECT_THROW(frames->completeBehavior(id), ZRError);
 }
 
+TEST_F(FrameManagerTest, ARunAskedForJustAfterAStopDeletedItsInstanceEndsAsExited) {
+  // A stop exits and deletes an instance whose run has not begun yet; the run, asked
+  // for a moment later, ends as one asked for a moment earlier does: without a step.
+  RecordingModule target(broker, "Target");
+  const std::string id = load(R"(<call module="Target" method="tick"><arg value="x"/></call>)");
+  frames->exitBehavior(id);
+  frames->deleteBehavior(id);
+  EXPECT_NO_THROW(frames->completeBehavior(id));
+  EXPECT_EQ(target.size(), 0u);
+  EXPECT_TRUE(frames->getBehaviorInstances().empty());
+}
+
+TEST_F(FrameManagerTest, OnlyTheLatestInstancesDeletedBeforeTheirRunAreRemembered) {
+  const std::string first = load(R"(<wait ms="0"/>)");
+  frames->deleteBehavior(first);
+  for (std::size_t i = 0; i < ZRFrameManager::kRememberedDeletions; ++i) {
+    frames->deleteBehavior(load(R"(<wait ms="0"/>)"));
+  }
+  EXPECT_THROW(frames->completeBehavior(first), ZRError);
+  const std::string last = load(R"(<wait ms="0"/>)");
+  frames->deleteBehavior(last);
+  EXPECT_NO_THROW(frames->completeBehavior(last));
+}
+
 TEST_F(FrameManagerTest, CleaningDropsWhatRanAndKeepsInstancesWaitingForTheirFirstRun) {
   const std::string ran = load(R"(<wait ms="0"/>)");
   frames->completeBehavior(ran);

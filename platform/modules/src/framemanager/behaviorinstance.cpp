@@ -44,6 +44,11 @@ bool BehaviorInstance::isWaitingForFirstRun() const {
   return !fStarted && !exitRequested();
 }
 
+bool BehaviorInstance::hasStarted() const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  return fStarted;
+}
+
 void BehaviorInstance::run(std::string module, boost::shared_ptr<ZRBroker> broker) {
   {
     std::lock_guard<std::mutex> lock(fMutex);

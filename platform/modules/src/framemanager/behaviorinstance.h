@@ -41,6 +41,8 @@ public:
   // True until the first run begins or an exit is requested: an instance made ready
   // ahead of its run (a preload) that nobody has used yet.
   bool isWaitingForFirstRun() const;
+  // Whether a run has begun at least once (even one that an exit request ended at once).
+  bool hasStarted() const;
 
 private:
   struct Context;

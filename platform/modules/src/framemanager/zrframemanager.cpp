@@ -171,6 +171,16 @@ void ZRFrameManager::forget(const detail::BehaviorInstance& instance) {
   fHeldBytes -= std::min(fHeldBytes, instance.program().heldBytes());
 }
 
+ZRFrameManager::Instances::iterator ZRFrameManager::erase(Instances::iterator instance,
+                                                          Remember remember) {
+  forget(*instance->second);
+  if (remember == Remember::DeletedBeforeRun && !instance->second->hasStarted()) {
+    fDeletedBeforeRun.push_back(instance->first);
+    if (fDeletedBeforeRun.size() > kRememberedDeletions) fDeletedBeforeRun.pop_front();
+  }
+  return fInstances.erase(instance);
+}
+
 std::size_t ZRFrameManager::heldBytes() {
   std::lock_guard<std::mutex> lock(fInstancesMutex);
   return fHeldBytes;
@@ -183,7 +193,17 @@ std::shared_ptr<detail::BehaviorInstance> ZRFrameManager::find(const std::string
 }
 
 void ZRFrameManager::completeBehavior(const std::string& id) {
-  const std::shared_ptr<detail::BehaviorInstance> instance = find(id);
+  std::shared_ptr<detail::BehaviorInstance> instance;
+  {
+    std::lock_guard<std::mutex> lock(fInstancesMutex);
+    const auto found = fInstances.find(id);
+    if (found != fInstances.end()) {
+      instance = found->second;
+    } else if (std::find(fDeletedBeforeRun.begin(), fDeletedBeforeRun.end(), id) !=
+               fDeletedBeforeRun.end()) {
+      return;  // deleted before it ran: exited
+    }
+  }
   if (!instance) {
     throw ZRError(getName(), "completeBehavior",
                   "there is no behavior instance with the id \"" + id + "\"", __FILE__, __LINE__);
@@ -202,8 +222,7 @@ void ZRFrameManager::deleteBehavior(const std::string& id) {
     const auto found = fInstances.find(id);
     if (found == fInstances.end()) return;
     instance = found->second;
-    forget(*instance);
-    fInstances.erase(found);
+    erase(found, Remember::DeletedBeforeRun);
   }
   // A run in progress keeps the instance alive until it has returned. The request is
   // made even when no run is seen: a caller that found the instance just before it
@@ -222,8 +241,7 @@ void ZRFrameManager::cleanBehaviors() {
         ++entry;
       } else {
         dropped.push_back(entry->second);
-        forget(*entry->second);
-        entry = fInstances.erase(entry);
+        entry = erase(entry, Remember::Nothing);
       }
     }
   }

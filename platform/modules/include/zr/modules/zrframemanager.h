@@ -19,6 +19,7 @@
 
 #include <boost/shared_ptr.hpp>
 #include <cstddef>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -46,7 +47,10 @@ public:
   std::string newBehaviorFromFile(const std::string& xarPath, const std::string& behaviorName);
 
   // Runs the instance on the calling thread; returns when it has ended or was exited.
-  // ZRError for an unknown id, a failing step, or an instance already running.
+  // An instance that deleteBehavior destroyed before it ever ran counts as exited, not
+  // unknown, for a while (the latest kRememberedDeletions such ids): a stop that deletes
+  // it just before its run begins ends that run as a stop just after would. ZRError for an unknown
+  // id, a failing step, or an instance already running.
   void completeBehavior(const std::string& id);
 
   // Makes a running completeBehavior return promptly. For an instance that is not
@@ -69,11 +73,19 @@ public:
   std::size_t maxHeldBytes() const { return fMaxHeldBytes; }
   std::size_t maxInstances() const { return fMaxInstances; }
 
+  static constexpr std::size_t kRememberedDeletions = 256;
+
 private:
+  using Instances = std::map<std::string, std::shared_ptr<detail::BehaviorInstance>>;
+
   void bindMethods();
   std::shared_ptr<detail::BehaviorInstance> find(const std::string& id);
-  void forget(const detail::BehaviorInstance& instance);  // with fInstancesMutex held
-  void refuseBeyondCount(std::size_t instances) const;    // ZRError at the limit
+  // Both with fInstancesMutex held: forget() takes the instance's program off the held
+  // bytes, erase() drops it and, for deleteBehavior, remembers its id if it never ran.
+  void forget(const detail::BehaviorInstance& instance);
+  enum class Remember { DeletedBeforeRun, Nothing };
+  Instances::iterator erase(Instances::iterator instance, Remember remember);
+  void refuseBeyondCount(std::size_t instances) const;  // ZRError at the limit
 
   const std::size_t fMaxInstances;
   const std::size_t fMaxHeldBytes;
@@ -83,11 +95,13 @@ private:
   // Guards no data; never held with fInstancesMutex.
   std::mutex fLargeReadMutex;
 
-  // Guards fInstances and fHeldBytes; held only to look up, insert or erase, never
-  // during a run or a read.
+  // Guards fInstances, fHeldBytes and fDeletedBeforeRun; held only to look up, insert
+  // or erase, never during a run or a read. Taken before an instance's own lock (to ask
+  // whether it has run), never after it.
   std::mutex fInstancesMutex;
-  std::map<std::string, std::shared_ptr<detail::BehaviorInstance>> fInstances;
-  std::size_t fHeldBytes = 0;  // the programs of fInstances
+  Instances fInstances;
+  std::size_t fHeldBytes = 0;                 // the programs of fInstances
+  std::deque<std::string> fDeletedBeforeRun;  // oldest first, kRememberedDeletions at most
 };
 
 }  // namespace ZR
