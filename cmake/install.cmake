@@ -3,6 +3,7 @@
 #   bin/tuqvu, bin/tuqvu-call                      (installed by platform/broker)
 #   lib/libtuqvucore.so, libtuqvuproject.so, libtuqvumodules.so, libzrbehaviormanager.so
 #   include/tuqvu/zr, include/tuqvu/vu             headers for people writing their own modules
+#   include/tuqvu/behaviormanager/binding          the typed call layer of a method table
 #   lib/pkgconfig/tuqvu.pc                         Cflags -I<prefix>/include/tuqvu
 #   share/tuqvu/behaviors                          the sample behaviors (the system library)
 #   share/tuqvu/ui                                 the dashboard the broker serves at /ui/
@@ -21,10 +22,11 @@ foreach(target ${_tuqvu_libraries})
 endforeach()
 
 set(_tuqvu_includedir ${CMAKE_INSTALL_INCLUDEDIR}/tuqvu)
-install(DIRECTORY platform/include/zr platform/include/vu DESTINATION ${_tuqvu_includedir})
+install(DIRECTORY platform/core/include/zr platform/core/include/vu DESTINATION ${_tuqvu_includedir})
 install(DIRECTORY platform/project/include/vu DESTINATION ${_tuqvu_includedir})
 install(DIRECTORY platform/modules/include/zr DESTINATION ${_tuqvu_includedir})
-install(DIRECTORY behavior/behaviormanager/binding/zr DESTINATION ${_tuqvu_includedir})
+install(DIRECTORY behavior/behaviormanager/binding/include/behaviormanager
+        DESTINATION ${_tuqvu_includedir})
 
 install(DIRECTORY share/tuqvu DESTINATION ${CMAKE_INSTALL_DATADIR})
 

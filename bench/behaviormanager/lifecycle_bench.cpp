@@ -7,7 +7,7 @@
 //   - the duration of one remote "stopAllBehaviors" that stops them all.
 //
 //   lifecycle_bench [behaviors] [queries]
-#include <behaviormanager.h>
+#include <behaviormanager/behaviormanager.h>
 #include <vu/log.h>
 #include <zr/modules/zrframemanager.h>
 #include <zr/modules/zrmemory.h>

@@ -16,7 +16,7 @@
 // "directory").
 //
 // The data is made once in $INSTALL_BENCH_DIR (default <tmp>/tuqvu-install-bench).
-#include <behaviormanager.h>
+#include <behaviormanager/behaviormanager.h>
 #include <unistd.h>
 #include <vu/log.h>
 #include <zr/modules/zrframemanager.h>

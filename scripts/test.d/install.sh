@@ -23,7 +23,7 @@ cmake --install "$build" --prefix "$prefix" >"$work/install.log"
 for file in bin/tuqvu bin/tuqvu-call lib/libtuqvucore.so lib/libtuqvuproject.so \
             lib/libtuqvumodules.so lib/libzrbehaviormanager.so lib/pkgconfig/tuqvu.pc \
             include/tuqvu/zr/zrmodule.h include/tuqvu/zr/proxies/zrmemoryproxy.h \
-            include/tuqvu/vu/project/package.h include/tuqvu/zr/detail/zrfunctor.h \
+            include/tuqvu/vu/project/package.h include/tuqvu/behaviormanager/binding/zrfunctor.h \
             share/tuqvu/behaviors/stand/behavior.xar share/tuqvu/ui/index.html \
             share/tuqvu/ui/app.js share/man/man1/tuqvu.1 \
             share/man/man1/tuqvu-call.1 share/bash-completion/completions/tuqvu-call \

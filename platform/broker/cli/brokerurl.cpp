@@ -1,5 +1,6 @@
 // tuqvu-call: the broker's URL given with --url.
 #include <tuqvu/broker/cli.h>
+#include <vu/text.h>
 
 #include <cctype>
 #include <stdexcept>
@@ -41,8 +42,7 @@ Url parseUrl(const std::string& text) {
     if (colon != std::string::npos) port = authority.substr(colon + 1);
   }
   if (url.host.empty()) throw UsageError("no host in the URL \"" + text + "\"");
-  if (port.empty() || port.size() > 5 ||
-      port.find_first_not_of("0123456789") != std::string::npos || std::stoi(port) > 65535) {
+  if (!vu::text::wholeNumber(port, 65535)) {
     throw UsageError("bad port in the URL \"" + text + "\"");
   }
   url.port = port;

@@ -6,7 +6,10 @@
 #include <algorithm>
 #include <boost/filesystem.hpp>
 #include <cctype>
+#include <cstdint>
 #include <cstdlib>
+#include <limits>
+#include <optional>
 #include <stdexcept>
 
 namespace tuqvu {
@@ -136,11 +139,10 @@ bool parseFileReply(const std::string& bytes, bool closed, FileReply& reply) {
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     if (name != "content-length") continue;
     const std::string value = lines[i].substr(lines[i].find_first_not_of(" \t", colon + 1));
-    if (value.empty() || value.size() > 15 ||
-        value.find_first_not_of("0123456789") != std::string::npos) {
-      throw ClientError("bad Content-Length \"" + value + "\"");
-    }
-    length = std::stoll(value);
+    const std::optional<std::uint64_t> given =
+        vu::text::wholeNumber(value, std::numeric_limits<long long>::max());
+    if (!given) throw ClientError("bad Content-Length \"" + value + "\"");
+    length = static_cast<long long>(*given);
   }
   const std::size_t available = bytes.size() - bodyStart;
   if (length >= 0) {

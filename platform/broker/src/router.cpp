@@ -6,7 +6,12 @@
 #include <tuqvu/broker/router.h>
 #include <tuqvu/broker/url.h>
 #include <vu/html.h>
+#include <vu/text.h>
 #include <zr/zrerror.h>
+
+#include <cstdint>
+#include <limits>
+#include <optional>
 
 namespace tuqvu {
 namespace broker {
@@ -170,13 +175,13 @@ Routed route(Request& request, const std::shared_ptr<const RpcDispatcher>& rpc,
     std::uint64_t after = 0;
     const std::vector<std::string> given = queryValues(target.query, "after");
     if (!given.empty()) {
-      const std::string& text = given.front();
-      if (text.empty() || text.size() > 19 ||
-          text.find_first_not_of("0123456789") != std::string::npos) {
+      const std::optional<std::uint64_t> number =
+          vu::text::wholeNumber(given.front(), std::numeric_limits<std::uint64_t>::max());
+      if (!number) {
         return respond(textResponse(http::status::bad_request,
                                     "after= takes the sequence number of a log entry"));
       }
-      after = std::stoull(text);
+      after = *number;
     }
     Response log = jsonResponse(http::status::ok, recentLogJson(*recentLog, after));
     log.set(http::field::cache_control, "no-store");

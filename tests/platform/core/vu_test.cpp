@@ -12,7 +12,9 @@
 #include <vu/unicode.h>
 
 #include <boost/filesystem.hpp>
+#include <cstdint>
 #include <cstdlib>
+#include <optional>
 #include <regex>
 
 namespace fs = boost::filesystem;
@@ -220,6 +222,20 @@ TEST(VuText, AllDigitsMeansAtLeastOneAndOnlyAsciiDigits) {
   EXPECT_FALSE(vu::text::isAllDigits("-1"));
   EXPECT_FALSE(vu::text::isAllDigits(" 1"));
   EXPECT_FALSE(vu::text::isAllDigits("\xd9\xa3"));  // an Arabic-Indic digit is not ASCII
+}
+
+TEST(VuText, AWholeNumberIsReadUpToItsLargestAndNothingElseIs) {
+  EXPECT_EQ(std::optional<std::uint64_t>(0), vu::text::wholeNumber("0", 10));
+  EXPECT_EQ(std::optional<std::uint64_t>(65535), vu::text::wholeNumber("65535", 65535));
+  EXPECT_EQ(std::optional<std::uint64_t>(8), vu::text::wholeNumber("008", 65535));
+  EXPECT_EQ(std::nullopt, vu::text::wholeNumber("65536", 65535));
+  EXPECT_EQ(std::optional<std::uint64_t>(18446744073709551615u),
+            vu::text::wholeNumber("18446744073709551615", UINT64_MAX));
+  EXPECT_EQ(std::nullopt, vu::text::wholeNumber("18446744073709551616", UINT64_MAX));
+  EXPECT_EQ(std::nullopt, vu::text::wholeNumber("99999999999999999999999", UINT64_MAX));
+  for (const char* notANumber : {"", "-1", "+1", " 1", "1 ", "1e3", "0x10", "\xd9\xa1"}) {
+    EXPECT_EQ(std::nullopt, vu::text::wholeNumber(notANumber, UINT64_MAX)) << notANumber;
+  }
 }
 
 TEST(VuText, LowerCaseChangesOnlyTheAsciiCapitals) {

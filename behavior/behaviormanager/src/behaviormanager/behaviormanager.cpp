@@ -1,6 +1,5 @@
 // Construction, destruction and the method table of the module.
-#include "behaviormanager.h"
-
+#include <behaviormanager/behaviormanager.h>
 #include <vu/os.h>
 #include <vu/path.h>
 #include <vu/project/behaviorlibraryproject.h>

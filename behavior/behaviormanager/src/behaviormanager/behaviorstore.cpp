@@ -1,4 +1,5 @@
 // The user library, its notifications, and the names behaviors go by.
+#include <behaviormanager/behaviormanager.h>
 #include <vu/containment.h>
 #include <vu/os.h>
 #include <vu/project/project.h>
@@ -8,7 +9,6 @@
 #include <boost/bind/bind.hpp>
 #include <boost/filesystem.hpp>
 
-#include "behaviormanager.h"
 #include "detail.h"
 
 namespace fs = boost::filesystem;

@@ -1,5 +1,6 @@
 // The default behaviors: a list kept in the preference file "DefaultBehaviors", started
 // when the middleware announces that it is ready.
+#include <behaviormanager/behaviormanager.h>
 #include <zr/proxies/zrpreferencesproxy.h>
 #include <zr/zrproxy.h>
 
@@ -8,7 +9,6 @@
 #include <boost/thread/lock_guard.hpp>
 #include <cmath>
 
-#include "behaviormanager.h"
 #include "detail.h"
 
 namespace ZR {

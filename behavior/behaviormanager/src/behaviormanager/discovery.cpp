@@ -1,11 +1,11 @@
 // Listing the installed behaviors and finding the directory a name designates.
+#include <behaviormanager/behaviormanager.h>
 #include <vu/project/project.h>
 
 #include <boost/algorithm/string/erase.hpp>
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/filesystem.hpp>
 
-#include "behaviormanager.h"
 #include "detail.h"
 
 namespace fs = boost::filesystem;

@@ -1,7 +1,6 @@
 // The entry point through which the broker loads this module library.
+#include <behaviormanager/behaviormanager.h>
 #include <zr/zrmodule.h>
-
-#include "behaviormanager.h"
 
 extern "C" __attribute__((visibility("default"))) ZR::ZRModule* tuqvuCreateModule(
     boost::shared_ptr<ZR::ZRBroker> broker, const char* name) {

@@ -1,4 +1,5 @@
 // Installing behaviors, packages and resources into the user library.
+#include <behaviormanager/behaviormanager.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <vu/beneath.h>
@@ -10,7 +11,6 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "behaviormanager.h"
 #include "detail.h"
 
 namespace fs = boost::filesystem;

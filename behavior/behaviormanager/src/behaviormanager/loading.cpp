@@ -1,7 +1,8 @@
 // Loading behaviors into the frame manager, unloading them, and the registry queries.
+#include <behaviormanager/behaviormanager.h>
+
 #include <boost/filesystem/path.hpp>
 
-#include "behaviormanager.h"
 #include "detail.h"
 
 namespace fs = boost::filesystem;

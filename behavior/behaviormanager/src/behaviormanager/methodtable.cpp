@@ -1,10 +1,9 @@
 // The module's method table: every remote method with its description, parameters and
 // result, bound to its member.
-#include <zr/detail/zrcompleteandcheck.h>
-#include <zr/detail/zrfunctor.h>
+#include <behaviormanager/behaviormanager.h>
+#include <behaviormanager/binding/zrcompleteandcheck.h>
+#include <behaviormanager/binding/zrfunctor.h>
 #include <zr/zrtypes.h>
-
-#include "behaviormanager.h"
 
 namespace ZR {
 namespace BehaviorManager {

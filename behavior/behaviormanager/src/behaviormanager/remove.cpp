@@ -1,10 +1,10 @@
 // Removing behaviors and resources from the user library.
+#include <behaviormanager/behaviormanager.h>
 #include <vu/project/project.h>
 
 #include <cerrno>
 #include <cstring>
 
-#include "behaviormanager.h"
 #include "detail.h"
 
 namespace ZR {

@@ -1,7 +1,8 @@
 // Running behaviors to their end, stopping them, and the running queries.
+#include <behaviormanager/behaviormanager.h>
+
 #include <boost/algorithm/string/predicate.hpp>
 
-#include "behaviormanager.h"
 #include "detail.h"
 
 namespace ZR {

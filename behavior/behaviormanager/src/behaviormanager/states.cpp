@@ -2,10 +2,11 @@
 // through which loads, runs and stops coordinate. Every change of a state wakes the
 // waiting threads, which look at the state again; a wait ends when the state it waits
 // for is there or at its deadline, whichever comes first.
+#include <behaviormanager/behaviormanager.h>
+
 #include <algorithm>
 #include <chrono>
 
-#include "behaviormanager.h"
 #include "detail.h"
 
 namespace ZR {

@@ -1,10 +1,10 @@
 // The module's page in the broker's web interface: loaded, running and installed
 // behaviors, with links that play or stop one through "?eval=" requests.
+#include <behaviormanager/behaviormanager.h>
 #include <vu/html.h>
 
 #include <cctype>
 
-#include "behaviormanager.h"
 #include "detail.h"
 
 namespace ZR {

@@ -1,7 +1,8 @@
 // Tags of behaviors, of directories of behaviors and of both libraries.
+#include <behaviormanager/behaviormanager.h>
+
 #include <boost/algorithm/string/predicate.hpp>
 
-#include "behaviormanager.h"
 #include "detail.h"
 
 namespace ZR {

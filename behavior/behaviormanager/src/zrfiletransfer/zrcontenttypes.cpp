@@ -1,10 +1,10 @@
 // The content-type table of GET replies. It is built empty at load time and filled by
 // every ZRFileTransfer constructor; a lock keeps a second server's constructor from
 // racing a first server's listener.
-#include <zrfiletransfer/zrhttphandlers.h>
-
 #include <boost/algorithm/string/case_conv.hpp>
 #include <mutex>
+
+#include "zrhttphandlers.h"
 
 namespace ZR {
 namespace {

@@ -2,9 +2,9 @@
 #include <vu/os.h>
 #include <zr/zrnetworkaccess.h>
 #include <zrfiletransfer/zrfiletransfer.h>
-#include <zrfiletransfer/zrhttphandlers.h>
 
 #include "zrfiletransferprivate.h"
+#include "zrhttphandlers.h"
 
 namespace ZR {
 namespace {

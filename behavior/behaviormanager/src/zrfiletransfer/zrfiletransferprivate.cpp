@@ -10,7 +10,6 @@
 #include <vu/log.h>
 #include <vu/os.h>
 #include <zr/zrerror.h>
-#include <zrfiletransfer/zrhttphandlers.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -18,6 +17,7 @@
 #include <cstring>
 
 #include "zracceptbackoff.h"
+#include "zrhttphandlers.h"
 #include "zrhttpreply.h"
 
 namespace ZR {

@@ -4,11 +4,11 @@
 // installation and the folders this robot depends on are refused with 403.
 #include <vu/beneath.h>
 #include <vu/log.h>
-#include <zrfiletransfer/zrhttphandlers.h>
 
 #include <cerrno>
 #include <cstring>
 
+#include "zrhttphandlers.h"
 #include "zrhttpreply.h"
 #include "zrrequestguard.h"
 #include "zrwriteguard.h"

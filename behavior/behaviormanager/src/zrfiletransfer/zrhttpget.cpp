@@ -13,13 +13,13 @@
 #include <vu/beneath.h>
 #include <vu/log.h>
 #include <vu/text.h>
-#include <zrfiletransfer/zrhttphandlers.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <vector>
 
+#include "zrhttphandlers.h"
 #include "zrhttpreply.h"
 #include "zrrequestguard.h"
 #include "zrwriteguard.h"

@@ -11,7 +11,6 @@
 #include <vu/log.h>
 #include <vu/replacement.h>
 #include <vu/text.h>
-#include <zrfiletransfer/zrhttphandlers.h>
 
 #include <algorithm>
 #include <boost/filesystem/operations.hpp>
@@ -20,6 +19,7 @@
 #include <cstring>
 #include <optional>
 
+#include "zrhttphandlers.h"
 #include "zrhttpreply.h"
 #include "zrrequestguard.h"
 #include "zrwriteguard.h"

@@ -2,7 +2,8 @@
 
 #include <vu/log.h>
 #include <vu/unicode.h>
-#include <zrfiletransfer/zrhttphandlers.h>
+
+#include "zrhttphandlers.h"
 
 namespace ZR {
 namespace detail {

@@ -20,9 +20,10 @@
 #include <vu/os.h>
 #include <vu/path.h>
 #include <vu/unicode.h>
-#include <zrfiletransfer/zrhttphandlers.h>
 
 #include <boost/filesystem/operations.hpp>
+
+#include "zrhttphandlers.h"
 
 namespace fs = boost::filesystem;
 

@@ -1,8 +1,8 @@
-#include <zrfiletransfer/zrhttphandlers.h>
 #include <zrfiletransfer/zrservedfolders.h>
 
 #include <boost/filesystem/path.hpp>
 
+#include "zrhttphandlers.h"
 #include "zrserverlimits.h"
 #include "zrwriteguard.h"
 

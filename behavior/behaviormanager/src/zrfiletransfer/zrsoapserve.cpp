@@ -2,8 +2,7 @@
 // PUT and DELETE to the hooks; the service has no SOAP operations, so anything else that
 // reaches this loop (a POST or a SOAP request) is answered 405 and ends the connection,
 // and so are OPTIONS, HEAD and PATCH (see zrrequestguard.h).
-#include <zrfiletransfer/zrhttphandlers.h>
-
+#include "zrhttphandlers.h"
 #include "zrrequestguard.h"
 
 namespace ZR {

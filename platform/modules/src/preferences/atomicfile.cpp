@@ -4,10 +4,14 @@
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vu/text.h>
 
 #include <atomic>
 #include <boost/filesystem.hpp>
 #include <cerrno>
+#include <cstdint>
+#include <limits>
+#include <optional>
 #include <system_error>
 
 namespace fs = boost::filesystem;
@@ -120,13 +124,10 @@ int removeStaleTemporaries(const std::string& path) {
     const std::string rest = name.substr(prefix.size());
     const std::size_t dot = rest.find('.');
     if (dot == 0 || dot == std::string::npos) continue;
-    const std::string pidText = rest.substr(0, dot);
-    if (pidText.size() > 9 || pidText.find_first_not_of("0123456789") != std::string::npos) {
-      continue;
-    }
-    const long pid = std::stol(pidText);
-    if (pid <= 0 || pid == ::getpid()) continue;
-    if (::kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH) continue;  // still alive
+    const std::optional<std::uint64_t> pid =
+        vu::text::wholeNumber(rest.substr(0, dot), std::numeric_limits<pid_t>::max());
+    if (!pid || *pid == 0 || static_cast<pid_t>(*pid) == ::getpid()) continue;
+    if (::kill(static_cast<pid_t>(*pid), 0) == 0 || errno != ESRCH) continue;  // still alive
     boost::system::error_code ignored;
     if (fs::remove(it->path(), ignored)) ++removed;
   }

@@ -3,7 +3,7 @@
 // a module that records memory events the way a remote subscriber receives them.
 #pragma once
 
-#include <behaviormanager.h>
+#include <behaviormanager/behaviormanager.h>
 #include <common/logcapture.h>
 #include <gtest/gtest.h>
 #include <vu/log.h>

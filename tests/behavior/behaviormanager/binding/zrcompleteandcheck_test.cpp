@@ -1,5 +1,5 @@
+#include <behaviormanager/binding/zrcompleteandcheck.h>
 #include <gtest/gtest.h>
-#include <zr/detail/zrcompleteandcheck.h>
 
 namespace {
 struct Target {

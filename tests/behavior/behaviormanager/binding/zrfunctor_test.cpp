@@ -1,5 +1,5 @@
+#include <behaviormanager/binding/zrfunctor.h>
 #include <gtest/gtest.h>
-#include <zr/detail/zrfunctor.h>
 #include <zr/zrerror.h>
 
 using ZR::createFunctor;

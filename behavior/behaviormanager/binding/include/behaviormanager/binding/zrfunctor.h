@@ -9,11 +9,12 @@
 // as C++ member-pointer calls always are.
 #pragma once
 
-#include <zr/detail/zrfunctorconvert.h>
 #include <zr/zrfunctorbase.h>
 #include <zr/zrvalue.h>
 
 #include <boost/shared_ptr.hpp>
+
+#include "zrfunctorconvert.h"
 
 namespace ZR {
 namespace detail {

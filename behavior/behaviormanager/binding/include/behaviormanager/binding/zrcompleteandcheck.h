@@ -3,11 +3,12 @@
 // declared with addParam get records named "arg1", "arg2", ...
 #pragma once
 
-#include <zr/detail/zrfunctorconvert.h>
 #include <zr/zrmethodinfo.h>
 #include <zr/zrtypes.h>
 
 #include <string>
+
+#include "zrfunctorconvert.h"
 
 namespace ZR {
 

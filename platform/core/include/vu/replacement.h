@@ -14,11 +14,10 @@
 #pragma once
 
 #include <sys/types.h>
+#include <vu/beneath.h>
 
 #include <optional>
 #include <string>
-
-#include "beneath.h"
 
 namespace vu {
 namespace beneath {

@@ -1,6 +1,8 @@
 #include <vu/text.h>
 
 #include <algorithm>
+#include <charconv>
+#include <system_error>
 
 namespace vu {
 namespace text {
@@ -15,6 +17,15 @@ bool holdsControlCharacter(std::string_view text) {
 bool isAllDigits(std::string_view text) {
   return !text.empty() &&
          std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+std::optional<std::uint64_t> wholeNumber(std::string_view text, std::uint64_t largest) {
+  if (!isAllDigits(text)) return std::nullopt;
+  std::uint64_t number = 0;
+  const char* end = text.data() + text.size();
+  const std::from_chars_result read = std::from_chars(text.data(), end, number);
+  if (read.ec != std::errc() || read.ptr != end || number > largest) return std::nullopt;
+  return number;
 }
 
 std::string asciiLowerCase(std::string_view text) {
