@@ -1,23 +1,17 @@
 #include <tuqvu/broker/httpserver.h>
 #include <tuqvu/broker/listener.h>
-#include <vu/log.h>
 
-#include <algorithm>
 #include <boost/asio/ip/address.hpp>
+#include <thread>
 
 namespace tuqvu {
 namespace broker {
 
 namespace net = boost::asio;
 
-HttpServer::HttpServer(std::shared_ptr<ServerContext> context, int ioThreads)
-    : fContext(std::move(context)), fIoThreads(ioThreads < 1 ? 1 : ioThreads), fIoc(fIoThreads) {
-  fContext->inlineCalls = std::make_shared<InlineCalls>(fIoThreads);
-}
-
-int HttpServer::defaultIoThreads() {
-  const int cores = static_cast<int>(std::thread::hardware_concurrency());
-  return std::max(3, cores + 1);
+HttpServer::HttpServer(std::shared_ptr<ServerContext> context, int lanes)
+    : fContext(std::move(context)), fLanes(std::make_shared<IoLanes>(lanes)) {
+  fContext->lanes = fLanes;
 }
 
 HttpServer::~HttpServer() {
@@ -27,22 +21,9 @@ HttpServer::~HttpServer() {
 net::ip::tcp::endpoint HttpServer::start(const std::string& address, int port) {
   const net::ip::tcp::endpoint endpoint(net::ip::make_address(address),
                                         static_cast<unsigned short>(port));
-  fListener = std::make_shared<Listener>(fIoc, endpoint, fContext);
+  fListener = std::make_shared<Listener>(*fLanes, endpoint, fContext);
   fListener->run();
-  fWork.emplace(fIoc.get_executor());
-  for (int i = 0; i < fIoThreads; ++i) {
-    fThreads.emplace_back([this] {
-      for (;;) {
-        try {
-          fIoc.run();
-          return;
-        } catch (const std::exception& error) {
-          // A handler that throws must not take the server down with it.
-          vu::log::write(vu::log::error, "tuqvu.http", "run", error.what());
-        }
-      }
-    });
-  }
+  fLanes->start();
   return fListener->localEndpoint();
 }
 
@@ -60,12 +41,7 @@ bool HttpServer::drain(std::chrono::milliseconds timeout) {
 }
 
 void HttpServer::stop() {
-  fWork.reset();
-  fIoc.stop();
-  for (std::thread& thread : fThreads) {
-    if (thread.joinable()) thread.join();
-  }
-  fThreads.clear();
+  fLanes->stop();
   fListener.reset();
 }
 

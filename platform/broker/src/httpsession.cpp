@@ -8,7 +8,10 @@
 #include <zr/zrnetworkaccess.h>
 
 #include <boost/asio/dispatch.hpp>
+#include <boost/asio/execution/context.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/asio/query.hpp>
+#include <boost/asio/write.hpp>
 #include <boost/beast/core/string.hpp>
 #include <chrono>
 #include <limits>
@@ -26,6 +29,7 @@ const char* const kCategory = "tuqvu.http";
 constexpr auto kIdleTimeout = std::chrono::seconds(60);   // waiting for a request
 constexpr auto kWriteTimeout = std::chrono::seconds(30);  // a client taking an answer
 constexpr auto kLingerTimeout = std::chrono::seconds(5);  // a closing client
+constexpr std::size_t kKeptAnswerBytes = 64 * 1024;
 
 bool isParseError(const beast::error_code& error) {
   return error.category() == beast::http::make_error_code(http::error::bad_target).category();
@@ -176,6 +180,13 @@ void HttpSession::startCall(Routed&& routed, unsigned version, bool keepAlive) {
     return send(textResponse(http::status::service_unavailable, "the broker is shutting down"),
                 version, false);
   }
+  // The call is made on this thread when the lane makes no other call now. The claim
+  // covers the admission too, whose first look at a local client may take a while.
+  IoLanes::Call inPlace;
+  if (fContext->lanes) {
+    inPlace =
+        fContext->lanes->enterCall(net::query(fStream.get_executor(), net::execution::context));
+  }
   // One slot of the client's and of the broker's calls, held until the call returns.
   CallAdmission::Ticket admitted;
   if (fContext->admission) {
@@ -194,11 +205,10 @@ void HttpSession::startCall(Routed&& routed, unsigned version, bool keepAlive) {
 
   // No timer runs while the call does: a call may take minutes and the client waits.
   fStream.expiresNever();
-  if (InlineCalls::Slot slot =
-          fContext->inlineCalls ? fContext->inlineCalls->tryEnter() : InlineCalls::Slot()) {
+  if (inPlace) {
     Response response = runCall(call);
     admitted.reset();
-    slot.release();
+    inPlace.release();
     return send(std::move(response), version, keepAlive, token);
   }
   auto self = shared_from_this();
@@ -227,16 +237,19 @@ void HttpSession::send(Response&& response, unsigned version, bool keepAlive,
   response.version(version);
   response.keep_alive(keepAlive);
   response.prepare_payload();
-  fResponse = std::make_shared<Response>(std::move(response));
+  const bool close = response.need_eof();
+  serializeResponse(response, fAnswer);
   fStream.expiresAfter(kWriteTimeout);
   auto self = shared_from_this();
-  http::async_write(fStream, *fResponse, [self, token](beast::error_code error, std::size_t) {
-    const bool close = self->fResponse->need_eof();
-    self->fResponse.reset();
-    if (error) return fail(error, "write");
-    if (close) return self->doClose();
-    self->doRead();
-  });
+  net::async_write(fStream, net::buffer(fAnswer),
+                   [self, token, close](beast::error_code error, std::size_t) {
+                     // A connection keeps room for a usual answer, not for its largest.
+                     if (self->fAnswer.capacity() > kKeptAnswerBytes)
+                       std::string().swap(self->fAnswer);
+                     if (error) return fail(error, "write");
+                     if (close) return self->doClose();
+                     self->doRead();
+                   });
 }
 
 void HttpSession::sendAndClose(http::status status, const std::string& text) {

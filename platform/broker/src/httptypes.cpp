@@ -39,5 +39,38 @@ Response methodNotAllowed(const std::string& allowed) {
   return response;
 }
 
+void serializeResponse(const Response& response, std::string& out) {
+  out.clear();
+  const unsigned version = response.version();
+  const unsigned status = response.result_int();
+  const char startLine[] = {'H',
+                            'T',
+                            'T',
+                            'P',
+                            '/',
+                            static_cast<char>('0' + version / 10 % 10),
+                            '.',
+                            static_cast<char>('0' + version % 10),
+                            ' ',
+                            static_cast<char>('0' + status / 100 % 10),
+                            static_cast<char>('0' + status / 10 % 10),
+                            static_cast<char>('0' + status % 10),
+                            ' '};
+  out.append(startLine, sizeof startLine);
+  const auto reason = response.reason();
+  out.append(reason.data(), reason.size());
+  out.append("\r\n");
+  for (const auto& field : response) {
+    const auto name = field.name_string();
+    const auto value = field.value();
+    out.append(name.data(), name.size());
+    out.append(": ");
+    out.append(value.data(), value.size());
+    out.append("\r\n");
+  }
+  out.append("\r\n");
+  out.append(response.body());
+}
+
 }  // namespace broker
 }  // namespace tuqvu

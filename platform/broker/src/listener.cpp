@@ -14,10 +14,10 @@ namespace broker {
 namespace net = boost::asio;
 using tcp = net::ip::tcp;
 
-Listener::Listener(net::io_context& ioc, const tcp::endpoint& endpoint,
+Listener::Listener(IoLanes& lanes, const tcp::endpoint& endpoint,
                    std::shared_ptr<ServerContext> context)
-    : fIoc(ioc),
-      fAcceptor(net::make_strand(ioc)),
+    : fLanes(lanes),
+      fAcceptor(net::make_strand(lanes.lane(0))),
       fRetry(fAcceptor.get_executor()),
       fContext(std::move(context)) {
   fAcceptor.open(endpoint.protocol());
@@ -44,7 +44,7 @@ tcp::endpoint Listener::localEndpoint() const {
 }
 
 void Listener::doAccept() {
-  fAcceptor.async_accept(net::make_strand(fIoc),
+  fAcceptor.async_accept(net::make_strand(fLanes.next()),
                          boost::beast::bind_front_handler(&Listener::onAccept, shared_from_this()));
 }
 

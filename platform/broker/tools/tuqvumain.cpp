@@ -401,7 +401,7 @@ int main(int argc, char** argv) {
           hub->publish(key, value);
           if (fleet) fleet->memoryEvent(key, value);
         });
-    tb::HttpServer server(context, tb::HttpServer::defaultIoThreads());
+    tb::HttpServer server(context, tb::IoLanes::defaultCount());
     const std::string listening = listen(server, *options);
     announceReady(broker);
     if (fleet) fleet->start();

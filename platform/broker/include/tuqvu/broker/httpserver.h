@@ -1,6 +1,6 @@
-// The broker's HTTP server: a listener and the I/O threads that run its connections.
+// The broker's HTTP server: a listener and the I/O lanes that run its connections.
 //
-//   HttpServer server(context, 2);
+//   HttpServer server(context, IoLanes::defaultCount());
 //   auto endpoint = server.start("127.0.0.1", 9600);   // throws when it cannot bind
 //   ...
 //   server.stopAccepting();
@@ -8,17 +8,13 @@
 //   server.stop();
 #pragma once
 
+#include <tuqvu/broker/iolanes.h>
 #include <tuqvu/broker/servercontext.h>
 
-#include <boost/asio/executor_work_guard.hpp>
-#include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <chrono>
 #include <memory>
-#include <optional>
 #include <string>
-#include <thread>
-#include <vector>
 
 namespace tuqvu {
 namespace broker {
@@ -27,11 +23,8 @@ class Listener;
 
 class HttpServer {
 public:
-  // Sets context->inlineCalls for its `ioThreads` I/O threads.
-  HttpServer(std::shared_ptr<ServerContext> context, int ioThreads);
-  // One I/O thread per core and one more, at least three: calls run on the I/O threads
-  // while one of them stays free (see InlineCalls), so every core can make calls.
-  static int defaultIoThreads();
+  // Runs its connections on `lanes` I/O lanes (see IoLanes) and sets context->lanes.
+  HttpServer(std::shared_ptr<ServerContext> context, int lanes);
   ~HttpServer();  // stop()
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
@@ -45,13 +38,8 @@ public:
 
 private:
   std::shared_ptr<ServerContext> fContext;
-  int fIoThreads;
-  boost::asio::io_context fIoc;
-  // Keeps the I/O threads running while no operation is pending (every connection may be
-  // waiting for a call, with the acceptor closed).
-  std::optional<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>> fWork;
+  std::shared_ptr<IoLanes> fLanes;
   std::shared_ptr<Listener> fListener;
-  std::vector<std::thread> fThreads;
 };
 
 }  // namespace broker

@@ -42,8 +42,8 @@ private:
   void onHeader(boost::beast::error_code error, std::size_t bytes);
   void onRead(boost::beast::error_code error, std::size_t bytes);
   void handle(Request&& request);
-  // Makes the call on this I/O thread when another one stays free for the other
-  // connections (see InlineCalls), else on the executor, and answers it.
+  // Makes the call on this I/O thread when its lane makes no other call now (see
+  // IoLanes), else on the executor, and answers it.
   void startCall(Routed&& routed, unsigned version, bool keepAlive);
   static Response runCall(const std::function<Response()>& call);  // an exception: 500
   // Whom the calls of this connection are counted for: its address, or the local process.
@@ -62,7 +62,7 @@ private:
   Stream fStream;
   boost::beast::flat_buffer fBuffer;
   std::optional<http::request_parser<http::string_body>> fParser;
-  std::shared_ptr<Response> fResponse;  // the response being written
+  std::string fAnswer;  // the answer being written, on the wire; reused for the next
   // The request being answered came with the secret: its answer sets the session cookie.
   // Touched only by this session's handlers, one request at a time.
   bool fHandOutSessionCookie = false;

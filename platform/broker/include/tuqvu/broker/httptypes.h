@@ -23,5 +23,10 @@ Response htmlResponse(http::status status, std::string html);
 // 405 with the Allow header.
 Response methodNotAllowed(const std::string& allowed);
 
+// The bytes of `response` on the wire, in one piece, as Beast's serializer writes them for
+// a body of known length (after prepare_payload): into `out`, whose capacity is kept so
+// that a connection reuses it for every answer.
+void serializeResponse(const Response& response, std::string& out);
+
 }  // namespace broker
 }  // namespace tuqvu

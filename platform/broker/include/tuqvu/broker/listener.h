@@ -1,10 +1,11 @@
-// Accepts connections and starts an HttpSession on a strand of its own for each.
+// Accepts connections and starts an HttpSession for each, on a strand of its own on the
+// next I/O lane.
 #pragma once
 
 #include <tuqvu/broker/acceptfailures.h>
+#include <tuqvu/broker/iolanes.h>
 #include <tuqvu/broker/servercontext.h>
 
-#include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/error.hpp>
@@ -16,7 +17,7 @@ namespace broker {
 class Listener : public std::enable_shared_from_this<Listener> {
 public:
   // Binds and listens; throws boost::system::system_error when it cannot.
-  Listener(boost::asio::io_context& ioc, const boost::asio::ip::tcp::endpoint& endpoint,
+  Listener(IoLanes& lanes, const boost::asio::ip::tcp::endpoint& endpoint,
            std::shared_ptr<ServerContext> context);
 
   void run();
@@ -28,7 +29,7 @@ private:
   void doAccept();
   void onAccept(boost::beast::error_code error, boost::asio::ip::tcp::socket socket);
 
-  boost::asio::io_context& fIoc;
+  IoLanes& fLanes;
   boost::asio::ip::tcp::acceptor fAcceptor;
   boost::asio::steady_timer fRetry;  // a pause after a failed accept (out of descriptors)
   std::shared_ptr<ServerContext> fContext;

@@ -4,7 +4,7 @@
 
 #include <tuqvu/broker/calladmission.h>
 #include <tuqvu/broker/callexecutor.h>
-#include <tuqvu/broker/inlinecalls.h>
+#include <tuqvu/broker/iolanes.h>
 #include <tuqvu/broker/localclient.h>
 #include <tuqvu/broker/recentlog.h>
 #include <tuqvu/broker/rpcdispatcher.h>
@@ -25,9 +25,9 @@ namespace broker {
 struct ServerContext {
   std::shared_ptr<const RpcDispatcher> rpc;
   std::shared_ptr<CallExecutor> executor;
-  // Which calls may run on the I/O thread that read them; null: none (all go to the
-  // executor). Set by the HttpServer, which knows its I/O threads.
-  std::shared_ptr<InlineCalls> inlineCalls;
+  // The I/O lanes, which make calls on the thread that read them while they can; null:
+  // every call goes to the executor. Set by the HttpServer.
+  std::shared_ptr<IoLanes> lanes;
   // How many calls run at once, per client and in all; null: no limit.
   std::shared_ptr<CallAdmission> admission;
   // Names the local program behind a loopback connection, for the admission; null: each
