@@ -116,7 +116,7 @@ Stream connectToServer(net::io_context& ioc, const Url& url, const ServerTrust& 
   // Requests from a run before this one may have stopped the context.
   ioc.restart();
   tcp::resolver resolver(ioc);
-  beast::tcp_stream tcpStream(ioc);
+  Stream::Plain tcpStream(net::make_strand(ioc));
   tcpStream.connect(resolver.resolve(url.host, url.port));
   if (!url.secure) return Stream(std::move(tcpStream));
 

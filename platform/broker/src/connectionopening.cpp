@@ -14,7 +14,7 @@ namespace broker {
 namespace beast = boost::beast;
 namespace net = boost::asio;
 
-ConnectionOpening::ConnectionOpening(net::ip::tcp::socket&& socket,
+ConnectionOpening::ConnectionOpening(Stream::Socket&& socket,
                                      std::shared_ptr<ServerContext> context)
     : fStream(std::move(socket)),
       fContext(std::move(context)),

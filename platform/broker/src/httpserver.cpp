@@ -1,5 +1,6 @@
 #include <tuqvu/broker/httpserver.h>
 #include <tuqvu/broker/listener.h>
+#include <zr/zrnetworkaccess.h>
 
 #include <boost/asio/ip/address.hpp>
 #include <thread>
@@ -21,6 +22,7 @@ HttpServer::~HttpServer() {
 net::ip::tcp::endpoint HttpServer::start(const std::string& address, int port) {
   const net::ip::tcp::endpoint endpoint(net::ip::make_address(address),
                                         static_cast<unsigned short>(port));
+  fContext->access = ZR::networkAccess();
   fListener = std::make_shared<Listener>(*fLanes, endpoint, fContext);
   fListener->run();
   fLanes->start();

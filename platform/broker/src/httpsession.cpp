@@ -47,7 +47,7 @@ void fail(const beast::error_code& error, const char* what) {
 
 }  // namespace
 
-HttpSession::HttpSession(net::ip::tcp::socket&& socket, std::shared_ptr<ServerContext> context)
+HttpSession::HttpSession(Stream::Socket&& socket, std::shared_ptr<ServerContext> context)
     : fStream(Stream::Plain(std::move(socket))), fContext(std::move(context)) {
   fStream.keepCounted(OpenConnection(fContext->openConnections));
 }
@@ -77,8 +77,8 @@ void HttpSession::doRead() {
 void HttpSession::onHeader(beast::error_code error, std::size_t bytes) {
   if (!error && FileSession::handles(std::string(fParser->get().target()))) {
     // Files are streamed, not read into memory: the file API takes over from the header.
-    GuardVerdict verdict = guardRequest(fParser->get(), ZR::networkAccess(), fContext->sessionToken,
-                                        fStream.encrypted());
+    GuardVerdict verdict =
+        guardRequest(fParser->get(), fContext->access, fContext->sessionToken, fStream.encrypted());
     if (verdict.refusal) {
       const bool bodyFollows = !fParser->is_done();
       return send(std::move(*verdict.refusal), fParser->get().version(),
@@ -134,7 +134,7 @@ void HttpSession::handle(Request&& request) {
   const unsigned version = request.version();
   const bool keepAlive = request.keep_alive();
   GuardVerdict verdict =
-      guardRequest(request, ZR::networkAccess(), fContext->sessionToken, fStream.encrypted());
+      guardRequest(request, fContext->access, fContext->sessionToken, fStream.encrypted());
   if (verdict.refusal) return send(std::move(*verdict.refusal), version, keepAlive);
   fHandOutSessionCookie = verdict.signedIn;
   Routed routed = route(request, fContext->rpc, fContext->recentLog.get());

@@ -48,7 +48,7 @@ void Listener::doAccept() {
                          boost::beast::bind_front_handler(&Listener::onAccept, shared_from_this()));
 }
 
-void Listener::onAccept(boost::beast::error_code error, tcp::socket socket) {
+void Listener::onAccept(boost::beast::error_code error, Stream::Socket socket) {
   if (error == net::error::operation_aborted || !fAcceptor.is_open()) return;
   if (error) {
     // Out of descriptors and the like: log, pause, and accept again; connections that

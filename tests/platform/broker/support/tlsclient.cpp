@@ -37,7 +37,7 @@ TlsConnection::TlsConnection(int port, const std::string& trusted, const std::st
     fImpl->context->load_verify_file(trusted);
     fImpl->context->set_verify_mode(ssl::verify_peer);
   }
-  Stream::Tls tls(fImpl->ioc, *fImpl->context);
+  Stream::Tls tls(net::make_strand(fImpl->ioc), *fImpl->context);
   if (!trusted.empty()) tls.set_verify_callback(ssl::host_name_verification(host));
   tls.next_layer().connect(
       tcp::endpoint(net::ip::make_address(address), static_cast<unsigned short>(port)));

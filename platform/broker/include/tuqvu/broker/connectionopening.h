@@ -21,7 +21,7 @@ public:
   static constexpr auto kHandshakeTimeout = std::chrono::seconds(10);
 
   // context->tls must be set.
-  ConnectionOpening(boost::asio::ip::tcp::socket&& socket, std::shared_ptr<ServerContext> context);
+  ConnectionOpening(Stream::Socket&& socket, std::shared_ptr<ServerContext> context);
   void start();
 
 private:
@@ -30,7 +30,7 @@ private:
   // The stream the connection goes on with, which keeps its count.
   Stream opened(Stream stream);
 
-  boost::beast::tcp_stream fStream;
+  Stream::Plain fStream;
   boost::beast::flat_buffer fBuffer;  // what was read to tell TLS from clear text
   std::shared_ptr<ServerContext> fContext;
   OpenConnection fCounted;

@@ -23,7 +23,7 @@ namespace broker {
 
 class HttpSession : public std::enable_shared_from_this<HttpSession> {
 public:
-  HttpSession(boost::asio::ip::tcp::socket&& socket, std::shared_ptr<ServerContext> context);
+  HttpSession(Stream::Socket&& socket, std::shared_ptr<ServerContext> context);
   // A connection handed over by another session (after its TLS handshake, or a request
   // another session served); `buffer` holds what was read beyond that.
   HttpSession(Stream&& stream, boost::beast::flat_buffer&& buffer,

@@ -11,7 +11,7 @@
 //
 //   IoLanes lanes(2);
 //   lanes.start();
-//   tcp::socket socket(net::make_strand(lanes.next()));     // a new connection's lane
+//   acceptor.async_accept(net::make_strand(lanes.next()), onAccept);   // its lane
 //   ...in a handler of that connection:
 //   if (IoLanes::Call call = lanes.enterCall(net::query(executor, net::execution::context))) {
 //     ...make the call on this thread; the lane takes calls again once `call` goes

@@ -5,6 +5,7 @@
 #include <tuqvu/broker/acceptfailures.h>
 #include <tuqvu/broker/iolanes.h>
 #include <tuqvu/broker/servercontext.h>
+#include <tuqvu/broker/stream.h>
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -27,7 +28,7 @@ public:
 
 private:
   void doAccept();
-  void onAccept(boost::beast::error_code error, boost::asio::ip::tcp::socket socket);
+  void onAccept(boost::beast::error_code error, Stream::Socket socket);
 
   IoLanes& fLanes;
   boost::asio::ip::tcp::acceptor fAcceptor;

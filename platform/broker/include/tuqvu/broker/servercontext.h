@@ -13,6 +13,7 @@
 #include <zr/zrfilefolders.h>
 #include <zr/zrfileservermetrics.h>
 #include <zr/zrmetrics.h>
+#include <zr/zrnetworkaccess.h>
 
 #include <atomic>
 #include <functional>
@@ -54,6 +55,10 @@ struct ServerContext {
   // With tls set: whether peers other than the robot itself may still speak plain HTTP
   // (--allow-plain-http).
   bool plainHttpBeyondLoopback = false;
+  // Who may reach the port: the process's network access as it was when the server
+  // started (the daemon sets it once, before any server binds). Read by every request, so
+  // kept here rather than asked of the process-wide settings each time.
+  ZR::ZRNetworkAccess access;
   // The value of the session cookie handed to clients that presented the secret; made
   // at start-up, never the secret itself.
   std::string sessionToken;

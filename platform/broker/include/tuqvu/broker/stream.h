@@ -10,9 +10,11 @@
 
 #include <tuqvu/broker/openconnection.h>
 
+#include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl/stream.hpp>
-#include <boost/beast/core/tcp_stream.hpp>
+#include <boost/asio/strand.hpp>
+#include <boost/beast/core/basic_stream.hpp>
 #include <boost/beast/ssl/ssl_stream.hpp>
 #include <chrono>
 #include <memory>
@@ -24,8 +26,12 @@ namespace broker {
 
 class Stream {
 public:
-  using Plain = boost::beast::tcp_stream;
-  using Tls = boost::beast::ssl_stream<boost::beast::tcp_stream>;
+  // A connection's strand on its I/O lane: named, not type-erased, because every read and
+  // write passes through it.
+  using Strand = boost::asio::strand<boost::asio::io_context::executor_type>;
+  using Plain = boost::beast::basic_stream<boost::asio::ip::tcp, Strand>;
+  using Socket = Plain::socket_type;
+  using Tls = boost::beast::ssl_stream<Plain>;
   using executor_type = Plain::executor_type;
 
   explicit Stream(Plain&& plain) : fStream(std::in_place_type<Plain>, std::move(plain)) {}
@@ -44,7 +50,7 @@ public:
   Plain& tcp() {
     return encrypted() ? std::get<Tls>(fStream).next_layer() : std::get<Plain>(fStream);
   }
-  boost::asio::ip::tcp::socket& socket() { return tcp().socket(); }
+  Socket& socket() { return tcp().socket(); }
 
   template <class Duration>
   void expiresAfter(Duration duration) {
