@@ -4,8 +4,9 @@
 # callers, races met by the soak, destruction), concurrent default-list changes and
 # installs, the project library's concurrent readers and writers, the memory module's
 # notifications, the frame manager's runs, the core (broker, mutexes), the broker's
-# event hub, and a broker serving HTTPS (its I/O threads, TLS handshakes and certificate
-# renewal, in the tuqvu of this build that the test starts), and the fleet over MQTT (the
+# event hub, the broker's daemon tests (its I/O lanes, calls that block and the standby
+# that takes a lane over, in the tuqvu of this build that they start), a broker serving
+# HTTPS (TLS handshakes and certificate renewal), and the fleet over MQTT (the
 # robots' links and commands, tuqvu-call's fleet client, against a real Mosquitto).
 # Builds only those executables (and what they link) in build-tsan/ and fails on the
 # first report. The two tests that wait 10 s on purpose are left to the normal run.
@@ -15,8 +16,8 @@ cd "$(dirname "$0")/../.."
 dir=build-tsan
 suites=(bm_states_test bm_loading_test bm_running_test bm_concurrency_test bm_races_test
         bm_destruction_test bm_defaults_test bm_install_test concurrency_test zrmemory_test
-        zrframemanager_test core_test broker_unit_test integration_https_test fleet_unit_test
-        integration_fleet_test integration_fleetmqtt311_test)
+        zrframemanager_test core_test broker_unit_test broker_daemon_test integration_https_test
+        fleet_unit_test integration_fleet_test integration_fleetmqtt311_test)
 
 cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTUQVU_SANITIZE=thread >/dev/null
 cmake --build "$dir" -j 2 --target "${suites[@]}" tuqvu tuqvu-call

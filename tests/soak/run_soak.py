@@ -30,8 +30,8 @@ from soak.transport import EventWatcher, FileService, Rpc, use_secret  # noqa: E
 from soak.world import World  # noqa: E402
 
 IDLE_POOL = 4  # call threads the broker keeps waiting when idle (CallExecutor keepIdle)
-# Runs at once in the warm-up: enough that some reach call threads beside those the
-# broker makes on its I/O threads (one I/O thread per core and one more, at least three).
+# Runs at once in the warm-up: enough that most reach call threads (each of the broker's
+# I/O lanes, one per core, makes one call at a time on its own thread).
 WARM_UP_RUNS = IDLE_POOL + max(3, (os.cpu_count() or 1) + 1)
 ALLOWED_ERROR_LOG = []  # (category, regex) of level 1-2 log lines that are not failures
 
@@ -255,8 +255,8 @@ def main():
     file_port = control.call(BM + "_httpFileTransferPort")
     ports = SimpleNamespace(rpc=port, files=file_port)
     pool_threads = warm_up(ports, control, broker.pid, base_threads, base_fds)
-    # Calls run on the broker's I/O threads while one of them stays free, so how many of
-    # the warm-up's runs reached call threads depends on timing: the threads the broker
+    # Each I/O lane makes one call at a time on its own thread, so how many of the
+    # warm-up's runs reached call threads depends on timing: the threads the broker
     # may keep for good are its own (counted in base_threads) and IDLE_POOL call threads.
     kept_threads = base_threads + IDLE_POOL
     checks.add(f"warm-up keeps at most the idle call-thread pool ({IDLE_POOL} threads)",

@@ -1,7 +1,7 @@
 // One HTTP/1.1 connection: reads requests one after the other (keep-alive), routes each,
-// and writes the answer. A call runs on the I/O thread that read it while another I/O
-// thread stays free, else on the executor's threads; the connection waits for its answer
-// meanwhile. GET /events hands the connection over to an SseSession, a request of the
+// and writes the answer. A call runs on the I/O lane's thread that read it while the lane
+// makes no other call, else on the executor's threads; the connection waits for its
+// answer meanwhile. GET /events hands the connection over to an SseSession, a request of the
 // file API (/files/...) to a FileSession once its header is read.
 #pragma once
 
