@@ -11,12 +11,13 @@ namespace broker {
 namespace net = boost::asio;
 
 HttpServer::HttpServer(std::shared_ptr<ServerContext> context, int lanes)
-    : fContext(std::move(context)), fLanes(std::make_shared<IoLanes>(lanes)) {
-  fContext->lanes = fLanes;
+    : fContext(std::move(context)), fLanes(std::make_unique<IoLanes>(lanes)) {
+  fContext->lanes = fLanes.get();
 }
 
 HttpServer::~HttpServer() {
   stop();
+  fContext->lanes = nullptr;  // the context may outlive the server (no lane thread runs now)
 }
 
 net::ip::tcp::endpoint HttpServer::start(const std::string& address, int port) {

@@ -38,7 +38,9 @@ public:
 
 private:
   std::shared_ptr<ServerContext> fContext;
-  std::shared_ptr<IoLanes> fLanes;
+  // Destroyed after the listener and before the context: the lanes' io_contexts drop the
+  // handlers still pending, and with them the sessions.
+  std::unique_ptr<IoLanes> fLanes;
   std::shared_ptr<Listener> fListener;
 };
 

@@ -27,8 +27,10 @@ struct ServerContext {
   std::shared_ptr<const RpcDispatcher> rpc;
   std::shared_ptr<CallExecutor> executor;
   // The I/O lanes, which make calls on the thread that read them while they can; null:
-  // every call goes to the executor. Set by the HttpServer.
-  std::shared_ptr<IoLanes> lanes;
+  // every call goes to the executor. Set and owned by the HttpServer: not shared, because
+  // the lanes' pending handlers hold sessions that hold this context, and the lanes must
+  // go with the server to release them.
+  IoLanes* lanes = nullptr;
   // How many calls run at once, per client and in all; null: no limit.
   std::shared_ptr<CallAdmission> admission;
   // Names the local program behind a loopback connection, for the admission; null: each
