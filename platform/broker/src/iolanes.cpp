@@ -5,6 +5,7 @@
 #include <atomic>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <condition_variable>
 #include <exception>
 #include <mutex>
@@ -79,7 +80,13 @@ void IoLanes::Call::release() {
 
 IoLanes::IoLanes(int count, std::chrono::microseconds tick)
     : fShared(std::make_unique<Shared>(tick)) {
-  for (int i = 0; i < std::max(1, count); ++i) fLanes.push_back(std::make_unique<Lane>());
+  for (int i = 0; i < std::max(1, count); ++i) {
+    fLanes.push_back(std::make_unique<Lane>());
+    // A lane opens its reactor (epoll, eventfd and timerfd descriptors) with its first
+    // timer or socket; opened now, the broker's descriptors do not grow at the first
+    // connection of each lane.
+    net::steady_timer opensTheReactor(fLanes.back()->ioc);
+  }
 }
 
 IoLanes::~IoLanes() {
