@@ -23,6 +23,20 @@ const char* const kCategory = "tuqvu.http";
 // Ticks without any call before the watch sleeps until the next call starts.
 constexpr int kIdleTicksBeforeSleeping = 100;
 
+// Runs `serve` (which runs handlers) until it returns; a handler that throws is logged and
+// must not take the lane down with it.
+template <class Serve>
+void serveLogged(Serve serve) {
+  for (;;) {
+    try {
+      serve();
+      return;
+    } catch (const std::exception& error) {
+      vu::log::write(vu::log::error, kCategory, "run", error.what());
+    }
+  }
+}
+
 }  // namespace
 
 // Locks: a lane's `mutex` and the watch's `mutex` are never held together.
@@ -101,17 +115,7 @@ void IoLanes::start() {
   for (auto& lanePointer : fLanes) {
     Lane& lane = *lanePointer;
     lane.work.emplace(lane.ioc.get_executor());
-    lane.runner = std::thread([&lane] {
-      for (;;) {
-        try {
-          lane.ioc.run();
-          return;
-        } catch (const std::exception& error) {
-          // A handler that throws must not take the lane down with it.
-          vu::log::write(vu::log::error, kCategory, "run", error.what());
-        }
-      }
-    });
+    lane.runner = std::thread([&lane] { serveLogged([&lane] { lane.ioc.run(); }); });
     lane.standby = std::thread([this, &lane] { runStandby(lane); });
   }
   fShared->watcher = std::thread([this] { watch(); });
@@ -238,13 +242,9 @@ void IoLanes::runStandby(Lane& lane) {
     fShared->takeovers.fetch_add(1);
     // Serves the lane while its call runs; a call this thread itself makes meanwhile
     // keeps it serving until that call returns, as the lane's own thread is free again.
-    while (lane.inCall.load() && !lane.ioc.stopped()) {
-      try {
-        lane.ioc.run_one_for(fShared->tick);
-      } catch (const std::exception& error) {
-        vu::log::write(vu::log::error, kCategory, "run", error.what());
-      }
-    }
+    serveLogged([this, &lane] {
+      while (lane.inCall.load() && !lane.ioc.stopped()) lane.ioc.run_one_for(fShared->tick);
+    });
     // Wakes the lane's own thread, should it still wait for the reactor this thread held.
     net::post(lane.ioc, [] {});
     lock.lock();

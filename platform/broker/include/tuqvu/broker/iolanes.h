@@ -38,7 +38,6 @@ public:
   class Call {
   public:
     Call() = default;
-    explicit Call(Lane* lane) : fLane(lane) {}
     Call(Call&& other) noexcept : fLane(other.fLane) { other.fLane = nullptr; }
     Call& operator=(Call&& other) noexcept;
     Call(const Call&) = delete;
@@ -50,6 +49,8 @@ public:
     void release();
 
   private:
+    friend class IoLanes;
+    explicit Call(Lane* lane) : fLane(lane) {}
     Lane* fLane = nullptr;
   };
 
@@ -68,7 +69,6 @@ public:
   // Stops every lane and joins its threads; handlers not yet run are dropped.
   void stop();
 
-  int count() const { return static_cast<int>(fLanes.size()); }
   boost::asio::io_context& lane(int index);
   // The lane of the next new connection: each in turn.
   boost::asio::io_context& next();
